@@ -1,0 +1,36 @@
+#include "core/stream_table.h"
+
+namespace qx {
+
+StreamTable::StreamTable() { entries_.push_back(std::make_unique<StreamEntry>()); }
+
+bool StreamTable::EnsureCapacity(int stream) {
+  if (stream <= high_socket_) return false;
+  entries_.reserve(size_t(stream) + 1);
+  while (int(entries_.size()) <= stream) entries_.push_back(std::make_unique<StreamEntry>());
+  high_socket_ = stream;
+  return true;
+}
+
+void StreamTable::Reset(int stream) {
+  if (!InRange(stream)) return;
+  *entries_[size_t(stream)] = StreamEntry{};
+}
+
+int StreamTable::CountInState(bool (*pred)(int)) const {
+  int n = 0;
+  for (int s = 1; s <= high_socket_; ++s) {
+    if (pred(entries_[size_t(s)]->state)) ++n;
+  }
+  return n;
+}
+
+int StreamTable::FindUser(std::string_view call) const {
+  for (int s = 1; s <= high_socket_; ++s) {
+    const StreamEntry& e = *entries_[size_t(s)];
+    if (e.IsUser() && e.call == call) return s;
+  }
+  return 0;
+}
+
+}  // namespace qx

@@ -1,0 +1,131 @@
+#include "core/time_text.h"
+
+#include <array>
+#include <cctype>
+#include <cstdio>
+
+namespace qx {
+namespace {
+
+constexpr std::array<std::string_view, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+
+struct Civil {
+  int year, month, day, hour, minute, second;
+};
+
+Civil ToCivil(SysTime t) {
+  using namespace std::chrono;
+  const auto secs = floor<seconds>(t);
+  const auto day_point = floor<days>(secs);
+  const year_month_day ymd{day_point};
+  const hh_mm_ss hms{secs - day_point};
+  return Civil{int(ymd.year()), int(unsigned(ymd.month())), int(unsigned(ymd.day())),
+               int(hms.hours().count()), int(hms.minutes().count()),
+               int(hms.seconds().count())};
+}
+
+void Put2(char* out, int v) {
+  out[0] = char('0' + (v / 10) % 10);
+  out[1] = char('0' + v % 10);
+}
+
+}  // namespace
+
+SysTime MakeUtc(int year, int month, int day, int hour, int minute, int second) {
+  using namespace std::chrono;
+  const sys_days d = year_month_day{std::chrono::year{year}, std::chrono::month{unsigned(month)},
+                                    std::chrono::day{unsigned(day)}};
+  return SysTime{d} + hours{hour} + minutes{minute} + seconds{second};
+}
+
+void WriteDateText(SysTime t, char* out) {
+  const Civil c = ToCivil(t);
+  Put2(out, c.day);
+  out[2] = '-';
+  const std::string_view m = MonthAbbrev(c.month);
+  out[3] = m[0];
+  out[4] = m[1];
+  out[5] = m[2];
+  out[6] = '-';
+  int y = c.year;
+  for (int i = 10; i >= 7; --i) {
+    out[i] = char('0' + y % 10);
+    y /= 10;
+  }
+}
+
+std::string DateText(SysTime t) {
+  std::string s(11, ' ');
+  WriteDateText(t, s.data());
+  return s;
+}
+
+void WriteTimeHHnnZ(SysTime t, char* out) {
+  const Civil c = ToCivil(t);
+  Put2(out, c.hour);
+  Put2(out + 2, c.minute);
+  out[4] = 'Z';
+}
+
+std::string TimeHHnnZ(SysTime t) {
+  std::string s(5, ' ');
+  WriteTimeHHnnZ(t, s.data());
+  return s;
+}
+
+std::string TimeHHnnssZ(SysTime t) {
+  const Civil c = ToCivil(t);
+  std::string s(8, ' ');
+  Put2(s.data(), c.hour);
+  Put2(s.data() + 2, c.minute);
+  s[4] = ':';
+  Put2(s.data() + 5, c.second);
+  s[7] = 'Z';
+  return s;
+}
+
+std::string TimeHHnn(SysTime t) {
+  const Civil c = ToCivil(t);
+  std::string s(4, ' ');
+  Put2(s.data(), c.hour);
+  Put2(s.data() + 2, c.minute);
+  return s;
+}
+
+int SecondsOfDay(SysTime t) {
+  const Civil c = ToCivil(t);
+  return c.hour * 3600 + c.minute * 60 + c.second;
+}
+
+std::string_view MonthAbbrev(int month) {
+  if (month < 1 || month > 12) return "???";
+  return kMonths[size_t(month - 1)];
+}
+
+int MonthFromAbbrev(std::string_view text) {
+  if (text.size() != 3) return 0;
+  for (size_t i = 0; i < kMonths.size(); ++i) {
+    bool same = true;
+    for (size_t k = 0; k < 3; ++k) {
+      if (std::toupper(static_cast<unsigned char>(text[k])) !=
+          std::toupper(static_cast<unsigned char>(kMonths[i][k]))) {
+        same = false;
+      }
+    }
+    if (same) return int(i) + 1;
+  }
+  return 0;
+}
+
+std::string UptimeText(std::chrono::seconds up) {
+  const long long total = up.count() < 0 ? 0 : up.count();
+  const long long d = total / 86400;
+  const long long h = (total % 86400) / 3600;
+  const long long m = (total % 3600) / 60;
+  char buf[48];
+  std::snprintf(buf, sizeof buf, "%lldd %02lld:%02lld", d, h, m);
+  return buf;
+}
+
+}  // namespace qx

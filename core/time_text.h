@@ -1,0 +1,62 @@
+// The node's one place for the texts it makes from the clock: the date text used in spot
+// sentences, daily file names and the error log, and the UTC time texts.  Times are UTC
+// throughout; the clock comes in as a value or through a Clock that tests can set.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+namespace qx {
+
+using SysTime = std::chrono::system_clock::time_point;
+
+class Clock {
+ public:
+  virtual ~Clock() = default;
+  virtual SysTime Now() const = 0;
+};
+
+class SystemClock final : public Clock {
+ public:
+  SysTime Now() const override { return std::chrono::system_clock::now(); }
+};
+
+// A clock that stands still until a test moves it.
+class ManualClock final : public Clock {
+ public:
+  explicit ManualClock(SysTime start) : now_(start) {}
+  SysTime Now() const override { return now_; }
+  void Set(SysTime t) { now_ = t; }
+  void Advance(std::chrono::system_clock::duration d) { now_ += d; }
+
+ private:
+  SysTime now_;
+};
+
+// Builds a UTC time point from calendar fields (for tests and parsers).
+SysTime MakeUtc(int year, int month, int day, int hour = 0, int minute = 0, int second = 0);
+
+// "05-Nov-2026": day, English month abbreviation, four-digit year, UTC.
+std::string DateText(SysTime t);
+// Writes the 11 characters of the date text to out (no terminator); for hot paths.
+void WriteDateText(SysTime t, char* out);
+// "1423Z"
+std::string TimeHHnnZ(SysTime t);
+void WriteTimeHHnnZ(SysTime t, char* out);  // 5 characters
+// "1423:05Z"
+std::string TimeHHnnssZ(SysTime t);
+// "1423"
+std::string TimeHHnn(SysTime t);
+// Seconds since 00:00 UTC of t's day.
+int SecondsOfDay(SysTime t);
+
+// "Jan" .. "Dec" for month 1..12; "???" otherwise.
+std::string_view MonthAbbrev(int month);
+// 1..12 for "Jan".."Dec" (case-insensitive), 0 when unknown.
+int MonthFromAbbrev(std::string_view text);
+
+// Uptime as the node shows it: "2d 03:14" style ("0d 00:05" minimum).
+std::string UptimeText(std::chrono::seconds up);
+
+}  // namespace qx
