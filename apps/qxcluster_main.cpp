@@ -1,2 +1,74 @@
+// qxcluster: the DX-cluster node.  All connections come through qxfront; this process owns
+// the node's state and runs on one thread.
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
 #include <cstdio>
-int main() { std::puts("qxcluster: not built yet"); return 1; }
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+#include "apps/cluster_node.h"
+#include "core/time_text.h"
+
+namespace {
+
+void PrintHelp() {
+  std::puts(
+      "usage: qxcluster [--home DIR] [--debug] [--version] [--help]\n"
+      "  --home DIR   the program directory: cluster.cfg and the data/ tree (default: .)\n"
+      "  --debug      more detail in the logs\n"
+      "The node connects to its connection front-end (qxfront) at Winsock IP:Winsock Port\n"
+      "of cluster.cfg and starts it when it cannot be reached.");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  qx::ClusterNodeOptions options;
+  options.home = std::filesystem::current_path();
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--version") {
+      std::printf("qxcluster %s\n", QX_VERSION);
+      return 0;
+    } else if (arg == "--help" || arg == "-h") {
+      PrintHelp();
+      return 0;
+    } else if (arg == "--home" && i + 1 < argc) {
+      options.home = argv[++i];
+    } else if (arg == "--debug") {
+      options.debug = true;
+    } else {
+      std::fprintf(stderr, "qxcluster: unknown argument %s\n", arg.c_str());
+      PrintHelp();
+      return 2;
+    }
+  }
+  std::error_code ec;
+  options.program = std::filesystem::canonical("/proc/self/exe", ec);
+  if (ec) options.program = argv[0];
+  options.home = std::filesystem::absolute(options.home);
+
+  boost::asio::io_context io;
+  qx::ClusterNode node(io, options);
+  const qx::SystemClock clock;
+  node.monitor().Subscribe([&clock](const qx::MonitorLine& line) {
+    if (line.channel != qx::MonitorChannel::kConsole) return;
+    std::cout << qx::TimeHHnnssZ(clock.Now()) << ' ' << line.text << '\n' << std::flush;
+  });
+  std::string error;
+  if (!node.Start(&error)) {
+    std::fprintf(stderr, "qxcluster: %s\n", error.c_str());
+    return 1;
+  }
+  boost::asio::signal_set signals(io, SIGINT, SIGTERM);
+  signals.async_wait([&](const boost::system::error_code& e, int) {
+    if (e) return;
+    node.Stop();
+    io.stop();
+  });
+  io.run();
+  node.Stop();
+  return 0;
+}

@@ -1,0 +1,316 @@
+#include "apps/cluster_node.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+
+#include "core/file_util.h"
+#include "core/process_launcher.h"
+#include "core/text_util.h"
+#include "spots/call_sign.h"
+
+namespace qx {
+namespace {
+
+constexpr std::string_view kVersion = QX_VERSION;
+
+// The log-on texts a new node starts with; the sysop edits data/files/logon.txt.
+LogonMessages MessagesFromConfig(const Config& config) {
+  LogonMessages m;
+  m.Set("Logon 1", config.Get("Logon 1"));
+  m.Set("Logon 2", config.Get("Logon 2"));
+  m.Set("Logon 4", config.Get("Logon 4"));
+  m.Set("Log Out", config.Get("Log Out"));
+  for (int i = 0; i <= 8; ++i) {
+    const std::string key = "Logon Port " + std::to_string(i);
+    m.Set(key, config.Get(key));
+  }
+  return m;
+}
+
+}  // namespace
+
+ClusterNode::ClusterNode(boost::asio::io_context& io, ClusterNodeOptions options)
+    : io_(io),
+      options_(std::move(options)),
+      dir_(options_.home),
+      log_(dir_.Data("log"), clock_),
+      store_(dir_),
+      timer_(io) {
+  started_ = clock_.Now();
+}
+
+ClusterNode::~ClusterNode() = default;
+
+void ClusterNode::Step(std::string_view name) { monitor_.Console(name); }
+void ClusterNode::StepDone() { monitor_.Console("   ... done"); }
+
+void ClusterNode::LoadConfiguration() {
+  config_ = ReadCfgFile(dir_, log_);
+  if (config_.source() == ConfigSource::kDefaults) {
+    // A new installation: write the built-in configuration so the sysop has a file to edit.
+    WriteCfgFile(config_, dir_);
+  }
+}
+
+void ClusterNode::ApplyLists() {
+  access_.locked_out.clear();
+  for (const std::string& c : config_.List("LockOuts").items) {
+    access_.locked_out.insert(ToUpper(BaseCall(c)));
+  }
+}
+
+bool ClusterNode::Start(std::string* error) {
+  std::string tree_error;
+  if (!dir_.CreateTree(&tree_error)) {
+    if (error) *error = "cannot create the data tree: " + tree_error;
+    return false;
+  }
+  Step("Reading Configuration");
+  LoadConfiguration();
+  StepDone();
+  log_.Write("StartUP", " StartUp sub running " + options_.program.string() + " in " +
+                            std::string(kVersion));
+
+  Step("Dimensioning Arrays");
+  streams_.EnsureCapacity(64);
+  StepDone();
+
+  for (const auto& [step, folder, prefix] :
+       {std::tuple{"Loading WWV", "wwv", "wwv-"}, std::tuple{"Loading WCY", "wcy", "wcy-"},
+        std::tuple{"Loading Announcements", "ann", "ann-"}}) {
+    Step(step);
+    // These histories are kept as daily files; the node reads today's to know it is there.
+    ReadFileText(dir_.Data(folder) / (std::string(prefix) + DateText(clock_.Now())));
+    StepDone();
+  }
+  Step("Loading DX Spots");
+  StepDone();
+
+  Step("Loading Special Calls   ...");
+  access_.LoadFiles(dir_.Data("files"));
+  ApplyLists();
+  monitor_.Console(" done");
+
+  Step("Loading Country File");
+  if (!countries_.LoadFile(dir_.Data("files") / "cty_wt_mod.dat")) {
+    monitor_.Console("   no country file: data/files/cty_wt_mod.dat (every lookup answers none)");
+  }
+  StepDone();
+
+  Step("Loading Log-on Messages");
+  const auto logon_path = dir_.Data("files") / "logon.txt";
+  if (!messages_.Load(logon_path)) {
+    messages_ = MessagesFromConfig(config_);
+    messages_.Save(logon_path);
+  }
+  StepDone();
+
+  Step("Purging Old Mail");
+  StepDone();
+
+  user_ctx_ = std::make_unique<UserContext>(UserContext{
+      streams_, *this, store_, log_, monitor_, clock_, relay_, dir_, access_, messages_,
+      &countries_, config_.Get("Cluster Call"), std::string(kVersion),
+      config_.Get("SSID Help Address"), started_, [this] { return Counts(); }});
+  login_ = std::make_unique<Login>(*user_ctx_);
+  interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
+  interpreter_->set_help_address(config_.Get("Help Address"));
+  login_->set_interpreter([this](int s, std::string_view l) { interpreter_->Execute(s, l); });
+
+  FrontendLinkOptions link_options;
+  link_options.host = config_.Get("Winsock IP");
+  link_options.port = config_.Get("Winsock Port");
+  link_options.debug = options_.debug;
+  link_ = std::make_unique<FrontendLink>(io_, streams_, log_, monitor_, clock_, *this,
+                                         link_options);
+  link_->set_on_unreachable([this] { StartFrontEnd(); });
+  Step("Opening Winsock");
+  link_->Start();
+  StepDone();
+
+  timer_.expires_after(std::chrono::seconds(1));
+  timer_.async_wait([this](const boost::system::error_code& ec) {
+    if (!ec) OnTimer();
+  });
+  return true;
+}
+
+void ClusterNode::StartFrontEnd() {
+  const std::string& path_text = config_.Get("Winsock App Path");
+  if (path_text.empty()) return;  // the sysop runs the front-end himself
+  std::filesystem::path program(path_text);
+  if (program.is_relative()) program = options_.program.parent_path() / program;
+  std::string error;
+  if (LaunchDetached(program, {"--home", dir_.home().string()}, &error)) {
+    monitor_.Console("Started the front-end " + program.string());
+  } else {
+    log_.Write("StartFrontEnd", "cannot start " + program.string() + ": " + error);
+  }
+}
+
+void ClusterNode::OnTimer() {
+  if (stopped_) return;
+  timer_.expires_after(std::chrono::seconds(1));
+  timer_.async_wait([this](const boost::system::error_code& ec) {
+    if (!ec) OnTimer();
+  });
+}
+
+void ClusterNode::Stop() {
+  if (stopped_) return;
+  stopped_ = true;
+  timer_.cancel();
+  if (link_) link_->Stop();
+  log_.Write("Shutdown", "Node stopped");
+}
+
+void ClusterNode::Shutdown() {
+  monitor_.Console("Shut down requested");
+  boost::asio::post(io_, [this] {
+    Stop();
+    io_.stop();
+  });
+}
+
+// StreamOutput -----------------------------------------------------------------------
+
+void ClusterNode::SendToStream(int stream, std::string_view text) {
+  if (!link_ || !streams_.InRange(stream)) return;
+  link_->SendToStreamNo(stream, text);
+  StreamEntry& e = streams_.at(stream);
+  ++e.lines_out;
+  if (e.monitored) monitor_.Write(MonitorChannel::kRaw, text, "", stream);
+}
+
+void ClusterNode::CloseStream(int stream) {
+  if (link_) link_->CloseStream(stream);
+}
+
+void ClusterNode::SetStreamIdentity(int stream, std::string_view call, int state) {
+  if (link_) link_->SetStreamIdentity(stream, call, state);
+}
+
+// LinkEvents -------------------------------------------------------------------------
+
+void ClusterNode::OnLinkUp() {}
+
+void ClusterNode::OnConnectRequest(int stream) { login_->OnConnectRequest(stream); }
+
+void ClusterNode::OnStreamLine(int stream, std::string_view line) {
+  StreamEntry& e = streams_.at(stream);
+  if (e.monitored) monitor_.Write(MonitorChannel::kRaw, line, "green", stream);
+  try {
+    if (e.state == kStateLoggingIn) {
+      login_->OnLine(stream, line);
+    } else if (e.IsUser()) {
+      if (line.starts_with("PC") && line.find('^') != std::string_view::npos) {
+        log_.Write("DataArrival", " User is really a Node, but node not defined " + e.call);
+      }
+      interpreter_->OnLine(stream, line);
+    }
+  } catch (const std::exception& ex) {
+    // One bad line must never take the node down; it is logged and the next line is served.
+    log_.Write("DataArrival", std::string(" where = line handling: ") + ex.what());
+  }
+}
+
+void ClusterNode::OnStreamClosed(int stream, int previous_state) {
+  if (IsUserState(previous_state)) login_->OnLoggedOut(stream);
+  monitor_.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
+}
+
+void ClusterNode::OnStreamRecovered(int stream) { login_->OnRecovered(stream); }
+
+void ClusterNode::OnRecoveryComplete() {}
+
+// CommandServices --------------------------------------------------------------------
+
+std::string ClusterNode::EnterSpot(int stream, std::string_view line, bool test_only) {
+  return "";
+}
+
+std::vector<std::string> ClusterNode::ShowDx(int stream, std::string_view args) { return {}; }
+
+bool ClusterNode::ListChange(std::string_view list, std::string_view item, bool add) {
+  ConfigList& l = config_.List(list);
+  const bool changed = add ? l.Add(item) : l.Remove(item);
+  if (changed) {
+    WriteListFile(dir_, list, l);
+    WriteCfgFile(config_, dir_);
+    ApplyLists();
+  }
+  return changed;
+}
+
+ClusterCounts ClusterNode::Counts() const {
+  ClusterCounts c;
+  c.nodes = 1 + streams_.CountNodes();
+  c.local_users = streams_.CountUsers();
+  return c;
+}
+
+std::vector<std::string> ClusterNode::NetworkLines(std::string_view what) {
+  std::vector<std::string> lines;
+  const SysTime now = clock_.Now();
+  if (what == "who") {
+    for (int s = 1; s <= streams_.high_socket(); ++s) {
+      const StreamEntry& e = streams_.at(s);
+      if (!e.IsUser() && !e.IsNode()) continue;
+      const std::string type = e.IsUser() ? "USER" : "NODE QXC";
+      lines.push_back(fmt::format("  {:<8} {:<9} {} {} {:<16} {:<15} {}", e.call, type,
+                                  DateText(e.since), TimeHHnnZ(e.since),
+                                  std::string(DisplayName(e.session)).substr(0, 16),
+                                  e.peer_address, e.port_index));
+    }
+    return lines;
+  }
+  if (what == "users" || what == "configuration") {
+    std::vector<std::string> calls;
+    for (int s = 1; s <= streams_.high_socket(); ++s) {
+      if (streams_.at(s).IsUser()) calls.push_back(streams_.at(s).call);
+    }
+    std::sort(calls.begin(), calls.end());
+    lines.push_back(config_.Get("Cluster Call") + " (" + std::to_string(calls.size()) +
+                    " users)");
+    std::string row;
+    for (const std::string& c : calls) {
+      if (row.size() + c.size() + 1 > 70) {
+        lines.push_back("  " + row);
+        row.clear();
+      }
+      row += (row.empty() ? "" : " ") + c;
+    }
+    if (!row.empty()) lines.push_back("  " + row);
+    return lines;
+  }
+  if (what == "nodes") {
+    lines.push_back(config_.Get("Cluster Call") + " (this node)");
+    return lines;
+  }
+  if (what == "links") {
+    lines.push_back("No node links.");
+    return lines;
+  }
+  (void)now;
+  return lines;
+}
+
+std::vector<std::string> ClusterNode::StationInfo(std::string_view call) {
+  const UserRecordLoad r = store_.Load(call, kStateUser);
+  if (!r.existed) return {std::string(call) + ": no information known"};
+  const SessionSettings& s = r.settings;
+  return {std::string(call) + "  Name: " + std::string(DisplayName(s)),
+          "  QTH: " + (s.qth.empty() ? std::string("-") : s.qth),
+          "  Home node: " + (s.home_node.empty() ? std::string("-") : s.home_node),
+          "  Location: " + (s.location.empty() ? std::string("-") : s.location) +
+              "  Grid: " + (s.grid.empty() ? std::string("-") : s.grid)};
+}
+
+std::string ClusterNode::LinkCommand(std::string_view node, bool connect) {
+  return std::string(node) + ": no node links on this node yet";
+}
+
+}  // namespace qx

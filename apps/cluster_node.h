@@ -1,0 +1,107 @@
+// The running node: owns every subsystem, wires them together on one io_context, and runs
+// the start-up order.  The mains stay thin; integration tests and tools can build the same
+// node in-process.
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/config.h"
+#include "core/error_log.h"
+#include "core/frontend_link.h"
+#include "core/monitor.h"
+#include "core/program_dir.h"
+#include "core/stream_output.h"
+#include "core/stream_table.h"
+#include "core/time_text.h"
+#include "spots/country.h"
+#include "users/access_lists.h"
+#include "users/command_interpreter.h"
+#include "users/command_services.h"
+#include "users/login.h"
+#include "users/logon_messages.h"
+#include "users/node_relay.h"
+#include "users/user_record.h"
+
+namespace qx {
+
+struct ClusterNodeOptions {
+  std::filesystem::path home;
+  std::filesystem::path program;  // the qxcluster binary, for finding qxfront beside it
+  bool debug = false;
+};
+
+class ClusterNode final : public LinkEvents, public CommandServices, public StreamOutput {
+ public:
+  ClusterNode(boost::asio::io_context& io, ClusterNodeOptions options);
+  ~ClusterNode() override;
+
+  // The start-up order: configuration, data tree, histories and lists, then the link.
+  bool Start(std::string* error);
+  // Stops the node cleanly: the link is closed (the front-end keeps its connections).
+  void Stop();
+
+  const Config& config() const { return config_; }
+  StreamTable& streams() { return streams_; }
+  Monitor& monitor() { return monitor_; }
+  FrontendLink& link() { return *link_; }
+
+  // StreamOutput
+  void SendToStream(int stream, std::string_view text) override;
+  void CloseStream(int stream) override;
+  void SetStreamIdentity(int stream, std::string_view call, int state) override;
+
+  // CommandServices
+  std::string EnterSpot(int stream, std::string_view line, bool test_only) override;
+  std::vector<std::string> ShowDx(int stream, std::string_view args) override;
+  bool ListChange(std::string_view list, std::string_view item, bool add) override;
+  std::vector<std::string> NetworkLines(std::string_view what) override;
+  std::vector<std::string> StationInfo(std::string_view call) override;
+  std::string LinkCommand(std::string_view node, bool connect) override;
+  void Shutdown() override;
+
+ private:
+  // LinkEvents
+  void OnLinkUp() override;
+  void OnConnectRequest(int stream) override;
+  void OnStreamLine(int stream, std::string_view line) override;
+  void OnStreamClosed(int stream, int previous_state) override;
+  void OnStreamRecovered(int stream) override;
+  void OnRecoveryComplete() override;
+
+  void Step(std::string_view name);
+  void StepDone();
+  void LoadConfiguration();
+  void ApplyLists();
+  void StartFrontEnd();
+  void OnTimer();
+  ClusterCounts Counts() const;
+
+  boost::asio::io_context& io_;
+  ClusterNodeOptions options_;
+  SystemClock clock_;
+  ProgramDir dir_;
+  ErrorLog log_;
+  Monitor monitor_;
+  Config config_;
+  StreamTable streams_;
+  std::unique_ptr<FrontendLink> link_;
+  UserStore store_;
+  AccessLists access_;
+  LogonMessages messages_;
+  CountryLookup countries_;
+  RecordingNodeRelay relay_;
+  std::unique_ptr<UserContext> user_ctx_;
+  std::unique_ptr<Login> login_;
+  std::unique_ptr<CommandInterpreter> interpreter_;
+  boost::asio::steady_timer timer_;
+  SysTime started_;
+  bool stopped_ = false;
+};
+
+}  // namespace qx

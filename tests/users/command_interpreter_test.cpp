@@ -1,0 +1,203 @@
+#include "users/command_interpreter.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/users/user_fixture.h"
+
+namespace qx::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class InterpreterTest : public UserFixture {
+ protected:
+  void SetUp() override {
+    LogIn(1, "K1ABC", "Ann");
+    Take(1);
+  }
+  // The reply to one typed line, without the prompt that follows it.
+  std::string Run(std::string_view line, int stream = 1) {
+    Type(stream, line);
+    std::string text = Take(stream);
+    const size_t prompt = text.rfind(streams_.at(stream).call + " de XX0QX-1 ");
+    if (prompt != std::string::npos) text.resize(prompt);
+    return text;
+  }
+};
+
+struct DispatchCase {
+  const char* line;
+  const char* reply;
+};
+
+TEST_F(InterpreterTest, DispatchFollowsTableOrderAndAbbreviations) {
+  const DispatchCase cases[] = {
+      {"HELP", "For Help please go to https://example.org/help \r\n"},
+      {"hel", "hel command error\r\n"},          // HELP needs all four letters
+      {"HELPS", "HELPS command error\r\n"},      // longer than the keyword
+      {"R 12", "Mail is not available on this node yet.\r\n"},
+      {"REP", "Mail is not available on this node yet.\r\n"},
+      {"DIR", "Mail is not available on this node yet.\r\n"},
+      {"SH/VERSION", "QX Cluster version 0.1.0\r\n"},
+      {"sh/width", "Width is 75\r\n"},
+      {"SH/NAME", "Name is Ann\r\n"},
+      {"SET/NOCWSPOTS", "NOCWSPOTS not found!\r\n"},  // only the old spelling switches CW off
+      {"SET/NOCWPOTS", "CW spots disabled\r\n"},
+      {"SET/NOCW", "CW spots disabled\r\n"},
+      {"SET/CW", "CW spots enabled\r\n"},
+      {"SET/NORTTY", "RTTY spots disabled\r\n"},
+      {"UNSET/BEEP", "Beep disabled\r\n"},
+      {"SET/BEEP", "Beep enabled\r\n"},
+      {"ECHO", "Echo is disabled\r\n"},
+      {"SH/FOO", "SH/FOO command error\r\n"},
+      {"XYZZY", "XYZZY command error\r\n"},
+      {"SHUTDOWN", "SHUTDOWN - sysop command error\r\n"},
+      {"SET/LOCKOUTS K1BAD", "SET/LOCKOUTS K1BAD - sysop command error\r\n"},
+      {"TALK", "to callsign is empty.\r\n"},
+      {"TALK K9XYZ", "\"Talk Through\" mode not implemented.\r\n"},
+      {"TALK K9XYZ hello", "Talk Aborted.  \r\n"},
+      {"SET/NAME", "Correct syntax: SET/NAME name\r\n"},
+      {"ANNOUNCE", "Command error - ANNOUNCE\r\n"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Run(c.line), c.reply) << c.line;
+}
+
+TEST_F(InterpreterTest, LongUnknownLineIsCutAtSixty) {
+  const std::string line(70, 'Z');
+  EXPECT_EQ(Run(line), std::string(60, 'Z') + " ...  command error\r\n");
+  const std::string sixty(60, 'Y');
+  EXPECT_EQ(Run(sixty), sixty + " command error\r\n");
+}
+
+TEST_F(InterpreterTest, EveryCommandIsFollowedByThePrompt) {
+  Type(1, "XYZZY");
+  EXPECT_THAT(Take(1), EndsWith("K1ABC de XX0QX-1 15-Nov-2026 0046Z   QXC >\r\n"));
+  Type(1, "SET/BEEP");
+  EXPECT_THAT(Take(1), EndsWith("QXC >\r\n"));
+}
+
+TEST_F(InterpreterTest, ByeClosesTheStream) {
+  Run("B");
+  EXPECT_THAT(out_.closed, ElementsAre(1));
+}
+
+TEST_F(InterpreterTest, SwitchesPersistInTheRecord) {
+  Run("SET/NOBEEP");
+  Run("SET/NOANN");
+  Run("SET/GRIDSQ");
+  const SessionSettings loaded = store_.Load("K1ABC-5", kStateUser).settings;
+  EXPECT_FALSE(loaded.Has(kSwBeep));
+  EXPECT_FALSE(loaded.Has(kSwAnnouncements));
+  EXPECT_TRUE(loaded.Has(kSwGridSquare));
+  EXPECT_EQ(loaded.switches, streams_.at(1).session.switches);
+}
+
+TEST_F(InterpreterTest, WidthResolutionAndDxbmArePersisted) {
+  EXPECT_EQ(Run("SET/WIDTH 80"), "Width set to 80\r\n");
+  EXPECT_EQ(Run("SET/WIDTH 5"), "SET/WIDTH 5 command error\r\n");
+  EXPECT_EQ(Run("SET/RES 2"), "Resolution set to 2 decimals\r\n");
+  EXPECT_EQ(Run("SET/RES 3"), "SET/RES 3 command error\r\n");
+  Run("SET/DXBM 12/34");
+  const SessionSettings loaded = store_.Load("K1ABC", kStateUser).settings;
+  EXPECT_EQ(loaded.width, 80);
+  EXPECT_EQ(loaded.resolution, 2);
+  EXPECT_EQ(loaded.dxbm, 12u);
+  EXPECT_EQ(loaded.dxbm2, 34u);
+}
+
+TEST_F(InterpreterTest, PresetsLeaveTheirMasks) {
+  EXPECT_EQ(Run("SET/CONTEST"), "Contest settings applied\r\n");
+  EXPECT_EQ(streams_.at(1).session.dxbm, 1610792964u);
+  EXPECT_EQ(streams_.at(1).session.dxbm2, 65535u);
+  EXPECT_THAT(streams_.at(1).session.filters, HasSubstr("KEYWORD/REJ CW,ROS,PSK,IOTA,JT65,JT9"));
+  EXPECT_EQ(Run("SET/NOFILTERS"), "All filters off\r\n");
+  EXPECT_EQ(streams_.at(1).session.dxbm, 1006827524u);
+  EXPECT_EQ(streams_.at(1).session.dxbm2, 15370u);
+  EXPECT_EQ(streams_.at(1).session.filters, "");
+}
+
+TEST_F(InterpreterTest, LocationIsCheckedAndRelayed) {
+  const std::string bad = Run("SET/LOCATION somewhere");
+  EXPECT_THAT(bad, StartsWith("SET/LOCATION command error\r\n"));
+  EXPECT_THAT(bad, HasSubstr("Example:  SET/LOCATION 49 11 N 122 30 W\r\n"));
+  relay_.events.clear();
+  EXPECT_EQ(Run("SET/LOC 49 11 n 122 30 w"), "Location updated to 49 11 N 122 30 W\r\n");
+  ASSERT_EQ(relay_.events.size(), 1u);
+  EXPECT_EQ(relay_.events[0].a, "PC41^K1ABC^3^49 11 N 122 30 W^H99^~\r\n");
+}
+
+TEST_F(InterpreterTest, PersonalSettingsProducePc41) {
+  relay_.events.clear();
+  EXPECT_EQ(Run("SET/NAME Annie"), "Name set to Annie.\r\n");
+  EXPECT_EQ(Run("SET/QTH Boston"), "QTH set to Boston\r\n");
+  EXPECT_EQ(Run("SET/QRA FN42aa"), "Grid set to FN42AA\r\n");
+  EXPECT_EQ(Run("SET/HOMENODE K1NODE-2"), "Home node set to K1NODE-2\r\n");
+  EXPECT_EQ(Run("SET/HOMENODE ABC1"), "ABC1 is not a valid DX Cluster Callsign\r\n");
+  ASSERT_EQ(relay_.events.size(), 4u);
+  EXPECT_EQ(relay_.events[0].a, "PC41^K1ABC^1^Annie^H99^~\r\n");
+  EXPECT_EQ(relay_.events[1].a, "PC41^K1ABC^2^Boston^H99^~\r\n");
+  EXPECT_EQ(relay_.events[2].a, "PC41^K1ABC^5^FN42AA^H99^~\r\n");
+  EXPECT_EQ(relay_.events[3].a, "PC41^K1ABC^4^K1NODE-2^H99^~\r\n");
+  EXPECT_EQ(store_.Load("K1ABC", kStateUser).settings.qth, "Boston");
+}
+
+TEST_F(InterpreterTest, SysopListCommands) {
+  streams_.at(1).privilege = 5;
+  EXPECT_EQ(Run("SET/LOCKOUTS k1bad"), "K1BAD added to list.\r\n");
+  EXPECT_EQ(Run("SET/LOCKOUTS K1BAD"), "K1BAD already in list.\r\n");
+  EXPECT_EQ(Run("SET/NOLOCKOUTS K1BAD"), "K1BAD deleted from list.\r\n");
+  EXPECT_EQ(Run("SET/NOLOCKOUTS K1BAD"), "K1BAD not in list.\r\n");
+  EXPECT_EQ(Run("SET/BADDX"), "* Command Incomplete *\r\n");
+  EXPECT_EQ(Run("SET/BADDX K9XX"), "K9XX added to list.\r\n");
+  EXPECT_THAT(services_.lists["DxNok"], ElementsAre("K9XX"));
+  Run("SHUTDOWN");
+  EXPECT_TRUE(services_.shutdown);
+}
+
+TEST_F(InterpreterTest, SpotLinesGoToSpotEntry) {
+  Run("DX 14025 K9XYZ test");
+  Run("dx/freq 14025 K9XYZ");
+  Run("DXTEST 14025 K9XYZ");
+  EXPECT_THAT(services_.spots, ElementsAre("DX 14025 K9XYZ test", "dx/freq 14025 K9XYZ",
+                                           "DXTEST 14025 K9XYZ"));
+}
+
+TEST_F(InterpreterTest, AnnouncementsReachLocalUsersWhoWantThem) {
+  LogIn(2, "K2DEF", "Dan");
+  LogIn(3, "K3GHI", "Gil");
+  Take(2);
+  Take(3);
+  Run("SET/NOANN", 3);
+  relay_.events.clear();
+  Run("ANNOUNCE hello all");
+  EXPECT_THAT(Take(2), HasSubstr("To ALL de K1ABC: hello all\r\n"));
+  EXPECT_THAT(Take(3), ::testing::Not(HasSubstr("hello all")));
+  EXPECT_TRUE(relay_.events.empty());  // a local announcement stays local
+  Run("ANNOUNCE FULL to the world");
+  ASSERT_EQ(relay_.events.size(), 1u);
+  EXPECT_EQ(relay_.events[0].kind, "announce");
+  EXPECT_EQ(relay_.events[0].c, "to the world");
+}
+
+TEST_F(InterpreterTest, TalkBetweenLocalUsers) {
+  LogIn(2, "K2DEF", "Dan");
+  Take(2);
+  Run("TALK K2DEF hi Dan");
+  EXPECT_THAT(Take(2), HasSubstr("K2DEF de K1ABC: hi Dan\r\n"));
+  Run("SET/NOTALK", 2);
+  EXPECT_EQ(Run("TALK K2DEF again"), "K2DEF has talk disabled.\r\n");
+}
+
+TEST_F(InterpreterTest, ClientTokensAreNotCommands) {
+  EXPECT_EQ(Run("KeepAlive"), "");
+  Run("/CTCP DXS QXU 1.2");
+  EXPECT_EQ(streams_.at(1).client_type, "QXU 1.2");
+  EXPECT_EQ(Run("Send Enhanced DX Spots"), "Send Enhanced DX Spots QXC >\r\n");
+}
+
+}  // namespace
+}  // namespace qx::testing

@@ -1,0 +1,174 @@
+#include "users/login.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/users/user_fixture.h"
+
+namespace qx::testing {
+namespace {
+
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+class LoginTest : public UserFixture {};
+
+TEST_F(LoginTest, BannerEndsWithLoginPromptWithoutLineEnd) {
+  Connect(1);
+  const std::string banner = Take(1);
+  EXPECT_THAT(banner, StartsWith("Welcome to XX0QX-1\r\n"));
+  EXPECT_THAT(banner, HasSubstr("Running QX Cluster software version 0.1.0\r\n"));
+  EXPECT_THAT(banner, HasSubstr("Please enter your call: \r\n"));
+  EXPECT_THAT(banner, EndsWith("\r\nlogin: "));
+}
+
+TEST_F(LoginTest, SysopTextsFrameTheBanner) {
+  messages_.Set("Logon 1", "Hello from the test node");
+  messages_.Set("Logon 2", "Be nice");
+  Connect(1);
+  const std::string banner = Take(1);
+  EXPECT_THAT(banner, StartsWith("Hello from the test node\r\nRunning QX Cluster"));
+  EXPECT_THAT(banner, HasSubstr("0.1.0\r\nBe nice\r\nPlease enter your call: "));
+}
+
+TEST_F(LoginTest, NewUserIsAskedForNameAndConfirms) {
+  Connect(1);
+  Take(1);
+  Type(1, "k1abc");
+  EXPECT_EQ(Take(1), "Please enter your name\r\n");
+  Type(1, "Ann");
+  EXPECT_EQ(Take(1), "Your name is Ann.  Is this correct? (Y or N) >");
+  Type(1, "maybe");
+  EXPECT_EQ(Take(1), "Your name is Ann.  Is this correct? (Y or N) >");
+  Type(1, "n");
+  EXPECT_EQ(Take(1), "Please enter your name\r\n");
+  Type(1, "SET/NAME Anna");
+  EXPECT_EQ(Take(1), "Your name is Anna.  Is this correct? (Y or N) >");
+  Type(1, "y");
+  const std::string greeting = Take(1);
+  EXPECT_THAT(greeting, StartsWith("Name set to Anna.\r\nK1ABC\r\n\r\nHello Anna.\r\n\r\n"));
+  EXPECT_THAT(greeting, HasSubstr("Cluster: 1 nodes  1 Locals  1 Total users   Uptime 0d 00:00\r\n"));
+  EXPECT_THAT(greeting, EndsWith("K1ABC de XX0QX-1 15-Nov-2026 0046Z   QXC >\r\n"));
+  EXPECT_TRUE(streams_.at(1).IsUser());
+  EXPECT_EQ(store_.Load("K1ABC", kStateUser).settings.name, "Anna");
+  ASSERT_GE(relay_.events.size(), 2u);
+  EXPECT_EQ(relay_.events[0].kind, "pc41");
+  EXPECT_EQ(relay_.events[0].a, "PC41^K1ABC^1^Anna^H99^~\r\n");
+  EXPECT_EQ(relay_.events.back().kind, "login");
+  EXPECT_TRUE(std::filesystem::exists(dir_.Data("user") / "K1ABC.dat"));
+}
+
+TEST_F(LoginTest, KnownUserGoesStraightToGreeting) {
+  LogIn(1, "K1ABC", "Bob");
+  const std::string text = Take(1);
+  EXPECT_THAT(text, Not(HasSubstr("Please enter your name")));
+  EXPECT_THAT(text, HasSubstr("Hello Bob."));
+}
+
+TEST_F(LoginTest, InvalidCallIsRefusedAndClosed) {
+  Connect(3);
+  Take(3);
+  Type(3, "ABC1");
+  EXPECT_EQ(Take(3), "ABC1 is not a valid callsign\r\n");
+  EXPECT_EQ(streams_.at(3).state, kStateTimedOut);
+  EXPECT_THAT(out_.closed, ::testing::ElementsAre(3));
+}
+
+TEST_F(LoginTest, CommandAtCallPromptIsNotRun) {
+  Connect(1);
+  Take(1);
+  Type(1, "SH/DX");
+  EXPECT_EQ(Take(1), "SH/DX is not a valid callsign\r\n");
+}
+
+TEST_F(LoginTest, EchoProbesAreIgnoredSilently) {
+  Connect(1);
+  Take(1);
+  Type(1, "echo hello");
+  EXPECT_EQ(Take(1), "");
+  EXPECT_TRUE(out_.closed.empty());
+  EXPECT_EQ(streams_.at(1).login_stage, LoginStage::kAwaitingCall);
+}
+
+TEST_F(LoginTest, LockedOutCallIsRefused) {
+  access_.locked_out.insert("K1BAD");
+  Connect(2);
+  Take(2);
+  Type(2, "K1BAD-3");
+  EXPECT_EQ(Take(2), "LockedOut \r\n");
+  EXPECT_THAT(out_.closed, ::testing::ElementsAre(2));
+}
+
+TEST_F(LoginTest, PasswordGivesPrivilegeAndThreeFailuresClose) {
+  access_.passwords = {{"K1SYS", "secret", 5}};
+  store_.SavePersonal("K1SYS", 1, "Sam");
+  Connect(1);
+  Type(1, "K1SYS");
+  EXPECT_THAT(Take(1), EndsWith("password: \r\n"));
+  Type(1, "secret");
+  EXPECT_TRUE(streams_.at(1).IsUser());
+  EXPECT_EQ(streams_.at(1).privilege, 5);
+
+  Connect(2);
+  Type(2, "K1SYS-2");
+  for (int i = 0; i < 3; ++i) Type(2, "wrong");
+  EXPECT_FALSE(streams_.at(2).IsUser());
+  EXPECT_THAT(out_.closed, ::testing::Contains(2));
+}
+
+TEST_F(LoginTest, SecondConnectionTakesOverTheSession) {
+  LogIn(1, "XX9ABC-1", "Ann");
+  streams_.at(1).session.Set(kSwBeep, true);
+  Take(1);
+  relay_.events.clear();
+  LogIn(2, "XX9ABC-01", "Ann");
+  const std::string old_text = Take(1);
+  EXPECT_THAT(old_text, HasSubstr("XX9ABC-1 de XX0QX-1: Connection Problem - Multiple "
+                                  "connections, same SSID.\r\n"));
+  EXPECT_THAT(old_text, HasSubstr("Reconnected as XX9ABC-01 at 192.0.2.10:5000, this instance "
+                                  "is disconnected"));
+  EXPECT_THAT(Take(2), HasSubstr("XX9ABC-01 Dupe call and SSID connected from IP address "));
+  EXPECT_THAT(out_.closed, ::testing::ElementsAre(1));
+  EXPECT_TRUE(streams_.at(2).session.Has(kSwBeep));
+  EXPECT_FALSE(streams_.at(1).IsUser());
+  for (const auto& ev : relay_.events) EXPECT_NE(ev.kind, "logout");
+}
+
+TEST_F(LoginTest, EleventhReconnectInOneBucketIsRefused) {
+  LogIn(1, "K1ABC", "Ann");
+  int s = 2;
+  for (int i = 0; i < 10; ++i, ++s) {
+    LogIn(s, "K1ABC", "Ann");
+    ASSERT_TRUE(streams_.at(s).IsUser()) << "reconnect " << i + 1;
+  }
+  LogIn(s, "K1ABC", "Ann");
+  EXPECT_THAT(Take(s), HasSubstr("Too many reconnects. \r\n"));
+  EXPECT_FALSE(streams_.at(s).IsUser());
+  // The user whose session is current is not disturbed by the refused one.
+  EXPECT_TRUE(streams_.at(s - 1).IsUser());
+}
+
+TEST_F(LoginTest, RunawayGuardStopsPromptsWithinOnePeriod) {
+  LogIn(1, "K1ABC");
+  for (int i = 0; i < 120; ++i) login_.BuildPrompt(1);
+  const std::string text = Take(1);
+  EXPECT_THAT(text, HasSubstr("Fatal Error: Runaway problem!.\r\n"));
+  // A new period starts a new count.
+  clock_.Advance(std::chrono::minutes(1));
+  login_.BuildPrompt(1);
+  EXPECT_THAT(Take(1), HasSubstr("QXC >"));
+}
+
+TEST_F(LoginTest, ConnectionLogRecordsLoginAndLogout) {
+  LogIn(1, "K1ABC");
+  login_.OnLoggedOut(1);
+  const std::string log = ReadFile(dir_.Data("log/conn") / "15-Nov-2026.log");
+  EXPECT_THAT(log, HasSubstr("Login K1ABC stream 1"));
+  EXPECT_THAT(log, HasSubstr("Logout K1ABC stream 1"));
+  EXPECT_EQ(relay_.events.back().kind, "logout");
+}
+
+}  // namespace
+}  // namespace qx::testing

@@ -1,0 +1,139 @@
+// A node's user side without sockets: a stream table, a recording output, a user store in a
+// temporary program directory, and the log-in and command interpreter on top.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "core/error_log.h"
+#include "core/monitor.h"
+#include "core/program_dir.h"
+#include "core/stream_output.h"
+#include "core/stream_table.h"
+#include "tests/testlib/test_util.h"
+#include "users/command_interpreter.h"
+#include "users/login.h"
+#include "users/user_record.h"
+
+namespace qx::testing {
+
+class RecordingOutput final : public StreamOutput {
+ public:
+  void SendToStream(int stream, std::string_view text) override {
+    if (stream == 0 || text.empty()) return;
+    sent[stream] += text;
+  }
+  void CloseStream(int stream) override { closed.push_back(stream); }
+  void SetStreamIdentity(int stream, std::string_view call, int state) override {
+    identity[stream] = std::string(call);
+  }
+  std::map<int, std::string> sent;
+  std::vector<int> closed;
+  std::map<int, std::string> identity;
+};
+
+class FakeServices final : public CommandServices {
+ public:
+  std::string EnterSpot(int stream, std::string_view line, bool test_only) override {
+    spots.emplace_back(line);
+    return "";
+  }
+  std::vector<std::string> ShowDx(int, std::string_view args) override {
+    return {"showdx:" + std::string(args)};
+  }
+  bool ListChange(std::string_view list, std::string_view item, bool add) override {
+    auto& l = lists[std::string(list)];
+    const auto it = std::find(l.begin(), l.end(), std::string(item));
+    if (add) {
+      if (it != l.end()) return false;
+      l.emplace_back(item);
+      return true;
+    }
+    if (it == l.end()) return false;
+    l.erase(it);
+    return true;
+  }
+  std::vector<std::string> NetworkLines(std::string_view what) override {
+    return {"net:" + std::string(what)};
+  }
+  std::vector<std::string> StationInfo(std::string_view call) override {
+    return {"station:" + std::string(call)};
+  }
+  std::string LinkCommand(std::string_view node, bool connect) override {
+    return (connect ? "connect " : "disconnect ") + std::string(node);
+  }
+  void Shutdown() override { shutdown = true; }
+
+  std::vector<std::string> spots;
+  std::map<std::string, std::vector<std::string>> lists;
+  bool shutdown = false;
+};
+
+class UserFixture : public ::testing::Test {
+ protected:
+  UserFixture()
+      : dir_(tmp_.path()),
+        clock_(MakeUtc(2026, 11, 15, 0, 46, 0)),
+        log_(tmp_.path() / "data/log", clock_),
+        store_(dir_),
+        ctx_{streams_, out_, store_, log_, monitor_, clock_, relay_, dir_, access_, messages_,
+             nullptr, "XX0QX-1", "0.1.0", "https://example.org/ssid", clock_.Now(), {}},
+        login_(ctx_),
+        interp_(ctx_, login_, services_) {
+    std::string error;
+    dir_.CreateTree(&error);
+    login_.set_interpreter([this](int s, std::string_view l) { interp_.Execute(s, l); });
+    interp_.set_help_address("https://example.org/help");
+  }
+
+  // Opens a stream as the front-end's "Connect Request" would.
+  int Connect(int stream, std::string peer = "192.0.2.10:5000") {
+    streams_.EnsureCapacity(stream);
+    streams_.Reset(stream);
+    StreamEntry& e = streams_.at(stream);
+    e.state = kStateLoggingIn;
+    e.peer_address = std::move(peer);
+    login_.OnConnectRequest(stream);
+    return stream;
+  }
+  void Type(int stream, std::string_view line) {
+    if (streams_.at(stream).IsUser()) {
+      interp_.OnLine(stream, line);
+    } else {
+      login_.OnLine(stream, line);
+    }
+  }
+  // Connects and logs in a call with a name on record.
+  int LogIn(int stream, std::string_view call, std::string_view name = "Ann") {
+    store_.SavePersonal(call, 1, name);
+    Connect(stream);
+    Type(stream, call);
+    return stream;
+  }
+  std::string Take(int stream) {
+    std::string s = out_.sent[stream];
+    out_.sent[stream].clear();
+    return s;
+  }
+
+  TempDir tmp_;
+  ProgramDir dir_;
+  ManualClock clock_;
+  ErrorLog log_;
+  Monitor monitor_;
+  StreamTable streams_;
+  RecordingOutput out_;
+  UserStore store_;
+  RecordingNodeRelay relay_;
+  AccessLists access_;
+  LogonMessages messages_;
+  UserContext ctx_;
+  FakeServices services_;
+  Login login_;
+  CommandInterpreter interp_;
+};
+
+}  // namespace qx::testing

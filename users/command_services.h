@@ -1,0 +1,33 @@
+// What the command interpreter asks of the rest of the node: spot entry and history, the
+// node's lists, the network view and the sysop's controls.  The node's wiring implements it.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qx {
+
+class CommandServices {
+ public:
+  virtual ~CommandServices() = default;
+  // The DX command (or DXTEST with test_only): returns the reply for the user ("" when the
+  // spot was taken without a reply).
+  virtual std::string EnterSpot(int stream, std::string_view line, bool test_only) = 0;
+  // SHOW/DX with its arguments (count, call or prefix, band): the lines to send.
+  virtual std::vector<std::string> ShowDx(int stream, std::string_view args) = 0;
+  // Adds (add = true) or removes an item of a configuration list and saves the
+  // configuration; true when the list changed.
+  virtual bool ListChange(std::string_view list, std::string_view item, bool add) = 0;
+  // Lines for SHOW/CONFIGURATION ("configuration"), SHOW/NODES ("nodes"), SHOW/USERS
+  // ("users"), SHOW/LINKS ("links") and WHO ("who").
+  virtual std::vector<std::string> NetworkLines(std::string_view what) = 0;
+  // SHOW/STATION: what is known of a call (name, QTH, home node, location).
+  virtual std::vector<std::string> StationInfo(std::string_view call) = 0;
+  // CONNECT / DISCONNECT of a node link (sysop); the reply.
+  virtual std::string LinkCommand(std::string_view node, bool connect) = 0;
+  // SHUTDOWN (sysop): the node stops cleanly after the current turn.
+  virtual void Shutdown() = 0;
+};
+
+}  // namespace qx

@@ -1,0 +1,375 @@
+#include "users/login.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "core/file_util.h"
+#include "core/text_util.h"
+#include "spots/call_sign.h"
+#include "users/user_record.h"
+
+namespace qx {
+namespace {
+
+constexpr int kMaxPasswordFailures = 3;
+constexpr int kRunawayLimit = 101;
+constexpr int kReconnectLimit = 10;
+
+void ReportBadCompound(void* user, std::string_view call) {
+  auto* ctx = static_cast<UserContext*>(user);
+  ctx->log.Write("ValidCall", "Bad UserCallsign = " + std::string(call) + " " +
+                                  DateText(ctx->clock.Now()));
+}
+
+// Replaces the first occurrence of from by to; false when from does not occur.
+bool ReplaceFirst(std::string& s, std::string_view from, std::string_view to) {
+  const size_t pos = s.find(from);
+  if (pos == std::string::npos) return false;
+  s.replace(pos, from.size(), to);
+  return true;
+}
+
+}  // namespace
+
+Login::Login(UserContext& ctx) : ctx_(ctx) {}
+
+void Login::OnConnectRequest(int stream) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  e.login_stage = LoginStage::kAwaitingCall;
+  std::string banner;
+  std::string logon1 = ctx_.messages.Get("Logon 1");
+  if (logon1.empty()) logon1 = "Welcome to " + ctx_.node_call + "\r\n";
+  banner += logon1;
+  banner += "Running QX Cluster software version " + ctx_.version + "\r\n";
+  banner += ctx_.messages.Get("Logon 2");
+  banner += "Please enter your call: \r\n";
+  banner += "login: ";
+  ctx_.Send(stream, banner);
+}
+
+void Login::OnLine(int stream, std::string_view line) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  switch (e.login_stage) {
+    case LoginStage::kAwaitingCall:
+      OnCall(stream, line);
+      break;
+    case LoginStage::kAwaitingPassword:
+      OnPassword(stream, line);
+      break;
+    case LoginStage::kAwaitingName:
+      OnName(stream, line);
+      break;
+    case LoginStage::kAwaitingNameConfirm:
+      OnNameConfirm(stream, line);
+      break;
+    case LoginStage::kLoggedIn:
+    case LoginStage::kRefused:
+      break;
+  }
+}
+
+void Login::Refuse(int stream) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  e.login_stage = LoginStage::kRefused;
+  e.state = kStateTimedOut;
+  ctx_.out.CloseStream(stream);
+}
+
+void Login::OnCall(int stream, std::string_view line) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  std::string call(line);
+  if (!call.empty() && static_cast<unsigned char>(call[0]) == 255) {
+    call = std::string(StripTelnetPrefix(call));
+  }
+  if (Trim(call).empty()) return;  // an empty line at the prompt: keep waiting
+
+  CallCheckContext check;
+  check.special_calls = &ctx_.access.special_calls;
+  check.locked_out = &ctx_.access.locked_out;
+  check.countries = ctx_.countries;
+  check.node_call = ctx_.node_call;
+  check.on_bad_compound = &ReportBadCompound;
+  check.on_bad_compound_user = &ctx_;
+  const std::string typed = call;
+  if (!ValidCall(call, /*strict=*/true, check)) {
+    if (ToUpper(typed).find("ECHO") != std::string::npos) return;
+    ctx_.monitor.Write(MonitorChannel::kBadCall, typed, "red", stream);
+    ctx_.SendLine(stream, std::string(Trim(typed)) + " is not a valid callsign");
+    ctx_.log.Write("Login", "Invalid call " + typed + " from " + e.peer_address);
+    Refuse(stream);
+    return;
+  }
+  e.call = call;
+  ctx_.monitor.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
+  if (ctx_.access.IsLockedOut(call)) {
+    ctx_.SendLine(stream, "LockedOut ");
+    ctx_.monitor.Write(MonitorChannel::kConsole, "LockedOut " + call, "red", stream);
+    ConnectionLog(stream, "Connected ");
+    Refuse(stream);
+    ctx_.monitor.Write(MonitorChannel::kConnections, std::to_string(stream), "red", stream);
+    return;
+  }
+  const UserRecordLoad loaded = ctx_.store.Load(call, e.state);
+  e.session = loaded.settings;
+  if (ctx_.access.NeedsPassword(call)) {
+    e.login_stage = LoginStage::kAwaitingPassword;
+    ctx_.SendLine(stream, "password: ");
+    return;
+  }
+  if (e.session.name.empty()) {
+    AskName(stream);
+    return;
+  }
+  Complete(stream, /*name_was_set=*/false);
+}
+
+void Login::OnPassword(int stream, std::string_view line) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  if (const PasswordRow* row = ctx_.access.CheckPassword(e.call, Trim(line))) {
+    e.privilege = row->level;
+    if (e.session.name.empty()) {
+      AskName(stream);
+    } else {
+      Complete(stream, false);
+    }
+    return;
+  }
+  ++e.password_failures;
+  ctx_.log.Write("CheckPassword", "Wrong password for " + e.call + " from " + e.peer_address);
+  if (e.password_failures >= kMaxPasswordFailures) {
+    ctx_.SendLine(stream, "Password incorrect, disconnecting.");
+    Refuse(stream);
+    return;
+  }
+  ctx_.SendLine(stream, "password: ");
+}
+
+void Login::AskName(int stream) {
+  ctx_.streams.at(stream).login_stage = LoginStage::kAwaitingName;
+  ctx_.SendLine(stream, "Please enter your name");
+}
+
+void Login::OnName(int stream, std::string_view line) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  std::string_view name = Trim(line);
+  if (name.empty()) {
+    AskName(stream);
+    return;
+  }
+  if (name.size() > 9 && ToUpper(name.substr(0, 9)) == "SET/NAME ") {
+    name = Trim(name.substr(name.find(' ') + 1));
+  }
+  e.pending_name = std::string(name);
+  e.login_stage = LoginStage::kAwaitingNameConfirm;
+  ctx_.Send(stream, "Your name is " + e.pending_name + ".  Is this correct? (Y or N) >");
+}
+
+void Login::OnNameConfirm(int stream, std::string_view line) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  const std::string_view answer = Trim(line);
+  if (MatchAbbrev("YES", 1, answer)) {
+    e.session.name = e.pending_name;
+    Complete(stream, /*name_was_set=*/true);
+  } else if (MatchAbbrev("NO", 1, answer)) {
+    AskName(stream);
+  } else {
+    ctx_.Send(stream, "Your name is " + e.pending_name + ".  Is this correct? (Y or N) >");
+  }
+}
+
+void Login::Complete(int stream, bool name_was_set) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  e.login_stage = LoginStage::kLoggedIn;
+  e.state = kStateUser;
+  ctx_.log.Write("Login", "Login Ok " + e.call + " " + e.peer_address);
+  ctx_.monitor.Write(MonitorChannel::kConsole, "Login Ok " + e.call, "green", stream);
+  ctx_.out.SetStreamIdentity(stream, e.call, e.state);
+  if (name_was_set) {
+    ctx_.SendLine(stream, "Name set to " + e.session.name + ".");
+    ctx_.store.SavePersonal(e.call, 1, e.session.name);
+    ctx_.relay.SendPc41("PC41^" + e.call + "^1^" + e.session.name + "^H99^~\r\n");
+  }
+  ConnectionLog(stream, "Login");
+  BuildPromptTemplates(stream);
+  SendGreeting(stream);
+  if (!CheckDupeConnection(stream)) return;
+  ctx_.relay.UserLoggedInOut(e.call, stream, true);
+  ctx_.monitor.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
+  BuildPrompt(stream);
+}
+
+void Login::SendGreeting(int stream) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  const std::string_view shown = e.session.name.empty() ? std::string_view(e.call)
+                                                        : std::string_view(e.session.name);
+  std::string text = e.call + "\r\n\r\n";
+  text += "Hello " + std::string(shown) + ".\r\n\r\n";
+  text += ctx_.messages.Port(e.port_index);
+  const ClusterCounts c = ctx_.counts ? ctx_.counts() : ClusterCounts{1, 1, 0};
+  const auto up = std::chrono::duration_cast<std::chrono::seconds>(ctx_.clock.Now() - ctx_.started);
+  text += fmt::format("Cluster: {} nodes  {} Locals  {} Total users   Uptime {}\r\n\r\n", c.nodes,
+                      c.local_users, c.local_users + c.remote_users, UptimeText(up));
+  ctx_.Send(stream, text);
+  if (interpret_) {
+    for (std::string_view line : SplitLines(ctx_.messages.Get("Logon 4"))) {
+      if (!Trim(line).empty()) interpret_(stream, Trim(line));
+    }
+  }
+  // The mail notice reads the mail index; this node keeps no mail yet, so the index is
+  // empty and no notice is due.
+}
+
+bool Login::CheckDupeConnection(int stream) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  // The equivalent SSID spellings, each tried only when the previous found nothing.
+  std::vector<std::string> variants{e.call};
+  if (e.call.find('-') == std::string::npos) {
+    variants.push_back(e.call + "-0");
+  } else {
+    std::string v = e.call;
+    ReplaceFirst(v, "-", "-0");
+    variants.push_back(v);
+  }
+  {
+    std::string v = e.call;
+    if (ReplaceFirst(v, "-00", "-")) variants.push_back(v);
+    v = e.call;
+    if (ReplaceFirst(v, "-0", "-")) variants.push_back(v);
+    v = e.call;
+    if (v.size() > 2 && v.ends_with("-0")) {
+      v.resize(v.size() - 2);
+      variants.push_back(v);
+    }
+    v = e.call;
+    if (ReplaceFirst(v, "-01", "-2")) variants.push_back(v);
+  }
+  int old = 0;
+  for (const std::string& v : variants) {
+    for (int s = 1; s <= ctx_.streams.high_socket() && old == 0; ++s) {
+      if (s != stream && ctx_.streams.at(s).IsUser() && ctx_.streams.at(s).call == v) old = s;
+    }
+    if (old) break;
+  }
+  if (old == 0) return true;
+
+  StreamEntry& o = ctx_.streams.at(old);
+  ctx_.SendLine(stream, e.call + " Dupe call and SSID connected from IP address " + o.peer_address);
+
+  const bool banned = std::find(reconnect_banned_.begin(), reconnect_banned_.end(), e.call) !=
+                      reconnect_banned_.end();
+  const std::string bucket = TimeHHnn(ctx_.clock.Now()).substr(0, 3);
+  if (!banned) {
+    if (e.call == last_dupe_call_ && bucket == last_dupe_bucket_) {
+      ++dupe_count_;
+    } else {
+      last_dupe_call_ = e.call;
+      last_dupe_bucket_ = bucket;
+      dupe_count_ = 1;
+    }
+  }
+  if (banned || dupe_count_ > kReconnectLimit) {
+    if (!banned) reconnect_banned_.push_back(e.call);
+    ctx_.SendLine(stream, "Too many reconnects. ");
+    ctx_.log.Write("CheckDupeConnection", "2 many recons " + e.call);
+    Refuse(stream);
+    return false;
+  }
+
+  const std::string prefix = o.call + " de " + ctx_.node_call;
+  {
+    ScopedCurrentStream cur(ctx_.streams, old);
+    ctx_.SendLine(old, prefix + ": Connection Problem - Multiple connections, same SSID.");
+    ctx_.SendLine(old, prefix + ":    - Each connection requires a unique SSID.");
+    ctx_.SendLine(old, prefix + ":    - See " + ctx_.ssid_help_address);
+    ctx_.SendLine(old, "Reconnected as " + e.call + " at " + e.peer_address +
+                           ", this instance is disconnected");
+  }
+  // The session moves to the new stream: its settings survive, and neither the user count
+  // nor the other nodes see a log-out.
+  e.session = o.session;
+  e.privilege = std::max(e.privilege, o.privilege);
+  e.client_type = o.client_type;
+  ctx_.log.Write("CheckDupeConnection",
+                 o.call + " stream " + std::to_string(old) + " ignored due to reconnection");
+  ConnectionLog(old, "Logout ignored due to reconnection");
+  o.state = kStateFree;
+  o.login_stage = LoginStage::kRefused;
+  ctx_.out.CloseStream(old);
+  ctx_.monitor.Write(MonitorChannel::kConnections, std::to_string(old), "", old);
+  return true;
+}
+
+void Login::BuildPromptTemplates(int stream) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  const std::string fixed = e.call + " de " + ctx_.node_call + " ";
+  e.prompt_insert = fixed.size();
+  e.prompt_full = fixed + std::string(16, ' ') + "Z   QXC >\r\n";
+  e.prompt_short = fixed + std::string(16, ' ') + "Z  not arc >\r\n";
+}
+
+std::string Login::PromptText(int stream, SysTime t) const {
+  const StreamEntry& e = ctx_.streams.at(stream);
+  if (e.session.prompt_form == ">") return ">\r\n";
+  if (e.session.prompt_form == "%M>") return ctx_.node_call + ">\r\n";
+  std::string p = e.prompt_full;
+  if (p.empty()) return ">\r\n";
+  const std::string stamp = DateText(t) + " " + TimeHHnn(t);  // 16 characters
+  p.replace(e.prompt_insert, 16, stamp);
+  return p;
+}
+
+std::string Login::PeriodStamp(SysTime t) {
+  const auto minutes =
+      std::chrono::duration_cast<std::chrono::minutes>(t.time_since_epoch()).count();
+  return fmt::format("{:08d}", minutes % 100000000);
+}
+
+void Login::BuildPrompt(int stream) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  if (!e.IsUser()) return;
+  const SysTime now = ctx_.clock.Now();
+  const std::string stamp = PeriodStamp(now);
+  int count = 0;
+  if (e.prompt_counter.size() >= 7 && e.prompt_counter.compare(0, 8, stamp) == 0) {
+    count = ParseIntOr(std::string_view(e.prompt_counter).substr(std::min<size_t>(9, e.prompt_counter.size())), 0);
+  }
+  if (count >= kRunawayLimit) return;  // the runaway was told; no more prompts this period
+  count = count == 0 ? 1 : count + 1;
+  e.prompt_counter = stamp + " " + std::to_string(count);
+  if (count >= kRunawayLimit) {
+    ctx_.SendLine(stream, "Fatal Error: Runaway problem!.");
+    ctx_.log.Write("BuildPrompt", "Runaway " + e.call);
+    ctx_.monitor.Write(MonitorChannel::kRunaway,
+                       DateText(now).substr(0, 2) + "  " + TimeHHnn(now).substr(0, 2) + ":" +
+                           TimeHHnn(now).substr(2, 2) + " --  " + e.call,
+                       "red", stream);
+    return;
+  }
+  ctx_.Send(stream, PromptText(stream, now));
+}
+
+void Login::OnLoggedOut(int stream) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  ConnectionLog(stream, "Logout");
+  ctx_.relay.UserLoggedInOut(e.call, stream, false);
+}
+
+void Login::OnRecovered(int stream) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  if (!e.IsUser() || e.call.empty()) return;
+  const UserRecordLoad loaded = ctx_.store.Load(e.call, e.state);
+  e.session = loaded.settings;
+  e.login_stage = LoginStage::kLoggedIn;
+  BuildPromptTemplates(stream);
+}
+
+void Login::ConnectionLog(int stream, std::string_view what) {
+  const StreamEntry& e = ctx_.streams.at(stream);
+  const SysTime now = ctx_.clock.Now();
+  const std::string line = fmt::format("{} {} {} {} stream {} {}\r\n", DateText(now),
+                                       TimeHHnnssZ(now), what, e.call, stream, e.peer_address);
+  AppendToFile(ctx_.dir.Data("log/conn") / (DateText(now) + ".log"), line);
+}
+
+}  // namespace qx

@@ -1,0 +1,57 @@
+// The services that the log-in dialogue and the command interpreter share.  The node's
+// wiring owns every object; this bundle only refers to them.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "core/error_log.h"
+#include "core/monitor.h"
+#include "core/program_dir.h"
+#include "core/stream_output.h"
+#include "core/stream_table.h"
+#include "core/time_text.h"
+#include "users/access_lists.h"
+#include "users/logon_messages.h"
+#include "users/node_relay.h"
+
+namespace qx {
+
+class UserStore;
+class CountryLookup;
+
+struct ClusterCounts {
+  int nodes = 0;         // nodes in the network, this one included
+  int local_users = 0;
+  int remote_users = 0;
+};
+
+struct UserContext {
+  StreamTable& streams;
+  StreamOutput& out;
+  UserStore& store;
+  ErrorLog& log;
+  Monitor& monitor;
+  const Clock& clock;
+  NodeRelay& relay;
+  const ProgramDir& dir;
+  AccessLists& access;
+  LogonMessages& messages;
+  const CountryLookup* countries = nullptr;
+  std::string node_call;
+  std::string version;
+  std::string ssid_help_address;
+  SysTime started{};
+  std::function<ClusterCounts()> counts;
+
+  // Sends to a stream (the current stream is left alone).
+  void Send(int stream, std::string_view text) { out.SendToStream(stream, text); }
+  // One line, CR LF added.
+  void SendLine(int stream, std::string_view text) {
+    std::string line(text);
+    line += "\r\n";
+    out.SendToStream(stream, line);
+  }
+};
+
+}  // namespace qx
