@@ -71,6 +71,10 @@ char CloserOf(char open) {
   }
 }
 
+// The file counts longitude and time offset west positive; the table east positive (and
+// never as -0 for Greenwich).
+double WestToEast(double west) { return 0.0 - west; }
+
 bool ParseIntField(std::string_view text, int& out) {
   long long v = 0;
   if (!ParseInt(Trim(text), v) || v < 0 || v > 1000) return false;
@@ -80,9 +84,8 @@ bool ParseIntField(std::string_view text, int& out) {
 
 bool ParseNumberField(std::string_view text, double& out) { return ParseDouble(Trim(text), out); }
 
-// "=K1ABC(4)[7]", "VE3", "KL7<58.3/134.4>{NA}~9.0~" and the like.
+// "=K1ABC(4)[7]", "VE3", "KL7<58.3/134.4>{NA}~9.0~" and the like.  e starts out empty.
 bool ParseEntry(std::string_view s, ParsedEntry& e) {
-  e = ParsedEntry();
   if (!s.empty() && s.front() == '=') {
     e.exact = true;
     s.remove_prefix(1);
@@ -173,10 +176,10 @@ bool ParseCountryLine(std::string_view line, CountryInfo& info, std::string_view
   if (prefix.empty()) return false;
   info.country = std::string(fields[0]);
   info.continent = ToUpper(fields[3]);
-  info.prefix = ToUpper(prefix);
+  info.prefix = std::string(prefix);  // as written: "3D2/c" names Conway Reef
   info.latitude = lat;
-  info.longitude = -lon;
-  info.utc_offset = -offset;
+  info.longitude = WestToEast(lon);
+  info.utc_offset = WestToEast(offset);
   return true;
 }
 
@@ -300,9 +303,9 @@ struct CountryLookup::Impl {
     if (e.cq) v.cq_zone = *e.cq;
     if (e.itu) v.itu_zone = *e.itu;
     if (e.latitude) v.latitude = *e.latitude;
-    if (e.longitude) v.longitude = -*e.longitude;
+    if (e.longitude) v.longitude = WestToEast(*e.longitude);
     if (e.continent) v.continent = ToUpper(*e.continent);
-    if (e.utc_offset) v.utc_offset = -*e.utc_offset;
+    if (e.utc_offset) v.utc_offset = WestToEast(*e.utc_offset);
     VariantKey key{country,    v.cq_zone,   v.itu_zone,  v.continent,
                    v.latitude, v.longitude, v.utc_offset};
     const auto it = variants.find(key);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 
 #include "tests/testlib/test_util.h"
@@ -26,7 +27,9 @@ constexpr char kFile[] =
     "European Turkey:          20:  39:  EU:   41.02:   -28.97:    -2.0:  *TA1:\n"
     "    TA1{AS}~-3.0~;\n"
     "Germany:                  14:  28:  EU:   51.00:   -10.00:    -1.0:  DL:\n"
-    "    DA,DL;\n";
+    "    DA,DL;\n"
+    "Conway Reef:              32:  56:  OC:  -22.00:  -175.00:   -12.0:  3D2/c:\n"
+    "    =3D2CR;\n";
 
 std::string WithCrLf(std::string_view text) {
   std::string out;
@@ -56,7 +59,7 @@ class CountryLookupTest : public ::testing::TestWithParam<bool> {
 };
 
 TEST_P(CountryLookupTest, ReadsTheCountryLine) {
-  EXPECT_EQ(lookup_.country_count(), 7u);
+  EXPECT_EQ(lookup_.country_count(), 8u);
   EXPECT_EQ(lookup_.skipped_count(), 0u);
   const std::optional<CountryInfo> de = lookup_.NewLookUpCallsign("DL1ABC");
   ASSERT_TRUE(de.has_value());
@@ -79,6 +82,17 @@ TEST_P(CountryLookupTest, ReadsTheCountryLine) {
   ASSERT_NE(ta, nullptr);
   EXPECT_TRUE(ta->wae_only);
   EXPECT_EQ(ta->prefix, "TA1");
+
+  const CountryInfo* ea8 = lookup_.Find("EA8AB");
+  ASSERT_NE(ea8, nullptr);
+  EXPECT_FALSE(std::signbit(ea8->utc_offset));  // Greenwich is +0, not -0
+
+  const CountryInfo* reef = lookup_.Find("3d2cr");
+  ASSERT_NE(reef, nullptr);
+  EXPECT_EQ(reef->prefix, "3D2/c");  // the main prefix as written
+  EXPECT_DOUBLE_EQ(reef->longitude, 175.0);
+  EXPECT_DOUBLE_EQ(reef->latitude, -22.0);
+  EXPECT_EQ(lookup_.Find("3D2AB"), nullptr);
 }
 
 TEST_P(CountryLookupTest, ExactCallBeatsPrefix) {
