@@ -1,0 +1,807 @@
+#include "core/frontend_link.h"
+
+#include <algorithm>
+#include <boost/asio/connect.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
+#include <charconv>
+#include <cstdio>
+
+#include "core/text_util.h"
+
+namespace qx {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+
+namespace {
+
+constexpr char kElement = '\x03';  // joins the elements of a message to the front-end
+constexpr std::string_view kAlertBox[] = {
+    "    ***********************************************",
+    "    *   Close all other instances of cluster.exe  *",
+    "    *   Then press \"Connect Winsock\"              *",
+    "    *   ... if you still have a problem,          *",
+    "    *   make sure winsock.exe is running          *",
+    "    ***********************************************",
+};
+// A line that never ends is handed on once it is this long, so a stream cannot make the
+// node hold unbounded text.
+constexpr size_t kMaxLineCarry = 8192;
+constexpr std::string_view kAwaitingCall = "    *    ";
+constexpr std::string_view kHeading = "DataArrival";
+
+void AppendInt(std::string& out, long long value) {
+  char buf[24];
+  const auto [end, ec] = std::to_chars(buf, buf + sizeof buf, value);
+  out.append(buf, end);
+}
+
+void ReplaceFirst(std::string& text, std::string_view from, std::string_view to) {
+  const size_t pos = text.find(from);
+  if (pos != std::string::npos) text.replace(pos, from.size(), to);
+}
+
+void ReplaceAll(std::string& text, std::string_view from, std::string_view to) {
+  size_t pos = 0;
+  while ((pos = text.find(from, pos)) != std::string::npos) {
+    text.replace(pos, from.size(), to);
+    pos += to.size();
+  }
+}
+
+// "in" or "out:<label>" to the label ("" for inbound).
+std::string_view LabelOfKind(std::string_view kind) {
+  return kind.starts_with("out:") ? kind.substr(4) : std::string_view{};
+}
+
+}  // namespace
+
+void NormaliseTextNodeLine(std::string_view line, std::string& out) {
+  out.assign(line);
+  ReplaceFirst(out, "0  ", "  ");
+  ReplaceAll(out, ":   ", ":");
+  ReplaceAll(out, ":  ", ":");
+  ReplaceAll(out, ": ", ":");
+  ReplaceFirst(out, "   ", "  ");
+}
+
+FrontendLink::FrontendLink(asio::io_context& io, StreamTable& table, ErrorLog& log,
+                           Monitor& monitor, const Clock& clock, LinkEvents& events,
+                           FrontendLinkOptions options)
+    : io_(io),
+      table_(table),
+      log_(log),
+      monitor_(monitor),
+      clock_(clock),
+      events_(events),
+      options_(std::move(options)),
+      arrival_(*this, options_.pending_capacity),
+      resolver_(io),
+      socket_(io),
+      retry_timer_(io),
+      connect_timer_(io),
+      qrv_timer_(io),
+      watchdog_timer_(io) {
+  for (auto& b : read_buffers_) b.resize(std::max<size_t>(options_.read_size, 512));
+  fields_.reserve(16);
+  out_.reserve(64 * 1024);
+}
+
+FrontendLink::~FrontendLink() {
+  alive_.reset();
+  boost::system::error_code ignored;
+  resolver_.cancel();
+  socket_.close(ignored);
+}
+
+// ---------------------------------------------------------------------------------------
+// Records
+
+void FrontendLink::OnRecord(std::string_view record) {
+  ++dispatch_depth_;
+  struct Leave {
+    int& depth;
+    ~Leave() { --depth; }
+  } leave{dispatch_depth_};
+
+  const std::string_view code = record.substr(0, 4);
+  if (code == "AA00") {
+    HandleData(record);
+  } else if (code == "AA16") {
+    HandleCall(record);
+  } else if (code == "AA17") {
+    HandleClosed(record);
+  } else if (code == "AA01") {
+    HandleStreamList(record);
+  } else if (code == "AA04") {
+    HandleAttribute(record);
+  } else if (code == "AA02") {
+    HandleCount(record);
+  } else if (code == "AA06") {
+    HandleReport(record);
+  } else if (code == "AA38") {
+    HandleRecovery(record);
+  } else if (record.find("AA18") != std::string_view::npos) {
+    HandleKeepAlive();
+  } else if (code == "AA05") {
+    HandleTimedOut(record);
+  } else if (record.starts_with("QRV")) {
+    HandleAnnouncement(record);
+  } else if (code == "AA03") {
+    HandleStreamEvent(record);
+  } else if (code == "AA19") {
+    HandleOutgoingFailed(record);
+  }
+  // Unknown codes are ignored; the handshake still sees any record that mentions "AA03".
+  if (record.find("AA03") != std::string_view::npos) {
+    events_.OnHandshakeRecord(table_.current(), record);
+  }
+}
+
+void FrontendLink::OnRecordError(std::string_view record, std::string_view what) {
+  std::string message(what);
+  message += " where = ";
+  message += record.substr(0, 4);
+  log_.Write(kHeading, message);
+}
+
+int FrontendLink::StreamField(std::string_view field, std::string_view code) {
+  long long n = 0;
+  if (!ParseInt(field, n) || n < 0 || n > kMaxStreamNumber) {
+    std::string message = " where = ";
+    message += code;
+    message += " bad stream number \"";
+    message += field.substr(0, 32);
+    message += '"';
+    log_.Write(kHeading, message);
+    return 0;
+  }
+  if (n == 0) {
+    log_.Write("WinsockCluster_DataArrival Templong = 0", "unknown error");
+    return 0;
+  }
+  GrowTo(int(n));
+  return int(n);
+}
+
+void FrontendLink::GrowTo(int stream) {
+  table_.EnsureCapacity(stream);
+  if (ended_in_cr_.size() <= size_t(table_.high_socket())) {
+    ended_in_cr_.resize(size_t(table_.high_socket()) + 1, 0);
+  }
+}
+
+void FrontendLink::HandleData(std::string_view record) {
+  // "AA00^<stream>^<data>": at most three parts, because the data may hold "^".
+  const size_t a = record.find('^');
+  if (a == std::string_view::npos) return;
+  const size_t b = record.find('^', a + 1);
+  const std::string_view stream_field =
+      record.substr(a + 1, b == std::string_view::npos ? std::string_view::npos : b - a - 1);
+  const int stream = StreamField(stream_field, "AA00");
+  if (stream == 0 || b == std::string_view::npos) return;
+  table_.set_current(stream);
+  DeliverText(stream, record.substr(b + 1));
+}
+
+void FrontendLink::DeliverText(int stream, std::string_view data) {
+  size_t pos = 0;
+  if (ended_in_cr_[size_t(stream)] && !data.empty() && data.front() == '\n') pos = 1;
+  ended_in_cr_[size_t(stream)] = 0;
+  const size_t size = data.size();
+  while (pos < size) {
+    size_t end = pos;
+    while (end < size && data[end] != '\r' && data[end] != '\n') ++end;
+    StreamEntry& entry = table_.at(stream);
+    if (end == size) {
+      // No line end yet: the rest waits for the next data of this stream.
+      entry.line_carry.append(data.substr(pos));
+      if (entry.line_carry.size() >= kMaxLineCarry) {
+        std::string line = std::move(entry.line_carry);
+        entry.line_carry.clear();
+        DeliverLine(stream, line);
+      }
+      return;
+    }
+    size_t next = end + 1;
+    if (data[end] == '\r') {
+      if (next < size && data[next] == '\n') {
+        ++next;
+      } else if (next == size) {
+        ended_in_cr_[size_t(stream)] = 1;
+      }
+    }
+    const std::string_view piece = data.substr(pos, end - pos);
+    if (entry.line_carry.empty()) {
+      DeliverLine(stream, piece);
+    } else {
+      std::string line = std::move(entry.line_carry);
+      entry.line_carry.clear();
+      line.append(piece);
+      DeliverLine(stream, line);
+    }
+    pos = next;
+  }
+}
+
+void FrontendLink::DeliverLine(int stream, std::string_view line) {
+  const StreamEntry& entry = table_.at(stream);
+  std::string local;
+  if (entry.state > kStateUserLast && line.find("DX d") != std::string_view::npos) {
+    // A nested dispatch (a handler that ran the event loop) must not reuse the scratch that
+    // the outer line still points into.
+    std::string& out = dispatch_depth_ > 1 ? local : line_scratch_;
+    NormaliseTextNodeLine(line, out);
+    line = out;
+  }
+  table_.set_current(stream);
+  events_.OnStreamLine(stream, line);
+}
+
+void FrontendLink::ShowConnection(int stream, std::string_view caption, std::string_view colour) {
+  monitor_.Write(MonitorChannel::kConnections, caption, colour, stream);
+}
+
+void FrontendLink::HandleCall(std::string_view record) {
+  // "AA16^<call>^<stream>^<value>", exactly.
+  SplitInto(record, '^', fields_);
+  if (fields_.size() != 4) return;
+  const std::string_view call = fields_[1];
+  const int stream = StreamField(fields_[2], "AA16");
+  if (stream == 0) return;
+  table_.at(stream).call.assign(call);
+  ShowConnection(stream, call);
+}
+
+void FrontendLink::HandleClosed(std::string_view record) {
+  // "AA17^<tag>^<stream>^<reason>"
+  SplitInto(record, '^', fields_);
+  const std::string_view field = fields_.size() > 2 ? fields_[2] : std::string_view{};
+  long long n = 0;
+  if (!ParseInt(field, n) || !table_.InRange(int(std::clamp<long long>(n, -1, INT32_MAX)))) {
+    // The front-end speaks of a stream this node never had: the two sides disagree, and
+    // only a fresh start of the link (with its stream report) brings them together again.
+    log_.Write(kHeading, "AA17 Error, Where = 21 ");
+    std::string message = "Error - Restarting WinsockCluster ";
+    message += record;
+    message += " Where = 21 tempdata2(2) = ";
+    message += field;
+    message += " HighSocket = ";
+    AppendInt(message, table_.high_socket());
+    log_.Write(kHeading, message);
+    if (!restart_posted_) {
+      restart_posted_ = true;
+      std::weak_ptr<int> alive = alive_;
+      asio::post(io_, [this, alive] {
+        if (alive.expired()) return;
+        restart_posted_ = false;
+        Restart();
+      });
+    }
+    return;
+  }
+  const int stream = int(n);
+  table_.set_current(stream);
+  ShowConnection(stream, {});
+  const int previous_state = table_.at(stream).state;
+  events_.OnStreamClosed(stream, previous_state);
+  table_.Reset(stream);
+  ended_in_cr_[size_t(stream)] = 0;
+  const auto it = std::find(recovery_expected_.begin(), recovery_expected_.end(), stream);
+  if (it != recovery_expected_.end()) {
+    recovery_expected_.erase(it);
+    if (recovery_expected_.empty()) {
+      log_.Write(kHeading, "Recovery complete");
+      monitor_.Console("Recovery complete");
+      events_.OnRecoveryComplete();
+    }
+  }
+}
+
+void FrontendLink::HandleStreamList(std::string_view record) {
+  // "AA01^<count>^<stream>,<stream>,..."
+  const auto started = std::chrono::steady_clock::now();
+  const auto elapsed = [&] {
+    return std::to_string(
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started)
+            .count());
+  };
+  monitor_.Console(record);
+  log_.Write(kHeading, "Loading Winsock Streams ");
+  SplitInto(record, '^', fields_);
+  const int count = fields_.size() > 1 ? ParseIntOr(fields_[1], 0) : 0;
+  std::vector<int> streams;
+  for (size_t i = 2; i < fields_.size(); ++i) {
+    for (std::string_view item : Split(fields_[i], ',')) {
+      item = Trim(item);
+      if (item.empty()) continue;
+      long long n = 0;
+      if (ParseInt(item, n) && n >= 1 && n <= kMaxStreamNumber) {
+        streams.push_back(int(n));
+      } else {
+        OnRecordError(record, "bad stream number");
+      }
+    }
+  }
+  events_.OnStreamListReported(count);
+  log_.Write(kHeading, "Finished Dimensioning " + elapsed() + " secs");
+  reported_streams_ = count;
+  std::sort(streams.begin(), streams.end());
+  streams.erase(std::unique(streams.begin(), streams.end()), streams.end());
+  for (int stream : streams) {
+    GrowTo(stream);
+    const StreamEntry& entry = table_.at(stream);
+    ShowConnection(stream, entry.call.empty() ? kAwaitingCall : std::string_view(entry.call));
+  }
+  recovery_expected_ = std::move(streams);
+  log_.Write(kHeading, "Finished Loading Streams " + elapsed() + " secs");
+  if (recovery_expected_.empty()) {
+    log_.Write(kHeading, "Recovery complete");
+    monitor_.Console("Recovery complete");
+    events_.OnRecoveryComplete();
+  }
+}
+
+void FrontendLink::HandleAttribute(std::string_view record) {
+  // "AA04^<stream>^<text>"; the text may hold "^".
+  const auto parts = SplitLimit(record, '^', 3);
+  if (parts.size() < 3) return;
+  const int stream = StreamField(parts[1], "AA04");
+  if (stream == 0) return;
+  table_.at(stream).attribute.assign(parts[2]);
+}
+
+void FrontendLink::HandleCount(std::string_view record) {
+  // "AA02^<value>^<stream>", exactly.
+  SplitInto(record, '^', fields_);
+  if (fields_.size() != 3) return;
+  const int value = ParseIntOr(fields_[1], 0);
+  const int stream = StreamField(fields_[2], "AA02");
+  if (value != 0) reported_streams_ = value;
+  if (stream == 0) return;
+  const StreamEntry& entry = table_.at(stream);
+  ShowConnection(stream, entry.call.empty() ? kAwaitingCall : std::string_view(entry.call));
+}
+
+void FrontendLink::HandleReport(std::string_view record) {
+  // "AA06^<text>^<stream>^..."
+  SplitInto(record, '^', fields_);
+  if (fields_.size() < 3) return;
+  const std::string_view text = fields_[1];
+  const int stream = StreamField(fields_[2], "AA06");
+  if (stream == 0) return;
+  table_.set_current(stream);
+  char number[16];
+  std::snprintf(number, sizeof number, "%4d", stream);
+  std::string line = number;
+  line += "             -> ";
+  line += text;
+  monitor_.Write(MonitorChannel::kConsole, line, {}, stream);
+}
+
+void FrontendLink::HandleRecovery(std::string_view record) {
+  // "AA38^<tag>^<stream>^<peer>^<port index>^<call>^<state>^<kind>"
+  SplitInto(record, '^', fields_);
+  if (fields_.size() < 3) return;
+  const auto field = [&](size_t i) { return i < fields_.size() ? fields_[i] : std::string_view{}; };
+  const int stream = StreamField(fields_[2], "AA38");
+  if (stream == 0) return;
+  table_.Reset(stream);
+  ended_in_cr_[size_t(stream)] = 0;
+  StreamEntry& entry = table_.at(stream);
+  long long tag = 0;
+  ParseInt(field(1), tag);
+  entry.tag = tag;
+  entry.peer_address.assign(field(3));
+  entry.port_index = ParseIntOr(field(4), 0);
+  entry.call.assign(field(5));
+  entry.state = ParseIntOr(field(6), kStateFree);
+  entry.connection_label.assign(LabelOfKind(field(7)));
+  entry.since = clock_.Now();
+  const bool node_or_feed = entry.state > kStateUserLast;
+  if (entry.IsUser() || node_or_feed) entry.login_stage = LoginStage::kLoggedIn;
+  const std::string_view colour = node_or_feed ? "orange" : entry.IsUser() ? "white" : "red";
+  ShowConnection(stream, entry.call.empty() ? kAwaitingCall : std::string_view(entry.call), colour);
+  table_.set_current(stream);
+  events_.OnStreamRecovered(stream);
+
+  const auto it = std::find(recovery_expected_.begin(), recovery_expected_.end(), stream);
+  if (it != recovery_expected_.end()) {
+    recovery_expected_.erase(it);
+    if (recovery_expected_.empty()) {
+      log_.Write(kHeading, "Recovery complete");
+      monitor_.Console("Recovery complete");
+      events_.OnRecoveryComplete();
+    }
+  }
+}
+
+void FrontendLink::HandleKeepAlive() {
+  // The reply goes out at once and nothing waits after it: a pause here would stall every
+  // stream, and the front-end needs none because the link keeps the order of messages.
+  ++keepalives_;
+  SendRaw("rxAA18");
+}
+
+void FrontendLink::HandleTimedOut(std::string_view record) {
+  // "AA05^<stream>^..."
+  SplitInto(record, '^', fields_);
+  if (fields_.size() < 2) return;
+  const int stream = StreamField(fields_[1], "AA05");
+  if (stream == 0) return;
+  table_.set_current(stream);
+  StreamEntry& entry = table_.at(stream);
+  entry.call = "T/O";
+  ShowConnection(stream, "no call");
+  entry.state = kStateTimedOut;
+  events_.OnStreamTimedOut(stream);
+}
+
+void FrontendLink::HandleAnnouncement(std::string_view record) {
+  // "QRV <station>^<version>"
+  const size_t caret = record.find('^');
+  if (caret != std::string_view::npos) {
+    frontend_station_.assign(caret > 4 ? record.substr(4, caret - 4) : std::string_view{});
+    frontend_version_.assign(record.substr(caret + 1));
+  } else {
+    frontend_version_ = "2.xx";
+    if (record.size() > 12) frontend_station_.assign(record.substr(4));
+  }
+  // The front-end is ready for the stream report a moment after it announced itself.
+  qrv_timer_.expires_after(options_.qrv_reply_delay);
+  std::weak_ptr<int> alive = alive_;
+  qrv_timer_.async_wait([this, alive, gen = generation_](const boost::system::error_code& ec) {
+    if (ec || alive.expired() || gen != generation_) return;
+    SendRaw("8270");
+  });
+}
+
+void FrontendLink::HandleStreamEvent(std::string_view record) {
+  // "AA03^Connect Request^<stream>^<peer>^<tag>^<kind>^<port index>", or
+  // "AA03^<text>^<stream>..." for text typed on a stream still logging in.
+  SplitInto(record, '^', fields_);
+  if (fields_.size() < 3) return;
+  const auto field = [&](size_t i) { return i < fields_.size() ? fields_[i] : std::string_view{}; };
+  const std::string_view event = fields_[1];
+  const int stream = StreamField(fields_[2], "AA03");
+  if (stream == 0) return;
+  if (event != "Connect Request") {
+    table_.set_current(stream);
+    DeliverText(stream, event);
+    return;
+  }
+  table_.Reset(stream);
+  ended_in_cr_[size_t(stream)] = 0;
+  StreamEntry& entry = table_.at(stream);
+  entry.state = kStateLoggingIn;
+  entry.peer_address.assign(field(3));
+  long long tag = 0;
+  ParseInt(field(4), tag);
+  entry.tag = tag;
+  entry.connection_label.assign(LabelOfKind(field(5)));
+  entry.port_index = ParseIntOr(field(6), 0);
+  entry.since = clock_.Now();
+  ShowConnection(stream, kAwaitingCall);
+  std::string line = std::to_string(stream);
+  line += " ->";
+  line += entry.peer_address;
+  monitor_.Write(MonitorChannel::kConsole, line, {}, stream);
+  table_.set_current(stream);
+  events_.OnConnectRequest(stream);
+}
+
+void FrontendLink::HandleOutgoingFailed(std::string_view record) {
+  // "AA19^<label>^<reason>"
+  const auto parts = SplitLimit(record, '^', 3);
+  const std::string label(parts.size() > 1 ? parts[1] : std::string_view{});
+  const std::string reason(parts.size() > 2 ? parts[2] : std::string_view{});
+  monitor_.Console("Outgoing connection " + label + " failed: " + reason);
+  events_.OnOutgoingFailed(label, reason);
+}
+
+// ---------------------------------------------------------------------------------------
+// Watchdog
+
+void FrontendLink::Tick() {
+  const LinkArrival::BusyReport report = arrival_.Tick();
+  if (report.seconds == 0) return;
+  if (report.reset || options_.debug) {
+    log_.Write("Watchdog", LinkArrival::BusyText(report.seconds));
+  }
+}
+
+void FrontendLink::StartWatchdog() {
+  watchdog_timer_.expires_after(std::chrono::seconds(1));
+  std::weak_ptr<int> alive = alive_;
+  watchdog_timer_.async_wait([this, alive](const boost::system::error_code& ec) {
+    if (ec || alive.expired() || state_ == State::kStopped) return;
+    Tick();
+    StartWatchdog();
+  });
+}
+
+// ---------------------------------------------------------------------------------------
+// Connection
+
+void FrontendLink::Start() {
+  if (state_ == State::kStopped) state_ = State::kIdle;
+  if (options_.own_watchdog_timer) StartWatchdog();
+  Connect();
+}
+
+void FrontendLink::Connect() {
+  if (state_ == State::kConnected || state_ == State::kConnecting) return;
+  retry_timer_.cancel();
+  StartConnect();
+}
+
+void FrontendLink::Restart() {
+  if (state_ == State::kStopped) return;
+  const bool was_up = state_ == State::kConnected;
+  CloseSocket();
+  if (was_up) events_.OnLinkDown();
+  StartConnect();
+}
+
+void FrontendLink::Stop() {
+  const bool was_up = state_ == State::kConnected;
+  CloseSocket();
+  state_ = State::kStopped;
+  retry_timer_.cancel();
+  watchdog_timer_.cancel();
+  if (was_up) events_.OnLinkDown();
+}
+
+void FrontendLink::CloseSocket() {
+  ++generation_;
+  boost::system::error_code ignored;
+  resolver_.cancel();
+  connect_timer_.cancel();
+  qrv_timer_.cancel();
+  socket_.close(ignored);
+  state_ = State::kIdle;
+  // A new connection starts on a record boundary; what was half received or not yet
+  // written belongs to the old one.
+  arrival_.Reset();
+  out_.clear();
+}
+
+void FrontendLink::StartConnect() {
+  ++generation_;
+  state_ = State::kConnecting;
+  const uint64_t gen = generation_;
+  std::weak_ptr<int> alive = alive_;
+  resolver_.async_resolve(
+      options_.host, options_.port,
+      [this, alive, gen](const boost::system::error_code& ec, tcp::resolver::results_type results) {
+        if (alive.expired() || gen != generation_) return;
+        if (ec) {
+          OnConnectFailed(ec);
+          return;
+        }
+        connect_timer_.expires_after(options_.connect_timeout);
+        connect_timer_.async_wait([this, alive, gen](const boost::system::error_code& tec) {
+          if (tec || alive.expired() || gen != generation_) return;
+          boost::system::error_code ignored;
+          socket_.close(ignored);  // the pending connect completes with an error
+        });
+        asio::async_connect(
+            socket_, results,
+            [this, alive, gen](const boost::system::error_code& cec, const tcp::endpoint&) {
+              if (alive.expired() || gen != generation_) return;
+              connect_timer_.cancel();
+              if (cec) {
+                OnConnectFailed(cec);
+              } else {
+                OnConnected();
+              }
+            });
+      });
+}
+
+void FrontendLink::OnConnected() {
+  state_ = State::kConnected;
+  outage_reported_ = false;
+  overflow_reported_ = false;
+  boost::system::error_code ignored;
+  socket_.set_option(tcp::no_delay(true), ignored);
+  arrival_.Reset();
+  SendRaw("QX Cluster");
+  monitor_.Console("Winsock Connected");
+  StartRead(0);
+  events_.OnLinkUp();
+}
+
+void FrontendLink::OnConnectFailed(const boost::system::error_code& ec) {
+  CloseSocket();
+  if (!outage_reported_) {
+    // Once per outage, not once per retry: the console would fill with boxes otherwise.
+    outage_reported_ = true;
+    log_.Write("WinsockCluster_Error", ec.message());
+    for (std::string_view line : kAlertBox) monitor_.Console(line);
+    if (on_unreachable_) on_unreachable_();
+  }
+  ScheduleRetry();
+}
+
+void FrontendLink::LinkLost(const boost::system::error_code& ec) {
+  if (state_ != State::kConnected) return;
+  log_.Write("WinsockCluster_Close", ec.message());
+  CloseSocket();
+  events_.OnLinkDown();
+  ScheduleRetry();
+}
+
+void FrontendLink::ScheduleRetry() {
+  if (state_ == State::kStopped) return;
+  retry_timer_.expires_after(options_.retry_interval);
+  std::weak_ptr<int> alive = alive_;
+  retry_timer_.async_wait([this, alive](const boost::system::error_code& ec) {
+    if (ec || alive.expired()) return;
+    if (state_ == State::kIdle) StartConnect();
+  });
+}
+
+void FrontendLink::StartRead(int buffer) {
+  std::vector<char>& buf = read_buffers_[buffer];
+  std::weak_ptr<int> alive = alive_;
+  socket_.async_read_some(asio::buffer(buf), [this, alive, buffer, gen = generation_](
+                                                 const boost::system::error_code& ec, size_t n) {
+    if (alive.expired() || gen != generation_) return;
+    if (ec) {
+      LinkLost(ec);
+      return;
+    }
+    const std::string_view bytes(read_buffers_[buffer].data(), n);
+    if (arrival_.busy()) {
+      // Re-entrant: the bytes are copied to the pending buffer at once, so this buffer
+      // is free again.
+      StartRead(buffer);
+      arrival_.Arrive(bytes);
+      return;
+    }
+    StartRead(1 - buffer);
+    arrival_.Arrive(bytes);
+  });
+}
+
+// ---------------------------------------------------------------------------------------
+// Output
+
+bool FrontendLink::CanQueue(size_t bytes) {
+  if (state_ != State::kConnected) return false;
+  if (out_.size() + bytes > options_.max_output_bytes) {
+    bytes_dropped_ += bytes;
+    if (!overflow_reported_) {
+      overflow_reported_ = true;
+      log_.Write("SendToWinsock", "output to the front-end over its bound, dropping messages");
+    }
+    return false;
+  }
+  return true;
+}
+
+void FrontendLink::Queued() {
+  if (flush_posted_ || write_in_flight_) return;
+  flush_posted_ = true;
+  std::weak_ptr<int> alive = alive_;
+  asio::post(io_, [this, alive] {
+    if (alive.expired()) return;
+    flush_posted_ = false;
+    Flush();
+  });
+}
+
+void FrontendLink::Flush() {
+  if (write_in_flight_ || out_.empty() || state_ != State::kConnected) return;
+  std::swap(out_, writing_);
+  out_.clear();
+  write_in_flight_ = true;
+  std::weak_ptr<int> alive = alive_;
+  asio::async_write(
+      socket_, asio::buffer(writing_),
+      [this, alive, gen = generation_](const boost::system::error_code& ec, size_t n) {
+        if (alive.expired()) return;
+        write_in_flight_ = false;
+        writing_.clear();
+        if (gen != generation_) {
+          // The write belonged to a closed connection; a new one may have
+          // queued its greeting meanwhile.
+          Flush();
+          return;
+        }
+        if (ec) {
+          LinkLost(ec);
+          return;
+        }
+        bytes_out_ += n;
+        Flush();
+      });
+}
+
+void FrontendLink::SendRaw(std::string_view text) {
+  if (text.empty() || !CanQueue(text.size())) return;
+  out_.append(text);
+  Queued();
+}
+
+void FrontendLink::SendToWinsockQuiet(std::string_view message) {
+  if (!CanQueue(message.size() + 1)) return;
+  out_.append(message);
+  out_.push_back(kMessageEnd);
+  Queued();
+}
+
+void FrontendLink::SendToWinsockEcho(std::string_view message) {
+  if (!connected()) return;
+  SendToWinsockQuiet(message);
+  std::string line = "Connected ";
+  line += message;
+  monitor_.Console(line);
+}
+
+void FrontendLink::QueueStreamText(int stream, std::string_view text) {
+  if (text.empty() || stream <= 0 || !table_.InRange(stream)) return;
+  if (!CanQueue(text.size() + 32)) return;
+  // "0" ETX stream ETX text ETX tag EOT
+  out_.push_back('0');
+  out_.push_back(kElement);
+  AppendInt(out_, stream);
+  out_.push_back(kElement);
+  out_.append(text);
+  out_.push_back(kElement);
+  AppendInt(out_, table_.at(stream).tag);
+  out_.push_back(kMessageEnd);
+  Queued();
+  monitor_.Write(MonitorChannel::kRaw, text, {}, stream);
+}
+
+void FrontendLink::SendToStream(std::string_view text) { QueueStreamText(table_.current(), text); }
+
+void FrontendLink::SendToStreamNo(int stream, std::string_view text) {
+  QueueStreamText(stream, text);
+}
+
+void FrontendLink::CloseStream(int stream) {
+  if (!table_.InRange(stream) || !CanQueue(32)) return;
+  out_.push_back('1');
+  out_.push_back(kElement);
+  AppendInt(out_, stream);
+  out_.push_back(kElement);
+  out_.append("Disconnect");
+  out_.push_back(kElement);
+  AppendInt(out_, table_.at(stream).tag);
+  out_.push_back(kMessageEnd);
+  Queued();
+}
+
+void FrontendLink::OpenOutgoing(std::string_view host, int port, std::string_view label) {
+  if (!CanQueue(host.size() + label.size() + 16)) return;
+  out_.push_back('2');
+  out_.push_back(kElement);
+  out_.append(host);
+  out_.push_back(kElement);
+  AppendInt(out_, port);
+  out_.push_back(kElement);
+  out_.append(label);
+  out_.push_back(kMessageEnd);
+  Queued();
+}
+
+void FrontendLink::SetStreamIdentity(int stream, std::string_view call, int state) {
+  if (!table_.InRange(stream) || !CanQueue(call.size() + 48)) return;
+  out_.push_back('3');
+  out_.push_back(kElement);
+  AppendInt(out_, stream);
+  out_.push_back(kElement);
+  out_.append(call);
+  out_.push_back(kElement);
+  AppendInt(out_, state);
+  out_.push_back(kElement);
+  AppendInt(out_, table_.at(stream).tag);
+  out_.push_back(kMessageEnd);
+  Queued();
+}
+
+}  // namespace qx

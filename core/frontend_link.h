@@ -1,0 +1,256 @@
+// The node's end of the link to the front-end (qxfront).  The front-end owns every user,
+// node and feed connection and relays each as a numbered stream; this class owns the one
+// local TCP connection to it, turns the bytes into records (LinkArrival), acts on each record
+// code, keeps the StreamTable up to date, and frames what the node sends back.
+//
+// Everything runs on the caller's io_context, on one thread.  The upper layers (log-in,
+// command interpreter, node protocol) hear about streams through LinkEvents; the link never
+// calls them for anything but the stream named in the record, and it sets the current stream
+// before each per-stream call.
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/error_log.h"
+#include "core/link_arrival.h"
+#include "core/monitor.h"
+#include "core/stream_table.h"
+#include "core/time_text.h"
+
+namespace qx {
+
+// What the link tells the layers above it.  Every method has an empty default, so a layer
+// overrides only what it needs.  Stream numbers are always in 1..HighSocket when called.
+class LinkEvents {
+ public:
+  virtual ~LinkEvents() = default;
+
+  // The link to the front-end is up ("QX Cluster" has been queued) or has gone away.  The
+  // stream table is kept when the link goes down: the front-end keeps the connections.
+  virtual void OnLinkUp() {}
+  virtual void OnLinkDown() {}
+
+  // A new connection on stream: the entry is fresh, in the log-in state, with its tag, peer,
+  // port index and (for outgoing connections) label.  The log-in layer sends the banner.
+  virtual void OnConnectRequest(int stream) {}
+  // One line (without its line end) received on stream; routed by the stream's state.
+  virtual void OnStreamLine(int stream, std::string_view line) {}
+  // The stream closed.  Called while the entry still holds the stream's call and state, so
+  // a logged-in user can be announced as gone; the entry is freed afterwards.
+  virtual void OnStreamClosed(int stream, int previous_state) {}
+  // The front-end timed the stream out (state 9, call "T/O").
+  virtual void OnStreamTimedOut(int stream) {}
+  // The front-end reported its open streams ("AA01"): the user lists are to be rebuilt.
+  virtual void OnStreamListReported(int count) {}
+  // A stream that was open before this node (re)started was rebuilt from the front-end's
+  // report: nodes get their introduction again, users their record.
+  virtual void OnStreamRecovered(int stream) {}
+  // The last reported stream has been recovered.
+  virtual void OnRecoveryComplete() {}
+  // Every record that contains "AA03" is handed whole to the node log-in handshake, after
+  // the record's own handling.  stream is the current stream at that moment.
+  virtual void OnHandshakeRecord(int stream, std::string_view record) {}
+  // An outgoing connection asked for with OpenOutgoing could not be opened.
+  virtual void OnOutgoingFailed(std::string_view label, std::string_view reason) {}
+};
+
+struct FrontendLinkOptions {
+  std::string host = "127.0.0.1";  // "Winsock IP"
+  std::string port = "7399";       // "Winsock Port"
+  // After a failed connect or a lost link the link tries again by itself this often.
+  std::chrono::milliseconds retry_interval{5000};
+  std::chrono::milliseconds connect_timeout{5000};
+  // The front-end's announcement is answered after this pause.
+  std::chrono::milliseconds qrv_reply_delay{250};
+  // Run the busy watchdog from the link's own once-a-second timer.  Off when the owner's
+  // main timer calls Tick().
+  bool own_watchdog_timer = true;
+  // Log the watchdog's counts below the reset (debug mode).
+  bool debug = false;
+  // Output waiting for the socket beyond this is dropped (the front-end stopped reading).
+  size_t max_output_bytes = 64u << 20;
+  size_t read_size = 64u << 10;
+  size_t pending_capacity = LinkArrival::kDefaultPendingCapacity;
+};
+
+// The text-node form of a spot line ("DX de W1AW:     14025.0  ...") brought to the form
+// the node parses: the first "0  " becomes two blanks; every ":   ", ":  " and ": " becomes
+// ":"; the first "   " becomes two blanks.  Pure; out is overwritten.
+void NormaliseTextNodeLine(std::string_view line, std::string& out);
+
+class FrontendLink : private LinkArrival::Sink {
+ public:
+  // The largest stream number a record may name; anything above is a bad record.
+  static constexpr int kMaxStreamNumber = 65535;
+
+  FrontendLink(boost::asio::io_context& io, StreamTable& table, ErrorLog& log, Monitor& monitor,
+               const Clock& clock, LinkEvents& events, FrontendLinkOptions options = {});
+  ~FrontendLink() override;
+  FrontendLink(const FrontendLink&) = delete;
+  FrontendLink& operator=(const FrontendLink&) = delete;
+
+  // Called when the first connect of an outage fails, so that the owner can start the
+  // front-end program.  Called again only after the link was up in between.
+  void set_on_unreachable(std::function<void()> handler) { on_unreachable_ = std::move(handler); }
+  void set_debug(bool debug) { options_.debug = debug; }
+
+  // Opens the link (start-up) and keeps it open from then on.
+  void Start();
+  // The sysop's "Connect Winsock": connect now unless connected or connecting.
+  void Connect();
+  // Closes the link and opens it again at once.
+  void Restart();
+  // Closes the link for good (shut-down); nothing is retried.
+  void Stop();
+  bool connected() const { return state_ == State::kConnected; }
+
+  // The data-arrival entry: the socket reader calls it with every read.  Public so that
+  // tests and benchmarks can drive the record handling without a socket.
+  void Arrive(std::string_view bytes) { arrival_.Arrive(bytes); }
+  // The busy watchdog, once a second (by the link's own timer unless turned off).
+  void Tick();
+
+  // Text for the current stream; it carries its own CR LF line ends.  Nothing is sent for
+  // empty text, for stream 0, or while the link is down.
+  void SendToStream(std::string_view text);
+  void SendToStreamNo(int stream, std::string_view text);
+  // A link-control message: text and Chr 4; the echo variant also shows it on the console.
+  void SendToWinsockQuiet(std::string_view message);
+  void SendToWinsockEcho(std::string_view message);
+  // Text written to the link exactly as it stands ("QX Cluster", "rxAA18", "8270").
+  void SendRaw(std::string_view text);
+  // Asks the front-end to close the stream once its queued output has been written.
+  void CloseStream(int stream);
+  // Asks the front-end to open an outgoing connection; it answers with "AA03" (kind
+  // "out:<label>") or "AA19".
+  void OpenOutgoing(std::string_view host, int port, std::string_view label);
+  // Tells the front-end the stream's call and state, which it reports back after a restart.
+  void SetStreamIdentity(int stream, std::string_view call, int state);
+
+  // What the front-end said about itself ("QRV").
+  const std::string& frontend_station() const { return frontend_station_; }
+  const std::string& frontend_version() const { return frontend_version_; }
+  // The front-end's count of streams ("AA01", "AA02").
+  int reported_streams() const { return reported_streams_; }
+  bool recovering() const { return !recovery_expected_.empty(); }
+
+  // Statistics.
+  size_t peak_pending() const { return arrival_.peak_pending(); }
+  uint64_t records_in() const { return arrival_.records_in(); }
+  uint64_t bytes_in() const { return arrival_.bytes_in(); }
+  uint64_t bytes_out() const { return bytes_out_; }
+  uint64_t bytes_dropped() const { return bytes_dropped_; }
+  // Bytes queued for the socket and not yet written.
+  size_t queue_depth() const { return out_.size() + writing_.size(); }
+  uint64_t keepalives() const { return keepalives_; }
+
+ private:
+  enum class State { kIdle, kConnecting, kConnected, kStopped };
+
+  // LinkArrival::Sink
+  void OnRecord(std::string_view record) override;
+  void OnRecordError(std::string_view record, std::string_view what) override;
+
+  // Record handlers, one per code.
+  void HandleData(std::string_view record);            // AA00
+  void HandleCall(std::string_view record);            // AA16
+  void HandleClosed(std::string_view record);          // AA17
+  void HandleStreamList(std::string_view record);      // AA01
+  void HandleAttribute(std::string_view record);       // AA04
+  void HandleCount(std::string_view record);           // AA02
+  void HandleReport(std::string_view record);          // AA06
+  void HandleRecovery(std::string_view record);        // AA38
+  void HandleKeepAlive();                              // AA18
+  void HandleTimedOut(std::string_view record);        // AA05
+  void HandleAnnouncement(std::string_view record);    // QRV
+  void HandleStreamEvent(std::string_view record);     // AA03
+  void HandleOutgoingFailed(std::string_view record);  // AA19
+
+  // The stream number in field, or 0 (logged) when it is not one.  A number above
+  // HighSocket grows the table.
+  int StreamField(std::string_view field, std::string_view code);
+  void GrowTo(int stream);
+  // Cuts stream data into lines and hands them on; an unfinished line waits in the entry.
+  void DeliverText(int stream, std::string_view data);
+  void DeliverLine(int stream, std::string_view line);
+  void ShowConnection(int stream, std::string_view caption, std::string_view colour = {});
+  void StreamRecovered(int stream);
+
+  // Connection.
+  void StartConnect();
+  void OnConnected();
+  void OnConnectFailed(const boost::system::error_code& ec);
+  void LinkLost(const boost::system::error_code& ec);
+  void CloseSocket();
+  void ScheduleRetry();
+  void StartRead(int buffer);
+  void StartWatchdog();
+
+  // Output.
+  bool CanQueue(size_t bytes);
+  void Queued();
+  void Flush();
+  void QueueStreamText(int stream, std::string_view text);
+
+  boost::asio::io_context& io_;
+  StreamTable& table_;
+  ErrorLog& log_;
+  Monitor& monitor_;
+  const Clock& clock_;
+  LinkEvents& events_;
+  FrontendLinkOptions options_;
+  std::function<void()> on_unreachable_;
+
+  LinkArrival arrival_;
+  boost::asio::ip::tcp::resolver resolver_;
+  boost::asio::ip::tcp::socket socket_;
+  boost::asio::steady_timer retry_timer_;
+  boost::asio::steady_timer connect_timer_;
+  boost::asio::steady_timer qrv_timer_;
+  boost::asio::steady_timer watchdog_timer_;
+  State state_ = State::kIdle;
+  uint64_t generation_ = 0;  // one per connection attempt; stale completions are ignored
+  bool outage_reported_ = false;
+  bool restart_posted_ = false;
+  // Handlers hold a weak reference, so none touches the link after it is gone.
+  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+
+  // Two read buffers: the next read goes to the one not being handled, so a handler that
+  // runs the event loop never has its record views overwritten.
+  std::vector<char> read_buffers_[2];
+
+  // Output: messages are appended to out_ and written with one write per loop turn;
+  // writing_ is the buffer of the write in flight.
+  std::string out_;
+  std::string writing_;
+  bool write_in_flight_ = false;
+  bool flush_posted_ = false;
+  bool overflow_reported_ = false;
+  uint64_t bytes_out_ = 0;
+  uint64_t bytes_dropped_ = 0;
+
+  // Per-record scratch, reused.
+  std::vector<std::string_view> fields_;
+  std::string line_scratch_;
+  int dispatch_depth_ = 0;
+  // Per stream: the last data ended in a lone CR, so a leading LF of the next data is the
+  // rest of that line end, not an empty line.
+  std::vector<uint8_t> ended_in_cr_;
+
+  std::string frontend_station_;
+  std::string frontend_version_;
+  int reported_streams_ = 0;
+  std::vector<int> recovery_expected_;  // streams of "AA01" whose "AA38" is still due
+  uint64_t keepalives_ = 0;
+};
+
+}  // namespace qx

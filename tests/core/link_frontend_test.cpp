@@ -1,0 +1,638 @@
+#include <gtest/gtest.h>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/write.hpp>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "core/error_log.h"
+#include "core/frontend_link.h"
+#include "core/monitor.h"
+#include "core/stream_table.h"
+#include "tests/testlib/test_util.h"
+
+namespace qx {
+namespace {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using namespace std::chrono_literals;
+
+// What the layers above the link would see.
+class RecordingEvents : public LinkEvents {
+ public:
+  explicit RecordingEvents(StreamTable& table) : table_(table) {}
+
+  void OnLinkUp() override { ++link_up; }
+  void OnLinkDown() override { ++link_down; }
+  void OnConnectRequest(int stream) override {
+    connects.push_back(stream);
+    current_at_call.push_back(table_.current());
+    if (on_connect) on_connect(stream);
+  }
+  void OnStreamLine(int stream, std::string_view line) override {
+    lines.push_back(std::to_string(stream) + ":" + std::string(line));
+    current_at_call.push_back(table_.current());
+    if (on_line) on_line(stream, line);
+  }
+  void OnStreamClosed(int stream, int previous_state) override {
+    closed.push_back(std::to_string(stream) + "/" + std::to_string(previous_state) + "/" +
+                     table_.at(stream).call);
+  }
+  void OnStreamTimedOut(int stream) override { timed_out.push_back(stream); }
+  void OnStreamListReported(int count) override { list_counts.push_back(count); }
+  void OnStreamRecovered(int stream) override {
+    recovered.push_back(stream);
+    current_at_call.push_back(table_.current());
+  }
+  void OnRecoveryComplete() override { ++recovery_complete; }
+  void OnHandshakeRecord(int stream, std::string_view record) override {
+    handshake.push_back(std::to_string(stream) + ":" + std::string(record));
+  }
+  void OnOutgoingFailed(std::string_view label, std::string_view reason) override {
+    outgoing_failed.push_back(std::string(label) + "/" + std::string(reason));
+  }
+
+  int link_up = 0;
+  int link_down = 0;
+  int recovery_complete = 0;
+  std::vector<int> connects, timed_out, list_counts, recovered, current_at_call;
+  std::vector<std::string> lines, closed, handshake, outgoing_failed;
+  std::function<void(int)> on_connect;
+  std::function<void(int, std::string_view)> on_line;
+
+ private:
+  StreamTable& table_;
+};
+
+struct SeenLine {
+  MonitorChannel channel;
+  int stream;
+  std::string colour;
+  std::string text;
+};
+
+// A node's link with everything around it; the link is not started unless a test does.
+class LinkFixture : public ::testing::Test {
+ protected:
+  LinkFixture() : log_(dir_.path(), clock_), events_(table_) {
+    monitor_.Subscribe([this](const MonitorLine& l) {
+      seen_.push_back({l.channel, l.stream, std::string(l.colour), std::string(l.text)});
+    });
+  }
+
+  void MakeLink(FrontendLinkOptions options = {}) {
+    options.own_watchdog_timer = false;
+    link_ = std::make_unique<FrontendLink>(io_, table_, log_, monitor_, clock_, events_, options);
+  }
+
+  std::string ErrorLogText() {
+    const auto file = log_.TodayFile();
+    return std::filesystem::exists(file) ? testing::ReadFile(file) : std::string();
+  }
+  std::vector<std::string> Console() {
+    std::vector<std::string> out;
+    for (const auto& l : seen_) {
+      if (l.channel == MonitorChannel::kConsole) out.push_back(l.text);
+    }
+    return out;
+  }
+  const SeenLine* LastConnection(int stream) {
+    for (auto it = seen_.rbegin(); it != seen_.rend(); ++it) {
+      if (it->channel == MonitorChannel::kConnections && it->stream == stream) return &*it;
+    }
+    return nullptr;
+  }
+
+  template <typename Pred>
+  bool RunUntil(Pred pred, std::chrono::milliseconds limit = 5s) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!pred()) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      io_.run_for(5ms);
+    }
+    return true;
+  }
+  void RunFor(std::chrono::milliseconds d) { io_.run_for(d); }
+
+  testing::TempDir dir_;
+  SystemClock clock_;
+  ErrorLog log_;
+  Monitor monitor_;
+  StreamTable table_;
+  RecordingEvents events_;
+  asio::io_context io_;
+  asio::executor_work_guard<asio::io_context::executor_type> work_ = asio::make_work_guard(io_);
+  std::vector<SeenLine> seen_;
+  std::unique_ptr<FrontendLink> link_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Record handling, driven through the arrival entry.
+
+using LinkRecordsTest = LinkFixture;
+
+TEST_F(LinkRecordsTest, ConnectRequestOpensAFreshEntryInTheLoginState) {
+  MakeLink();
+  table_.EnsureCapacity(2);
+  table_.at(2).call = "OLD1";
+  table_.at(2).line_carry = "stale";
+  link_->Arrive("AA03^Connect Request^2^192.0.2.7:40001^17^in^3\x03");
+
+  ASSERT_EQ(events_.connects, std::vector<int>{2});
+  EXPECT_EQ(events_.current_at_call, std::vector<int>{2});
+  const StreamEntry& e = table_.at(2);
+  EXPECT_EQ(e.state, kStateLoggingIn);
+  EXPECT_EQ(e.call, "");
+  EXPECT_EQ(e.line_carry, "");
+  EXPECT_EQ(e.tag, 17);
+  EXPECT_EQ(e.peer_address, "192.0.2.7:40001");
+  EXPECT_EQ(e.port_index, 3);
+  EXPECT_EQ(e.connection_label, "");
+  EXPECT_EQ(Console().back(), "2 ->192.0.2.7:40001");
+  ASSERT_NE(LastConnection(2), nullptr);
+  EXPECT_EQ(LastConnection(2)->text, "    *    ");
+  // Every record that holds "AA03" also goes whole to the node handshake.
+  EXPECT_EQ(events_.handshake,
+            std::vector<std::string>{"2:AA03^Connect Request^2^192.0.2.7:40001^17^in^3"});
+
+  // An outgoing connection keeps its label; a number above the table grows it.
+  link_->Arrive("AA03^Connect Request^40^198.51.100.1:7300^18^out:GB7XX^9\x03");
+  EXPECT_EQ(table_.high_socket(), 40);
+  EXPECT_EQ(table_.at(40).connection_label, "GB7XX");
+  EXPECT_EQ(table_.at(40).port_index, 9);
+  EXPECT_EQ(table_.at(2).tag, 17);  // growing keeps what the table held
+}
+
+TEST_F(LinkRecordsTest, StreamDataIsCutIntoLinesWithCaretsIntact) {
+  MakeLink();
+  link_->Arrive("AA03^Connect Request^3^192.0.2.1:1^5^in^0\x03");
+  link_->Arrive("AA00^3^sh/dx 5\r\nDX 14025 DL1ABC a^b^c\r\n\x03");
+  // Lone CR and lone LF end lines as well; an empty line (Enter alone) is a line too.
+  link_->Arrive("AA00^3^one\rtwo\nthree\r\n\r\n\x03");
+  EXPECT_EQ(events_.lines, (std::vector<std::string>{"3:sh/dx 5", "3:DX 14025 DL1ABC a^b^c",
+                                                     "3:one", "3:two", "3:three", "3:"}));
+  for (int s : events_.current_at_call) EXPECT_EQ(s, 3);
+}
+
+TEST_F(LinkRecordsTest, ALineCutAcrossRecordsIsHandedOnOnceComplete) {
+  MakeLink();
+  link_->Arrive("AA03^Connect Request^3^192.0.2.1:1^5^in^0\x03");
+  link_->Arrive("AA00^3^PC61^14025.0^DL1\x03");
+  EXPECT_TRUE(events_.lines.empty());
+  // A CR at the end of one record and the LF at the start of the next are one line end.
+  link_->Arrive(
+      "AA00^3^ABC^~\r\x03"
+      "AA00^3^\nnext\r\n\x03");
+  EXPECT_EQ(events_.lines, (std::vector<std::string>{"3:PC61^14025.0^DL1ABC^~", "3:next"}));
+  // A stream that closes loses its unfinished line.
+  link_->Arrive(
+      "AA00^3^half\x03"
+      "AA17^5^3^closed\x03");
+  link_->Arrive(
+      "AA03^Connect Request^3^192.0.2.1:1^6^in^0\x03"
+      "AA00^3^new\r\n\x03");
+  EXPECT_EQ(events_.lines.back(), "3:new");
+}
+
+TEST_F(LinkRecordsTest, TextNodeSpotLinesAreNormalisedOnNodeStreamsOnly) {
+  std::string out;
+  NormaliseTextNodeLine("DX de W3LPL:     14025.0  DL1ABC   599 tnx0  x   y   z", out);
+  EXPECT_EQ(out, "DX de W3LPL:14025.  DL1ABC  599 tnx0  x   y   z");
+  NormaliseTextNodeLine("a:  b: c:   d", out);
+  EXPECT_EQ(out, "a:b:c:d");
+
+  MakeLink();
+  link_->Arrive("AA03^Connect Request^4^192.0.2.1:1^5^in^0\x03");
+  link_->Arrive("AA03^Connect Request^5^192.0.2.1:2^6^in^0\x03");
+  table_.at(4).state = kStateFeedRbn;
+  table_.at(5).state = kStateUser;
+  link_->Arrive("AA00^4^DX de K1ABC-#:  7005.0  W1AW  cq\r\n\x03");
+  link_->Arrive("AA00^5^DX de K1ABC-#:  7005.0  W1AW  cq\r\n\x03");
+  EXPECT_EQ(events_.lines, (std::vector<std::string>{"4:DX de K1ABC-#:7005.  W1AW  cq",
+                                                     "5:DX de K1ABC-#:  7005.0  W1AW  cq"}));
+}
+
+TEST_F(LinkRecordsTest, CallTimeOutAttributeAndCountRecords) {
+  MakeLink();
+  link_->Arrive("AA03^Connect Request^6^192.0.2.1:1^5^in^0\x03");
+  link_->Arrive("AA16^G4ABC^6^1\x03");
+  EXPECT_EQ(table_.at(6).call, "G4ABC");
+  EXPECT_EQ(LastConnection(6)->text, "G4ABC");
+  link_->Arrive(
+      "AA16^G4XYZ^6\x03"
+      "AA16^G4XYZ^6^1^2\x03");  // wrong field counts
+  EXPECT_EQ(table_.at(6).call, "G4ABC");
+
+  link_->Arrive("AA04^6^telnet^raw\x03");
+  EXPECT_EQ(table_.at(6).attribute, "telnet^raw");
+
+  link_->Arrive("AA02^12^9\x03");
+  EXPECT_EQ(link_->reported_streams(), 12);
+  EXPECT_EQ(table_.high_socket(), 9);
+  link_->Arrive(
+      "AA02^0^9\x03"
+      "AA02^30^9^x\x03");  // zero keeps the count; 4 fields ignored
+  EXPECT_EQ(link_->reported_streams(), 12);
+
+  link_->Arrive("AA05^6^idle\x03");
+  EXPECT_EQ(table_.at(6).call, "T/O");
+  EXPECT_EQ(table_.at(6).state, kStateTimedOut);
+  EXPECT_EQ(table_.current(), 6);
+  EXPECT_EQ(LastConnection(6)->text, "no call");
+  EXPECT_EQ(events_.timed_out, std::vector<int>{6});
+
+  link_->Arrive("AA06^W1AW on port 7300^11^a^b^c^d\x03");
+  EXPECT_EQ(table_.high_socket(), 11);
+  EXPECT_EQ(table_.current(), 11);
+  EXPECT_EQ(Console().back(), "  11             -> W1AW on port 7300");
+
+  link_->Arrive("AA19^GB7XX^connection refused\x03");
+  EXPECT_EQ(events_.outgoing_failed, std::vector<std::string>{"GB7XX/connection refused"});
+}
+
+TEST_F(LinkRecordsTest, ClosingALoggedInUserIsAnnouncedBeforeTheEntryIsFreed) {
+  MakeLink();
+  link_->Arrive("AA03^Connect Request^2^192.0.2.1:1^5^in^0\x03");
+  table_.at(2).call = "DL1ABC";
+  table_.at(2).state = 2;
+  link_->Arrive("AA17^5^2^peer closed\x03");
+  EXPECT_EQ(events_.closed, std::vector<std::string>{"2/2/DL1ABC"});
+  EXPECT_EQ(table_.at(2).state, kStateFree);
+  EXPECT_EQ(table_.at(2).call, "");
+  EXPECT_EQ(table_.current(), 2);
+  EXPECT_EQ(LastConnection(2)->text, "");
+}
+
+TEST_F(LinkRecordsTest, CloseOfAStreamOutsideTheTableRestartsTheLink) {
+  MakeLink();
+  table_.EnsureCapacity(4);
+  link_->Arrive("AA17^5^9^gone\x03");
+  const std::string log = ErrorLogText();
+  EXPECT_NE(log.find("DataArrival AA17 Error, Where = 21 \r\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("DataArrival Error - Restarting WinsockCluster AA17^5^9^gone Where = 21 "
+                     "tempdata2(2) = 9 HighSocket = 4\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_TRUE(events_.closed.empty());
+  EXPECT_EQ(table_.high_socket(), 4);  // an unknown stream does not grow the table
+}
+
+TEST_F(LinkRecordsTest, BadStreamNumbersAreLoggedAndDropped) {
+  MakeLink();
+  link_->Arrive(
+      "AA00^0^hello\r\n\x03"
+      "AA00^x1^hello\r\n\x03"
+      "AA00^999999^a\r\n\x03"
+      "AA16^K1^-3^1\x03"
+      "AA00\x03"
+      "AA00^\x03"
+      "ZZ99^what\x03");
+  EXPECT_TRUE(events_.lines.empty());
+  EXPECT_EQ(table_.high_socket(), 0);
+  const std::string log = ErrorLogText();
+  EXPECT_NE(log.find("WinsockCluster_DataArrival Templong = 0 unknown error"), std::string::npos);
+  EXPECT_NE(log.find("DataArrival  where = AA00 bad stream number \"x1\""), std::string::npos);
+  EXPECT_NE(log.find("bad stream number \"999999\""), std::string::npos);
+  EXPECT_NE(log.find("bad stream number \"-3\""), std::string::npos);
+}
+
+TEST_F(LinkRecordsTest, AHandlerErrorIsLoggedAndTheNextRecordStillHandled) {
+  MakeLink();
+  link_->Arrive("AA03^Connect Request^1^192.0.2.1:1^5^in^0\x03");
+  events_.on_line = [](int, std::string_view line) {
+    if (line == "boom") throw std::runtime_error("handler failed");
+  };
+  link_->Arrive(
+      "AA00^1^boom\r\n\x03"
+      "AA00^1^fine\r\n\x03");
+  EXPECT_EQ(events_.lines.back(), "1:fine");
+  EXPECT_NE(ErrorLogText().find("DataArrival handler failed where = AA00"), std::string::npos);
+}
+
+TEST_F(LinkRecordsTest, RecoveryRebuildsEveryReportedStream) {
+  MakeLink();
+  link_->Arrive("AA01^3^2,5,7\x03");
+  EXPECT_EQ(events_.list_counts, std::vector<int>{3});
+  EXPECT_EQ(table_.high_socket(), 7);
+  EXPECT_TRUE(link_->recovering());
+  EXPECT_EQ(Console().front(), "AA01^3^2,5,7");
+
+  link_->Arrive("AA38^21^2^192.0.2.9:5000^0^DL1ABC^1^in\x03");
+  link_->Arrive("AA38^22^5^198.51.100.4:7300^9^GB7XX^21^out:GB7XX\x03");
+  EXPECT_EQ(events_.recovery_complete, 0);
+  // A reported stream that closes before its report counts as done.
+  link_->Arrive("AA17^23^7^peer closed\x03");
+  EXPECT_EQ(events_.recovery_complete, 1);
+  EXPECT_FALSE(link_->recovering());
+  EXPECT_EQ(events_.recovered, (std::vector<int>{2, 5}));
+  EXPECT_EQ(events_.current_at_call, (std::vector<int>{2, 5}));
+
+  const StreamEntry& user = table_.at(2);
+  EXPECT_EQ(user.tag, 21);
+  EXPECT_EQ(user.call, "DL1ABC");
+  EXPECT_EQ(user.state, 1);
+  EXPECT_EQ(user.peer_address, "192.0.2.9:5000");
+  EXPECT_EQ(user.login_stage, LoginStage::kLoggedIn);
+  EXPECT_EQ(LastConnection(2)->colour, "white");
+  const StreamEntry& node = table_.at(5);
+  EXPECT_EQ(node.state, kStateNodePc9x);
+  EXPECT_EQ(node.connection_label, "GB7XX");
+  EXPECT_EQ(node.port_index, 9);
+  EXPECT_EQ(LastConnection(5)->colour, "orange");
+
+  const std::string log = ErrorLogText();
+  const size_t loading = log.find("DataArrival Loading Winsock Streams \r\n");
+  const size_t dimensioned = log.find("DataArrival Finished Dimensioning 0 secs\r\n");
+  const size_t loaded = log.find("DataArrival Finished Loading Streams 0 secs\r\n");
+  const size_t complete = log.find("Recovery complete");
+  ASSERT_NE(loading, std::string::npos) << log;
+  ASSERT_NE(dimensioned, std::string::npos) << log;
+  ASSERT_NE(loaded, std::string::npos) << log;
+  ASSERT_NE(complete, std::string::npos) << log;
+  EXPECT_LT(loading, dimensioned);
+  EXPECT_LT(dimensioned, loaded);
+  EXPECT_LT(loaded, complete);
+
+  // A front-end with no open streams: recovery is complete at once.
+  link_->Arrive("AA01^0^\x03");
+  EXPECT_EQ(events_.recovery_complete, 2);
+}
+
+TEST_F(LinkRecordsTest, WatchdogLogsTheStuckArrivalAndReleasesTheLink) {
+  MakeLink();
+  link_->Arrive("AA03^Connect Request^1^192.0.2.1:1^5^in^0\x03");
+  events_.on_line = [&](int, std::string_view line) {
+    if (line != "stuck") return;
+    link_->set_debug(true);
+    link_->Tick();
+    link_->set_debug(false);
+    link_->Tick();  // below five seconds without debug: nothing logged
+    for (int i = 0; i < 3; ++i) link_->Tick();
+  };
+  link_->Arrive("AA00^1^stuck\r\n\x03");
+  const std::string log = ErrorLogText();
+  EXPECT_NE(log.find("WinsockClusterBusy for 1 secs \r\n"), std::string::npos) << log;
+  EXPECT_EQ(log.find("WinsockClusterBusy for 2 secs "), std::string::npos) << log;
+  EXPECT_NE(log.find("WinsockClusterBusy for 5 secs \r\n"), std::string::npos) << log;
+}
+
+TEST_F(LinkRecordsTest, NothingIsSentWhileTheLinkIsDown) {
+  MakeLink();
+  link_->Arrive(
+      "AA03^Connect Request^1^192.0.2.1:1^5^in^0\x03"
+      "AA18\x03");
+  table_.set_current(1);
+  link_->SendToStream("hello\r\n");
+  link_->SendToWinsockQuiet("x");
+  link_->CloseStream(1);
+  EXPECT_EQ(link_->queue_depth(), 0u);
+  EXPECT_EQ(link_->keepalives(), 1u);
+}
+
+// ---------------------------------------------------------------------------------------
+// With a real socket: a stand-in for the front-end on loopback.
+
+class FakeFrontend {
+ public:
+  explicit FakeFrontend(asio::io_context& io, int port = 0)
+      : acceptor_(io, tcp::endpoint(asio::ip::make_address("127.0.0.1"),
+                                    static_cast<unsigned short>(port))) {
+    Accept();
+  }
+  int port() const { return acceptor_.local_endpoint().port(); }
+  int accepted() const { return accepted_; }
+  bool open() const { return socket_ && socket_->is_open() && !peer_closed_; }
+  bool peer_closed() const { return peer_closed_; }
+  std::string& received() { return received_; }
+
+  void Send(std::string bytes) {
+    auto data = std::make_shared<std::string>(std::move(bytes));
+    asio::async_write(*socket_, asio::buffer(*data), [data](auto, auto) {});
+  }
+  void Close() {
+    boost::system::error_code ignored;
+    socket_->close(ignored);
+  }
+  void StopListening() {
+    boost::system::error_code ignored;
+    acceptor_.close(ignored);
+  }
+
+ private:
+  void Accept() {
+    acceptor_.async_accept([this](const boost::system::error_code& ec, tcp::socket s) {
+      if (ec) return;
+      socket_ = std::make_shared<tcp::socket>(std::move(s));
+      peer_closed_ = false;
+      ++accepted_;
+      Read(socket_);
+      Accept();
+    });
+  }
+  void Read(std::shared_ptr<tcp::socket> s) {
+    s->async_read_some(asio::buffer(buf_),
+                       [this, s](const boost::system::error_code& ec, size_t n) {
+                         if (ec) {
+                           if (s == socket_) peer_closed_ = true;
+                           return;
+                         }
+                         received_.append(buf_, n);
+                         Read(s);
+                       });
+  }
+
+  tcp::acceptor acceptor_;
+  std::shared_ptr<tcp::socket> socket_;
+  char buf_[4096];
+  std::string received_;
+  int accepted_ = 0;
+  bool peer_closed_ = false;
+};
+
+class LinkSocketTest : public LinkFixture {
+ protected:
+  void StartAgainst(int port, std::chrono::milliseconds retry = 100ms) {
+    FrontendLinkOptions options;
+    options.port = std::to_string(port);
+    options.retry_interval = retry;
+    MakeLink(options);
+    link_->Start();
+  }
+  bool Received(FakeFrontend& fe, std::string_view text) {
+    return RunUntil([&] { return fe.received().find(text) != std::string::npos; });
+  }
+};
+
+TEST_F(LinkSocketTest, HandshakeGreetingKeepAliveAndStreamReport) {
+  FakeFrontend fe(io_);
+  StartAgainst(fe.port());
+  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  EXPECT_EQ(fe.received(), "QX Cluster");  // raw: no Chr 3, no Chr 4
+  ASSERT_TRUE(RunUntil([&] { return events_.link_up == 1; }));
+  EXPECT_EQ(Console().back(), "Winsock Connected");
+
+  fe.received().clear();
+  fe.Send("AA18\x03");
+  ASSERT_TRUE(Received(fe, "rxAA18"));
+  EXPECT_EQ(fe.received(), "rxAA18");
+
+  fe.received().clear();
+  const auto sent = std::chrono::steady_clock::now();
+  fe.Send("QRV GB7QX Front^1.2\x03");
+  ASSERT_TRUE(Received(fe, "8270"));
+  EXPECT_GE(std::chrono::steady_clock::now() - sent, 200ms);  // answered after a pause
+  EXPECT_EQ(fe.received(), "8270");
+  EXPECT_EQ(link_->frontend_station(), "GB7QX Front");
+  EXPECT_EQ(link_->frontend_version(), "1.2");
+
+  fe.Send("QRV GB7QX Front old\x03");
+  ASSERT_TRUE(Received(fe, "82708270"));
+  EXPECT_EQ(link_->frontend_version(), "2.xx");
+  EXPECT_EQ(link_->frontend_station(), "GB7QX Front old");
+}
+
+TEST_F(LinkSocketTest, ConnectRequestGetsTheBannerFramedForItsStream) {
+  FakeFrontend fe(io_);
+  StartAgainst(fe.port());
+  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  events_.on_connect = [&](int) {
+    // Sends in one handler are written together; empty text and stream 0 send nothing.
+    link_->SendToStream("");
+    link_->SendToStream("Running QX Cluster\r\nlogin: ");
+    link_->SendToStreamNo(0, "nobody");
+    const int saved = table_.current();
+    table_.set_current(0);
+    link_->SendToStream("nobody either");
+    table_.set_current(saved);
+    EXPECT_GT(link_->queue_depth(), 0u);
+  };
+  fe.received().clear();
+  // The record arrives cut in two reads.
+  fe.Send(
+      "AA03^Connect Request^5^192.0.2.7:40001^17^in^0\x03"
+      "AA00^5^DL1");
+  ASSERT_TRUE(RunUntil([&] { return events_.connects.size() == 1; }));
+  const std::string banner = std::string(
+      "0\x03"
+      "5\x03"
+      "Running QX Cluster\r\nlogin: \x03"
+      "17\x04");
+  ASSERT_TRUE(Received(fe, banner));
+  EXPECT_EQ(fe.received(), banner);
+
+  fe.Send("ABC\r\n\x03");
+  ASSERT_TRUE(RunUntil([&] { return !events_.lines.empty(); }));
+  EXPECT_EQ(events_.lines, std::vector<std::string>{"5:DL1ABC"});
+
+  fe.received().clear();
+  link_->SendToStreamNo(5, "bye\r\n");
+  link_->SetStreamIdentity(5, "DL1ABC", 1);
+  link_->CloseStream(5);
+  link_->OpenOutgoing("node.example.net", 7300, "GB7XX");
+  link_->SendToWinsockQuiet("ctl");
+  link_->SendToWinsockEcho("echoed");
+  const std::string expected = std::string(
+                                   "0\x03"
+                                   "5\x03"
+                                   "bye\r\n\x03"
+                                   "17\x04") +
+                               "3\x03"
+                               "5\x03"
+                               "DL1ABC\x03"
+                               "1\x03"
+                               "17\x04" +
+                               "1\x03"
+                               "5\x03"
+                               "Disconnect\x03"
+                               "17\x04" +
+                               "2\x03"
+                               "node.example.net\x03"
+                               "7300\x03"
+                               "GB7XX\x04" +
+                               "ctl\x04"
+                               "echoed\x04";
+  ASSERT_TRUE(Received(fe, "echoed\x04"));
+  EXPECT_EQ(fe.received(), expected);
+  EXPECT_EQ(Console().back(), "Connected echoed");
+  EXPECT_EQ(link_->queue_depth(), 0u);
+  EXPECT_GE(link_->bytes_out(), expected.size() + banner.size());
+}
+
+TEST_F(LinkSocketTest, UnreachableFrontEndIsReportedOncePerOutageAndRetried) {
+  const int port = testing::FreePort();
+  int unreachable = 0;
+  FrontendLinkOptions options;
+  options.port = std::to_string(port);
+  options.retry_interval = 50ms;
+  MakeLink(options);
+  link_->set_on_unreachable([&] { ++unreachable; });
+  link_->Start();
+  RunFor(400ms);  // several retries
+  EXPECT_EQ(unreachable, 1);
+  const std::vector<std::string> box = {
+      "    ***********************************************",
+      "    *   Close all other instances of cluster.exe  *",
+      "    *   Then press \"Connect Winsock\"              *",
+      "    *   ... if you still have a problem,          *",
+      "    *   make sure winsock.exe is running          *",
+      "    ***********************************************",
+  };
+  EXPECT_EQ(Console(), box);
+  EXPECT_FALSE(link_->connected());
+
+  // The front-end comes up (as the owner would start it): the link finds it by itself.
+  FakeFrontend fe(io_, port);
+  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  EXPECT_TRUE(link_->connected());
+
+  // It goes away: the table is kept, the link comes back when it is there again.
+  table_.EnsureCapacity(3);
+  table_.at(3).call = "KEEP";
+  fe.Close();
+  fe.StopListening();
+  ASSERT_TRUE(RunUntil([&] { return events_.link_down == 1; }));
+  EXPECT_EQ(table_.at(3).call, "KEEP");
+  RunFor(200ms);
+  EXPECT_EQ(unreachable, 2);  // a new outage
+  FakeFrontend again(io_, port);
+  ASSERT_TRUE(Received(again, "QX Cluster"));
+  ASSERT_TRUE(RunUntil([&] { return events_.link_up == 2; }));
+}
+
+TEST_F(LinkSocketTest, CloseOfAnUnknownStreamReconnectsTheLink) {
+  FakeFrontend fe(io_);
+  StartAgainst(fe.port());
+  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  fe.Send("AA17^1^42^gone\x03");
+  ASSERT_TRUE(RunUntil([&] { return fe.accepted() == 2; }));
+  ASSERT_TRUE(Received(fe, "QX ClusterQX Cluster"));
+  EXPECT_EQ(events_.link_down, 1);
+  ASSERT_TRUE(RunUntil([&] { return events_.link_up == 2; }));
+}
+
+TEST_F(LinkSocketTest, ConnectButtonConnectsAtOnce) {
+  const int port = testing::FreePort();
+  StartAgainst(port, /*retry=*/60s);
+  RunFor(100ms);
+  EXPECT_FALSE(link_->connected());
+  FakeFrontend fe(io_, port);
+  link_->Connect();
+  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  link_->Connect();  // connected already: nothing happens
+  RunFor(50ms);
+  EXPECT_EQ(fe.accepted(), 1);
+  link_->Stop();
+  ASSERT_TRUE(RunUntil([&] { return fe.peer_closed(); }));
+  EXPECT_FALSE(link_->connected());
+}
+
+}  // namespace
+}  // namespace qx
