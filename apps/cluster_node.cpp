@@ -71,8 +71,8 @@ bool ClusterNode::Start(std::string* error) {
   Step("Reading Configuration");
   LoadConfiguration();
   StepDone();
-  log_.Write("StartUP", " StartUp sub running " + options_.program.string() + " in " +
-                            std::string(kVersion));
+  log_.Write("StartUP",
+             " StartUp sub running " + options_.program.string() + " in " + std::string(kVersion));
 
   Step("Dimensioning Arrays");
   streams_.EnsureCapacity(64);
@@ -111,10 +111,10 @@ bool ClusterNode::Start(std::string* error) {
   Step("Purging Old Mail");
   StepDone();
 
-  user_ctx_ = std::make_unique<UserContext>(UserContext{
-      streams_, *this, store_, log_, monitor_, clock_, relay_, dir_, access_, messages_,
-      &countries_, config_.Get("Cluster Call"), std::string(kVersion),
-      config_.Get("SSID Help Address"), started_, [this] { return Counts(); }});
+  user_ctx_ = std::make_unique<UserContext>(
+      UserContext{streams_, *this, store_, log_, monitor_, clock_, relay_, dir_, access_, messages_,
+                  &countries_, config_.Get("Cluster Call"), std::string(kVersion),
+                  config_.Get("SSID Help Address"), started_, [this] { return Counts(); }});
   login_ = std::make_unique<Login>(*user_ctx_);
   interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
   interpreter_->set_help_address(config_.Get("Help Address"));
@@ -124,8 +124,8 @@ bool ClusterNode::Start(std::string* error) {
   link_options.host = config_.Get("Winsock IP");
   link_options.port = config_.Get("Winsock Port");
   link_options.debug = options_.debug;
-  link_ = std::make_unique<FrontendLink>(io_, streams_, log_, monitor_, clock_, *this,
-                                         link_options);
+  link_ =
+      std::make_unique<FrontendLink>(io_, streams_, log_, monitor_, clock_, *this, link_options);
   link_->set_on_unreachable([this] { StartFrontEnd(); });
   Step("Opening Winsock");
   link_->Start();
@@ -228,9 +228,7 @@ void ClusterNode::OnRecoveryComplete() {}
 
 // CommandServices --------------------------------------------------------------------
 
-std::string ClusterNode::EnterSpot(int stream, std::string_view line, bool test_only) {
-  return "";
-}
+std::string ClusterNode::EnterSpot(int stream, std::string_view line, bool test_only) { return ""; }
 
 std::vector<std::string> ClusterNode::ShowDx(int stream, std::string_view args) { return {}; }
 
@@ -262,8 +260,8 @@ std::vector<std::string> ClusterNode::NetworkLines(std::string_view what) {
       const std::string type = e.IsUser() ? "USER" : "NODE QXC";
       lines.push_back(fmt::format("  {:<8} {:<9} {} {} {:<16} {:<15} {}", e.call, type,
                                   DateText(e.since), TimeHHnnZ(e.since),
-                                  std::string(DisplayName(e.session)).substr(0, 16),
-                                  e.peer_address, e.port_index));
+                                  std::string(DisplayName(e.session)).substr(0, 16), e.peer_address,
+                                  e.port_index));
     }
     return lines;
   }
@@ -273,8 +271,7 @@ std::vector<std::string> ClusterNode::NetworkLines(std::string_view what) {
       if (streams_.at(s).IsUser()) calls.push_back(streams_.at(s).call);
     }
     std::sort(calls.begin(), calls.end());
-    lines.push_back(config_.Get("Cluster Call") + " (" + std::to_string(calls.size()) +
-                    " users)");
+    lines.push_back(config_.Get("Cluster Call") + " (" + std::to_string(calls.size()) + " users)");
     std::string row;
     for (const std::string& c : calls) {
       if (row.size() + c.size() + 1 > 70) {

@@ -1,2 +1,5 @@
 #include <cstdio>
-int main() { std::puts("qxfront: not built yet"); return 1; }
+int main() {
+  std::puts("qxfront: not built yet");
+  return 1;
+}

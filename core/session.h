@@ -10,9 +10,9 @@ namespace qx {
 // One bit of the "SETTINGS" word per SET/ switch.  The numbers are stored in user records,
 // so a bit never changes its meaning; new switches take new bits.
 enum SwitchBit : uint32_t {
-  kSwDxSpots = 1u << 0,         // DX_ANNOUNCEMENTS / NODX_ANNOUNCEMENTS
-  kSwBottomOfBand = 1u << 1,    // DX_BOB_ANNOUNCEMENTS
-  kSwAnnouncements = 1u << 2,   // ANNOUNCEMENTS
+  kSwDxSpots = 1u << 0,        // DX_ANNOUNCEMENTS / NODX_ANNOUNCEMENTS
+  kSwBottomOfBand = 1u << 1,   // DX_BOB_ANNOUNCEMENTS
+  kSwAnnouncements = 1u << 2,  // ANNOUNCEMENTS
   kSwWwv = 1u << 3,
   kSwWcy = 1u << 4,
   kSwWx = 1u << 5,
@@ -22,7 +22,7 @@ enum SwitchBit : uint32_t {
   kSwDxItu = 1u << 9,
   kSwDxGrid = 1u << 10,
   kSwUsState = 1u << 11,
-  kSwEnhanced = 1u << 12,       // XX0QX
+  kSwEnhanced = 1u << 12,  // XX0QX
   kSwDxsQth = 1u << 13,
   kSwDxsCty = 1u << 14,
   kSwSelfSpots = 1u << 15,
@@ -44,31 +44,31 @@ enum SwitchBit : uint32_t {
 };
 
 // What a new user gets: spots, announcements, talk, WWV/WCY/WX, every mode, login notices.
-constexpr uint32_t kDefaultSwitches =
-    kSwDxSpots | kSwBottomOfBand | kSwAnnouncements | kSwWwv | kSwWcy | kSwWx | kSwTalk |
-    kSwSelfSpots | kSwBeaconSpots | kSwCwSpots | kSwFt4Spots | kSwFt8Spots | kSwMskSpots |
-    kSwPskSpots | kSwRttySpots | kSwSkimmerSpots | kSwOwnSkimmer | kSwPskReporter | kSwLogin |
-    kSwFilters;
+constexpr uint32_t kDefaultSwitches = kSwDxSpots | kSwBottomOfBand | kSwAnnouncements | kSwWwv |
+                                      kSwWcy | kSwWx | kSwTalk | kSwSelfSpots | kSwBeaconSpots |
+                                      kSwCwSpots | kSwFt4Spots | kSwFt8Spots | kSwMskSpots |
+                                      kSwPskSpots | kSwRttySpots | kSwSkimmerSpots | kSwOwnSkimmer |
+                                      kSwPskReporter | kSwLogin | kSwFilters;
 
 constexpr uint32_t kDefaultDxbmMask = 1006827524u;
 constexpr uint32_t kDefaultDxbmMask2 = 15370u;
 constexpr int kDefaultWidth = 75;
 
 struct SessionSettings {
-  std::string name;          // "" until known; shown as "Unknown Name"
+  std::string name;  // "" until known; shown as "Unknown Name"
   std::string qth;
   std::string location;
   std::string home_node;
   std::string grid;
   uint32_t switches = kDefaultSwitches;
   int width = kDefaultWidth;
-  int resolution = 1;        // decimals of the frequency in spot lines: 1 or 2
+  int resolution = 1;  // decimals of the frequency in spot lines: 1 or 2
   uint32_t dxbm = kDefaultDxbmMask;
   uint32_t dxbm2 = kDefaultDxbmMask2;
   std::string filters;
   int mail_number = 0;
-  std::string prompt_form;   // "" (node default), "%M>" or ">"
-  int settings_set = 0;      // 0, or the SSID when it is 16 or more
+  std::string prompt_form;  // "" (node default), "%M>" or ">"
+  int settings_set = 0;     // 0, or the SSID when it is 16 or more
 
   bool Has(uint32_t bit) const { return (switches & bit) != 0; }
   void Set(uint32_t bit, bool on) { switches = on ? (switches | bit) : (switches & ~bit); }

@@ -24,14 +24,18 @@ enum StreamState : int {
   kStateNodeConnecting = 20,  // a node link still in its handshake
   kStateNodePc9x = 21,
   kStateNodeLegacy = 22,
-  kStateFeedSkimmer = 31,     // feed code 1
-  kStateFeedRbn = 33,         // feed code 3
-  kStateFeedReporter = 39,    // feed code 9
+  kStateFeedSkimmer = 31,   // feed code 1
+  kStateFeedRbn = 33,       // feed code 3
+  kStateFeedReporter = 39,  // feed code 9
 };
 
-inline bool IsUserState(int s) { return s > 0 && s <= kStateUserLast && s != kStateLoggingIn && s != kStateTimedOut; }
+inline bool IsUserState(int s) {
+  return s > 0 && s <= kStateUserLast && s != kStateLoggingIn && s != kStateTimedOut;
+}
 inline bool IsNodeState(int s) { return s >= kStateNodeConnecting && s <= kStateNodeLegacy; }
-inline bool IsFeedState(int s) { return s == kStateFeedSkimmer || s == kStateFeedRbn || s == kStateFeedReporter; }
+inline bool IsFeedState(int s) {
+  return s == kStateFeedSkimmer || s == kStateFeedRbn || s == kStateFeedReporter;
+}
 
 // Stages of the log-in dialogue.
 enum class LoginStage : uint8_t {
@@ -44,12 +48,12 @@ enum class LoginStage : uint8_t {
 };
 
 struct StreamEntry {
-  std::string call;            // set by the log-in or "AA16"; "T/O" after a time-out
+  std::string call;  // set by the log-in or "AA16"; "T/O" after a time-out
   int state = kStateFree;
-  int64_t tag = 0;             // the front-end's tag, echoed in every message to the stream
-  std::string attribute;       // "AA04" text
-  std::string peer_address;    // "ip:port" as the front-end reported it
-  int port_index = 0;          // front-end listening port index (0..8; 9 = outgoing)
+  int64_t tag = 0;               // the front-end's tag, echoed in every message to the stream
+  std::string attribute;         // "AA04" text
+  std::string peer_address;      // "ip:port" as the front-end reported it
+  int port_index = 0;            // front-end listening port index (0..8; 9 = outgoing)
   std::string connection_label;  // outgoing connection's name, "" for inbound
   SysTime since{};
 
@@ -57,7 +61,7 @@ struct StreamEntry {
   LoginStage login_stage = LoginStage::kAwaitingCall;
   int password_failures = 0;
   int privilege = 0;
-  std::string client_type;     // "QXU", "HRD", ...
+  std::string client_type;  // "QXU", "HRD", ...
   std::string pending_name;
 
   // Prompt.
@@ -69,8 +73,8 @@ struct StreamEntry {
   SessionSettings session;
 
   // Node links.
-  std::string node_carry;      // NodeCarryBuffer: the unfinished start of a line
-  std::string node_class;      // "5^..." (PC9x) or "7^..." (legacy), from the peer's PC18
+  std::string node_carry;  // NodeCarryBuffer: the unfinished start of a line
+  std::string node_class;  // "5^..." (PC9x) or "7^..." (legacy), from the peer's PC18
   int handshake_mask = 0;
   int unanswered_pings = 0;
 

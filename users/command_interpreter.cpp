@@ -210,7 +210,8 @@ const SetEntry* FindSetEntry(std::string_view word) {
 
 // "Deg Min N/S Deg Min E/W", for example "49 11 N 122 30 W".
 bool ValidLocation(std::string_view text) {
-  const auto parts = Split(CollapseBlanks(Trim(text)), ' ');
+  const std::string collapsed = CollapseBlanks(Trim(text));
+  const auto parts = Split(collapsed, ' ');
   if (parts.size() != 6) return false;
   long long v = 0;
   const auto num = [&](std::string_view s, long long max) {
@@ -218,8 +219,8 @@ bool ValidLocation(std::string_view text) {
   };
   const std::string ns = ToUpper(parts[2]);
   const std::string ew = ToUpper(parts[5]);
-  return num(parts[0], 90) && num(parts[1], 59) && (ns == "N" || ns == "S") &&
-         num(parts[3], 180) && num(parts[4], 59) && (ew == "E" || ew == "W");
+  return num(parts[0], 90) && num(parts[1], 59) && (ns == "N" || ns == "S") && num(parts[3], 180) &&
+         num(parts[4], 59) && (ew == "E" || ew == "W");
 }
 
 // A Maidenhead locator of 4, 6 or 8 characters.
@@ -587,7 +588,8 @@ void CommandInterpreter::Set(int stream, std::string_view line, std::string_view
       if (major < 2) {
         Reply(stream, "You are using an old version of Paiskaba software.");
         Reply(stream, "This software MUST be upgraded to use this cluster!");
-        Reply(stream, "Press the \"Update Program\" button in the top left-hand corner of this form.");
+        Reply(stream,
+              "Press the \"Update Program\" button in the top left-hand corner of this form.");
         Reply(stream, "Follow the directions given.");
         return;
       }
@@ -744,10 +746,10 @@ void CommandInterpreter::Show(int stream, std::string_view line, std::string_vie
     Reply(stream, "Grid is " + (s.grid.empty() ? std::string("not set") : s.grid));
   } else if (MatchAbbrev("PROMPT", 2, word)) {
     Reply(stream, "Prompt is " + (s.prompt_form.empty() ? std::string("the node's standard prompt")
-                                                       : s.prompt_form));
+                                                        : s.prompt_form));
   } else if (MatchAbbrev("RESOLUTION", 3, word)) {
-    Reply(stream, fmt::format("Resolution is {} decimal{}", s.resolution,
-                              s.resolution == 1 ? "" : "s"));
+    Reply(stream,
+          fmt::format("Resolution is {} decimal{}", s.resolution, s.resolution == 1 ? "" : "s"));
   } else if (MatchAbbrev("BEEP", 4, word)) {
     on_off(kSwBeep, "Beep");
   } else if (MatchAbbrev("DXCQ", 4, word)) {

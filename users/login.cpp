@@ -18,8 +18,8 @@ constexpr int kReconnectLimit = 10;
 
 void ReportBadCompound(void* user, std::string_view call) {
   auto* ctx = static_cast<UserContext*>(user);
-  ctx->log.Write("ValidCall", "Bad UserCallsign = " + std::string(call) + " " +
-                                  DateText(ctx->clock.Now()));
+  ctx->log.Write("ValidCall",
+                 "Bad UserCallsign = " + std::string(call) + " " + DateText(ctx->clock.Now()));
 }
 
 // Replaces the first occurrence of from by to; false when from does not occur.
@@ -201,8 +201,8 @@ void Login::Complete(int stream, bool name_was_set) {
 
 void Login::SendGreeting(int stream) {
   StreamEntry& e = ctx_.streams.at(stream);
-  const std::string_view shown = e.session.name.empty() ? std::string_view(e.call)
-                                                        : std::string_view(e.session.name);
+  const std::string_view shown =
+      e.session.name.empty() ? std::string_view(e.call) : std::string_view(e.session.name);
   std::string text = e.call + "\r\n\r\n";
   text += "Hello " + std::string(shown) + ".\r\n\r\n";
   text += ctx_.messages.Port(e.port_index);
@@ -332,7 +332,8 @@ void Login::BuildPrompt(int stream) {
   const std::string stamp = PeriodStamp(now);
   int count = 0;
   if (e.prompt_counter.size() >= 7 && e.prompt_counter.compare(0, 8, stamp) == 0) {
-    count = ParseIntOr(std::string_view(e.prompt_counter).substr(std::min<size_t>(9, e.prompt_counter.size())), 0);
+    count = ParseIntOr(
+        std::string_view(e.prompt_counter).substr(std::min<size_t>(9, e.prompt_counter.size())), 0);
   }
   if (count >= kRunawayLimit) return;  // the runaway was told; no more prompts this period
   count = count == 0 ? 1 : count + 1;

@@ -16,7 +16,8 @@ std::string Normalise(std::string_view text) {
     out += "\r\n";
   }
   // Drop trailing empty lines: they are an artefact of editing, not part of the message.
-  while (out.size() >= 4 && out.compare(out.size() - 4, 4, "\r\n\r\n") == 0) out.resize(out.size() - 2);
+  while (out.size() >= 4 && out.compare(out.size() - 4, 4, "\r\n\r\n") == 0)
+    out.resize(out.size() - 2);
   if (out == "\r\n") out.clear();
   return out;
 }

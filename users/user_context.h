@@ -21,7 +21,7 @@ class UserStore;
 class CountryLookup;
 
 struct ClusterCounts {
-  int nodes = 0;         // nodes in the network, this one included
+  int nodes = 0;  // nodes in the network, this one included
   int local_users = 0;
   int remote_users = 0;
 };

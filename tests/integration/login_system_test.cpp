@@ -62,9 +62,12 @@ TEST_F(LoginSystemTest, NodeRestartKeepsTheUserConnected) {
   auto c = LogIn("K1ABC");
   ASSERT_EQ(node_->Stop(), 0);
   StartNode();
-  ASSERT_TRUE(WaitFor([&] { return ErrorLogText().find("Recovery complete") != std::string::npos ||
-                                   node_->Output().find("Recovery complete") != std::string::npos; },
-                      std::chrono::seconds(20)));
+  ASSERT_TRUE(WaitFor(
+      [&] {
+        return ErrorLogText().find("Recovery complete") != std::string::npos ||
+               node_->Output().find("Recovery complete") != std::string::npos;
+      },
+      std::chrono::seconds(20)));
   c->ClearReceived();
   c->SendLine("SH/NAME");
   EXPECT_TRUE(c->ReadUntil("Name is Ann")) << c->received();

@@ -13,14 +13,16 @@ class StartupTest : public SystemFixture {};
 TEST_F(StartupTest, NewNodeCreatesItsTreeAndStopsCleanly) {
   WriteConfig();
   StartNode();
-  ASSERT_TRUE(WaitFor([&] { return ErrorLogText().find("StartUp sub running") != std::string::npos; }))
-      << node_->Output();
-  for (const char* sub : {"cfg", "log/conn", "dx", "badspots", "badspotsTor", "busted/ft8",
-                          "user", "userRemote", "files", "unzipped"}) {
+  ASSERT_TRUE(WaitFor([&] {
+    return ErrorLogText().find("StartUp sub running") != std::string::npos;
+  })) << node_->Output();
+  for (const char* sub : {"cfg", "log/conn", "dx", "badspots", "badspotsTor", "busted/ft8", "user",
+                          "userRemote", "files", "unzipped"}) {
     EXPECT_TRUE(std::filesystem::is_directory(home() / "data" / sub)) << sub;
   }
   EXPECT_THAT(ErrorLogText(), HasSubstr(" StartUp sub running "));
-  EXPECT_TRUE(WaitFor([&] { return node_->Output().find("Loading DX Spots") != std::string::npos; }));
+  EXPECT_TRUE(
+      WaitFor([&] { return node_->Output().find("Loading DX Spots") != std::string::npos; }));
   EXPECT_THAT(node_->Output(), HasSubstr("   ... done"));
   EXPECT_EQ(node_->Stop(), 0);
 }

@@ -13,8 +13,7 @@ namespace qx::testing {
 
 class SystemFixture : public ::testing::Test {
  protected:
-  SystemFixture()
-      : link_port_(FreePort()), user_port_(FreePort()), console_port_(FreePort()) {}
+  SystemFixture() : link_port_(FreePort()), user_port_(FreePort()), console_port_(FreePort()) {}
   ~SystemFixture() override {
     node_.reset();
     front_.reset();
@@ -31,14 +30,13 @@ class SystemFixture : public ::testing::Test {
     WriteFile(home() / "cluster.cfg", cfg);
   }
   void StartFront() {
-    front_ = std::make_unique<ChildProcess>(QX_FRONT_BIN,
-                                            std::vector<std::string>{"--home", home().string()},
-                                            home(), "qxfront");
+    front_ = std::make_unique<ChildProcess>(
+        QX_FRONT_BIN, std::vector<std::string>{"--home", home().string()}, home(), "qxfront");
   }
   void StartNode() {
-    node_ = std::make_unique<ChildProcess>(
-        QX_CLUSTER_BIN, std::vector<std::string>{"--home", home().string()}, home(),
-        "qxcluster-" + std::to_string(++node_starts_));
+    node_ = std::make_unique<ChildProcess>(QX_CLUSTER_BIN,
+                                           std::vector<std::string>{"--home", home().string()},
+                                           home(), "qxcluster-" + std::to_string(++node_starts_));
   }
   void StartAll(std::string_view extra_config = "") {
     WriteConfig(extra_config);

@@ -37,8 +37,8 @@ struct DispatchCase {
 TEST_F(InterpreterTest, DispatchFollowsTableOrderAndAbbreviations) {
   const DispatchCase cases[] = {
       {"HELP", "For Help please go to https://example.org/help \r\n"},
-      {"hel", "hel command error\r\n"},          // HELP needs all four letters
-      {"HELPS", "HELPS command error\r\n"},      // longer than the keyword
+      {"hel", "hel command error\r\n"},      // HELP needs all four letters
+      {"HELPS", "HELPS command error\r\n"},  // longer than the keyword
       {"R 12", "Mail is not available on this node yet.\r\n"},
       {"REP", "Mail is not available on this node yet.\r\n"},
       {"DIR", "Mail is not available on this node yet.\r\n"},
@@ -162,8 +162,8 @@ TEST_F(InterpreterTest, SpotLinesGoToSpotEntry) {
   Run("DX 14025 K9XYZ test");
   Run("dx/freq 14025 K9XYZ");
   Run("DXTEST 14025 K9XYZ");
-  EXPECT_THAT(services_.spots, ElementsAre("DX 14025 K9XYZ test", "dx/freq 14025 K9XYZ",
-                                           "DXTEST 14025 K9XYZ"));
+  EXPECT_THAT(services_.spots,
+              ElementsAre("DX 14025 K9XYZ test", "dx/freq 14025 K9XYZ", "DXTEST 14025 K9XYZ"));
 }
 
 TEST_F(InterpreterTest, AnnouncementsReachLocalUsersWhoWantThem) {

@@ -49,7 +49,8 @@ TEST_F(LoginTest, NewUserIsAskedForNameAndConfirms) {
   Type(1, "y");
   const std::string greeting = Take(1);
   EXPECT_THAT(greeting, StartsWith("Name set to Anna.\r\nK1ABC\r\n\r\nHello Anna.\r\n\r\n"));
-  EXPECT_THAT(greeting, HasSubstr("Cluster: 1 nodes  1 Locals  1 Total users   Uptime 0d 00:00\r\n"));
+  EXPECT_THAT(greeting,
+              HasSubstr("Cluster: 1 nodes  1 Locals  1 Total users   Uptime 0d 00:00\r\n"));
   EXPECT_THAT(greeting, EndsWith("K1ABC de XX0QX-1 15-Nov-2026 0046Z   QXC >\r\n"));
   EXPECT_TRUE(streams_.at(1).IsUser());
   EXPECT_EQ(store_.Load("K1ABC", kStateUser).settings.name, "Anna");

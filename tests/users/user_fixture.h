@@ -79,8 +79,14 @@ class UserFixture : public ::testing::Test {
         clock_(MakeUtc(2026, 11, 15, 0, 46, 0)),
         log_(tmp_.path() / "data/log", clock_),
         store_(dir_),
-        ctx_{streams_, out_, store_, log_, monitor_, clock_, relay_, dir_, access_, messages_,
-             nullptr, "XX0QX-1", "0.1.0", "https://example.org/ssid", clock_.Now(), {}},
+        ctx_{streams_,     out_,
+             store_,       log_,
+             monitor_,     clock_,
+             relay_,       dir_,
+             access_,      messages_,
+             nullptr,      "XX0QX-1",
+             "0.1.0",      "https://example.org/ssid",
+             clock_.Now(), {}},
         login_(ctx_),
         interp_(ctx_, login_, services_) {
     std::string error;
