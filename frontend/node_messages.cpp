@@ -110,7 +110,7 @@ std::span<char> NodeMessageParser::PrepareWrite(size_t min_room) {
     // Move the unread tail to the front; it is at most one partial message.
     const size_t left = end_ - read_;
     if (left > 0) std::memmove(buf_.get(), buf_.get() + read_, left);
-    scan_ -= read_;
+    scan_ = scan_ > read_ ? scan_ - read_ : 0;
     end_ = left;
     read_ = 0;
   }
