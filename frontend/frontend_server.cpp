@@ -30,7 +30,7 @@ namespace {
 constexpr size_t kLinkHighWater = 16 * 1024 * 1024;
 constexpr size_t kLinkLowWater = 4 * 1024 * 1024;
 // Bytes of node messages handled before the gathered output is written out.
-constexpr size_t kLinkReadBatch = 2 * 1024 * 1024;
+constexpr size_t kLinkReadBatch = 4 * 1024 * 1024;
 constexpr size_t kLinkReadChunk = 256 * 1024;
 // A buffer grown beyond this by a burst is given back once it is empty.
 constexpr size_t kKeepCapacity = 256 * 1024;
