@@ -292,6 +292,10 @@ void FrontendServer::Impl::AcceptUsers(size_t index) {
 
 void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std::string kind) {
   error_code ec;
+  if (stopped_) {
+    socket.close(ec);
+    return;
+  }
   const tcp::endpoint remote = socket.remote_endpoint(ec);
   if (ec) {
     // Gone before it could be looked at.

@@ -1,6 +1,6 @@
 #include "frontend/frontend_settings.h"
 
-#include <boost/asio/ip/address_v4.hpp>
+#include <boost/asio/ip/address.hpp>
 #include <optional>
 #include <string>
 
@@ -29,7 +29,7 @@ FrontendSettingsResult ParseFrontendSettings(std::string_view text) {
     const std::string_view value = Trim(line.substr(caret + 1));
     if (EqualsIgnoreCase(key, "Winsock IP")) {
       boost::system::error_code ec;
-      boost::asio::ip::make_address_v4(std::string(value), ec);
+      boost::asio::ip::make_address(std::string(value), ec);
       if (ec) {
         result.warnings.push_back("Winsock IP \"" + std::string(value) + "\" is not an address");
       } else {
