@@ -10,6 +10,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/text_util.h"
@@ -152,14 +153,20 @@ TEST_F(FrontendLinkTest, ClientsAndNodeExchangeText) {
   EXPECT_EQ(WaitRecord(node, "AA00^1^"), "AA00^1^sh/dx\r\n");
   ASSERT_TRUE(alice.ReadUntil("\xff\xfc\x01"));
 
-  // A prompt without a line end gets through after a quiet spell.
-  ASSERT_TRUE(bob.Send("login: "));
+  // A prompt without a line end gets through after a quiet spell, and only after it: bytes
+  // arriving within the spell join the same piece.
+  ASSERT_TRUE(bob.Send("log"));
+  std::this_thread::sleep_for(150ms);
+  ASSERT_TRUE(bob.Send("in"));
+  std::this_thread::sleep_for(150ms);
+  ASSERT_TRUE(bob.Send(": "));
   EXPECT_EQ(WaitRecord(node, "AA00^2^"), "AA00^2^login: ");
 
   // Node text reaches the right client; a stale tag is dropped, tag 0 matches any.
   ASSERT_TRUE(node.Send(Message({"0", "1", "stale\r\n", bob_tag})));
   ASSERT_TRUE(node.Send(Message({"0", "1", "Hello Alice\r\n", alice_tag})));
-  ASSERT_TRUE(node.Send(Message({"0", "2", "Hello Bob\r\n", "0"})));
+  ASSERT_TRUE(node.Send("junk\x04" + Message({"0", "x", "bad\r\n", "1"}) +
+                        Message({"0", "2", "Hello Bob\r\n", "0"})));
   ASSERT_TRUE(alice.ReadUntil("Hello Alice\r\n"));
   ASSERT_TRUE(bob.ReadUntil("Hello Bob\r\n"));
   EXPECT_EQ(alice.received().find("stale"), std::string::npos);
