@@ -156,9 +156,9 @@ TEST_F(FrontendLinkTest, ClientsAndNodeExchangeText) {
   // A prompt without a line end gets through after a quiet spell, and only after it: bytes
   // arriving within the spell join the same piece.
   ASSERT_TRUE(bob.Send("log"));
-  std::this_thread::sleep_for(150ms);
+  std::this_thread::sleep_for(120ms);
   ASSERT_TRUE(bob.Send("in"));
-  std::this_thread::sleep_for(150ms);
+  std::this_thread::sleep_for(120ms);
   ASSERT_TRUE(bob.Send(": "));
   EXPECT_EQ(WaitRecord(node, "AA00^2^"), "AA00^2^login: ");
 
