@@ -110,11 +110,7 @@ using OutgoingPtr = std::shared_ptr<Outgoing>;
 class FrontendServer::Impl {
  public:
   Impl(asio::io_context& io, FrontendOptions options)
-      : io_(io),
-        options_(std::move(options)),
-        link_acceptor_(io),
-        keep_alive_timer_(io),
-        accept_retry_timer_(io) {}
+      : io_(io), options_(std::move(options)), link_acceptor_(io), keep_alive_timer_(io) {}
 
   bool Start();
   void Stop();
@@ -167,7 +163,7 @@ class FrontendServer::Impl {
   tcp::acceptor link_acceptor_;
   std::vector<std::unique_ptr<tcp::acceptor>> user_acceptors_;
   asio::steady_timer keep_alive_timer_;
-  asio::steady_timer accept_retry_timer_;
+  std::vector<std::shared_ptr<asio::steady_timer>> retry_timers_;
   NodeLinkPtr link_;
   uint64_t link_sessions_ = 0;
   StreamNumbers numbers_;
@@ -233,7 +229,7 @@ void FrontendServer::Impl::Stop() {
   link_acceptor_.close(ec);
   for (auto& a : user_acceptors_) a->close(ec);
   keep_alive_timer_.cancel();
-  accept_retry_timer_.cancel();
+  for (auto& t : retry_timers_) t->cancel();
   if (link_) {
     link_->closed = true;
     link_->socket.close(ec);
@@ -254,8 +250,11 @@ void FrontendServer::Impl::Stop() {
 
 void FrontendServer::Impl::RetryAcceptLater(std::function<void()> again) {
   // Out of descriptors or a similar passing fault: try again shortly instead of spinning.
-  accept_retry_timer_.expires_after(kAcceptRetry);
-  accept_retry_timer_.async_wait([this, again = std::move(again)](error_code ec) {
+  // Each acceptor waits on its own timer so that one retry never cancels another.
+  auto timer = std::make_shared<asio::steady_timer>(io_, kAcceptRetry);
+  retry_timers_.push_back(timer);
+  timer->async_wait([this, timer, again = std::move(again)](error_code ec) {
+    std::erase(retry_timers_, timer);
     if (!ec && !stopped_) again();
   });
 }
