@@ -1,5 +1,104 @@
+// qxfront: the connection front-end.  Owns every user and node TCP connection and relays each
+// as a numbered stream over one local link to the node.
+#include <sys/resource.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <csignal>
 #include <cstdio>
-int main() {
-  std::puts("qxfront: not built yet");
-  return 1;
+#include <exception>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "core/text_util.h"
+#include "frontend/front_log.h"
+#include "frontend/frontend_server.h"
+#include "frontend/frontend_settings.h"
+
+namespace {
+
+constexpr std::string_view kUsage =
+    "Usage: qxfront --home DIR [--output-limit BYTES]\n"
+    "       qxfront --version | --help\n"
+    "\n"
+    "Reads DIR/cluster.cfg (keys \"Winsock IP\", \"Winsock Port\", \"Frontend Ports\",\n"
+    "\"Station Text\"), waits for the node's link on Winsock IP:Port and accepts users and\n"
+    "nodes on every Frontend Ports port.\n"
+    "  --output-limit BYTES  output queued for one connection before it is closed\n"
+    "                        (default 1048576)\n";
+
+// Thousands of connections need more descriptors than the usual soft limit.
+void RaiseDescriptorLimit() {
+  rlimit lim{};
+  if (getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur < lim.rlim_max) {
+    lim.rlim_cur = lim.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &lim);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string home;
+  long long output_limit = 0;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg == "--version") {
+      std::printf("qxfront %s\n", QX_VERSION);
+      return 0;
+    }
+    if (arg == "--help" || arg == "-h") {
+      std::fwrite(kUsage.data(), 1, kUsage.size(), stdout);
+      return 0;
+    }
+    if (arg == "--home" && i + 1 < argc) {
+      home = argv[++i];
+    } else if (arg == "--output-limit" && i + 1 < argc && qx::ParseInt(argv[i + 1], output_limit) &&
+               output_limit > 0) {
+      ++i;
+    } else {
+      std::fprintf(stderr, "qxfront: bad argument \"%s\"\n%s", argv[i], kUsage.data());
+      return 2;
+    }
+  }
+  if (home.empty()) {
+    std::fprintf(stderr, "qxfront: --home DIR is needed\n%s", kUsage.data());
+    return 2;
+  }
+  std::signal(SIGPIPE, SIG_IGN);
+  RaiseDescriptorLimit();
+
+  const std::filesystem::path cfg = std::filesystem::path(home) / "cluster.cfg";
+  qx::FrontendSettingsResult read = qx::ReadFrontendSettings(cfg);
+  if (!read.file_found) qx::FrontLog("No " + cfg.string() + "; using the defaults");
+  for (const auto& w : read.warnings) qx::FrontLogError("cluster.cfg: " + w);
+
+  qx::FrontendOptions options;
+  options.settings = std::move(read.settings);
+  if (output_limit > 0) options.output_limit = static_cast<size_t>(output_limit);
+  qx::FrontLog(std::string("qxfront ") + QX_VERSION + " starting");
+
+  boost::asio::io_context io(1);
+  qx::FrontendServer server(io, std::move(options));
+  if (!server.Start()) return 1;
+
+  boost::asio::signal_set signals(io, SIGINT, SIGTERM);
+  signals.async_wait([&](const boost::system::error_code& ec, int sig) {
+    if (ec) return;
+    qx::FrontLog("Signal " + std::to_string(sig) + " received, shutting down");
+    server.Stop();
+    io.stop();
+  });
+
+  // A fault in one handler is logged and the loop carries on with the others.
+  while (true) {
+    try {
+      io.run();
+      break;
+    } catch (const std::exception& e) {
+      qx::FrontLogError(std::string("Unexpected error: ") + e.what());
+    }
+  }
+  return 0;
 }

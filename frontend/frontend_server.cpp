@@ -1,0 +1,788 @@
+#include "frontend/frontend_server.h"
+
+#include <algorithm>
+#include <array>
+#include <boost/asio/connect.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/write.hpp>
+#include <functional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "frontend/front_log.h"
+#include "frontend/input_filter.h"
+#include "frontend/link_records.h"
+#include "frontend/node_messages.h"
+
+namespace qx {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+using SteadyTime = std::chrono::steady_clock::time_point;
+
+namespace {
+
+// Link output above this pauses reading from connections until the node catches up.
+constexpr size_t kLinkHighWater = 16 * 1024 * 1024;
+constexpr size_t kLinkLowWater = 4 * 1024 * 1024;
+// Bytes of node messages handled before the gathered output is written out.
+constexpr size_t kLinkReadBatch = 4 * 1024 * 1024;
+constexpr size_t kLinkReadChunk = 256 * 1024;
+// A buffer grown beyond this by a burst is given back once it is empty.
+constexpr size_t kKeepCapacity = 256 * 1024;
+constexpr auto kLingerAfterClose = std::chrono::seconds(5);
+constexpr auto kAcceptRetry = std::chrono::milliseconds(200);
+
+std::string PeerText(const tcp::endpoint& ep) {
+  return ep.address().to_string() + ":" + std::to_string(ep.port());
+}
+
+// A few occurrences of a repeated fault are logged, then only every 10,000th.
+bool ShouldLog(uint64_t count) { return count <= 20 || count % 10000 == 0; }
+
+void GiveBackIfLarge(std::string& buffer) {
+  if (buffer.capacity() > kKeepCapacity && buffer.empty()) std::string().swap(buffer);
+}
+
+}  // namespace
+
+struct Connection {
+  Connection(asio::io_context& io, tcp::socket s)
+      : socket(std::move(s)), partial_timer(io), close_timer(io) {}
+
+  tcp::socket socket;
+  asio::steady_timer partial_timer;
+  asio::steady_timer close_timer;
+  int stream = 0;
+  uint64_t tag = 0;
+  int port_index = 0;
+  std::string kind;
+  std::string peer;
+  std::string call;
+  int state = 0;
+  InputAssembler assembler;
+  HeldInput held;
+  std::string queued;   // output waiting for the socket
+  std::string writing;  // output the socket write in flight owns
+  std::string close_reason;
+  uint64_t announced_session = 0;  // link session that has been told about this stream
+  SteadyTime last_input{};
+  bool write_active = false;
+  bool dirty = false;  // has output and is listed for the next flush
+  bool closing = false;
+  bool lingering = false;
+  bool closed = false;
+  bool read_paused = false;
+  bool partial_timer_armed = false;
+  std::array<char, 4096> read_buf;
+};
+using ConnectionPtr = std::shared_ptr<Connection>;
+
+struct NodeLink {
+  explicit NodeLink(tcp::socket s) : socket(std::move(s)) {}
+  tcp::socket socket;
+  NodeMessageParser parser;
+  std::string queued;
+  std::string writing;
+  uint64_t session = 0;
+  bool write_active = false;
+  bool ready = false;  // the node has asked for the open streams
+  bool closed = false;
+};
+using NodeLinkPtr = std::shared_ptr<NodeLink>;
+
+struct Outgoing {
+  explicit Outgoing(asio::io_context& io) : socket(io), resolver(io), timer(io) {}
+  tcp::socket socket;
+  tcp::resolver resolver;
+  asio::steady_timer timer;
+  std::string label;
+  std::string host;
+  int port = 0;
+  bool done = false;
+};
+using OutgoingPtr = std::shared_ptr<Outgoing>;
+
+class FrontendServer::Impl {
+ public:
+  Impl(asio::io_context& io, FrontendOptions options)
+      : io_(io), options_(std::move(options)), link_acceptor_(io), keep_alive_timer_(io) {}
+
+  bool Start();
+  void Stop();
+  FrontendCounters counters;
+
+ private:
+  // Listening.
+  void AcceptLink();
+  void AcceptUsers(size_t index);
+  void RetryAcceptLater(std::function<void()> again);
+
+  // Connections.
+  void AddConnection(tcp::socket socket, int port_index, std::string kind);
+  void StartRead(const ConnectionPtr& c);
+  void OnRead(const ConnectionPtr& c, error_code ec, size_t n);
+  void ForwardInput(const ConnectionPtr& c, std::string_view data);
+  void ArmPartialTimer(const ConnectionPtr& c, SteadyTime deadline);
+  void QueueOutput(const ConnectionPtr& c, std::string_view text);
+  void StartWrite(const ConnectionPtr& c);
+  void RequestClose(const ConnectionPtr& c, std::string reason);
+  void Linger(const ConnectionPtr& c);
+  void CloseConnection(const ConnectionPtr& c, std::string_view reason);
+  ConnectionPtr Find(int stream, uint64_t tag) const;
+
+  // Outgoing connections.
+  void OpenOutgoing(std::string_view host, int port, std::string_view label);
+  void OutgoingFailed(const OutgoingPtr& o, std::string_view reason);
+
+  // The node link.
+  void OnLinkAccepted(tcp::socket socket);
+  void ReadLink(const NodeLinkPtr& link);
+  void OnLinkRead(const NodeLinkPtr& link, error_code ec, size_t n);
+  bool HandleNodeMessages(const NodeLinkPtr& link);
+  void HandleNodeMessage(const NodeLinkPtr& link, const NodeMessage& m);
+  void ReportStreams(const NodeLinkPtr& link);
+  void CloseLink(const NodeLinkPtr& link, std::string_view reason);
+  void StartLinkWrite(const NodeLinkPtr& link);
+  bool LinkReady() const { return link_ && link_->ready; }
+  std::string* LinkOut() { return link_ ? &link_->queued : nullptr; }
+  size_t LinkBacklog() const;
+  void ResumePausedReads();
+  void KeepAlive();
+
+  // Output is gathered while handlers run and written once they are done.
+  void ScheduleFlush();
+  void Flush();
+
+  asio::io_context& io_;
+  FrontendOptions options_;
+  tcp::acceptor link_acceptor_;
+  std::vector<std::unique_ptr<tcp::acceptor>> user_acceptors_;
+  asio::steady_timer keep_alive_timer_;
+  std::vector<std::shared_ptr<asio::steady_timer>> retry_timers_;
+  NodeLinkPtr link_;
+  uint64_t link_sessions_ = 0;
+  StreamNumbers numbers_;
+  std::vector<ConnectionPtr> by_stream_{nullptr};
+  uint64_t next_tag_ = 0;
+  std::vector<ConnectionPtr> dirty_;
+  std::vector<ConnectionPtr> paused_;
+  bool flush_scheduled_ = false;
+  bool stopped_ = false;
+  std::string lines_;  // scratch for one read's lines
+  std::string reply_;  // scratch for one read's telnet answers
+};
+
+// ---------------------------------------------------------------------------------------
+// Listening
+
+bool FrontendServer::Impl::Start() {
+  const FrontendSettings& s = options_.settings;
+  error_code ec;
+  const auto link_address = asio::ip::make_address(s.link_ip, ec);
+  if (ec) {
+    FrontLogError("Link address " + s.link_ip + " is not usable: " + ec.message());
+    return false;
+  }
+  const tcp::endpoint link_ep(link_address, static_cast<unsigned short>(s.link_port));
+  link_acceptor_.open(link_ep.protocol(), ec);
+  if (!ec) link_acceptor_.set_option(tcp::acceptor::reuse_address(true), ec);
+  if (!ec) link_acceptor_.bind(link_ep, ec);
+  if (!ec) link_acceptor_.listen(asio::socket_base::max_listen_connections, ec);
+  if (ec) {
+    FrontLogError("Cannot listen for the node link on " + PeerText(link_ep) + ": " + ec.message());
+    return false;
+  }
+  FrontLog("Listening for the node link on " + PeerText(link_ep));
+
+  for (size_t i = 0; i < s.user_ports.size(); ++i) {
+    const tcp::endpoint ep(tcp::v4(), static_cast<unsigned short>(s.user_ports[i]));
+    auto acceptor = std::make_unique<tcp::acceptor>(io_);
+    acceptor->open(ep.protocol(), ec);
+    if (!ec) acceptor->set_option(tcp::acceptor::reuse_address(true), ec);
+    if (!ec) acceptor->bind(ep, ec);
+    if (!ec) acceptor->listen(asio::socket_base::max_listen_connections, ec);
+    if (ec) {
+      FrontLogError("Cannot listen on port " + std::to_string(s.user_ports[i]) + ": " +
+                    ec.message());
+      return false;
+    }
+    FrontLog("Listening on port " + std::to_string(s.user_ports[i]) + " (port index " +
+             std::to_string(i) + ")");
+    user_acceptors_.push_back(std::move(acceptor));
+  }
+
+  AcceptLink();
+  for (size_t i = 0; i < user_acceptors_.size(); ++i) AcceptUsers(i);
+  KeepAlive();
+  return true;
+}
+
+void FrontendServer::Impl::Stop() {
+  if (stopped_) return;
+  stopped_ = true;
+  error_code ec;
+  link_acceptor_.close(ec);
+  for (auto& a : user_acceptors_) a->close(ec);
+  keep_alive_timer_.cancel();
+  for (auto& t : retry_timers_) t->cancel();
+  if (link_) {
+    link_->closed = true;
+    link_->socket.close(ec);
+    link_.reset();
+  }
+  for (auto& c : by_stream_) {
+    if (!c) continue;
+    c->closed = true;
+    c->partial_timer.cancel();
+    c->close_timer.cancel();
+    c->socket.close(ec);
+  }
+  by_stream_.assign(1, nullptr);
+  dirty_.clear();
+  paused_.clear();
+  FrontLog("Stopped");
+}
+
+void FrontendServer::Impl::RetryAcceptLater(std::function<void()> again) {
+  // Out of descriptors or a similar passing fault: try again shortly instead of spinning.
+  // Each acceptor waits on its own timer so that one retry never cancels another.
+  auto timer = std::make_shared<asio::steady_timer>(io_, kAcceptRetry);
+  retry_timers_.push_back(timer);
+  timer->async_wait([this, timer, again = std::move(again)](error_code ec) {
+    std::erase(retry_timers_, timer);
+    if (!ec && !stopped_) again();
+  });
+}
+
+void FrontendServer::Impl::AcceptLink() {
+  link_acceptor_.async_accept([this](error_code ec, tcp::socket socket) {
+    if (stopped_ || ec == asio::error::operation_aborted) return;
+    if (ec) {
+      FrontLogError("Accepting the node link failed: " + ec.message());
+      RetryAcceptLater([this] { AcceptLink(); });
+      return;
+    }
+    OnLinkAccepted(std::move(socket));
+    AcceptLink();
+  });
+}
+
+void FrontendServer::Impl::AcceptUsers(size_t index) {
+  user_acceptors_[index]->async_accept([this, index](error_code ec, tcp::socket socket) {
+    if (stopped_ || ec == asio::error::operation_aborted) return;
+    if (ec) {
+      FrontLogError("Accepting on port index " + std::to_string(index) +
+                    " failed: " + ec.message());
+      RetryAcceptLater([this, index] { AcceptUsers(index); });
+      return;
+    }
+    AddConnection(std::move(socket), static_cast<int>(index), "in");
+    AcceptUsers(index);
+  });
+}
+
+// ---------------------------------------------------------------------------------------
+// Connections
+
+void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std::string kind) {
+  error_code ec;
+  if (stopped_) {
+    socket.close(ec);
+    return;
+  }
+  const tcp::endpoint remote = socket.remote_endpoint(ec);
+  if (ec) {
+    // Gone before it could be looked at.
+    socket.close(ec);
+    return;
+  }
+  socket.set_option(tcp::no_delay(true), ec);
+  socket.non_blocking(true, ec);
+
+  auto c = std::make_shared<Connection>(io_, std::move(socket));
+  c->stream = numbers_.Allocate();
+  c->tag = ++next_tag_;
+  c->port_index = port_index;
+  c->kind = std::move(kind);
+  c->peer = PeerText(remote);
+  c->held = HeldInput(options_.hold_limit);
+  if (by_stream_.size() <= static_cast<size_t>(c->stream)) by_stream_.resize(c->stream + 1);
+  by_stream_[c->stream] = c;
+  ++counters.accepted;
+
+  FrontLog("Stream " + std::to_string(c->stream) + " open: " + c->peer + " " + c->kind +
+           " port index " + std::to_string(port_index) + " tag " + std::to_string(c->tag));
+  if (LinkReady()) {
+    AppendConnectRequest(link_->queued, c->stream, c->peer, c->tag, c->kind, c->port_index);
+    c->announced_session = link_->session;
+    ScheduleFlush();
+  }
+  StartRead(c);
+}
+
+void FrontendServer::Impl::StartRead(const ConnectionPtr& c) {
+  if (c->closed) return;
+  if (!c->closing && LinkReady() && LinkBacklog() > kLinkHighWater) {
+    if (!c->read_paused) {
+      c->read_paused = true;
+      paused_.push_back(c);
+    }
+    return;
+  }
+  c->read_paused = false;
+  c->socket.async_read_some(asio::buffer(c->read_buf),
+                            [this, c](error_code ec, size_t n) { OnRead(c, ec, n); });
+}
+
+void FrontendServer::Impl::OnRead(const ConnectionPtr& c, error_code ec, size_t n) {
+  if (c->closed) return;
+  if (ec) {
+    if (c->closing) {
+      CloseConnection(c, c->close_reason);
+    } else {
+      CloseConnection(c, ec == asio::error::eof ? "closed by peer" : ec.message());
+    }
+    return;
+  }
+  if (c->closing) {  // the node has let it go: what it still sends goes nowhere
+    StartRead(c);
+    return;
+  }
+  lines_.clear();
+  reply_.clear();
+  c->assembler.Feed(std::string_view(c->read_buf.data(), n), lines_, reply_);
+  if (!reply_.empty()) QueueOutput(c, reply_);
+  if (c->closed) return;
+  if (!lines_.empty()) ForwardInput(c, lines_);
+  if (c->assembler.has_partial()) {
+    c->last_input = std::chrono::steady_clock::now();
+    if (!c->partial_timer_armed) ArmPartialTimer(c, c->last_input + options_.partial_line_wait);
+  }
+  StartRead(c);
+}
+
+void FrontendServer::Impl::ForwardInput(const ConnectionPtr& c, std::string_view data) {
+  if (LinkReady() && c->announced_session == link_->session) {
+    AppendStreamData(link_->queued, c->stream, data);
+    ScheduleFlush();
+  } else {
+    c->held.Append(data);
+  }
+}
+
+void FrontendServer::Impl::ArmPartialTimer(const ConnectionPtr& c, SteadyTime deadline) {
+  c->partial_timer_armed = true;
+  c->partial_timer.expires_at(deadline);
+  c->partial_timer.async_wait([this, c](error_code ec) {
+    c->partial_timer_armed = false;
+    if (ec || c->closed || c->closing || !c->assembler.has_partial()) return;
+    // Only a quiet spell flushes: more bytes since the timer was set move the deadline.
+    const SteadyTime due = c->last_input + options_.partial_line_wait;
+    if (std::chrono::steady_clock::now() < due) {
+      ArmPartialTimer(c, due);
+      return;
+    }
+    lines_.clear();
+    c->assembler.FlushPartial(lines_);
+    ForwardInput(c, lines_);
+  });
+}
+
+void FrontendServer::Impl::QueueOutput(const ConnectionPtr& c, std::string_view text) {
+  if (c->closed || text.empty()) return;
+  const size_t pending = c->queued.size() + (c->write_active ? c->writing.size() : 0);
+  if (pending + text.size() > options_.output_limit) {
+    ++counters.overflow_closes;
+    CloseConnection(c, "output overflow");
+    return;
+  }
+  c->queued.append(text);
+  if (!c->dirty && !c->write_active) {
+    c->dirty = true;
+    dirty_.push_back(c);
+    ScheduleFlush();
+  }
+}
+
+void FrontendServer::Impl::StartWrite(const ConnectionPtr& c) {
+  if (c->closed || c->write_active || c->queued.empty()) return;
+  c->writing.swap(c->queued);
+  c->write_active = true;
+  asio::async_write(c->socket, asio::buffer(c->writing), [this, c](error_code ec, size_t) {
+    c->write_active = false;
+    if (c->closed) return;
+    if (ec) {
+      CloseConnection(c, "write failed: " + ec.message());
+      return;
+    }
+    c->writing.clear();
+    GiveBackIfLarge(c->writing);
+    if (!c->queued.empty()) {
+      StartWrite(c);
+    } else if (c->closing && !c->lingering) {
+      Linger(c);
+    }
+  });
+}
+
+void FrontendServer::Impl::RequestClose(const ConnectionPtr& c, std::string reason) {
+  if (c->closed || c->closing) return;
+  c->closing = true;
+  c->close_reason = std::move(reason);
+  c->partial_timer.cancel();
+  if (!c->write_active && c->queued.empty()) {
+    Linger(c);
+    return;
+  }
+  // The queued output is written first; a peer that never reads is closed all the same.
+  c->close_timer.expires_after(options_.close_flush_timeout);
+  c->close_timer.async_wait([this, c](error_code ec) {
+    if (!ec && !c->closed) CloseConnection(c, c->close_reason);
+  });
+}
+
+void FrontendServer::Impl::Linger(const ConnectionPtr& c) {
+  // Half-close so the peer reads everything before it sees the end; the read loop notices
+  // the peer's own close, or the timer ends the wait.
+  c->lingering = true;
+  error_code ec;
+  c->socket.shutdown(tcp::socket::shutdown_send, ec);
+  if (ec) {
+    CloseConnection(c, c->close_reason);
+    return;
+  }
+  c->close_timer.expires_after(kLingerAfterClose);
+  c->close_timer.async_wait([this, c](error_code ec) {
+    if (!ec && !c->closed) CloseConnection(c, c->close_reason);
+  });
+}
+
+void FrontendServer::Impl::CloseConnection(const ConnectionPtr& c, std::string_view reason) {
+  if (c->closed) return;
+  c->closed = true;
+  c->partial_timer.cancel();
+  c->close_timer.cancel();
+  error_code ec;
+  c->socket.close(ec);
+  c->queued.clear();
+  c->held.Clear();
+  ++counters.closed;
+  if (by_stream_[c->stream] == c) by_stream_[c->stream].reset();
+  numbers_.Release(c->stream);
+  FrontLog("Stream " + std::to_string(c->stream) + " closed: " + std::string(reason) + " (" +
+           c->peer + " tag " + std::to_string(c->tag) + ")");
+  if (link_ && c->announced_session == link_->session) {
+    AppendStreamClosed(link_->queued, c->tag, c->stream, reason);
+    ScheduleFlush();
+  }
+}
+
+ConnectionPtr FrontendServer::Impl::Find(int stream, uint64_t tag) const {
+  if (stream < 1 || static_cast<size_t>(stream) >= by_stream_.size()) return nullptr;
+  const ConnectionPtr& c = by_stream_[stream];
+  if (!c || c->closed || (tag != 0 && tag != c->tag)) return nullptr;
+  return c;
+}
+
+// ---------------------------------------------------------------------------------------
+// Outgoing connections
+
+void FrontendServer::Impl::OpenOutgoing(std::string_view host, int port, std::string_view label) {
+  auto o = std::make_shared<Outgoing>(io_);
+  o->label = std::string(label);
+  o->host = std::string(host);
+  o->port = port;
+  FrontLog("Connecting to " + o->host + ":" + std::to_string(port) + " for " + o->label);
+
+  auto on_connect = [this, o](error_code ec) {
+    if (o->done) return;
+    o->done = true;
+    o->timer.cancel();
+    if (ec) {
+      OutgoingFailed(o, ec == asio::error::operation_aborted ? "timed out" : ec.message());
+      return;
+    }
+    AddConnection(std::move(o->socket), kOutgoingPortIndex, "out:" + o->label);
+  };
+
+  o->timer.expires_after(options_.connect_timeout);
+  o->timer.async_wait([o](error_code ec) {
+    if (ec || o->done) return;
+    error_code ignored;
+    o->resolver.cancel();
+    o->socket.close(ignored);
+  });
+
+  error_code ec;
+  const auto address = asio::ip::make_address(o->host, ec);
+  if (!ec) {
+    o->socket.async_connect(tcp::endpoint(address, static_cast<unsigned short>(port)), on_connect);
+    return;
+  }
+  o->resolver.async_resolve(
+      o->host, std::to_string(port),
+      [this, o, on_connect](error_code ec, tcp::resolver::results_type results) {
+        if (o->done) return;
+        if (ec) {
+          o->done = true;
+          o->timer.cancel();
+          OutgoingFailed(o, ec == asio::error::operation_aborted ? "timed out" : ec.message());
+          return;
+        }
+        asio::async_connect(o->socket, results,
+                            [on_connect](error_code ec, const tcp::endpoint&) { on_connect(ec); });
+      });
+}
+
+void FrontendServer::Impl::OutgoingFailed(const OutgoingPtr& o, std::string_view reason) {
+  FrontLog("Connection to " + o->host + ":" + std::to_string(o->port) + " for " + o->label +
+           " failed: " + std::string(reason));
+  if (link_) {
+    AppendOpenFailed(link_->queued, o->label, reason);
+    ScheduleFlush();
+  }
+}
+
+// ---------------------------------------------------------------------------------------
+// The node link
+
+void FrontendServer::Impl::OnLinkAccepted(tcp::socket socket) {
+  error_code ec;
+  const tcp::endpoint remote = socket.remote_endpoint(ec);
+  if (ec) {
+    socket.close(ec);
+    return;
+  }
+  // A node that restarts may leave its old link half-open; the newest link always wins.
+  if (link_) CloseLink(link_, "replaced by a new node link from " + PeerText(remote));
+  socket.set_option(tcp::no_delay(true), ec);
+  socket.non_blocking(true, ec);
+  link_ = std::make_shared<NodeLink>(std::move(socket));
+  link_->session = ++link_sessions_;
+  FrontLog("Node link open from " + PeerText(remote));
+  ReadLink(link_);
+}
+
+void FrontendServer::Impl::ReadLink(const NodeLinkPtr& link) {
+  const std::span<char> room = link->parser.PrepareWrite(kLinkReadChunk);
+  link->socket.async_read_some(asio::buffer(room.data(), room.size()),
+                               [this, link](error_code ec, size_t n) { OnLinkRead(link, ec, n); });
+}
+
+void FrontendServer::Impl::OnLinkRead(const NodeLinkPtr& link, error_code ec, size_t n) {
+  if (link->closed) return;
+  if (ec) {
+    CloseLink(link, ec == asio::error::eof ? "closed by the node" : ec.message());
+    return;
+  }
+  link->parser.Commit(n);
+  // Handle what is there, then take whatever else has already arrived, up to a batch, so
+  // that output for each connection is gathered into as few writes as possible.
+  size_t taken = n;
+  while (true) {
+    if (!HandleNodeMessages(link)) return;
+    if (taken >= kLinkReadBatch) break;
+    const std::span<char> room = link->parser.PrepareWrite(kLinkReadChunk);
+    const size_t got = link->socket.read_some(asio::buffer(room.data(), room.size()), ec);
+    if (ec == asio::error::would_block || ec == asio::error::try_again) break;
+    if (ec) {
+      CloseLink(link, ec == asio::error::eof ? "closed by the node" : ec.message());
+      return;
+    }
+    link->parser.Commit(got);
+    taken += got;
+  }
+  ReadLink(link);
+}
+
+bool FrontendServer::Impl::HandleNodeMessages(const NodeLinkPtr& link) {
+  NodeMessage m;
+  while (link->parser.Next(m)) {
+    ++counters.messages_from_node;
+    HandleNodeMessage(link, m);
+    if (link->closed || stopped_) return false;
+  }
+  return true;
+}
+
+void FrontendServer::Impl::HandleNodeMessage(const NodeLinkPtr& link, const NodeMessage& m) {
+  switch (m.kind) {
+    case NodeMessageKind::kSend: {
+      ConnectionPtr c = Find(m.stream, m.tag);
+      if (!c || c->closing) {
+        if (ShouldLog(++counters.stale_messages_dropped)) {
+          FrontLog("Text for stream " + std::to_string(m.stream) + " tag " + std::to_string(m.tag) +
+                   " dropped: no such connection (" +
+                   std::to_string(counters.stale_messages_dropped) + " so far)");
+        }
+        return;
+      }
+      QueueOutput(c, m.text);
+      return;
+    }
+    case NodeMessageKind::kClose: {
+      ConnectionPtr c = Find(m.stream, m.tag);
+      if (c) {
+        FrontLog("Stream " + std::to_string(m.stream) + ": the node asks to disconnect");
+        RequestClose(c, "disconnected by the node");
+      }
+      return;
+    }
+    case NodeMessageKind::kOpen:
+      OpenOutgoing(m.host, m.port, m.label);
+      return;
+    case NodeMessageKind::kIdentity: {
+      ConnectionPtr c = Find(m.stream, m.tag);
+      if (c) {
+        c->call = std::string(m.text);
+        c->state = m.state;
+      }
+      return;
+    }
+    case NodeMessageKind::kGreeting:
+      FrontLog("Node greeted; announcing this front-end");
+      AppendAnnounce(link->queued, options_.settings.station_text, options_.version);
+      ScheduleFlush();
+      return;
+    case NodeMessageKind::kKeepAliveAnswer:
+      return;
+    case NodeMessageKind::kStreamListRequest:
+      ReportStreams(link);
+      return;
+    case NodeMessageKind::kMalformed:
+      if (ShouldLog(++counters.malformed_messages)) {
+        FrontLogError("Message from the node dropped (" + std::string(m.error) +
+                      "): " + std::string(m.text));
+      }
+      return;
+  }
+}
+
+void FrontendServer::Impl::ReportStreams(const NodeLinkPtr& link) {
+  std::vector<int> streams;
+  for (const auto& c : by_stream_) {
+    if (c && !c->closed) streams.push_back(c->stream);
+  }
+  AppendStreamList(link->queued, streams);
+  for (int s : streams) {
+    Connection& c = *by_stream_[s];
+    AppendStreamReport(
+        link->queued, StreamReport{c.tag, c.stream, c.peer, c.port_index, c.call, c.state, c.kind});
+    c.announced_session = link->session;
+  }
+  const bool first = !link->ready;
+  link->ready = true;
+  size_t held_streams = 0;
+  for (int s : streams) {
+    Connection& c = *by_stream_[s];
+    if (c.held.empty()) continue;
+    AppendStreamData(link->queued, c.stream, c.held.text());
+    if (c.held.dropped_bytes() > 0) {
+      FrontLog("Stream " + std::to_string(c.stream) + ": " +
+               std::to_string(c.held.dropped_bytes()) +
+               " bytes of input dropped while no node was connected");
+    }
+    c.held.Clear();
+    ++held_streams;
+  }
+  FrontLog(std::string(first ? "Node ready: " : "Node asked again: ") +
+           std::to_string(streams.size()) + " open streams reported, held input sent for " +
+           std::to_string(held_streams));
+  ScheduleFlush();
+}
+
+void FrontendServer::Impl::CloseLink(const NodeLinkPtr& link, std::string_view reason) {
+  if (link->closed) return;
+  link->closed = true;
+  error_code ec;
+  link->socket.close(ec);
+  FrontLog("Node link closed: " + std::string(reason) + "; connections stay open");
+  if (link_ == link) {
+    link_.reset();
+    ResumePausedReads();
+  }
+}
+
+size_t FrontendServer::Impl::LinkBacklog() const {
+  if (!link_) return 0;
+  return link_->queued.size() + (link_->write_active ? link_->writing.size() : 0);
+}
+
+void FrontendServer::Impl::StartLinkWrite(const NodeLinkPtr& link) {
+  if (link->closed || link->write_active || link->queued.empty()) return;
+  link->writing.swap(link->queued);
+  link->write_active = true;
+  asio::async_write(link->socket, asio::buffer(link->writing), [this, link](error_code ec, size_t) {
+    link->write_active = false;
+    if (link->closed) return;
+    if (ec) {
+      CloseLink(link, "write failed: " + ec.message());
+      return;
+    }
+    link->writing.clear();
+    GiveBackIfLarge(link->writing);
+    StartLinkWrite(link);
+    if (!paused_.empty() && LinkBacklog() < kLinkLowWater) ResumePausedReads();
+  });
+}
+
+void FrontendServer::Impl::ResumePausedReads() {
+  std::vector<ConnectionPtr> paused;
+  paused.swap(paused_);
+  for (const auto& c : paused) {
+    if (c->read_paused) StartRead(c);
+  }
+}
+
+void FrontendServer::Impl::KeepAlive() {
+  keep_alive_timer_.expires_after(options_.keep_alive_every);
+  keep_alive_timer_.async_wait([this](error_code ec) {
+    if (ec || stopped_) return;
+    if (link_) {
+      AppendKeepAlive(link_->queued);
+      ScheduleFlush();
+    }
+    KeepAlive();
+  });
+}
+
+void FrontendServer::Impl::ScheduleFlush() {
+  if (flush_scheduled_) return;
+  flush_scheduled_ = true;
+  asio::post(io_, [this] {
+    flush_scheduled_ = false;
+    Flush();
+  });
+}
+
+void FrontendServer::Impl::Flush() {
+  if (stopped_) return;
+  if (link_) StartLinkWrite(link_);
+  std::vector<ConnectionPtr> dirty;
+  dirty.swap(dirty_);
+  for (const auto& c : dirty) {
+    c->dirty = false;
+    StartWrite(c);
+  }
+  // Keep the list's capacity for the next round.
+  dirty.clear();
+  if (dirty_.empty()) dirty_.swap(dirty);
+}
+
+// ---------------------------------------------------------------------------------------
+
+FrontendServer::FrontendServer(asio::io_context& io, FrontendOptions options)
+    : impl_(std::make_unique<Impl>(io, std::move(options))) {}
+
+FrontendServer::~FrontendServer() { impl_->Stop(); }
+
+bool FrontendServer::Start() { return impl_->Start(); }
+void FrontendServer::Stop() { impl_->Stop(); }
+const FrontendCounters& FrontendServer::counters() const { return impl_->counters; }
+
+}  // namespace qx

@@ -1,0 +1,61 @@
+// The connection front-end: accepts users and nodes on the configured ports, opens outgoing
+// connections when the node asks, and relays every connection as a numbered stream over one
+// link to the node.  Connections outlive the node: while no node is connected their input is
+// held (bounded), and a node that connects again is told which streams are open.
+//
+// Everything runs on the io_context's one thread.  Output for a connection is gathered in one
+// buffer that is swapped out whole for each socket write, so however many messages wait for a
+// socket they go out in one write, and a slow reader only ever fills its own bounded buffer.
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "frontend/frontend_settings.h"
+
+namespace qx {
+
+struct FrontendOptions {
+  FrontendSettings settings;
+  std::string version = QX_VERSION;
+  size_t output_limit = 1024 * 1024;  // bytes queued for one connection before it is closed
+  size_t hold_limit = 64 * 1024;      // input held per stream while no node is connected
+  std::chrono::milliseconds partial_line_wait{200};
+  std::chrono::seconds keep_alive_every{30};
+  std::chrono::seconds connect_timeout{30};
+  std::chrono::seconds close_flush_timeout{30};
+};
+
+struct FrontendCounters {
+  uint64_t accepted = 0;
+  uint64_t closed = 0;
+  uint64_t overflow_closes = 0;
+  uint64_t messages_from_node = 0;
+  uint64_t stale_messages_dropped = 0;
+  uint64_t malformed_messages = 0;
+};
+
+class FrontendServer {
+ public:
+  FrontendServer(boost::asio::io_context& io, FrontendOptions options);
+  ~FrontendServer();
+  FrontendServer(const FrontendServer&) = delete;
+  FrontendServer& operator=(const FrontendServer&) = delete;
+
+  // Opens the link port and every user port; false (logged) when one cannot be opened.
+  bool Start();
+  // Closes every socket; the io_context then runs out of work.
+  void Stop();
+
+  const FrontendCounters& counters() const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace qx

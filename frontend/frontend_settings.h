@@ -1,0 +1,38 @@
+// The few configuration keys the connection front-end needs from cluster.cfg: where the
+// node's link is accepted, which ports users and nodes connect to, and the station text the
+// front-end announces.  The parse is pure so that every rule can be tried without files.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qx {
+
+// Port indexes 0..8 are the configured listening ports; 9 marks an outgoing connection.
+inline constexpr int kMaxFrontendPorts = 9;
+inline constexpr int kOutgoingPortIndex = 9;
+
+struct FrontendSettings {
+  std::string link_ip = "127.0.0.1";  // "Winsock IP"
+  int link_port = 7399;               // "Winsock Port"
+  std::vector<int> user_ports{7300};  // "Frontend Ports", index = port index
+  std::string station_text;           // "Station Text"
+};
+
+struct FrontendSettingsResult {
+  FrontendSettings settings;
+  // One line per value that could not be used; the default was kept for it.
+  std::vector<std::string> warnings;
+  bool file_found = true;
+};
+
+// Parses "key^value" lines (CR LF or LF); unknown keys are ignored, keys compare without
+// regard to case and surrounding blanks.
+FrontendSettingsResult ParseFrontendSettings(std::string_view text);
+
+// Reads and parses the file; a missing file gives the defaults with file_found false.
+FrontendSettingsResult ReadFrontendSettings(const std::filesystem::path& path);
+
+}  // namespace qx

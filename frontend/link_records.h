@@ -1,0 +1,47 @@
+// The records the front-end writes to the node's link.  Each record is fields joined by "^"
+// and ended by Chr 3.  The writers append to a caller's buffer so that a batch of records
+// for one link write costs no allocation once the buffer has grown.
+//
+// Only the data of "AA00" is passed through as it stands (it may hold "^"; the caller has
+// already removed Chr 3 from it).  Every other text field is cleaned: "^", Chr 3 and Chr 4
+// would break the record apart, so they are left out.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace qx {
+
+inline constexpr char kRecordEnd = '\x03';   // ends a record to the node (ETX)
+inline constexpr char kMessageEnd = '\x04';  // ends a message from the node (EOT)
+
+// "AA03^Connect Request^<stream>^<peer>^<tag>^<kind>^<port index>"
+void AppendConnectRequest(std::string& out, int stream, std::string_view peer, uint64_t tag,
+                          std::string_view kind, int port_index);
+// "AA00^<stream>^<data>"
+void AppendStreamData(std::string& out, int stream, std::string_view data);
+// "AA17^<tag>^<stream>^<reason>"
+void AppendStreamClosed(std::string& out, uint64_t tag, int stream, std::string_view reason);
+// "AA18"
+void AppendKeepAlive(std::string& out);
+// "QRV <station text>^<version>"
+void AppendAnnounce(std::string& out, std::string_view station_text, std::string_view version);
+// "AA01^<count>^<s1>,<s2>,..."
+void AppendStreamList(std::string& out, std::span<const int> streams);
+// "AA38^<tag>^<stream>^<peer>^<port index>^<call>^<state>^<kind>"
+struct StreamReport {
+  uint64_t tag = 0;
+  int stream = 0;
+  std::string_view peer;
+  int port_index = 0;
+  std::string_view call;
+  int state = 0;
+  std::string_view kind;
+};
+void AppendStreamReport(std::string& out, const StreamReport& report);
+// "AA19^<label>^<reason>"
+void AppendOpenFailed(std::string& out, std::string_view label, std::string_view reason);
+
+}  // namespace qx

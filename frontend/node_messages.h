@@ -1,0 +1,75 @@
+// Reads what the node writes on its link.  Messages are elements joined by Chr 3 and ended by
+// Chr 4; between messages the node may also write the raw texts "QX Cluster", "rxAA18" and
+// "8270", which carry no terminator and may be glued to the next message, so they are
+// recognised only where a message would begin.
+//
+// The parser owns the receive buffer: the socket reads straight into PrepareWrite(), so a
+// message is never copied before it is handled.  The views in a NodeMessage point into that
+// buffer and stay valid until the next PrepareWrite() or Feed().
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+
+namespace qx {
+
+enum class NodeMessageKind {
+  kGreeting,           // raw "QX Cluster"
+  kKeepAliveAnswer,    // raw "rxAA18"
+  kStreamListRequest,  // raw "8270"
+  kSend,               // "0": stream, text, tag
+  kClose,              // "1": stream, tag
+  kOpen,               // "2": host, port, label
+  kIdentity,           // "3": stream, call (in text), state, tag
+  kMalformed,          // error says why; text holds (the start of) the message
+};
+
+struct NodeMessage {
+  NodeMessageKind kind = NodeMessageKind::kMalformed;
+  int stream = 0;
+  uint64_t tag = 0;  // 0 matches any connection on the stream
+  std::string_view text;
+  std::string_view host;
+  int port = 0;
+  std::string_view label;
+  int state = 0;
+  std::string_view error;
+};
+
+// Decodes one message without its Chr 4.  Pure; used by the parser and by tests.
+NodeMessage DecodeNodeMessage(std::string_view message);
+
+class NodeMessageParser {
+ public:
+  static constexpr size_t kDefaultMaxMessage = 16 * 1024 * 1024;
+
+  explicit NodeMessageParser(size_t max_message = kDefaultMaxMessage);
+
+  // Room for at least min_room more bytes; write into it, then Commit() what was written.
+  std::span<char> PrepareWrite(size_t min_room);
+  void Commit(size_t n);
+  // Copies bytes in (tests and small inputs).
+  void Feed(std::string_view bytes);
+
+  // The next complete message, or false when more bytes are needed.  A message longer than
+  // the maximum is reported once as kMalformed and skipped up to its Chr 4.
+  bool Next(NodeMessage& out);
+
+  // Forgets everything buffered (a new link).
+  void Reset();
+  size_t buffered() const { return end_ - read_; }
+
+ private:
+  size_t max_message_;
+  std::unique_ptr<char[]> buf_;
+  size_t capacity_ = 0;
+  size_t read_ = 0;  // start of the unread bytes
+  size_t scan_ = 0;  // bytes before this (from read_) hold no Chr 4
+  size_t end_ = 0;
+  bool skipping_ = false;  // inside an overlong message, dropping up to its Chr 4
+};
+
+}  // namespace qx

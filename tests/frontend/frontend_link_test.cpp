@@ -1,0 +1,372 @@
+// The front-end as a running program: a fake node on the link port, plain TCP clients on the
+// user ports, and a plain TCP listener for outgoing connections.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/text_util.h"
+#include "tests/testlib/test_util.h"
+
+namespace qx {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ChildProcess;
+using testing::LineClient;
+using testing::TempDir;
+
+constexpr char kEtx = '\x03';
+
+std::string Message(std::initializer_list<std::string_view> elements) {
+  std::string out;
+  for (auto e : elements) {
+    if (!out.empty()) out.push_back(kEtx);
+    out.append(e);
+  }
+  out.push_back('\x04');
+  return out;
+}
+
+// The complete records received so far.
+std::vector<std::string> Records(const std::string& received) {
+  std::vector<std::string> out;
+  size_t start = 0;
+  for (size_t end; (end = received.find(kEtx, start)) != std::string::npos; start = end + 1) {
+    out.push_back(received.substr(start, end - start));
+  }
+  return out;
+}
+
+// Waits for a complete record starting with prefix; returns it (empty on time-out).
+std::string WaitRecord(LineClient& link, std::string_view prefix,
+                       std::chrono::milliseconds limit = 10s) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (true) {
+    for (const auto& r : Records(link.received())) {
+      if (r.starts_with(prefix)) return r;
+    }
+    if (std::chrono::steady_clock::now() >= end) return "";
+    link.Drain(20ms);
+  }
+}
+
+std::string Field(std::string_view record, size_t index) {
+  const auto fields = Split(record, '^');
+  return index < fields.size() ? std::string(fields[index]) : "";
+}
+
+int LocalPort(const LineClient& c) {
+  sockaddr_in addr{};
+  socklen_t len = sizeof addr;
+  ::getsockname(c.fd(), reinterpret_cast<sockaddr*>(&addr), &len);
+  return ntohs(addr.sin_port);
+}
+
+class FrontendLinkTest : public ::testing::Test {
+ protected:
+  void StartFront(std::vector<std::string> extra = {}) {
+    link_port_ = testing::FreePort();
+    user_port_ = testing::FreePort();
+    user_port2_ = testing::FreePort();
+    testing::WriteFile(dir_ / "cluster.cfg",
+                       "Winsock IP^127.0.0.1\r\nWinsock Port^" + std::to_string(link_port_) +
+                           "\r\nFrontend Ports^" + std::to_string(user_port_) + "," +
+                           std::to_string(user_port2_) + "\r\nStation Text^GB7QX test\r\n");
+    std::vector<std::string> args{"--home", dir_.path().string()};
+    args.insert(args.end(), extra.begin(), extra.end());
+    front_ = std::make_unique<ChildProcess>(QX_FRONT_BIN, args, dir_.path(), "qxfront");
+  }
+
+  // Connects a fake node and goes through the greeting and the stream report; returns the
+  // report's "AA01" record.
+  std::string ConnectNode(LineClient& node) {
+    EXPECT_TRUE(node.Connect(link_port_));
+    EXPECT_TRUE(node.Send("QX Cluster"));
+    EXPECT_EQ(WaitRecord(node, "QRV "), std::string("QRV GB7QX test^") + QX_VERSION);
+    EXPECT_TRUE(node.Send("8270"));
+    return WaitRecord(node, "AA01^");
+  }
+
+  // Connects a client and returns the node's "AA03" record for it.
+  std::string ConnectClient(LineClient& node, LineClient& client, int port) {
+    EXPECT_TRUE(client.Connect(port));
+    const std::string peer = "127.0.0.1:" + std::to_string(LocalPort(client));
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < end) {
+      for (const auto& r : Records(node.received())) {
+        if (r.starts_with("AA03^") && Field(r, 3) == peer) return r;
+      }
+      node.Drain(20ms);
+    }
+    ADD_FAILURE() << "no AA03 for " << peer;
+    return "";
+  }
+
+  TempDir dir_;
+  int link_port_ = 0;
+  int user_port_ = 0;
+  int user_port2_ = 0;
+  std::unique_ptr<ChildProcess> front_;
+};
+
+TEST_F(FrontendLinkTest, VersionAndHelpPrintAndExit) {
+  ChildProcess version(QX_FRONT_BIN, {"--version"}, dir_.path(), "version");
+  ASSERT_TRUE(testing::WaitFor([&] { return !version.Running(); }));
+  EXPECT_EQ(version.Output(), std::string("qxfront ") + QX_VERSION + "\n");
+  ChildProcess help(QX_FRONT_BIN, {"--help"}, dir_.path(), "help");
+  ASSERT_TRUE(testing::WaitFor([&] { return !help.Running(); }));
+  EXPECT_NE(help.Output().find("--home DIR"), std::string::npos);
+}
+
+TEST_F(FrontendLinkTest, ClientsAndNodeExchangeText) {
+  StartFront();
+  LineClient node, alice, bob;
+  EXPECT_EQ(ConnectNode(node), "AA01^0^");
+
+  const std::string a03 = ConnectClient(node, alice, user_port_);
+  EXPECT_EQ(Field(a03, 2), "1");
+  EXPECT_EQ(Field(a03, 5), "in");
+  EXPECT_EQ(Field(a03, 6), "0");
+  const std::string b03 = ConnectClient(node, bob, user_port2_);
+  EXPECT_EQ(Field(b03, 2), "2");
+  EXPECT_EQ(Field(b03, 6), "1");
+  const std::string alice_tag = Field(a03, 4);
+  const std::string bob_tag = Field(b03, 4);
+  EXPECT_NE(alice_tag, bob_tag);
+
+  // Client lines reach the node with their line ends; carets pass untouched.
+  ASSERT_TRUE(alice.Send("dx 14025 DL1ABC cq^test\r\n"));
+  EXPECT_EQ(WaitRecord(node, "AA00^1^"), "AA00^1^dx 14025 DL1ABC cq^test\r\n");
+
+  // Telnet negotiation is refused and never reaches the node.
+  node.ClearReceived();
+  ASSERT_TRUE(alice.Send("\xff\xfd\x01sh/dx\r\n"));
+  EXPECT_EQ(WaitRecord(node, "AA00^1^"), "AA00^1^sh/dx\r\n");
+  ASSERT_TRUE(alice.ReadUntil("\xff\xfc\x01"));
+
+  // A prompt without a line end gets through after a quiet spell, and only after it: bytes
+  // arriving within the spell join the same piece.
+  ASSERT_TRUE(bob.Send("log"));
+  std::this_thread::sleep_for(120ms);
+  ASSERT_TRUE(bob.Send("in"));
+  std::this_thread::sleep_for(120ms);
+  ASSERT_TRUE(bob.Send(": "));
+  EXPECT_EQ(WaitRecord(node, "AA00^2^"), "AA00^2^login: ");
+
+  // Node text reaches the right client; a stale tag is dropped, tag 0 matches any.
+  ASSERT_TRUE(node.Send(Message({"0", "1", "stale\r\n", bob_tag})));
+  ASSERT_TRUE(node.Send(Message({"0", "1", "Hello Alice\r\n", alice_tag})));
+  ASSERT_TRUE(node.Send("junk\x04" + Message({"0", "x", "bad\r\n", "1"}) +
+                        Message({"0", "2", "Hello Bob\r\n", "0"})));
+  ASSERT_TRUE(alice.ReadUntil("Hello Alice\r\n"));
+  ASSERT_TRUE(bob.ReadUntil("Hello Bob\r\n"));
+  EXPECT_EQ(alice.received().find("stale"), std::string::npos);
+}
+
+TEST_F(FrontendLinkTest, ClosesAreReportedAndStreamNumbersReused) {
+  StartFront();
+  LineClient node;
+  ConnectNode(node);
+  auto first = std::make_unique<LineClient>();
+  LineClient second, third;
+  const std::string r1 = ConnectClient(node, *first, user_port_);
+  const std::string r2 = ConnectClient(node, second, user_port_);
+  ASSERT_EQ(Field(r2, 2), "2");
+
+  first->Close();
+  EXPECT_EQ(WaitRecord(node, "AA17^"), "AA17^" + Field(r1, 4) + "^1^closed by peer");
+
+  node.ClearReceived();
+  const std::string r3 = ConnectClient(node, third, user_port_);
+  EXPECT_EQ(Field(r3, 2), "1");
+  EXPECT_NE(Field(r3, 4), Field(r1, 4));  // tags are never reused
+
+  // The node's close request: queued text first, then the close.
+  node.ClearReceived();
+  ASSERT_TRUE(node.Send(Message({"0", "2", "73 de GB7QX\r\n", Field(r2, 4)}) +
+                        Message({"1", "2", "Disconnect", Field(r2, 4)})));
+  ASSERT_TRUE(second.ReadUntil("73 de GB7QX\r\n"));
+  EXPECT_TRUE(second.WaitClosed());
+  EXPECT_EQ(WaitRecord(node, "AA17^"), "AA17^" + Field(r2, 4) + "^2^disconnected by the node");
+}
+
+TEST_F(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
+  StartFront();
+  auto node = std::make_unique<LineClient>();
+  ConnectNode(*node);
+  LineClient client;
+  const std::string r = ConnectClient(*node, client, user_port_);
+  const std::string tag = Field(r, 4);
+  ASSERT_TRUE(node->Send(Message({"3", "1", "G4ABC", "5", tag})));
+  ASSERT_TRUE(node->Send(Message({"0", "1", "G4ABC de GB7QX >\r\n", tag})));
+  ASSERT_TRUE(client.ReadUntil("GB7QX >"));
+  node->Close();
+
+  // Typed while no node is there: held, not lost.
+  std::this_thread::sleep_for(100ms);
+  ASSERT_TRUE(client.Send("sh/dx\r\n"));
+  std::this_thread::sleep_for(300ms);
+
+  LineClient node2;
+  EXPECT_EQ(ConnectNode(node2), "AA01^1^1");
+  EXPECT_EQ(WaitRecord(node2, "AA38^"),
+            "AA38^" + tag + "^1^127.0.0.1:" + std::to_string(LocalPort(client)) + "^0^G4ABC^5^in");
+  EXPECT_EQ(WaitRecord(node2, "AA00^"), "AA00^1^sh/dx\r\n");
+  // The order is fixed: list, reports, then held input.
+  const auto records = Records(node2.received());
+  ASSERT_GE(records.size(), 4u);
+  EXPECT_TRUE(records[1].starts_with("AA01^"));
+  EXPECT_TRUE(records[2].starts_with("AA38^"));
+
+  ASSERT_TRUE(node2.Send(Message({"0", "1", "still here\r\n", tag})));
+  ASSERT_TRUE(client.ReadUntil("still here\r\n"));
+}
+
+TEST_F(FrontendLinkTest, InputHeldWithoutANodeIsBounded) {
+  StartFront();
+  LineClient client;
+  ASSERT_TRUE(client.Connect(user_port_));
+  std::string typed;
+  for (int i = 0; i < 2000; ++i)
+    typed += "line " + std::to_string(i) + " " + std::string(40, 'x') + "\r\n";
+  ASSERT_TRUE(client.Send(typed));
+  std::this_thread::sleep_for(500ms);
+
+  LineClient node;
+  EXPECT_EQ(ConnectNode(node), "AA01^1^1");
+  const std::string data = WaitRecord(node, "AA00^1^");
+  ASSERT_FALSE(data.empty());
+  const std::string held = data.substr(7);
+  EXPECT_LE(held.size(), 64u * 1024);
+  EXPECT_GT(held.size(), 60u * 1024);
+  EXPECT_TRUE(held.starts_with("line "));  // the oldest were dropped as whole lines
+  EXPECT_TRUE(held.ends_with("line 1999 " + std::string(40, 'x') + "\r\n"));
+}
+
+TEST_F(FrontendLinkTest, SecondNodeLinkReplacesTheFirst) {
+  StartFront();
+  LineClient node1, node2, client;
+  ConnectNode(node1);
+  ConnectClient(node1, client, user_port_);
+  ASSERT_TRUE(node2.Connect(link_port_));
+  EXPECT_TRUE(node1.WaitClosed());
+  ASSERT_TRUE(node2.Send("QX Cluster8270"));
+  EXPECT_EQ(WaitRecord(node2, "AA01^"), "AA01^1^1");
+}
+
+TEST_F(FrontendLinkTest, SlowReaderIsClosedWhileOthersKeepReceiving) {
+  StartFront({"--output-limit", "65536"});
+  LineClient node, slow, fast;
+  ConnectNode(node);
+  const std::string slow_tag = Field(ConnectClient(node, slow, user_port_), 4);
+  const std::string fast_tag = Field(ConnectClient(node, fast, user_port_), 4);
+
+  const std::string big(4000, 's');
+  std::string burst;
+  int sent_fast = 0;
+  for (int i = 0; i < 2000; ++i) {
+    burst += Message({"0", "1", big + "\r\n", slow_tag});
+    if (i % 2 == 0) {
+      burst += Message({"0", "2", "line " + std::to_string(sent_fast++) + "\r\n", fast_tag});
+    }
+  }
+  ASSERT_TRUE(node.Send(burst));
+  ASSERT_TRUE(fast.ReadUntil("line " + std::to_string(sent_fast - 1) + "\r\n"));
+  EXPECT_EQ(Split(fast.received(), '\n').size(), static_cast<size_t>(sent_fast) + 1);
+  EXPECT_EQ(WaitRecord(node, "AA17^"), "AA17^" + slow_tag + "^1^output overflow");
+  EXPECT_TRUE(slow.WaitClosed());
+}
+
+// A listener standing in for a remote node.
+class RemoteNode {
+ public:
+  RemoteNode() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    ::listen(fd_, 4);
+    socklen_t len = sizeof addr;
+    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
+    port_ = ntohs(addr.sin_port);
+  }
+  ~RemoteNode() {
+    if (conn_ >= 0) ::close(conn_);
+    ::close(fd_);
+  }
+  int port() const { return port_; }
+  bool Accept() {
+    pollfd p{fd_, POLLIN, 0};
+    if (::poll(&p, 1, 10000) != 1) return false;
+    conn_ = ::accept(fd_, nullptr, nullptr);
+    return conn_ >= 0;
+  }
+  void Send(std::string_view text) { ::send(conn_, text.data(), text.size(), MSG_NOSIGNAL); }
+  std::string ReadUntil(std::string_view needle) {
+    std::string got;
+    char buf[4096];
+    while (got.find(needle) == std::string::npos) {
+      pollfd p{conn_, POLLIN, 0};
+      if (::poll(&p, 1, 10000) != 1) break;
+      const ssize_t n = ::recv(conn_, buf, sizeof buf, 0);
+      if (n <= 0) break;
+      got.append(buf, size_t(n));
+    }
+    return got;
+  }
+
+ private:
+  int fd_ = -1;
+  int conn_ = -1;
+  int port_ = 0;
+};
+
+TEST_F(FrontendLinkTest, OutgoingConnectionsAreOpenedOnRequest) {
+  StartFront();
+  LineClient node;
+  ConnectNode(node);
+  RemoteNode remote;
+  ASSERT_TRUE(node.Send(Message({"2", "127.0.0.1", std::to_string(remote.port()), "GB7XX"})));
+  ASSERT_TRUE(remote.Accept());
+  const std::string r = WaitRecord(node, "AA03^");
+  EXPECT_EQ(Field(r, 1), "Connect Request");
+  EXPECT_EQ(Field(r, 2), "1");
+  EXPECT_EQ(Field(r, 3), "127.0.0.1:" + std::to_string(remote.port()));
+  EXPECT_EQ(Field(r, 5), "out:GB7XX");
+  EXPECT_EQ(Field(r, 6), "9");
+
+  remote.Send("login: ");
+  EXPECT_EQ(WaitRecord(node, "AA00^1^"), "AA00^1^login: ");
+  ASSERT_TRUE(node.Send(Message({"0", "1", "GB7QX\r\n", Field(r, 4)})));
+  EXPECT_NE(remote.ReadUntil("GB7QX\r\n").find("GB7QX\r\n"), std::string::npos);
+
+  // A name is looked up; a port where nobody listens is reported as a failure.
+  RemoteNode named;
+  ASSERT_TRUE(node.Send(Message({"2", "localhost", std::to_string(named.port()), "GB7YY"})));
+  ASSERT_TRUE(named.Accept());
+  EXPECT_NE(WaitRecord(node, "AA03^Connect Request^2^").find("^out:GB7YY^9"), std::string::npos);
+  const int dead_port = testing::FreePort();
+  ASSERT_TRUE(node.Send(Message({"2", "127.0.0.1", std::to_string(dead_port), "GB7ZZ"})));
+  EXPECT_EQ(WaitRecord(node, "AA19^"), "AA19^GB7ZZ^Connection refused");
+}
+
+TEST_F(FrontendLinkTest, TerminatesCleanlyOnSignal) {
+  StartFront();
+  LineClient node, client;
+  ConnectNode(node);
+  ConnectClient(node, client, user_port_);
+  EXPECT_EQ(front_->Stop(), 0);
+}
+
+}  // namespace
+}  // namespace qx

@@ -1,0 +1,69 @@
+#include "frontend/frontend_settings.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/testlib/test_util.h"
+
+namespace qx {
+namespace {
+
+using ::testing::ElementsAre;
+
+TEST(FrontendSettingsTest, EmptyTextGivesDefaults) {
+  const FrontendSettingsResult r = ParseFrontendSettings("");
+  EXPECT_EQ(r.settings.link_ip, "127.0.0.1");
+  EXPECT_EQ(r.settings.link_port, 7399);
+  EXPECT_EQ(r.settings.user_ports, std::vector<int>{7300});
+  EXPECT_EQ(r.settings.station_text, "");
+  EXPECT_TRUE(r.warnings.empty());
+}
+
+TEST(FrontendSettingsTest, ReadsKeysWithEitherLineEndAndIgnoresOthers) {
+  const FrontendSettingsResult r = ParseFrontendSettings(
+      "Call^GB7QX\r\n"
+      "Winsock IP^10.1.2.3\r\n"
+      "winsock port ^ 7400\n"
+      "Frontend Ports^7300, 7301,8000\r\n"
+      "Station Text^GB7QX front end\n"
+      "no caret here\n");
+  EXPECT_EQ(r.settings.link_ip, "10.1.2.3");
+  EXPECT_EQ(r.settings.link_port, 7400);
+  EXPECT_EQ(r.settings.user_ports, (std::vector<int>{7300, 7301, 8000}));
+  EXPECT_EQ(r.settings.station_text, "GB7QX front end");
+  EXPECT_TRUE(r.warnings.empty());
+}
+
+TEST(FrontendSettingsTest, BadValuesKeepTheDefaultAndWarn) {
+  const FrontendSettingsResult r = ParseFrontendSettings(
+      "Winsock IP^localhost\n"
+      "Winsock Port^70000\n"
+      "Frontend Ports^7300,abc\n");
+  EXPECT_EQ(r.settings.link_ip, "127.0.0.1");
+  EXPECT_EQ(r.settings.link_port, 7399);
+  EXPECT_EQ(r.settings.user_ports, std::vector<int>{7300});
+  EXPECT_EQ(r.warnings.size(), 3u);
+}
+
+TEST(FrontendSettingsTest, AtMostNinePortsAreUsed) {
+  const FrontendSettingsResult r =
+      ParseFrontendSettings("Frontend Ports^1,2,3,4,5,6,7,8,9,10,11\n");
+  EXPECT_THAT(r.settings.user_ports, ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 9));
+  EXPECT_EQ(r.warnings.size(), 1u);
+}
+
+TEST(FrontendSettingsTest, ReadsTheFileOrReportsItMissing) {
+  testing::TempDir dir;
+  const FrontendSettingsResult missing = ReadFrontendSettings(dir / "cluster.cfg");
+  EXPECT_FALSE(missing.file_found);
+  EXPECT_EQ(missing.settings.link_port, 7399);
+
+  testing::WriteFile(dir / "cluster.cfg", "Winsock Port^7411\r\nFrontend Ports^7412\r\n");
+  const FrontendSettingsResult found = ReadFrontendSettings(dir / "cluster.cfg");
+  EXPECT_TRUE(found.file_found);
+  EXPECT_EQ(found.settings.link_port, 7411);
+  EXPECT_EQ(found.settings.user_ports, std::vector<int>{7412});
+}
+
+}  // namespace
+}  // namespace qx

@@ -1,0 +1,189 @@
+#include "frontend/input_filter.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace qx {
+namespace {
+
+struct Fed {
+  std::string lines;
+  std::string reply;
+};
+
+Fed FeedInPieces(InputAssembler& a, std::string_view bytes, size_t piece) {
+  Fed out;
+  for (size_t i = 0; i < bytes.size(); i += piece) {
+    a.Feed(bytes.substr(i, piece), out.lines, out.reply);
+  }
+  return out;
+}
+
+const std::string kIac = "\xff";
+const std::string kWill = "\xfb";
+const std::string kWont = "\xfc";
+const std::string kDo = "\xfd";
+const std::string kDont = "\xfe";
+
+TEST(InputAssemblerTest, CompleteLinesGoOnWithTheirOwnLineEnds) {
+  for (size_t piece : {1, 2, 3, 100}) {
+    InputAssembler a;
+    const Fed f = FeedInPieces(a, "sh/dx\r\nset/name Al\rbye\nhalf", piece);
+    if (piece < 100) {
+      // The CR and the LF of the first line arrive apart: the line went on with its CR, and
+      // the late LF is dropped rather than making an empty line.
+      EXPECT_EQ(f.lines, "sh/dx\rset/name Al\rbye\n") << piece;
+    } else {
+      EXPECT_EQ(f.lines, "sh/dx\r\nset/name Al\rbye\n");
+    }
+    EXPECT_TRUE(f.reply.empty());
+    EXPECT_TRUE(a.has_partial());
+    std::string rest;
+    a.FlushPartial(rest);
+    EXPECT_EQ(rest, "half");
+    EXPECT_FALSE(a.has_partial());
+  }
+}
+
+TEST(InputAssemblerTest, EmptyLinesAndBlankLinesAreKept) {
+  InputAssembler a;
+  std::string lines, reply;
+  a.Feed("\r\n\r\n \n\n", lines, reply);
+  EXPECT_EQ(lines, "\r\n\r\n \n\n");
+}
+
+TEST(InputAssemblerTest, FlushedPromptIsFollowedByTheRestOfItsLine) {
+  InputAssembler a;
+  std::string lines, reply;
+  a.Feed("login: ", lines, reply);
+  EXPECT_EQ(lines, "");
+  a.FlushPartial(lines);
+  EXPECT_EQ(lines, "login: ");
+  a.Feed("x\r\n", lines, reply);
+  EXPECT_EQ(lines, "login: x\r\n");
+}
+
+TEST(InputAssemblerTest, TelnetOptionsAreRefusedAndTakenOut) {
+  const std::string in = kIac + kDo + "\x01" + "a" + kIac + kWill + "\x1f" + "b" + kIac + kWont +
+                         "\x03" + kIac + kDont + "\x18" + "c\n";
+  for (size_t piece : {1, 2, 5, 100}) {
+    InputAssembler a;
+    const Fed f = FeedInPieces(a, in, piece);
+    EXPECT_EQ(f.lines, "abc\n") << piece;
+    // DO ECHO -> WONT ECHO, WILL NAWS -> DONT NAWS; withdrawals get no answer.
+    EXPECT_EQ(f.reply, kIac + kWont + "\x01" + kIac + kDont + "\x1f") << piece;
+  }
+}
+
+TEST(InputAssemblerTest, SubnegotiationCommandsAndEscapedIacAreHandled) {
+  // Terminal type subnegotiation holding an escaped IAC, a NOP, then an escaped 255 in data.
+  const std::string in = "x" + kIac + std::string("\xfa\x18\x00VT", 5) + kIac + kIac + "100" +
+                         kIac +
+                         "\xf0"
+                         "y" +
+                         kIac +
+                         "\xf1"
+                         "z" +
+                         kIac + kIac + "\n";
+  for (size_t piece : {1, 3, 100}) {
+    InputAssembler a;
+    const Fed f = FeedInPieces(a, in, piece);
+    EXPECT_EQ(f.lines, "xyz\xff\n") << piece;
+    EXPECT_TRUE(f.reply.empty());
+  }
+}
+
+TEST(InputAssemblerTest, NulAndChr3AreDropped) {
+  InputAssembler a;
+  std::string lines, reply;
+  a.Feed(std::string("a\0b\x03"
+                     "c\r\0\n",
+                     8),
+         lines, reply);
+  EXPECT_EQ(lines, "abc\r\n");
+}
+
+TEST(InputAssemblerTest, LongLinesAreCutButKeepTheirLineEnd) {
+  InputAssembler a;
+  std::string lines, reply;
+  a.Feed(std::string(3000, 'x') + "\r\nok\r\n", lines, reply);
+  EXPECT_EQ(lines, std::string(InputAssembler::kMaxLine, 'x') + "\r\nok\r\n");
+
+  // Bytes already flushed as a partial line count towards the cut.
+  lines.clear();
+  a.Feed(std::string(2000, 'y'), lines, reply);
+  a.FlushPartial(lines);
+  a.Feed(std::string(100, 'y') + "\n", lines, reply);
+  EXPECT_EQ(lines, std::string(InputAssembler::kMaxLine, 'y') + "\n");
+}
+
+TEST(HeldInputTest, KeepsEverythingUpToTheLimit) {
+  HeldInput h(20);
+  h.Append("abc\r\n");
+  h.Append("def\r\n");
+  EXPECT_EQ(h.text(), "abc\r\ndef\r\n");
+  EXPECT_EQ(h.dropped_bytes(), 0u);
+  h.Clear();
+  EXPECT_TRUE(h.empty());
+}
+
+TEST(HeldInputTest, DropsTheOldestWholeLinesOverTheLimit) {
+  HeldInput h(20);
+  h.Append("line1\r\nline2\r\nline3\r\n");  // 21 bytes
+  EXPECT_EQ(h.text(), "line2\r\nline3\r\n");
+  EXPECT_EQ(h.dropped_bytes(), 7u);
+  h.Append("line4\r\n");
+  EXPECT_EQ(h.text(), "line3\r\nline4\r\n");
+  EXPECT_LE(h.text().size(), 20u);
+}
+
+TEST(HeldInputTest, InputWithoutLineEndsIsCutToTheLimit) {
+  HeldInput h(10);
+  h.Append(std::string(25, 'a') + "0123456789");
+  EXPECT_EQ(h.text(), "0123456789");
+}
+
+TEST(StreamNumbersTest, TheLowestFreeNumberIsGiven) {
+  StreamNumbers n;
+  EXPECT_EQ(n.Allocate(), 1);
+  EXPECT_EQ(n.Allocate(), 2);
+  EXPECT_EQ(n.Allocate(), 3);
+  EXPECT_EQ(n.Allocate(), 4);
+  EXPECT_TRUE(n.Release(2));
+  EXPECT_TRUE(n.Release(3));
+  EXPECT_EQ(n.Allocate(), 2);
+  EXPECT_TRUE(n.Release(4));
+  EXPECT_EQ(n.Allocate(), 3);
+  EXPECT_EQ(n.Allocate(), 4);
+  EXPECT_EQ(n.Allocate(), 5);
+  EXPECT_EQ(n.in_use(), 5u);
+}
+
+TEST(StreamNumbersTest, ReleasingFromTheTopThenReusing) {
+  StreamNumbers n;
+  for (int i = 1; i <= 5; ++i) n.Allocate();
+  EXPECT_TRUE(n.Release(3));
+  EXPECT_TRUE(n.Release(5));
+  EXPECT_TRUE(n.Release(4));
+  EXPECT_EQ(n.Allocate(), 3);
+  EXPECT_EQ(n.Allocate(), 4);
+  EXPECT_EQ(n.Allocate(), 5);
+  EXPECT_EQ(n.Allocate(), 6);
+}
+
+TEST(StreamNumbersTest, ReleasingANumberNotInUseChangesNothing) {
+  StreamNumbers n;
+  EXPECT_FALSE(n.Release(1));
+  EXPECT_EQ(n.Allocate(), 1);
+  EXPECT_TRUE(n.Release(1));
+  EXPECT_FALSE(n.Release(1));
+  EXPECT_FALSE(n.Release(0));
+  EXPECT_FALSE(n.Release(99));
+  EXPECT_FALSE(n.InUse(1));
+  EXPECT_EQ(n.Allocate(), 1);
+  EXPECT_EQ(n.in_use(), 1u);
+}
+
+}  // namespace
+}  // namespace qx

@@ -1,0 +1,212 @@
+#include "frontend/node_messages.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace qx {
+namespace {
+
+// A message as the node writes it: elements joined by Chr 3, ended by Chr 4.
+std::string Msg(std::initializer_list<std::string_view> elements) {
+  std::string out;
+  for (auto e : elements) {
+    if (!out.empty()) out.push_back('\x03');
+    out.append(e);
+  }
+  out.push_back('\x04');
+  return out;
+}
+
+// What the parser reports, flattened to text so sequences compare easily.
+std::string Describe(const NodeMessage& m) {
+  switch (m.kind) {
+    case NodeMessageKind::kGreeting:
+      return "greeting";
+    case NodeMessageKind::kKeepAliveAnswer:
+      return "alive";
+    case NodeMessageKind::kStreamListRequest:
+      return "list";
+    case NodeMessageKind::kSend:
+      return "send " + std::to_string(m.stream) + " [" + std::string(m.text) + "] " +
+             std::to_string(m.tag);
+    case NodeMessageKind::kClose:
+      return "close " + std::to_string(m.stream) + " " + std::to_string(m.tag);
+    case NodeMessageKind::kOpen:
+      return "open " + std::string(m.host) + " " + std::to_string(m.port) + " " +
+             std::string(m.label);
+    case NodeMessageKind::kIdentity:
+      return "identity " + std::to_string(m.stream) + " " + std::string(m.text) + " " +
+             std::to_string(m.state) + " " + std::to_string(m.tag);
+    case NodeMessageKind::kMalformed:
+      return "malformed " + std::string(m.error);
+  }
+  return "?";
+}
+
+std::vector<std::string> Drain(NodeMessageParser& p) {
+  std::vector<std::string> out;
+  NodeMessage m;
+  while (p.Next(m)) out.push_back(Describe(m));
+  return out;
+}
+
+// Feeds text in pieces of the given size, collecting what comes out after each piece.
+std::vector<std::string> FeedInPieces(std::string_view text, size_t piece) {
+  NodeMessageParser p;
+  std::vector<std::string> out;
+  for (size_t i = 0; i < text.size(); i += piece) {
+    p.Feed(text.substr(i, piece));
+    for (auto& d : Drain(p)) out.push_back(std::move(d));
+  }
+  return out;
+}
+
+TEST(DecodeNodeMessageTest, EachMessageKind) {
+  EXPECT_EQ(Describe(DecodeNodeMessage("0\x03"
+                                       "5\x03"
+                                       "Hello\r\n\x03"
+                                       "17")),
+            "send 5 [Hello\r\n] 17");
+  EXPECT_EQ(Describe(DecodeNodeMessage("1\x03"
+                                       "5\x03"
+                                       "Disconnect\x03"
+                                       "17")),
+            "close 5 17");
+  EXPECT_EQ(Describe(DecodeNodeMessage("1\x03"
+                                       "5")),
+            "close 5 0");
+  EXPECT_EQ(Describe(DecodeNodeMessage("2\x03"
+                                       "gb7xx.example.org\x03"
+                                       "7300\x03"
+                                       "GB7XX")),
+            "open gb7xx.example.org 7300 GB7XX");
+  EXPECT_EQ(Describe(DecodeNodeMessage("3\x03"
+                                       "5\x03"
+                                       "G4ABC\x03"
+                                       "1\x03"
+                                       "17")),
+            "identity 5 G4ABC 1 17");
+}
+
+TEST(DecodeNodeMessageTest, StreamTextKeepsEverythingBetweenStreamAndTag) {
+  // The text is written unchanged, so it may hold carets and even Chr 3.
+  EXPECT_EQ(Describe(DecodeNodeMessage("0\x03"
+                                       "2\x03"
+                                       "a^b\x03"
+                                       "c\r\n\x03"
+                                       "0")),
+            "send 2 [a^b\x03"
+            "c\r\n] 0");
+  EXPECT_EQ(Describe(DecodeNodeMessage("0\x03"
+                                       "2\x03\x03"
+                                       "9")),
+            "send 2 [] 9");
+}
+
+TEST(DecodeNodeMessageTest, BadMessagesSayWhy) {
+  EXPECT_EQ(Describe(DecodeNodeMessage("0\x03"
+                                       "x\x03"
+                                       "hi\x03"
+                                       "1")),
+            "malformed bad stream");
+  EXPECT_EQ(Describe(DecodeNodeMessage("0\x03"
+                                       "0\x03"
+                                       "hi\x03"
+                                       "1")),
+            "malformed bad stream");
+  EXPECT_EQ(Describe(DecodeNodeMessage("0\x03"
+                                       "2\x03"
+                                       "hi\x03"
+                                       "-1")),
+            "malformed bad tag");
+  EXPECT_EQ(Describe(DecodeNodeMessage("0\x03"
+                                       "2\x03"
+                                       "hi")),
+            "malformed stream message without text or tag");
+  EXPECT_EQ(Describe(DecodeNodeMessage("2\x03"
+                                       "host\x03"
+                                       "99999\x03"
+                                       "L")),
+            "malformed bad port");
+  EXPECT_EQ(Describe(DecodeNodeMessage("3\x03"
+                                       "1\x03"
+                                       "G4ABC\x03"
+                                       "x")),
+            "malformed bad state");
+  EXPECT_EQ(Describe(DecodeNodeMessage("7\x03"
+                                       "1")),
+            "malformed unknown message code");
+  EXPECT_EQ(Describe(DecodeNodeMessage("junk")), "malformed no elements");
+}
+
+TEST(NodeMessageParserTest, RawTextsAreFoundGluedToMessagesWhateverThePieces) {
+  const std::string link = std::string("QX Cluster") + "8270" + Msg({"0", "1", "hi\r\n", "4"}) +
+                           "rxAA18" + "rxAA18" + Msg({"3", "1", "G4ABC", "2", "4"}) + "8270" +
+                           Msg({"1", "1", "Disconnect", "4"});
+  const std::vector<std::string> expected{"greeting", "list",     "send 1 [hi\r\n] 4",
+                                          "alive",    "alive",    "identity 1 G4ABC 2 4",
+                                          "list",     "close 1 4"};
+  for (size_t piece = 1; piece <= link.size(); ++piece) {
+    EXPECT_EQ(FeedInPieces(link, piece), expected) << "piece size " << piece;
+  }
+}
+
+TEST(NodeMessageParserTest, EmptyMessagesAreSkippedAndJunkIsReported) {
+  NodeMessageParser p;
+  p.Feed(std::string("\x04\x04") + "hello\x04" + Msg({"0", "1", "x", "1"}));
+  EXPECT_EQ(Drain(p), (std::vector<std::string>{"malformed no elements", "send 1 [x] 1"}));
+}
+
+TEST(NodeMessageParserTest, OverlongMessageIsDroppedUpToItsEnd) {
+  NodeMessageParser p(64);
+  p.Feed(
+      "0\x03"
+      "1\x03");
+  p.Feed(std::string(100, 'x'));
+  EXPECT_EQ(Drain(p), std::vector<std::string>{"malformed message too long, dropped"});
+  p.Feed(std::string(50, 'y'));
+  EXPECT_TRUE(Drain(p).empty());
+  p.Feed(std::string("zz\x03"
+                     "1\x04") +
+         Msg({"0", "2", "ok", "3"}));
+  EXPECT_EQ(Drain(p), std::vector<std::string>{"send 2 [ok] 3"});
+  EXPECT_EQ(p.buffered(), 0u);
+}
+
+TEST(NodeMessageParserTest, SocketReadsGoStraightIntoTheBuffer) {
+  NodeMessageParser p;
+  const std::string text = Msg({"0", "9", std::string(70000, 'a'), "1"}) + "8270";
+  size_t done = 0;
+  std::vector<std::string> got;
+  while (done < text.size()) {
+    auto room = p.PrepareWrite(4096);
+    ASSERT_GE(room.size(), 4096u);
+    const size_t n = std::min<size_t>(4096, text.size() - done);
+    std::copy_n(text.data() + done, n, room.data());
+    p.Commit(n);
+    done += n;
+    NodeMessage m;
+    while (p.Next(m)) {
+      got.push_back(m.kind == NodeMessageKind::kSend ? "send " + std::to_string(m.text.size())
+                                                     : Describe(m));
+    }
+  }
+  EXPECT_EQ(got, (std::vector<std::string>{"send 70000", "list"}));
+}
+
+TEST(NodeMessageParserTest, ResetForgetsAPartialMessage) {
+  NodeMessageParser p;
+  p.Feed(
+      "0\x03"
+      "1\x03"
+      "half");
+  EXPECT_TRUE(Drain(p).empty());
+  p.Reset();
+  p.Feed("QX Cluster");
+  EXPECT_EQ(Drain(p), std::vector<std::string>{"greeting"});
+}
+
+}  // namespace
+}  // namespace qx
