@@ -609,7 +609,7 @@ void FrontendLink::OnConnected() {
   arrival_.Reset();
   SendRaw("QX Cluster");
   monitor_.Console("Winsock Connected");
-  StartRead(0);
+  StartRead(walking_[0] ? 1 : 0);
   events_.OnLinkUp();
 }
 
@@ -654,13 +654,28 @@ void FrontendLink::StartRead(int buffer) {
       return;
     }
     const std::string_view bytes(read_buffers_[buffer].data(), n);
+    // A read may be performed at once when it is started, so a buffer is handed to the next
+    // read only when nothing refers to its bytes any more.
     if (arrival_.busy()) {
-      // Re-entrant: the bytes are copied to the pending buffer at once, so this buffer
-      // is free again.
-      StartRead(buffer);
+      // Re-entrant: the bytes are copied to the pending buffer, and the buffer is free.
       arrival_.Arrive(bytes);
+      StartRead(buffer);
       return;
     }
+    if (walking_[1 - buffer]) {
+      // The other buffer is still being walked by an arrival that the watchdog released;
+      // these bytes are handled now, from a copy, so both buffers stay safe.
+      const std::string copy(bytes);
+      StartRead(buffer);
+      arrival_.Arrive(copy);
+      return;
+    }
+    struct Walking {
+      bool& flag;
+      ~Walking() { flag = false; }
+    };
+    walking_[buffer] = true;
+    const Walking walking{walking_[buffer]};
     StartRead(1 - buffer);
     arrival_.Arrive(bytes);
   });

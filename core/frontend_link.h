@@ -227,6 +227,7 @@ class FrontendLink : private LinkArrival::Sink {
   // Two read buffers: the next read goes to the one not being handled, so a handler that
   // runs the event loop never has its record views overwritten.
   std::vector<char> read_buffers_[2];
+  bool walking_[2] = {false, false};  // an arrival refers to the buffer's bytes
 
   // Output: messages are appended to out_ and written with one write per loop turn;
   // writing_ is the buffer of the write in flight.

@@ -566,6 +566,29 @@ TEST_F(LinkSocketTest, ConnectRequestGetsTheBannerFramedForItsStream) {
   EXPECT_GE(link_->bytes_out(), expected.size() + banner.size());
 }
 
+TEST_F(LinkSocketTest, DataReadWhileAHandlerRunsTheLoopWaitsForTheNextArrival) {
+  FakeFrontend fe(io_);
+  StartAgainst(fe.port());
+  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  fe.Send("AA03^Connect Request^5^192.0.2.7:40001^17^in^0\x03");
+  ASSERT_TRUE(RunUntil([&] { return events_.connects.size() == 1; }));
+  events_.on_line = [&](int, std::string_view line) {
+    if (line != "yield") return;
+    // A handler that lets the event loop run: the link reads meanwhile.
+    fe.Send("AA00^5^second\r\n\x03" "AA00^5^thi");
+    RunFor(100ms);
+    EXPECT_TRUE(events_.lines.size() == 1);  // nothing handled inside the handler
+  };
+  fe.Send("AA00^5^yield\r\n\x03");
+  ASSERT_TRUE(RunUntil([&] { return link_->peak_pending() == 0 && !events_.lines.empty(); }));
+  RunFor(50ms);
+  EXPECT_EQ(events_.lines, std::vector<std::string>{"5:yield"});
+  fe.Send("rd\r\n\x03");
+  ASSERT_TRUE(RunUntil([&] { return events_.lines.size() == 3; }));
+  EXPECT_EQ(events_.lines, (std::vector<std::string>{"5:yield", "5:second", "5:third"}));
+  EXPECT_GT(link_->peak_pending(), 0u);
+}
+
 TEST_F(LinkSocketTest, UnreachableFrontEndIsReportedOncePerOutageAndRetried) {
   const int port = testing::FreePort();
   int unreachable = 0;
