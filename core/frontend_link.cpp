@@ -757,7 +757,9 @@ void FrontendLink::SendToWinsockEcho(std::string_view message) {
 }
 
 void FrontendLink::QueueStreamText(int stream, std::string_view text) {
-  if (text.empty() || stream <= 0 || !table_.InRange(stream)) return;
+  // A free entry has tag 0, which the front-end takes as "any connection": a late message
+  // for a closed stream must not reach whoever got the number next.
+  if (text.empty() || !table_.InRange(stream) || table_.at(stream).state == kStateFree) return;
   if (!CanQueue(text.size() + 32)) return;
   // "0" ETX stream ETX text ETX tag EOT
   out_.push_back('0');
@@ -779,7 +781,7 @@ void FrontendLink::SendToStreamNo(int stream, std::string_view text) {
 }
 
 void FrontendLink::CloseStream(int stream) {
-  if (!table_.InRange(stream) || !CanQueue(32)) return;
+  if (!table_.InRange(stream) || table_.at(stream).state == kStateFree || !CanQueue(32)) return;
   out_.push_back('1');
   out_.push_back(kElement);
   AppendInt(out_, stream);
@@ -805,7 +807,10 @@ void FrontendLink::OpenOutgoing(std::string_view host, int port, std::string_vie
 }
 
 void FrontendLink::SetStreamIdentity(int stream, std::string_view call, int state) {
-  if (!table_.InRange(stream) || !CanQueue(call.size() + 48)) return;
+  if (!table_.InRange(stream) || table_.at(stream).state == kStateFree ||
+      !CanQueue(call.size() + 48)) {
+    return;
+  }
   out_.push_back('3');
   out_.push_back(kElement);
   AppendInt(out_, stream);

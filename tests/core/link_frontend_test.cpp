@@ -564,6 +564,16 @@ TEST_F(LinkSocketTest, ConnectRequestGetsTheBannerFramedForItsStream) {
   EXPECT_EQ(Console().back(), "Connected echoed");
   EXPECT_EQ(link_->queue_depth(), 0u);
   EXPECT_GE(link_->bytes_out(), expected.size() + banner.size());
+
+  // Once the stream has closed, a late reply goes nowhere.
+  fe.Send("AA17^17^5^closed\x03");
+  ASSERT_TRUE(RunUntil([&] { return events_.closed.size() == 1; }));
+  fe.received().clear();
+  link_->SendToStreamNo(5, "late\r\n");
+  link_->CloseStream(5);
+  link_->SendToWinsockQuiet("mark");
+  ASSERT_TRUE(Received(fe, "mark\x04"));
+  EXPECT_EQ(fe.received(), "mark\x04");
 }
 
 TEST_F(LinkSocketTest, DataReadWhileAHandlerRunsTheLoopWaitsForTheNextArrival) {
@@ -575,7 +585,9 @@ TEST_F(LinkSocketTest, DataReadWhileAHandlerRunsTheLoopWaitsForTheNextArrival) {
   events_.on_line = [&](int, std::string_view line) {
     if (line != "yield") return;
     // A handler that lets the event loop run: the link reads meanwhile.
-    fe.Send("AA00^5^second\r\n\x03" "AA00^5^thi");
+    fe.Send(
+        "AA00^5^second\r\n\x03"
+        "AA00^5^thi");
     RunFor(100ms);
     EXPECT_TRUE(events_.lines.size() == 1);  // nothing handled inside the handler
   };
