@@ -282,6 +282,7 @@ void FrontendLink::HandleClosed(std::string_view record) {
     return;
   }
   const int stream = int(n);
+  GrowTo(stream);  // the table may have grown without the link's per-stream columns
   table_.set_current(stream);
   ShowConnection(stream, {});
   const int previous_state = table_.at(stream).state;

@@ -260,6 +260,11 @@ TEST_F(LinkRecordsTest, CallTimeOutAttributeAndCountRecords) {
 
 TEST_F(LinkRecordsTest, ClosingALoggedInUserIsAnnouncedBeforeTheEntryIsFreed) {
   MakeLink();
+  table_.EnsureCapacity(8);  // grown by someone else first
+  link_->Arrive("AA17^5^8^never used\x03");
+  EXPECT_EQ(events_.closed, std::vector<std::string>{"8/0/"});
+  events_.closed.clear();
+
   link_->Arrive("AA03^Connect Request^2^192.0.2.1:1^5^in^0\x03");
   table_.at(2).call = "DL1ABC";
   table_.at(2).state = 2;
