@@ -282,6 +282,7 @@ void FrontendLink::HandleClosed(std::string_view record) {
     return;
   }
   const int stream = int(n);
+  GrowTo(stream);  // the table may have grown without the link's per-stream columns
   table_.set_current(stream);
   ShowConnection(stream, {});
   const int previous_state = table_.at(stream).state;
@@ -609,7 +610,7 @@ void FrontendLink::OnConnected() {
   arrival_.Reset();
   SendRaw("QX Cluster");
   monitor_.Console("Winsock Connected");
-  StartRead(0);
+  StartRead(walking_[0] ? 1 : 0);
   events_.OnLinkUp();
 }
 
@@ -654,13 +655,28 @@ void FrontendLink::StartRead(int buffer) {
       return;
     }
     const std::string_view bytes(read_buffers_[buffer].data(), n);
+    // A read may be performed at once when it is started, so a buffer is handed to the next
+    // read only when nothing refers to its bytes any more.
     if (arrival_.busy()) {
-      // Re-entrant: the bytes are copied to the pending buffer at once, so this buffer
-      // is free again.
-      StartRead(buffer);
+      // Re-entrant: the bytes are copied to the pending buffer, and the buffer is free.
       arrival_.Arrive(bytes);
+      StartRead(buffer);
       return;
     }
+    if (walking_[1 - buffer]) {
+      // The other buffer is still being walked by an arrival that the watchdog released;
+      // these bytes are handled now, from a copy, so both buffers stay safe.
+      const std::string copy(bytes);
+      StartRead(buffer);
+      arrival_.Arrive(copy);
+      return;
+    }
+    struct Walking {
+      bool& flag;
+      ~Walking() { flag = false; }
+    };
+    walking_[buffer] = true;
+    const Walking walking{walking_[buffer]};
     StartRead(1 - buffer);
     arrival_.Arrive(bytes);
   });
@@ -742,7 +758,9 @@ void FrontendLink::SendToWinsockEcho(std::string_view message) {
 }
 
 void FrontendLink::QueueStreamText(int stream, std::string_view text) {
-  if (text.empty() || stream <= 0 || !table_.InRange(stream)) return;
+  // A free entry has tag 0, which the front-end takes as "any connection": a late message
+  // for a closed stream must not reach whoever got the number next.
+  if (text.empty() || !table_.InRange(stream) || table_.at(stream).state == kStateFree) return;
   if (!CanQueue(text.size() + 32)) return;
   // "0" ETX stream ETX text ETX tag EOT
   out_.push_back('0');
@@ -764,7 +782,7 @@ void FrontendLink::SendToStreamNo(int stream, std::string_view text) {
 }
 
 void FrontendLink::CloseStream(int stream) {
-  if (!table_.InRange(stream) || !CanQueue(32)) return;
+  if (!table_.InRange(stream) || table_.at(stream).state == kStateFree || !CanQueue(32)) return;
   out_.push_back('1');
   out_.push_back(kElement);
   AppendInt(out_, stream);
@@ -790,7 +808,10 @@ void FrontendLink::OpenOutgoing(std::string_view host, int port, std::string_vie
 }
 
 void FrontendLink::SetStreamIdentity(int stream, std::string_view call, int state) {
-  if (!table_.InRange(stream) || !CanQueue(call.size() + 48)) return;
+  if (!table_.InRange(stream) || table_.at(stream).state == kStateFree ||
+      !CanQueue(call.size() + 48)) {
+    return;
+  }
   out_.push_back('3');
   out_.push_back(kElement);
   AppendInt(out_, stream);

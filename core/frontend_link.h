@@ -120,7 +120,9 @@ class FrontendLink : private LinkArrival::Sink {
   void Tick();
 
   // Text for the current stream; it carries its own CR LF line ends.  Nothing is sent for
-  // empty text, for stream 0, or while the link is down.
+  // empty text, for stream 0, or while the link is down.  Nothing is sent to a free stream
+  // either (its tag would match whatever connection gets the number next); the same holds
+  // for CloseStream and SetStreamIdentity.
   void SendToStream(std::string_view text);
   void SendToStreamNo(int stream, std::string_view text);
   // A link-control message: text and Chr 4; the echo variant also shows it on the console.
@@ -227,6 +229,7 @@ class FrontendLink : private LinkArrival::Sink {
   // Two read buffers: the next read goes to the one not being handled, so a handler that
   // runs the event loop never has its record views overwritten.
   std::vector<char> read_buffers_[2];
+  bool walking_[2] = {false, false};  // an arrival refers to the buffer's bytes
 
   // Output: messages are appended to out_ and written with one write per loop turn;
   // writing_ is the buffer of the write in flight.

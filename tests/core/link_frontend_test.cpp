@@ -260,6 +260,11 @@ TEST_F(LinkRecordsTest, CallTimeOutAttributeAndCountRecords) {
 
 TEST_F(LinkRecordsTest, ClosingALoggedInUserIsAnnouncedBeforeTheEntryIsFreed) {
   MakeLink();
+  table_.EnsureCapacity(8);  // grown by someone else first
+  link_->Arrive("AA17^5^8^never used\x03");
+  EXPECT_EQ(events_.closed, std::vector<std::string>{"8/0/"});
+  events_.closed.clear();
+
   link_->Arrive("AA03^Connect Request^2^192.0.2.1:1^5^in^0\x03");
   table_.at(2).call = "DL1ABC";
   table_.at(2).state = 2;
@@ -564,6 +569,41 @@ TEST_F(LinkSocketTest, ConnectRequestGetsTheBannerFramedForItsStream) {
   EXPECT_EQ(Console().back(), "Connected echoed");
   EXPECT_EQ(link_->queue_depth(), 0u);
   EXPECT_GE(link_->bytes_out(), expected.size() + banner.size());
+
+  // Once the stream has closed, a late reply goes nowhere.
+  fe.Send("AA17^17^5^closed\x03");
+  ASSERT_TRUE(RunUntil([&] { return events_.closed.size() == 1; }));
+  fe.received().clear();
+  link_->SendToStreamNo(5, "late\r\n");
+  link_->CloseStream(5);
+  link_->SendToWinsockQuiet("mark");
+  ASSERT_TRUE(Received(fe, "mark\x04"));
+  EXPECT_EQ(fe.received(), "mark\x04");
+}
+
+TEST_F(LinkSocketTest, DataReadWhileAHandlerRunsTheLoopWaitsForTheNextArrival) {
+  FakeFrontend fe(io_);
+  StartAgainst(fe.port());
+  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  fe.Send("AA03^Connect Request^5^192.0.2.7:40001^17^in^0\x03");
+  ASSERT_TRUE(RunUntil([&] { return events_.connects.size() == 1; }));
+  events_.on_line = [&](int, std::string_view line) {
+    if (line != "yield") return;
+    // A handler that lets the event loop run: the link reads meanwhile.
+    fe.Send(
+        "AA00^5^second\r\n\x03"
+        "AA00^5^thi");
+    RunFor(100ms);
+    EXPECT_TRUE(events_.lines.size() == 1);  // nothing handled inside the handler
+  };
+  fe.Send("AA00^5^yield\r\n\x03");
+  ASSERT_TRUE(RunUntil([&] { return link_->peak_pending() == 0 && !events_.lines.empty(); }));
+  RunFor(50ms);
+  EXPECT_EQ(events_.lines, std::vector<std::string>{"5:yield"});
+  fe.Send("rd\r\n\x03");
+  ASSERT_TRUE(RunUntil([&] { return events_.lines.size() == 3; }));
+  EXPECT_EQ(events_.lines, (std::vector<std::string>{"5:yield", "5:second", "5:third"}));
+  EXPECT_GT(link_->peak_pending(), 0u);
 }
 
 TEST_F(LinkSocketTest, UnreachableFrontEndIsReportedOncePerOutageAndRetried) {
