@@ -59,10 +59,11 @@ bool LoadAddressFile(UpperSet& set, const std::filesystem::path& path) {
   for (std::string_view line : SplitLines(*text)) {
     line = Trim(line);
     if (line.empty() || line.front() == '#') continue;
-    if (StartsWithIgnoreCase(line, "ExitAddress ")) {
-      line = Trim(line.substr(12));
-      line = line.substr(0, line.find(' '));
-    }
+    // The first word is the address; exit lists say "ExitAddress <ip> <date> <time>" and
+    // carry other lines ("ExitNode ...", "Published ...") that hold none.
+    if (StartsWithIgnoreCase(line, "ExitAddress ")) line = Trim(line.substr(12));
+    line = line.substr(0, line.find_first_of(" \t"));
+    if (line.find_first_of(".:") == std::string_view::npos) continue;
     set.insert(ToUpper(line));
   }
   return true;
