@@ -1,5 +1,7 @@
 #include "spots/dupes.h"
 
+#include "spots/bad_lists.h"
+
 #include <cmath>
 #include <functional>
 #include <string_view>
@@ -8,7 +10,7 @@ namespace qx {
 
 namespace {
 
-uint64_t HashText(std::string_view s) { return std::hash<std::string_view>{}(s); }
+uint64_t HashText(std::string_view s) { return HashShortText(s); }
 
 uint64_t Mix(uint64_t seed, uint64_t h) {
   return seed ^ (h + 0x9e3779b97f4a7c15ull + (seed << 6) + (seed >> 2));

@@ -1,7 +1,6 @@
 #include "spots/dx_command.h"
 
 #include <cmath>
-#include <cstdio>
 
 #include "core/text_util.h"
 
@@ -33,18 +32,28 @@ std::string CommaToDecimalPoint(std::string_view text) {
 size_t RoundedFrequencyText(double value, char* out) {
   // Hundredths as an integer so that the text never shows binary noise (14025.12 must not
   // come out as 14025.119999).
-  const long long hundredths = std::llround(value * 100.0);
-  const long long whole = hundredths / 100;
-  const int frac = int(hundredths % 100);
-  int n = 0;
-  if (frac == 0) {
-    n = std::snprintf(out, 32, "%lld", whole);
-  } else if (frac % 10 == 0) {
-    n = std::snprintf(out, 32, "%lld.%d", whole, frac / 10);
-  } else {
-    n = std::snprintf(out, 32, "%lld.%02d", whole, frac);
+  long long hundredths = std::llround(value * 100.0);
+  size_t n = 0;
+  if (hundredths < 0) {
+    out[n++] = '-';
+    hundredths = -hundredths;
   }
-  return n > 0 ? size_t(n) : 0;
+  const unsigned long long whole = static_cast<unsigned long long>(hundredths / 100);
+  const int frac = int(hundredths % 100);
+  char digits[24];
+  size_t k = 0;
+  unsigned long long w = whole;
+  do {
+    digits[k++] = char('0' + w % 10);
+    w /= 10;
+  } while (w != 0);
+  while (k > 0) out[n++] = digits[--k];
+  if (frac != 0) {
+    out[n++] = '.';
+    out[n++] = char('0' + frac / 10);
+    if (frac % 10 != 0) out[n++] = char('0' + frac % 10);
+  }
+  return n;
 }
 
 namespace {
@@ -93,17 +102,20 @@ DxCommandResult DxCommand(std::string_view line, std::string_view user_call,
   value = std::round(value * 100.0) / 100.0;
   if (value < 130.0 || !(value < kHighestFrequencyKHz)) return Reply("Error - invalid frequency");
 
-  char buf[32];
-  std::string freq_text(buf, RoundedFrequencyText(value, buf));
-  const size_t point = freq_text.find('.');
-  if (point == std::string::npos) {
-    freq_text += ".0";
-  } else if (freq_text.size() > point + 3) {
-    freq_text.resize(point + 3);
+  char buf[40];
+  size_t len = RoundedFrequencyText(value, buf);
+  const std::string_view rounded(buf, len);
+  const size_t point = rounded.find('.');
+  if (point == std::string_view::npos) {
+    buf[len++] = '.';
+    buf[len++] = '0';
+  } else if (len > point + 3) {
+    len = point + 3;
   }
+  const std::string_view freq_text(buf, len);
 
   std::string comment = words.size() > 3 ? std::string(Trim(words[3])) : std::string();
-  if (comment.empty()) comment = " ";
+  if (comment.empty()) comment.assign(1, ' ');
   // "^" separates the sentence's fields; senders write it as "~" inside text.
   for (char& c : comment) {
     if (c == '^') c = '~';

@@ -1,5 +1,7 @@
 #include "spots/rate_limit.h"
 
+#include "spots/bad_lists.h"
+
 #include <chrono>
 #include <functional>
 
@@ -33,8 +35,8 @@ RateVerdict SpotRateLimiter::Admit(std::string_view dx_call, std::string_view sp
   }
   // Every spot offered counts: the highest rates show what arrived, not what was let through.
   const int total = ++total_;
-  const int dx = ++per_dx_[std::hash<std::string_view>{}(dx_call)];
-  const int by_spotter = ++per_spotter_[std::hash<std::string_view>{}(spotter)];
+  const int dx = ++per_dx_[HashShortText(dx_call)];
+  const int by_spotter = ++per_spotter_[HashShortText(spotter)];
   Raise(highest_.per_minute, total);
   Raise(highest_.per_dx, dx);
   Raise(highest_.per_spotter, by_spotter);
