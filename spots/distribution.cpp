@@ -12,6 +12,23 @@ constexpr int kLocatorMinWidth = int(kDxDeLineWidth) + 1;
 
 }  // namespace
 
+bool SwitchesAllow(const SessionSettings& session, const Spot& spot) {
+  if (spot.IsBeacon && !session.Has(kSwBeaconSpots)) return false;
+  const uint32_t mode = spot.ModeFlags & kModeMask;
+  if ((mode & kModeFt8) && !session.Has(kSwFt8Spots)) return false;
+  if ((mode & kModeFt4) && !session.Has(kSwFt4Spots)) return false;
+  if ((mode & kModeRtty) && !session.Has(kSwRttySpots)) return false;
+  if ((mode & kModePsk) && !session.Has(kSwPskSpots)) return false;
+  if ((mode & kModeMsk) && !session.Has(kSwMskSpots)) return false;
+  if (spot.SourceTag == SourceTagText(SpotSource::kReporter) && !session.Has(kSwPskReporter)) {
+    return false;
+  }
+  if (spot.SourceTag == SourceTagText(SpotSource::kSkimmer) && !session.Has(kSwSkimmerSpots)) {
+    return false;
+  }
+  return true;
+}
+
 SpotDistributor::SpotDistributor(const StreamTable& streams, SpotSink& sink)
     : streams_(streams), sink_(sink) {}
 
@@ -60,7 +77,7 @@ DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
     const StreamEntry& e = streams_.at(stream);
     if (!e.IsUser()) continue;
     const SessionSettings& set = e.session;
-    if (!set.Has(kSwDxSpots)) continue;
+    if (!set.Has(kSwDxSpots) || !SwitchesAllow(set, spot)) continue;
     if (filter_ && !filter_(e, spot)) continue;
     const int width = set.width > 0 ? set.width : kDefaultWidth;
     bool with_locator = width >= kLocatorMinWidth && set.Has(kSwGridSquare);

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/session.h"
 #include "spots/spot.h"
 
 namespace qx {
@@ -28,6 +29,11 @@ struct DistributionStats {
   int users = 0;        // lines pushed
   int lines_built = 0;  // variants built for this spot
 };
+
+// The user's own switches for kinds of spots: beacons, the digital modes, reporter and
+// skimmer spots.  A spot of a kind the user switched off is not sent; spots of no particular
+// kind always pass.  (The spot filters proper come on top, through the filter callback.)
+bool SwitchesAllow(const SessionSettings& session, const Spot& spot);
 
 class SpotDistributor {
  public:

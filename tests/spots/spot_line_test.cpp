@@ -181,5 +181,27 @@ TEST_F(DistributionTest, LocatorLookupWinsAndFilterIsAsked) {
   EXPECT_NE(sink_.sent[1].find("JA1ZZZ"), std::string::npos);
 }
 
+TEST_F(DistributionTest, UserSwitchesForKindsOfSpots) {
+  AddUser(1, "G1AAA");
+  AddUser(2, "G2BBB").session.Set(kSwFt8Spots, false);
+  AddUser(3, "G3CCC").session.Set(kSwBeaconSpots, false);
+  AddUser(4, "G4DDD").session.Set(kSwPskReporter, false);
+  SpotDistributor dist(streams_, sink_);
+  Spot s = MakeSpot();
+  s.ModeFlags = kModeFt8 | 16;
+  EXPECT_EQ(dist.OutputSpotToAll(s).users, 3);
+  EXPECT_EQ(sink_.sent.count(2), 0u);
+  s.ModeFlags = kModeFt4 | 16;
+  s.IsBeacon = true;
+  sink_.sent.clear();
+  EXPECT_EQ(dist.OutputSpotToAll(s).users, 3);
+  EXPECT_EQ(sink_.sent.count(3), 0u);
+  s.IsBeacon = false;
+  s.SourceTag = SourceTagText(SpotSource::kReporter);
+  sink_.sent.clear();
+  EXPECT_EQ(dist.OutputSpotToAll(s).users, 3);
+  EXPECT_EQ(sink_.sent.count(4), 0u);
+}
+
 }  // namespace
 }  // namespace qx
