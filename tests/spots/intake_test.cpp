@@ -244,6 +244,19 @@ TEST_F(IntakeTest, LocalUserIsToldOnlyAboutAnInvalidDxCall) {
   EXPECT_TRUE(Run(With(kGood, 1, "14500.0"), true).reply.empty());
 }
 
+TEST_F(IntakeTest, VerboseSpotterRefusalShowsTheEarlyNotice) {
+  lists_.SetSpotterNok({"DL1XYZ"});
+  Run(kGood);
+  EXPECT_EQ(spot_list_.find(" Dropped, Bad Spotter"), std::string::npos);
+  IntakeOptions o;
+  o.show_dropped_bad_spotter = true;
+  intake_->set_options(o);
+  EXPECT_EQ(Run(kGood).verdict, SpotVerdict::kSpotterNok);
+  const size_t early = spot_list_.find(" Dropped, Bad Spotter");
+  ASSERT_NE(early, std::string::npos);
+  EXPECT_LT(early, spot_list_.rfind("### Spotter Bad ###"));
+}
+
 TEST_F(IntakeTest, TorHitAlsoRecordsTheSpotter) {
   lists_.AddTorAddress("2001:db8::1");
   EXPECT_EQ(Run(With(kGood, 8, "2001:DB8::1")).verdict, SpotVerdict::kTorAddress);
