@@ -1,0 +1,78 @@
+// OutputSpotToAll: an accepted spot goes to every logged-in user whose DX spots are on.  The
+// line is built once per variant (resolution 1 or 2 decimals, with or without the spotter's
+// locator), then each user gets it cut to their width, with a bell if they asked for one,
+// ended by CR LF.  Per spot the cost is one build per variant in use plus one push per
+// user; per-user texts are assembled in buffers that are reused from spot to spot.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/session.h"
+#include "spots/spot.h"
+
+namespace qx {
+
+class StreamTable;
+struct StreamEntry;
+
+// Where the lines go: the front-end link in the node, a recorder in tests.
+class SpotSink {
+ public:
+  virtual ~SpotSink() = default;
+  virtual void SendToStream(int stream, std::string_view text) = 0;
+};
+
+struct DistributionStats {
+  int users = 0;        // lines pushed
+  int lines_built = 0;  // variants built for this spot
+};
+
+// The user's own switches for kinds of spots: beacons, the digital modes, reporter and
+// skimmer spots.  A spot of a kind the user switched off is not sent; spots of no particular
+// kind always pass.  (The spot filters proper come on top, through the filter callback.)
+bool SwitchesAllow(const SessionSettings& session, const Spot& spot);
+
+class SpotDistributor {
+ public:
+  SpotDistributor(const StreamTable& streams, SpotSink& sink);
+
+  // The user's spot filters: true lets the spot through to that user.  Unset: all pass.
+  using UserFilter = std::function<bool(const StreamEntry& user, const Spot& spot)>;
+  void set_filter(UserFilter filter) { filter_ = std::move(filter); }
+  // The spotter's locator as a user record or a PC41 gave it; "" when unknown, in which case
+  // the locator of the spotter's country position is shown.
+  using LocatorLookup = std::function<std::string_view(std::string_view spotter)>;
+  void set_locator_lookup(LocatorLookup lookup) { locator_of_ = std::move(lookup); }
+
+  DistributionStats OutputSpotToAll(const Spot& spot);
+
+ private:
+  struct Variant {
+    std::string line;  // without line end
+    bool built = false;
+  };
+  struct Ready {  // a finished line for one (variant, width, bell) combination
+    int variant;
+    int width;
+    bool bell;
+    std::string text;
+  };
+  const std::string& LineFor(const Spot& spot, int variant, DistributionStats& stats);
+  std::string_view UserText(const Spot& spot, int variant, int width, bool bell,
+                            DistributionStats& stats);
+
+  const StreamTable& streams_;
+  SpotSink& sink_;
+  UserFilter filter_;
+  LocatorLookup locator_of_;
+  Variant variants_[4];  // [decimals - 1][with locator]
+  std::vector<Ready> ready_;
+  size_t ready_used_ = 0;
+  char locator_buf_[4];
+  std::string_view locator_;
+};
+
+}  // namespace qx

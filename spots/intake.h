@@ -1,0 +1,152 @@
+// Spot intake: every spot -- typed by a local user (as a "PC61" sentence made by the DX
+// command), received from a node ("PC11", "PC61") or delivered by a feed -- passes the same
+// checks in the same order.  A refused spot is dropped, most refusals leaving one line in a
+// dated rejection log and a marker in the node's own spot list; an accepted one is handed
+// back to the caller for distribution, relay and the history.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "core/time_text.h"
+#include "spots/spot.h"
+
+namespace qx {
+
+class BadLists;
+class BandTable;
+class DupeDetector;
+class ErrorLog;
+class Monitor;
+class ProgramDir;
+class SpotRateLimiter;
+class StreamTable;
+
+enum class SpotVerdict : uint8_t {
+  kAccepted,
+  kDoubleQuestionMark,  // "??" in the comment
+  kFieldCount,          // not 10 to 13 fields
+  kRefusedAddress,      // spotter address in ipnotok.dat
+  kTorAddress,          // spotter address in torlist.dat
+  kInvalidDxCall,       // the call check refused the DX call
+  kSpotterNok,          // spotter in SpotterNok
+  kNodeNok,             // origin node in NodeNok
+  kBadFrequency,        // on no band of the band table
+  kRequest,             // "PSE QSL" and the like
+  kBadWord,             // bad word in the comment
+  kBadPhrase,           // bad phrase in the comment
+  kBadWordSpotter,
+  kBadWordDx,
+  kDxNok,                  // DX call in DxNok
+  kSpotterNotIssued,       // a call no country issues
+  kSpotterCountryUnknown,  // no country for the spotter
+  kDuplicate,
+  kRateLimited,
+};
+
+std::string_view VerdictName(SpotVerdict verdict);
+
+struct IntakeRequest {
+  std::string_view sentence;
+  int source_stream = 0;
+  bool is_local = false;  // a local user's DX command
+  SpotSource source = SpotSource::kCluster;
+  // Feed input that is known to carry no requests (skimmer and reporter spots, whose
+  // comments the feed builds itself) skips the request filter.
+  bool skip_request_filter = false;
+  // A "PC11" carries no address; when the caller knows the spotter's address (a user of
+  // this node, or one a node announced), it is checked against the address lists here.
+  std::string_view known_address;
+};
+
+struct IntakeResult {
+  SpotVerdict verdict = SpotVerdict::kAccepted;
+  // For a local user only: the line to send back ("Error - Invalid Dx Call" and CR LF).
+  std::string_view reply;
+  // The accepted spot; valid until the next call of Process.
+  const Spot* spot = nullptr;
+  bool accepted() const { return verdict == SpotVerdict::kAccepted; }
+};
+
+struct IntakeDeps {
+  BadLists* bad_lists = nullptr;     // required
+  const BandTable* bands = nullptr;  // required
+  DupeDetector* dupes = nullptr;     // null: no duplicate test
+  SpotRateLimiter* rates = nullptr;  // null: no rate limits
+  // The call-sign check (upper-cases the call in place); null accepts every call.
+  std::function<bool(std::string& call)> valid_call;
+  // The country of a call, or nullptr; null function: no country known.
+  std::function<const CountryInfo*(std::string_view call)> country_of;
+  const ProgramDir* dir = nullptr;       // null: no rejection logs are written
+  ErrorLog* error_log = nullptr;         // where a log that cannot be written is reported
+  Monitor* monitor = nullptr;            // the spot list (kSpots channel)
+  const StreamTable* streams = nullptr;  // the sending stream's call for the logs
+  const Clock* clock = nullptr;          // required
+  std::string node_call;
+};
+
+struct IntakeOptions {
+  // Show " Dropped, Bad Spotter" in the spot list as soon as a refused spotter is seen while
+  // the fields are copied (the verbose level of the spotter refusal).
+  bool show_dropped_bad_spotter = false;
+  // Minutes from UTC to the node's local time, for the "HHnn" of the bad-word log.
+  int local_offset_minutes = 0;
+  // Log "PC61" sentences whose address field is empty or not an IP address (Newpc61.log).
+  bool log_odd_pc61_address = true;
+};
+
+class SpotIntake {
+ public:
+  SpotIntake(IntakeDeps deps, IntakeOptions options = {});
+
+  IntakeResult Process(const IntakeRequest& request);
+
+  // Appends one line to the rejection log the reason selects: "Bad Node" and reasons that
+  // begin "NodeNok" to badnodes/, reasons whose first ten characters are "SpotterNok" to
+  // badspotters/, every other reason to badspots/.  The line is the UTC time "HHnn:ssZ",
+  // a blank, the reason and the sentence.
+  void WriteRejection(std::string_view reason, std::string_view sentence);
+
+  // True when a word of text is a bad word; logs the hit to badinfo/<day>.log (the spot's
+  // fields joined with "^", a blank, the local time "HHnn", then "BadWordCheck" and label).
+  bool BadWordCheck(std::string_view text, const Spot& spot, std::string_view label);
+
+  const IntakeOptions& options() const { return options_; }
+  void set_options(const IntakeOptions& options) { options_ = options; }
+
+ private:
+  IntakeResult Refuse(SpotVerdict verdict);
+  void ShowInSpotList(std::string_view country_column, std::string_view marker,
+                      std::string_view colour);
+  void Append(std::string_view folder, std::string_view file, std::string_view line);
+  std::string_view SourceCall() const;
+
+  IntakeDeps deps_;
+  IntakeOptions options_;
+  Spot spot_;
+  std::string upper_comment_;
+  std::string sentence_;  // the sentence of the spot in hand, for the logs
+  std::string day_;       // date text of the logs' file names
+};
+
+// --- the rules intake applies, exposed for the history loader and for tests -------------
+
+// Mode bits from an upper-cased comment; the first keyword in this order decides: "FT8",
+// "FT4", "FT-8", "FT-4", "FOX" or "F/H", "PSK", "RTTY", "MSK".  Comments of 2 characters
+// or less give 0.
+uint32_t ClassifyMode(std::string_view upper_comment);
+// The request filter on an upper-cased comment of at least 4 characters: true to drop.
+bool IsRequestComment(std::string_view upper_comment);
+// Beacons: DX call ending "/B", "/BC", "/BCN" or "/BEACON", or the word "BCN" in the comment.
+bool IsBeaconSpot(std::string_view dx_call, std::string_view upper_comment);
+// A dotted IPv4 address or an IPv6 address (with ":").
+bool IsIpAddress(std::string_view text);
+
+// Fills the slots of spot from a "PC11"/"PC61"-shaped sentence (10 to 13 fields) and sets
+// FrequencyKHz (decimal point or comma) with the frequency slot as its rounded text.  False
+// when the field count is wrong.  Used by intake and by the history loader.
+bool SpotFromSentence(std::string_view sentence, Spot& spot);
+
+}  // namespace qx

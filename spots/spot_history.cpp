@@ -1,0 +1,98 @@
+#include "spots/spot_history.h"
+
+#include <system_error>
+
+#include "core/file_util.h"
+#include "core/monitor.h"
+#include "core/text_util.h"
+#include "spots/bands.h"
+#include "spots/intake.h"
+
+namespace qx {
+
+namespace {
+
+// The receive time of a stored spot from its date and time texts ("22-Nov-2026", "0315Z").
+SysTime TimeOfSpot(const Spot& s, SysTime fallback) {
+  const std::string_view d = s.date();
+  const std::string_view t = s.time();
+  if (d.size() != 11 || t.size() < 4) return fallback;
+  const int day = ParseIntOr(d.substr(0, 2), 0);
+  const int month = MonthFromAbbrev(d.substr(3, 3));
+  const int year = ParseIntOr(d.substr(7, 4), 0);
+  const int hour = ParseIntOr(t.substr(0, 2), -1);
+  const int minute = ParseIntOr(t.substr(2, 2), -1);
+  if (day < 1 || day > 31 || month == 0 || year < 1970 || hour < 0 || hour > 23 || minute < 0 ||
+      minute > 59) {
+    return fallback;
+  }
+  return MakeUtc(year, month, day, hour, minute);
+}
+
+}  // namespace
+
+SpotHistory::SpotHistory(size_t max_spots, std::filesystem::path dx_dir)
+    : ring_(max_spots == 0 ? 1 : max_spots), dir_(std::move(dx_dir)) {}
+
+std::filesystem::path SpotHistory::DayFile(SysTime t) const {
+  return dir_ / (DateText(t) + ".txt");
+}
+
+void SpotHistory::Keep(const Spot& spot) {
+  ring_[next_] = spot;
+  next_ = (next_ + 1) % ring_.size();
+  if (count_ < ring_.size()) ++count_;
+}
+
+void SpotHistory::Add(const Spot& spot) {
+  Keep(spot);
+  if (dir_.empty()) return;
+  std::string line = spot.Sentence();
+  line += "\r\n";
+  if (!AppendToFile(DayFile(spot.received), line)) {
+    std::error_code ec;
+    std::filesystem::create_directories(dir_, ec);
+    AppendToFile(DayFile(spot.received), line);
+  }
+}
+
+size_t SpotHistory::LoadToday(SysTime now, const BandTable& bands, Monitor* monitor) {
+  if (monitor) monitor->Console("Loading DX Spots");
+  size_t loaded = 0;
+  if (!dir_.empty()) {
+    if (const std::optional<std::string> text = ReadFileText(DayFile(now))) {
+      Spot spot;
+      std::string upper;
+      for (std::string_view line : SplitLines(*text)) {
+        if (!SpotFromSentence(Trim(line), spot)) continue;
+        upper = ToUpper(spot.comment());
+        spot.ModeFlags = bands.BandBit(spot.FrequencyKHz) | ClassifyMode(upper);
+        spot.IsBeacon = IsBeaconSpot(spot.dx_call(), upper);
+        spot.received = TimeOfSpot(spot, now);
+        Keep(spot);
+        ++loaded;
+      }
+    }
+  }
+  if (monitor) monitor->Console("   ... done");
+  return loaded;
+}
+
+std::vector<const Spot*> SpotHistory::Find(const SpotQuery& query) const {
+  std::vector<const Spot*> out;
+  std::string call = ToUpper(Trim(query.call));
+  const bool prefix = !call.empty() && call.back() == '*';
+  if (prefix) call.pop_back();
+  for (size_t i = 0; i < count_ && out.size() < query.count; ++i) {
+    const Spot& s = ring_[(next_ + ring_.size() - 1 - i) % ring_.size()];
+    if (query.band_bit && !(s.ModeFlags & query.band_bit)) continue;
+    if (!call.empty()) {
+      const std::string_view dx = s.dx_call();
+      if (prefix ? !dx.starts_with(call) : dx != call) continue;
+    }
+    out.push_back(&s);
+  }
+  return out;
+}
+
+}  // namespace qx

@@ -1,0 +1,56 @@
+// The spots of the recent past: the last `Maximum DX Spots` accepted spots in memory (a
+// ring), and the day's spot file data/dx/<date text>.txt with one sentence a line, appended
+// on every accepted spot and read back at start.  SH/DX asks it.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/time_text.h"
+#include "spots/spot.h"
+
+namespace qx {
+
+class BandTable;
+class Monitor;
+
+struct SpotQuery {
+  size_t count = 10;
+  // Empty: every call.  A call: that DX call.  Ending in "*": DX calls beginning so.
+  std::string call;
+  uint32_t band_bit = 0;  // 0: every band
+};
+
+class SpotHistory {
+ public:
+  // dx_dir is data/dx; an empty path keeps the history in memory only.
+  SpotHistory(size_t max_spots, std::filesystem::path dx_dir);
+
+  // Keeps the spot and appends its sentence to the file of the day it was received.
+  void Add(const Spot& spot);
+
+  // "Loading DX Spots": reads the file of today (UTC) into the ring (the newest win when the
+  // file holds more than the ring).
+  // Band and mode bits are worked out again from frequency and comment.  Returns the count.
+  size_t LoadToday(SysTime now, const BandTable& bands, Monitor* monitor);
+
+  // The spots that match, newest first, at most query.count.
+  std::vector<const Spot*> Find(const SpotQuery& query) const;
+
+  size_t size() const { return count_; }
+  size_t capacity() const { return ring_.size(); }
+  std::filesystem::path DayFile(SysTime t) const;
+
+ private:
+  void Keep(const Spot& spot);
+
+  std::vector<Spot> ring_;
+  size_t next_ = 0;  // where the next spot goes
+  size_t count_ = 0;
+  std::filesystem::path dir_;
+};
+
+}  // namespace qx

@@ -1,0 +1,458 @@
+#include "spots/intake.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+
+#include "core/monitor.h"
+#include "core/program_dir.h"
+#include "core/stream_table.h"
+#include "core/text_util.h"
+#include "spots/bad_lists.h"
+#include "spots/bands.h"
+#include "spots/dupes.h"
+#include "spots/rate_limit.h"
+#include "tests/testlib/test_util.h"
+
+namespace qx {
+namespace {
+
+using qx::testing::ReadFile;
+using qx::testing::TempDir;
+
+constexpr std::string_view kGood =
+    "PC61^14025.0^K1ABC^22-Nov-2026^0315Z^test^DL1XYZ^DB0SUE^192.0.2.1^H30^~";
+constexpr int kNodeStream = 5;
+
+// The call check as intake relies on it: upper-cases, refuses empty calls, calls beginning
+// with "Q" or with a character below "1", and calls without a digit.
+bool FakeValidCall(std::string& call) {
+  ToUpperInPlace(call);
+  if (call.empty() || call[0] == 'Q' || call[0] < '1') return false;
+  return call.find_first_of("0123456789") != std::string::npos;
+}
+
+class IntakeTest : public ::testing::Test {
+ protected:
+  IntakeTest() : dir_(tmp_.path()), clock_(MakeUtc(2026, 11, 22, 3, 15, 30)) {
+    std::string error;
+    dir_.CreateTree(&error);
+    streams_.EnsureCapacity(kNodeStream);
+    streams_.at(kNodeStream).call = "DB0SUE";
+    streams_.at(kNodeStream).state = kStateNodePc9x;
+    countries_["K"] = CountryInfo{"United States", "K", 5, 8, "NA", 37, -91};
+    countries_["DL"] = CountryInfo{"Germany", "DL", 14, 28, "EU", 51, 10};
+    countries_["G"] = CountryInfo{"England", "G", 14, 27, "EU", 52, -1};
+    monitor_.Subscribe([this](const MonitorLine& l) {
+      if (l.channel == MonitorChannel::kSpots) spot_list_ += std::string(l.text) + "\n";
+    });
+    IntakeDeps deps;
+    deps.bad_lists = &lists_;
+    deps.bands = &bands_;
+    deps.dupes = &dupes_;
+    deps.rates = &rates_;
+    deps.valid_call = FakeValidCall;
+    deps.country_of = [this](std::string_view call) -> const CountryInfo* {
+      for (size_t n = std::min<size_t>(call.size(), 2); n > 0; --n) {
+        auto it = countries_.find(std::string(call.substr(0, n)));
+        if (it != countries_.end()) return &it->second;
+      }
+      return nullptr;
+    };
+    deps.dir = &dir_;
+    deps.monitor = &monitor_;
+    deps.streams = &streams_;
+    deps.clock = &clock_;
+    deps.node_call = "DB0QX";
+    intake_ = std::make_unique<SpotIntake>(std::move(deps));
+  }
+
+  IntakeResult Run(std::string_view sentence, bool local = false) {
+    IntakeRequest r;
+    r.sentence = sentence;
+    r.source_stream = kNodeStream;
+    r.is_local = local;
+    return intake_->Process(r);
+  }
+  std::string Log(std::string_view rel) {
+    const auto p = dir_.Data() / rel;
+    return std::filesystem::exists(p) ? ReadFile(p) : std::string();
+  }
+  // Every file under data/ with its text.
+  std::map<std::string, std::string> AllLogs() {
+    std::map<std::string, std::string> out;
+    for (const auto& e : std::filesystem::recursive_directory_iterator(dir_.Data())) {
+      if (e.is_regular_file()) {
+        out[std::filesystem::relative(e.path(), dir_.Data()).generic_string()] = ReadFile(e.path());
+      }
+    }
+    return out;
+  }
+
+  TempDir tmp_;
+  ProgramDir dir_;
+  ManualClock clock_;
+  StreamTable streams_;
+  Monitor monitor_;
+  std::string spot_list_;
+  BadLists lists_;
+  BandTable bands_ = BandTable::SetupFreqRanges();
+  DupeDetector dupes_;
+  SpotRateLimiter rates_;
+  std::map<std::string, CountryInfo> countries_;
+  std::unique_ptr<SpotIntake> intake_;
+};
+
+std::string With(std::string_view base, int field, std::string_view value) {
+  std::vector<std::string_view> f = Split(base, '^');
+  f[size_t(field)] = value;
+  return Join(f, "^");
+}
+
+TEST_F(IntakeTest, GoodSpotIsAcceptedWithItsDerivedValues) {
+  const IntakeResult r = Run(With(kGood, 5, "ft8 -12dB"));
+  ASSERT_TRUE(r.accepted()) << VerdictName(r.verdict);
+  ASSERT_NE(r.spot, nullptr);
+  EXPECT_DOUBLE_EQ(r.spot->FrequencyKHz, 14025.0);
+  EXPECT_EQ(r.spot->ModeFlags, bands_.BandBit(14025.0) | kModeFt8);
+  EXPECT_EQ(r.spot->spotter_country->prefix, "DL");
+  EXPECT_EQ(r.spot->dx_country->prefix, "K");
+  EXPECT_EQ(r.spot->SourceTag, "DX  Cluster");
+  EXPECT_EQ(r.spot->Sentence(), With(kGood, 5, "ft8 -12dB"));
+  EXPECT_TRUE(r.reply.empty());
+  EXPECT_NE(spot_list_.find("DX  Cluster"), std::string::npos);
+  EXPECT_TRUE(AllLogs().empty());
+}
+
+TEST_F(IntakeTest, FrequencyIsReadWithPointOrCommaAndWrittenBackAsText) {
+  const IntakeResult r = Run(With(kGood, 1, "14025,5"));
+  ASSERT_TRUE(r.accepted());
+  EXPECT_EQ(r.spot->frequency_text(), "14025.5");
+  EXPECT_EQ(Run(With(With(kGood, 1, "7005"), 2, "K2ABC")).spot->frequency_text(), "7005.0");
+}
+
+TEST_F(IntakeTest, Pc11IsReadIntoThePc61Slots) {
+  const IntakeResult r =
+      Run("PC11^28025.0^Q4DX^21-Nov-2026^2222Z^pc11 from legacy^G4USR^G7XXX^H24^~");
+  // "Q4DX" is refused by the call check: a placeholder of the protocol notes.
+  EXPECT_EQ(r.verdict, SpotVerdict::kInvalidDxCall);
+  const IntakeResult ok = Run("PC11^28025.0^K4DX^21-Nov-2026^2222Z^cq^G4USR^G7XXX^H24^~");
+  ASSERT_TRUE(ok.accepted()) << VerdictName(ok.verdict);
+  EXPECT_EQ(ok.spot->address(), "");
+  EXPECT_EQ(ok.spot->hops(), "H24");
+  EXPECT_EQ(ok.spot->Sentence(), "PC11^28025.0^K4DX^21-Nov-2026^2222Z^cq^G4USR^G7XXX^H24^~");
+  // A converted PC11 that lost its trailer is still complete.
+  EXPECT_TRUE(Run("PC11^28026.0^K5DX^21-Nov-2026^2222Z^cq^G4USR^G7XXX^H29").accepted());
+  EXPECT_TRUE(AllLogs().empty()) << "PC11 has no address to judge";
+}
+
+struct RefusalCase {
+  std::string name;
+  std::function<void(BadLists&)> setup;
+  std::string sentence;
+  bool local;
+  SpotVerdict verdict;
+  std::string log;       // file under data/ that receives the line, "" for none
+  std::string log_text;  // what that line holds
+  std::string marker;    // what the spot list shows, "" for nothing in particular
+};
+
+TEST_F(IntakeTest, EachRefusalHasItsReasonLogAndMarker) {
+  const std::string g(kGood);
+  const std::vector<RefusalCase> cases = {
+      {"question", nullptr, With(g, 5, "QRV?? bcn"), false, SpotVerdict::kDoubleQuestionMark, "",
+       "", ""},
+      {"fields", nullptr, "PC61^14025.0^K1ABC^22-Nov-2026^0315Z^x^DL1XYZ^DB0SUE", false,
+       SpotVerdict::kFieldCount, "", "", ""},
+      {"fields14", nullptr, g + "^a^b^c", false, SpotVerdict::kFieldCount, "", "", ""},
+      {"badip", [](BadLists& l) { l.AddRefusedAddress("192.0.2.1"); }, g, false,
+       SpotVerdict::kRefusedAddress, "badspotsIP/Bad-22-Nov-2026", g + " DB0SUE", "### Bad IP ###"},
+      {"tor", [](BadLists& l) { l.AddTorAddress("192.0.2.1"); }, g, false, SpotVerdict::kTorAddress,
+       "badspotsTor/Bad-22-Nov-2026", g + " DB0SUE", "### Bad IP ###"},
+      {"badcall", nullptr, With(g, 2, "Q1ABC"), false, SpotVerdict::kInvalidDxCall, "", "",
+       "* BAD *"},
+      {"spotter", [](BadLists& l) { l.SetSpotterNok({"dl1xyz"}); }, With(g, 6, "DL1XYZ-2"), false,
+       SpotVerdict::kSpotterNok, "badspotters/22-Nov-2026.log",
+       "SpotterNok - spotter^" + With(g, 6, "DL1XYZ-2"), "### Spotter Bad ###"},
+      {"localspotter", [](BadLists& l) { l.SetSpotterNok({"DL1XYZ"}); }, g, true,
+       SpotVerdict::kSpotterNok, "badspotters/22-Nov-2026.log", "SpotterNok - local spotter^" + g,
+       "### Spotter Bad ###"},
+      {"node", [](BadLists& l) { l.SetNodeNok({"DB0SUE"}); }, g, false, SpotVerdict::kNodeNok,
+       "badnodes/22-Nov-2026.log", "NodeNok" + g, ""},
+      {"freq", nullptr, With(g, 1, "14500.0"), false, SpotVerdict::kBadFrequency,
+       "badinfo/badfreq22-Nov-2026.txt", With(g, 1, "14500.0") + " DB0SUE", "*Bad*"},
+      {"freqjunk", nullptr, With(g, 1, "abc"), false, SpotVerdict::kBadFrequency,
+       "badinfo/badfreq22-Nov-2026.txt", With(g, 1, "abc") + " DB0SUE", "*Bad*"},
+      {"request", nullptr, With(g, 5, "PSE QSL"), false, SpotVerdict::kRequest, "", "", ""},
+      {"badword", [](BadLists& l) { l.AddBadWord("idiot"); }, With(g, 5, "you idiot!!"), false,
+       SpotVerdict::kBadWord, "badspots/bad-22-Nov-2026.txt",
+       "Bad Word^" + With(g, 5, "you idiot!!"), ""},
+      {"phrase", [](BadLists& l) { l.AddBadWord("go away"); }, With(g, 5, "now Go Away x"), false,
+       SpotVerdict::kBadPhrase, "badspots/bad-22-Nov-2026.txt",
+       "Bad Phrase^" + With(g, 5, "now Go Away x"), ""},
+      {"wordspotter", [](BadLists& l) { l.AddBadWord("DL1XYZ"); }, g, false,
+       SpotVerdict::kBadWordSpotter, "badspots/bad-22-Nov-2026.txt", "Bad word - spotter " + g, ""},
+      {"worddx", [](BadLists& l) { l.AddBadWord("K1ABC"); }, g, false, SpotVerdict::kBadWordDx,
+       "badspots/bad-22-Nov-2026.txt", "Bad word dx^" + g, ""},
+      {"dxnok", [](BadLists& l) { l.SetDxNok({"K1A*"}); }, g, false, SpotVerdict::kDxNok,
+       "badspots/bad-22-Nov-2026.txt", "DxNok - ^" + g, ""},
+      {"notissued", nullptr, With(g, 6, "N0CALL"), false, SpotVerdict::kSpotterNotIssued,
+       "badspots/bad-22-Nov-2026.txt", " Spotter call not issued^DB0QX" + With(g, 6, "N0CALL"), ""},
+      {"cty", nullptr, With(g, 6, "ZZ9ZZ"), false, SpotVerdict::kSpotterCountryUnknown,
+       "badspots/bad-22-Nov-2026.txt", "Bad Spotter Cty " + With(g, 6, "ZZ9ZZ"), "QQ"},
+  };
+  for (const RefusalCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    lists_ = BadLists();
+    dupes_.Clear();
+    spot_list_.clear();
+    std::filesystem::remove_all(dir_.Data());
+    std::string error;
+    dir_.CreateTree(&error);
+    if (c.setup) c.setup(lists_);
+
+    const IntakeResult r = Run(c.sentence, c.local);
+    EXPECT_EQ(r.verdict, c.verdict) << VerdictName(r.verdict);
+    EXPECT_EQ(r.spot, nullptr);
+    EXPECT_TRUE(r.reply.empty());
+    std::map<std::string, std::string> logs = AllLogs();
+    logs.erase("badinfo/" + DateText(clock_.Now()) + ".log");  // bad-word hits, tested below
+    logs.erase("badspotsTor/BadCall-22-Nov-2026");
+    logs.erase("badinfo/NotIssued.dat");
+    if (c.log.empty()) {
+      EXPECT_TRUE(logs.empty()) << logs.begin()->first;
+    } else {
+      ASSERT_EQ(logs.size(), 1u) << logs.begin()->first;
+      EXPECT_EQ(logs.begin()->first, c.log);
+      // One line: the time, a blank and the reason with the sentence, or the text as given.
+      const std::string& text = logs.begin()->second;
+      EXPECT_TRUE(text.ends_with(c.log_text + "\r\n")) << text;
+      EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+    }
+    if (!c.marker.empty()) {
+      EXPECT_NE(spot_list_.find(c.marker), std::string::npos) << spot_list_;
+    }
+  }
+}
+
+TEST_F(IntakeTest, LocalUserIsToldOnlyAboutAnInvalidDxCall) {
+  const IntakeResult r = Run(With(kGood, 2, "0ABC"), true);
+  EXPECT_EQ(r.verdict, SpotVerdict::kInvalidDxCall);
+  EXPECT_EQ(r.reply, "Error - Invalid Dx Call\r\n");
+  EXPECT_TRUE(Run(With(kGood, 2, "0ABC"), false).reply.empty());
+  EXPECT_TRUE(Run(With(kGood, 1, "14500.0"), true).reply.empty());
+}
+
+TEST_F(IntakeTest, VerboseSpotterRefusalShowsTheEarlyNotice) {
+  lists_.SetSpotterNok({"DL1XYZ"});
+  Run(kGood);
+  EXPECT_EQ(spot_list_.find(" Dropped, Bad Spotter"), std::string::npos);
+  IntakeOptions o;
+  o.show_dropped_bad_spotter = true;
+  intake_->set_options(o);
+  EXPECT_EQ(Run(kGood).verdict, SpotVerdict::kSpotterNok);
+  const size_t early = spot_list_.find(" Dropped, Bad Spotter");
+  ASSERT_NE(early, std::string::npos);
+  EXPECT_LT(early, spot_list_.rfind("### Spotter Bad ###"));
+}
+
+TEST_F(IntakeTest, TorHitAlsoRecordsTheSpotter) {
+  lists_.AddTorAddress("2001:db8::1");
+  EXPECT_EQ(Run(With(kGood, 8, "2001:DB8::1")).verdict, SpotVerdict::kTorAddress);
+  EXPECT_EQ(Log("badspotsTor/BadCall-22-Nov-2026"), "DL1XYZ\r\n");
+}
+
+TEST_F(IntakeTest, Pc11IsCheckedAgainstTheAddressTheCallerKnows) {
+  lists_.AddRefusedAddress("198.51.100.9");
+  IntakeRequest req;
+  req.sentence = "PC11^14025.0^K1ABC^22-Nov-2026^0315Z^cq^G4USR^G7XXX^H24^~";
+  req.source_stream = kNodeStream;
+  req.known_address = "198.51.100.9";
+  EXPECT_EQ(intake_->Process(req).verdict, SpotVerdict::kRefusedAddress);
+  EXPECT_NE(spot_list_.find("### Bad IP PC11 ###"), std::string::npos);
+}
+
+TEST_F(IntakeTest, OddPc61AddressIsLoggedButNotRefused) {
+  EXPECT_TRUE(Run(With(kGood, 8, "")).accepted());
+  EXPECT_TRUE(Run(With(With(kGood, 8, "node.example"), 2, "K2ABC")).accepted());
+  EXPECT_TRUE(Run(With(With(kGood, 8, "2001:db8::7"), 2, "K3ABC")).accepted());
+  const std::string log = Log("badinfo/Newpc61.log");
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2) << log;
+  EXPECT_NE(log.find("node.example"), std::string::npos);
+}
+
+TEST_F(IntakeTest, BadWordHitIsLoggedWithTheSpotFields) {
+  lists_.AddBadWord("SPAM");
+  EXPECT_EQ(Run(With(kGood, 5, "buy spam, now")).verdict, SpotVerdict::kBadWord);
+  EXPECT_EQ(Log("badinfo/22-Nov-2026.log"),
+            std::string(With(kGood, 5, "buy spam, now")) + " 0315 BadWordCheck PC11\r\n");
+  EXPECT_EQ(lists_.offences("192.0.2.1"), 1);
+}
+
+TEST_F(IntakeTest, OffencesCanRefuseTheAddressWhenTheSysopAsks) {
+  lists_.AddBadWord("SPAM");
+  lists_.set_auto_refuse_after(2);
+  Run(With(kGood, 5, "spam"));
+  EXPECT_EQ(Run(With(kGood, 5, "x")).verdict, SpotVerdict::kAccepted);
+  Run(With(kGood, 5, "spam"));
+  EXPECT_EQ(Run(With(With(kGood, 5, "y"), 2, "K9ZZ")).verdict, SpotVerdict::kRefusedAddress);
+}
+
+TEST_F(IntakeTest, DuplicatesAndRateLimitsComeLast) {
+  EXPECT_TRUE(Run(kGood).accepted());
+  EXPECT_EQ(Run(kGood).verdict, SpotVerdict::kDuplicate);
+  rates_.set_limits(SpotRates{0, 0, 2});
+  EXPECT_TRUE(Run(With(kGood, 2, "K2ABC")).accepted());
+  EXPECT_EQ(Run(With(kGood, 2, "K3ABC")).verdict, SpotVerdict::kRateLimited);
+  EXPECT_NE(Log("badspots/bad-22-Nov-2026.txt").find("Rate limit - spots per spotter^"),
+            std::string::npos);
+}
+
+TEST_F(IntakeTest, ReporterSpotsAreFt8AndCarryTheirTag) {
+  IntakeRequest req;
+  const std::string s = With(With(kGood, 5, "CW 20 dB"), 1, "14074.0");
+  req.sentence = s;
+  req.source = SpotSource::kReporter;
+  const IntakeResult r = intake_->Process(req);
+  ASSERT_TRUE(r.accepted());
+  EXPECT_EQ(r.spot->ModeFlags & kModeMask, kModeFt8);
+  EXPECT_EQ(r.spot->SourceTag, "PskReporter");
+}
+
+TEST_F(IntakeTest, FeedsMaySkipTheRequestFilter) {
+  IntakeRequest req;
+  const std::string s = With(kGood, 5, "PSE QSL");
+  req.sentence = s;
+  req.skip_request_filter = true;
+  EXPECT_TRUE(intake_->Process(req).accepted());
+}
+
+TEST_F(IntakeTest, BeaconsAreFlagged) {
+  EXPECT_TRUE(Run(With(With(kGood, 2, "DK0WCY/B"), 1, "10144.0")).spot->IsBeacon);
+  EXPECT_TRUE(Run(With(With(kGood, 2, "K4ABC"), 5, "bcn 599")).spot->IsBeacon);
+  EXPECT_FALSE(Run(With(With(kGood, 2, "K5ABC"), 5, "BCNX")).spot->IsBeacon);
+}
+
+TEST(IntakeRulesTest, RequestFilter) {
+  EXPECT_TRUE(IsRequestComment("PSE QSL"));
+  EXPECT_TRUE(IsRequestComment("PLS QSL VIA BURO"));
+  EXPECT_FALSE(IsRequestComment("QSL PLS"));  // " PLS " needs a blank on both sides
+  EXPECT_TRUE(IsRequestComment("QSL PLS TNX"));
+  EXPECT_TRUE(IsRequestComment("QSL PSE TNX"));
+  EXPECT_TRUE(IsRequestComment("PLEASE CALL"));
+  EXPECT_TRUE(IsRequestComment("PPP PLEASE CALL"));
+  EXPECT_FALSE(IsRequestComment("XX PLEASE CALL"));
+  EXPECT_TRUE(IsRequestComment("GOT NIL FROM HIM"));
+  EXPECT_TRUE(IsRequestComment(" NIL "));
+  EXPECT_FALSE(IsRequestComment("PSE"));  // three characters never
+  EXPECT_FALSE(IsRequestComment("NIL"));
+  EXPECT_FALSE(IsRequestComment("UP 5"));
+}
+
+TEST(IntakeRulesTest, ModeOrder) {
+  EXPECT_EQ(ClassifyMode("FT4 AND FT8"), kModeFt8);
+  EXPECT_EQ(ClassifyMode("FT4"), kModeFt4);
+  EXPECT_EQ(ClassifyMode("FT-4 OR PSK"), kModeFt4);
+  EXPECT_EQ(ClassifyMode("FT-8"), kModeFt8);
+  EXPECT_EQ(ClassifyMode("F/H MODE"), kModeFt8);
+  EXPECT_EQ(ClassifyMode("FOX"), kModeFt8);
+  EXPECT_EQ(ClassifyMode("RTTY PSK31"), kModePsk);
+  EXPECT_EQ(ClassifyMode("RTTY 599"), kModeRtty);
+  EXPECT_EQ(ClassifyMode("MSK144"), kModeMsk);
+  EXPECT_EQ(ClassifyMode("CW 599"), 0u);
+  EXPECT_EQ(ClassifyMode("FT"), 0u);
+}
+
+TEST(IntakeRulesTest, IpAddresses) {
+  EXPECT_TRUE(IsIpAddress("192.0.2.1"));
+  EXPECT_TRUE(IsIpAddress("2001:db8::1"));
+  EXPECT_FALSE(IsIpAddress("2001,db8,,1"));
+  EXPECT_FALSE(IsIpAddress("192.0.2"));
+  EXPECT_FALSE(IsIpAddress(""));
+  EXPECT_FALSE(IsIpAddress(std::string(100, '1')));
+}
+
+TEST(BadListsTest, BadWordCheckWordRules) {
+  BadLists l;
+  l.SetBadWordsText("idiot\r\nXY\r\n\r\nspam\r\ngo away\r\n");
+  EXPECT_EQ(l.bad_word_count(), 4u);
+  EXPECT_EQ(l.FindBadWord("you IDIOT"), "IDIOT");
+  EXPECT_EQ(l.FindBadWord("you idiot!"), "IDIOT");
+  EXPECT_EQ(l.FindBadWord("idiot,you"), "IDIOT");
+  EXPECT_EQ(l.FindBadWord("idiot...?"), "IDIOT");
+  EXPECT_EQ(l.FindBadWord("k1abc/spam"), "SPAM");
+  EXPECT_EQ(l.FindBadWord("spam./x"), "SPAM");
+  EXPECT_EQ(l.FindBadWord("xy xy! xy"), "");  // two characters: skipped
+  EXPECT_EQ(l.FindBadWord("xidiot idiotx"), "");
+  EXPECT_EQ(l.FindBadWord("go away"), "");  // phrases are not words
+  EXPECT_TRUE(l.BadPhraseCheck("please GO AWAY"));
+  EXPECT_FALSE(l.BadPhraseCheck("go, away"));
+  l.AddBadWord("12345");
+  EXPECT_EQ(l.FindBadWord("12345"), "");  // numbers are skipped
+  l.set_bad_words_enabled(false);
+  EXPECT_EQ(l.FindBadWord("idiot"), "");
+}
+
+TEST(BadListsTest, CallListsMatchAsDocumented) {
+  BadLists l;
+  l.SetDxNok({"k1abc", "VP8*", " "});
+  EXPECT_TRUE(l.IsDxNok("K1ABC"));
+  EXPECT_TRUE(l.IsDxNok("k1abc"));
+  EXPECT_FALSE(l.IsDxNok("K1ABCD"));
+  EXPECT_TRUE(l.IsDxNok("VP8ABC"));
+  EXPECT_FALSE(l.IsDxNok("VP2ABC"));
+  l.SetSpotterNok({"DL1XYZ-5"});
+  EXPECT_TRUE(l.IsSpotterNok("DL1XYZ"));
+  EXPECT_TRUE(l.IsSpotterNok("dl1xyz-2"));
+  EXPECT_FALSE(l.IsSpotterNok("DL1XY"));
+  l.SetNodeNok({"DB0SUE"});
+  EXPECT_TRUE(l.IsNodeNok("DB0SUE-7"));
+  EXPECT_FALSE(l.IsNodeNok("DB0SU"));
+  EXPECT_TRUE(CallNotIssued("N0CALL"));
+  EXPECT_TRUE(CallNotIssued("0A1B"));
+  EXPECT_TRUE(CallNotIssued("1B1ABC"));
+  EXPECT_FALSE(CallNotIssued("1A0KM"));
+  EXPECT_FALSE(CallNotIssued("K1ABC-2"));
+}
+
+TEST(BadListsTest, LoadBadWordsMovesTheNewFileIn) {
+  TempDir tmp;
+  ProgramDir dir(tmp.path());
+  std::string error;
+  ASSERT_TRUE(dir.CreateTree(&error));
+  qx::testing::WriteFile(dir.Data("files") / "badwords.txt", "old\r\n");
+  qx::testing::WriteFile(tmp.path() / "badwords.txt", "one\r\ntwo words\r\n\r\nthree\r\n");
+  Monitor monitor;
+  std::vector<std::string> console;
+  monitor.Subscribe([&](const MonitorLine& l) { console.emplace_back(l.text); });
+  BadLists l;
+  EXPECT_EQ(l.LoadBadWords(dir, &monitor), 3u);
+  EXPECT_FALSE(std::filesystem::exists(tmp.path() / "badwords.txt"));
+  EXPECT_EQ(ReadFile(dir.Data("files") / "badwords.txt"), "one\r\ntwo words\r\n\r\nthree\r\n");
+  EXPECT_EQ(console, (std::vector<std::string>{"Loading Bad Words", "3 found   ... done",
+                                               "Bad Words loaded"}));
+  EXPECT_EQ(l.FindBadWord("three"), "THREE");
+  EXPECT_EQ(l.FindBadWord("old"), "");
+}
+
+TEST(BadListsTest, AddressFiles) {
+  TempDir tmp;
+  qx::testing::WriteFile(tmp.path() / "ipnotok.dat", "# refused\r\n192.0.2.9\r\n2001:db8::9\r\n");
+  qx::testing::WriteFile(tmp.path() / "torlist.dat",
+                         "ExitNode 1234\nExitAddress 198.51.100.3 2026-11-21 10:00:00\n");
+  BadLists l;
+  EXPECT_TRUE(l.LoadRefusedAddresses(tmp.path() / "ipnotok.dat"));
+  EXPECT_TRUE(l.LoadTorAddresses(tmp.path() / "torlist.dat"));
+  EXPECT_FALSE(l.LoadTorAddresses(tmp.path() / "missing.dat"));
+  EXPECT_TRUE(l.IsRefusedAddress("192.0.2.9"));
+  EXPECT_TRUE(l.IsRefusedAddress("2001:DB8::9"));
+  EXPECT_FALSE(l.IsRefusedAddress("# refused"));
+  EXPECT_FALSE(l.IsTorAddress("198.51.100.3"));  // the failed load emptied it
+  l.LoadTorAddresses(tmp.path() / "torlist.dat");
+  EXPECT_TRUE(l.IsTorAddress("198.51.100.3"));
+  EXPECT_FALSE(l.IsTorAddress("ExitNode"));
+}
+
+}  // namespace
+}  // namespace qx

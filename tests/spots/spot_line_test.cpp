@@ -1,0 +1,207 @@
+#include "spots/spot_line.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "core/stream_table.h"
+#include "spots/distribution.h"
+
+namespace qx {
+namespace {
+
+TEST(DxDeBodyTest, ShortSpotterRightAlignsFrequencyAtColumn24) {
+  const std::string b = DxDeBody("K1ABC", "14025.0", "DL1XYZ", "test");
+  EXPECT_EQ(b, "DX de K1ABC:     14025.0  DL1XYZ       test                       ");
+  EXPECT_EQ(b.size(), 66u);
+  EXPECT_EQ(b[11], ':');              // column 12
+  EXPECT_EQ(b.find("14025.0"), 17u);  // columns 18-24
+  EXPECT_EQ(b.find("DL1XYZ"), 26u);   // column 27
+  EXPECT_EQ(b.find("test"), 39u);     // column 40
+}
+
+TEST(DxDeBodyTest, LongSpotterCallsPushTheFrequencyRight) {
+  // 10 characters: the frequency still ends at column 24, right after the colon.
+  EXPECT_EQ(DxDeBody("VE3ABC/VE2", "14025.0", "DL1XYZ", "test"),
+            "DX de VE3ABC/VE2:14025.0  DL1XYZ       test                       ");
+  // 11: the frequency follows the colon directly (column 19).
+  EXPECT_EQ(DxDeBody("OH2ABC/MM12", "14025.0", "DL1XYZ", "test"),
+            "DX de OH2ABC/MM12:14025.0  DL1XYZ      test                       ");
+  // 12: two columns further, one blank after the colon.
+  const std::string b12 = DxDeBody("OH2ABCD/MM12", "14025.0", "DL1XYZ", "test");
+  EXPECT_EQ(b12, "DX de OH2ABCD/MM12: 14025.0  DL1XYZ    test                       ");
+  EXPECT_EQ(b12.find("14025.0"), 20u);
+}
+
+TEST(DxDeBodyTest, LongDxCallMovesTheComment) {
+  // d + Ld + 2 = 27 + 12 + 2 = 41: the comment goes two columns behind the call.
+  EXPECT_EQ(DxDeBody("K1ABC", "14025.0", "VP8/DL1ABC/P", "test"),
+            "DX de K1ABC:     14025.0  VP8/DL1ABC/P  test                      ");
+  // 10 characters still leave the comment at column 40.
+  EXPECT_EQ(DxDeBody("K1ABC", "14025.0", "VP8/DL1ABC", "test"),
+            "DX de K1ABC:     14025.0  VP8/DL1ABC   test                       ");
+}
+
+TEST(DxDeBodyTest, CommentIsCutAtColumn66) {
+  EXPECT_EQ(DxDeBody("K1ABC", "14025.0", "DL1XYZ", "0123456789abcdefghijklmnopqrstuvwxyz"),
+            "DX de K1ABC:     14025.0  DL1XYZ       0123456789abcdefghijklmnopq");
+}
+
+TEST(DxDeBodyTest, AbsurdlyLongFieldsNeverLengthenTheTemplate) {
+  const std::string huge(200, 'X');
+  EXPECT_EQ(DxDeBody(huge, huge, huge, huge).size(), 66u);
+  EXPECT_EQ(DxDeBody("", "", "", "").substr(0, 7), "DX de :");
+}
+
+Spot MakeSpot() {
+  Spot s;
+  s.slots = {"PC61",  "14025.12", "DL1XYZ",    "22-Nov-2026", "0315Z", "test",
+             "K1ABC", "DB0QX",    "192.0.2.7", "H30",         "~"};
+  s.FrequencyKHz = 14025.12;
+  return s;
+}
+
+TEST(FrequencyTest, OneOrTwoDecimals) {
+  char buf[32];
+  EXPECT_EQ(std::string(buf, FormatFrequency(14025.12, 1, buf)), "14025.1");
+  EXPECT_EQ(std::string(buf, FormatFrequency(14025.15, 1, buf)), "14025.2");
+  EXPECT_EQ(std::string(buf, FormatFrequency(14025.0, 2, buf)), "14025.00");
+  EXPECT_EQ(std::string(buf, FormatFrequency(14025.07, 2, buf)), "14025.07");
+  EXPECT_EQ(std::string(buf, FormatFrequency(1850.96, 1, buf)), "1851.0");
+}
+
+TEST(DxDeLineTest, TimeInColumns71To75AndLocatorAfter) {
+  char buf[kDxDeLineMax];
+  const Spot s = MakeSpot();
+  const std::string line(buf, BuildDxDeLine(s, 1, "", buf));
+  EXPECT_EQ(line, "DX de K1ABC:     14025.1  DL1XYZ       test                           0315Z");
+  const std::string wide(buf, BuildDxDeLine(s, 2, "FN42", buf));
+  EXPECT_EQ(wide.substr(0, 26), "DX de K1ABC:    14025.12  ");
+  EXPECT_EQ(wide.substr(70), "0315Z FN42");
+}
+
+TEST(ShowDxLineTest, Layout) {
+  Spot s = MakeSpot();
+  s.FrequencyKHz = 14025.0;
+  s.slots[kSlotDxCall] = "K1ABC";
+  s.slots[kSlotSpotter] = "DL1ABC";
+  EXPECT_EQ(ShowDxLine(s, 1), "  14025.0  K1ABC        22-Nov-2026 0315Z  test  <DL1ABC>");
+  EXPECT_EQ(ShowDxLine(s, 2), " 14025.00  K1ABC        22-Nov-2026 0315Z  test  <DL1ABC>");
+}
+
+TEST(LocatorTest, FromPosition) {
+  char buf[4];
+  EXPECT_EQ(LocatorOf(51.5, -0.1, buf), "IO91");
+  EXPECT_EQ(LocatorOf(42.4, -71.1, buf), "FN42");
+  EXPECT_EQ(LocatorOf(-33.9, 151.2, buf), "QF56");
+  EXPECT_EQ(LocatorOf(95, 0, buf), "");
+}
+
+class RecordingSink : public SpotSink {
+ public:
+  void SendToStream(int stream, std::string_view text) override {
+    sent[stream] += std::string(text);
+  }
+  std::map<int, std::string> sent;
+};
+
+class DistributionTest : public ::testing::Test {
+ protected:
+  StreamEntry& AddUser(int stream, std::string call) {
+    streams_.EnsureCapacity(stream);
+    StreamEntry& e = streams_.at(stream);
+    e.call = std::move(call);
+    e.state = kStateUser;
+    e.login_stage = LoginStage::kLoggedIn;
+    return e;
+  }
+  StreamTable streams_;
+  RecordingSink sink_;
+  CountryInfo usa_{"United States", "K", 5, 8, "NA", 42.4, -71.1};
+};
+
+TEST_F(DistributionTest, EachUserGetsTheirVariantAndLinesAreBuiltOncePerVariant) {
+  AddUser(1, "G1AAA");                             // defaults: 75, 1 decimal
+  AddUser(2, "G2BBB");                             // same as 1
+  AddUser(3, "G3CCC").session.resolution = 2;      // two decimals
+  AddUser(4, "G4DDD").session.Set(kSwBeep, true);  // bell
+  StreamEntry& grid = AddUser(5, "G5EEE");         // locator
+  grid.session.width = 80;
+  grid.session.Set(kSwGridSquare, true);
+  AddUser(6, "G6FFF").session.width = 40;              // narrow
+  AddUser(7, "G7GGG").session.Set(kSwDxSpots, false);  // spots off
+  AddUser(8, "G8HHH").state = kStateLoggingIn;         // not logged in
+  AddUser(9, "DB0XX").state = kStateNodePc9x;          // a node
+  StreamEntry& narrow_grid = AddUser(10, "G0JJJ");     // asked, but 75 wide
+  narrow_grid.session.Set(kSwGridSquare, true);
+
+  Spot s = MakeSpot();
+  s.spotter_country = &usa_;
+  SpotDistributor dist(streams_, sink_);
+  const DistributionStats stats = dist.OutputSpotToAll(s);
+
+  const std::string base =
+      "DX de K1ABC:     14025.1  DL1XYZ       test                           0315Z";
+  EXPECT_EQ(stats.users, 7);
+  EXPECT_EQ(stats.lines_built, 3);  // 1 decimal, 2 decimals, 1 decimal with locator
+  EXPECT_EQ(sink_.sent[1], base + "\r\n");
+  EXPECT_EQ(sink_.sent[2], base + "\r\n");
+  EXPECT_EQ(sink_.sent[3],
+            "DX de K1ABC:    14025.12  DL1XYZ       test                           0315Z\r\n");
+  EXPECT_EQ(sink_.sent[4], base + "\a\r\n");
+  EXPECT_EQ(sink_.sent[5], base + " FN42\r\n");
+  EXPECT_EQ(sink_.sent[6], base.substr(0, 40) + "\r\n");
+  EXPECT_EQ(sink_.sent[10], base + "\r\n");
+  EXPECT_EQ(sink_.sent.count(7), 0u);
+  EXPECT_EQ(sink_.sent.count(8), 0u);
+  EXPECT_EQ(sink_.sent.count(9), 0u);
+}
+
+TEST_F(DistributionTest, LocatorLookupWinsAndFilterIsAsked) {
+  StreamEntry& u = AddUser(1, "G1AAA");
+  u.session.width = 79;
+  u.session.Set(kSwGridSquare, true);
+  AddUser(2, "G2BBB");
+  Spot s = MakeSpot();
+  s.spotter_country = &usa_;
+  SpotDistributor dist(streams_, sink_);
+  dist.set_locator_lookup([](std::string_view call) {
+    return call == "K1ABC" ? std::string_view("FN42lk") : std::string_view();
+  });
+  dist.set_filter([](const StreamEntry& e, const Spot&) { return e.call != "G2BBB"; });
+  dist.OutputSpotToAll(s);
+  // Cut to the user's 79 columns.
+  EXPECT_EQ(sink_.sent[1].substr(70), "0315Z FN4\r\n");
+  EXPECT_EQ(sink_.sent.count(2), 0u);
+
+  // The next spot is built afresh, not served from the last one's lines.
+  sink_.sent.clear();
+  s.slots[kSlotDxCall] = "JA1ZZZ";
+  dist.OutputSpotToAll(s);
+  EXPECT_NE(sink_.sent[1].find("JA1ZZZ"), std::string::npos);
+}
+
+TEST_F(DistributionTest, UserSwitchesForKindsOfSpots) {
+  AddUser(1, "G1AAA");
+  AddUser(2, "G2BBB").session.Set(kSwFt8Spots, false);
+  AddUser(3, "G3CCC").session.Set(kSwBeaconSpots, false);
+  AddUser(4, "G4DDD").session.Set(kSwPskReporter, false);
+  SpotDistributor dist(streams_, sink_);
+  Spot s = MakeSpot();
+  s.ModeFlags = kModeFt8 | 16;
+  EXPECT_EQ(dist.OutputSpotToAll(s).users, 3);
+  EXPECT_EQ(sink_.sent.count(2), 0u);
+  s.ModeFlags = kModeFt4 | 16;
+  s.IsBeacon = true;
+  sink_.sent.clear();
+  EXPECT_EQ(dist.OutputSpotToAll(s).users, 3);
+  EXPECT_EQ(sink_.sent.count(3), 0u);
+  s.IsBeacon = false;
+  s.SourceTag = SourceTagText(SpotSource::kReporter);
+  sink_.sent.clear();
+  EXPECT_EQ(dist.OutputSpotToAll(s).users, 3);
+  EXPECT_EQ(sink_.sent.count(4), 0u);
+}
+
+}  // namespace
+}  // namespace qx
