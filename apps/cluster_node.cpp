@@ -10,6 +10,8 @@
 #include "core/process_launcher.h"
 #include "core/text_util.h"
 #include "spots/call_sign.h"
+#include "spots/dx_command.h"
+#include "spots/spot_line.h"
 
 namespace qx {
 namespace {
@@ -55,7 +57,60 @@ void ClusterNode::LoadConfiguration() {
   }
 }
 
+void ClusterNode::SetUpSpots() {
+  IntakeDeps deps;
+  deps.bad_lists = &bad_lists_;
+  deps.bands = &bands_;
+  deps.dupes = &dupes_;
+  rates_ = std::make_unique<SpotRateLimiter>(
+      SpotRates{config_.GetInt("NewMaxSpotsPerMin", 0), config_.GetInt("NewMaxSpotsPerMinPerDx", 0),
+                config_.GetInt("NewMaxSpotsPerMinPerSpotter", 0)},
+      SpotRates{config_.GetInt("HighestSpotsPerMin", 0),
+                config_.GetInt("HighestSpotsPerMinPerDx", 0),
+                config_.GetInt("HighestSpotsPerMinPerSpotter", 0)});
+  deps.rates = rates_.get();
+  deps.valid_call = [](std::string& call) {
+    static const CallCheckContext kNoLists;
+    return ValidCall(call, /*strict=*/false, kNoLists);
+  };
+  deps.country_of = [this](std::string_view call) { return countries_.Find(call); };
+  deps.dir = &dir_;
+  deps.error_log = &log_;
+  deps.monitor = &monitor_;
+  deps.streams = &streams_;
+  deps.clock = &clock_;
+  deps.node_call = config_.Get("Cluster Call");
+  intake_ = std::make_unique<SpotIntake>(deps);
+  history_ = std::make_unique<SpotHistory>(
+      size_t(std::max(100, config_.GetInt("Maximum DX Spots", 5000))), dir_.Data("dx"));
+  distributor_ = std::make_unique<SpotDistributor>(streams_, *this);
+}
+
+void ClusterNode::ApplySpotLists() {
+  bad_lists_.SetDxNok(config_.List("DxNok").items);
+  bad_lists_.SetSpotterNok(config_.List("SpotterNok").items);
+  bad_lists_.SetNodeNok(config_.List("BadNodes").items);
+}
+
+IntakeResult ClusterNode::TakeSpot(const IntakeRequest& request, bool distribute) {
+  IntakeResult r = intake_->Process(request);
+  if (!r.accepted() || !distribute) return r;
+  history_->Add(*r.spot);
+  distributor_->OutputSpotToAll(*r.spot);
+  return r;
+}
+
+void ClusterNode::SaveHighestRates() {
+  if (!rates_ || !rates_->TakeHighestChanged()) return;
+  const SpotRates& h = rates_->highest();
+  config_.Set("HighestSpotsPerMin", std::to_string(h.per_minute));
+  config_.Set("HighestSpotsPerMinPerDx", std::to_string(h.per_dx));
+  config_.Set("HighestSpotsPerMinPerSpotter", std::to_string(h.per_spotter));
+  WriteCfgFile(config_, dir_);
+}
+
 void ClusterNode::ApplyLists() {
+  ApplySpotLists();
   access_.locked_out.clear();
   for (const std::string& c : config_.List("LockOuts").items) {
     access_.locked_out.insert(ToUpper(BaseCall(c)));
@@ -86,13 +141,18 @@ bool ClusterNode::Start(std::string* error) {
     ReadFileText(dir_.Data(folder) / (std::string(prefix) + DateText(clock_.Now())));
     StepDone();
   }
-  Step("Loading DX Spots");
-  StepDone();
+  SetUpSpots();
+  history_->LoadToday(clock_.Now(), bands_, &monitor_);  // "Loading DX Spots" ... done
 
   Step("Loading Special Calls   ...");
   access_.LoadFiles(dir_.Data("files"));
   ApplyLists();
   monitor_.Console(" done");
+
+  bad_lists_.LoadBadWords(dir_, &monitor_);  // "Loading Bad Words" ... "Bad Words loaded"
+  bad_lists_.LoadRefusedAddresses(dir_.Data("files") / "ipnotok.dat");
+  bad_lists_.LoadTorAddresses(dir_.Data("files") / "torlist.dat");
+  ApplySpotLists();
 
   Step("Loading Country File");
   if (!countries_.LoadFile(dir_.Data("files") / "cty_wt_mod.dat")) {
@@ -153,6 +213,7 @@ void ClusterNode::StartFrontEnd() {
 
 void ClusterNode::OnTimer() {
   if (stopped_) return;
+  SaveHighestRates();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (!ec) OnTimer();
@@ -228,9 +289,58 @@ void ClusterNode::OnRecoveryComplete() {}
 
 // CommandServices --------------------------------------------------------------------
 
-std::string ClusterNode::EnterSpot(int stream, std::string_view line, bool test_only) { return ""; }
+std::string ClusterNode::EnterSpot(int stream, std::string_view line, bool test_only) {
+  const StreamEntry& e = streams_.at(stream);
+  std::string_view address = e.peer_address;
+  if (const size_t colon = address.rfind(':'); colon != std::string_view::npos) {
+    address = address.substr(0, colon);
+  }
+  std::string command(line);
+  if (test_only) {
+    // DXTEST takes the same words as DX.
+    const size_t blank = command.find(' ');
+    command = "DX" + (blank == std::string::npos ? std::string() : command.substr(blank));
+  }
+  const DxCommandResult dx =
+      DxCommand(command, e.call, config_.Get("Cluster Call"), address, clock_.Now());
+  if (!dx.ok) return dx.text;
+  IntakeRequest request;
+  request.sentence = dx.text;
+  request.source_stream = stream;
+  request.is_local = true;
+  request.known_address = address;
+  const IntakeResult r = TakeSpot(request, !test_only);
+  if (test_only) {
+    return r.accepted() ? "Spot would be accepted: " + dx.text + "\r\n"
+                        : "Spot would be refused: " + std::string(VerdictName(r.verdict)) + "\r\n";
+  }
+  return std::string(r.reply);
+}
 
-std::vector<std::string> ClusterNode::ShowDx(int stream, std::string_view args) { return {}; }
+std::vector<std::string> ClusterNode::ShowDx(int stream, std::string_view args) {
+  const StreamEntry& e = streams_.at(stream);
+  SpotQuery q;
+  q.count = size_t(std::max(1, config_.GetInt("Default Display Dx", 30)));
+  const size_t max_count = size_t(std::max(1, config_.GetInt("Maximum Display Dx", 100)));
+  for (std::string_view word : Split(args, ' ')) {
+    if (word.empty() || EqualsIgnoreCase(word, "ON")) continue;
+    long long n = 0;
+    if (ParseInt(word, n) && n > 0) {
+      q.count = size_t(n);
+    } else if (const uint32_t bit = bands_.BitByName(word); bit != 0) {
+      q.band_bit = bit;
+    } else {
+      q.call = ToUpper(word);
+    }
+  }
+  q.count = std::min(q.count, max_count);
+  std::vector<std::string> lines;
+  for (const Spot* spot : history_->Find(q)) {
+    lines.push_back(ShowDxLine(*spot, e.session.resolution >= 2 ? 2 : 1));
+  }
+  if (lines.empty()) lines.push_back("No spots found.");
+  return lines;
+}
 
 bool ClusterNode::ListChange(std::string_view list, std::string_view item, bool add) {
   ConfigList& l = config_.List(list);

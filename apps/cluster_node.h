@@ -19,7 +19,14 @@
 #include "core/stream_output.h"
 #include "core/stream_table.h"
 #include "core/time_text.h"
+#include "spots/bad_lists.h"
+#include "spots/bands.h"
 #include "spots/country.h"
+#include "spots/distribution.h"
+#include "spots/dupes.h"
+#include "spots/intake.h"
+#include "spots/rate_limit.h"
+#include "spots/spot_history.h"
 #include "users/access_lists.h"
 #include "users/command_interpreter.h"
 #include "users/command_services.h"
@@ -36,7 +43,10 @@ struct ClusterNodeOptions {
   bool debug = false;
 };
 
-class ClusterNode final : public LinkEvents, public CommandServices, public StreamOutput {
+class ClusterNode final : public LinkEvents,
+                          public CommandServices,
+                          public StreamOutput,
+                          public SpotSink {
  public:
   ClusterNode(boost::asio::io_context& io, ClusterNodeOptions options);
   ~ClusterNode() override;
@@ -51,7 +61,7 @@ class ClusterNode final : public LinkEvents, public CommandServices, public Stre
   Monitor& monitor() { return monitor_; }
   FrontendLink& link() { return *link_; }
 
-  // StreamOutput
+  // StreamOutput and SpotSink
   void SendToStream(int stream, std::string_view text) override;
   void CloseStream(int stream) override;
   void SetStreamIdentity(int stream, std::string_view call, int state) override;
@@ -81,6 +91,11 @@ class ClusterNode final : public LinkEvents, public CommandServices, public Stre
   void StartFrontEnd();
   void OnTimer();
   ClusterCounts Counts() const;
+  void SetUpSpots();
+  void ApplySpotLists();
+  // Intake of one spot sentence; an accepted spot is kept, distributed and relayed.
+  IntakeResult TakeSpot(const IntakeRequest& request, bool distribute);
+  void SaveHighestRates();
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;
@@ -96,6 +111,13 @@ class ClusterNode final : public LinkEvents, public CommandServices, public Stre
   LogonMessages messages_;
   CountryLookup countries_;
   RecordingNodeRelay relay_;
+  BadLists bad_lists_;
+  BandTable bands_ = BandTable::SetupFreqRanges();
+  DupeDetector dupes_;
+  std::unique_ptr<SpotRateLimiter> rates_;
+  std::unique_ptr<SpotIntake> intake_;
+  std::unique_ptr<SpotHistory> history_;
+  std::unique_ptr<SpotDistributor> distributor_;
   std::unique_ptr<UserContext> user_ctx_;
   std::unique_ptr<Login> login_;
   std::unique_ptr<CommandInterpreter> interpreter_;
