@@ -131,7 +131,11 @@ bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
   if (type == 'D') {
     for (const std::string& u : users) owner->users.erase(u);
     for (const std::string& n : nodes) {
-      owner->child_nodes.erase(n);
+      if (n == owner_call || n == origin) continue;
+      // Removing a node below may remove others; look the owner up afresh each time.
+      auto owner_it = nodes_.find(owner_call);
+      if (owner_it == nodes_.end()) break;
+      owner_it->second.child_nodes.erase(n);
       // A node that nobody reports any more, and that is not our own neighbour, is gone.
       bool still_listed = false;
       for (const auto& [name, other] : nodes_) still_listed |= other.child_nodes.count(n) > 0;

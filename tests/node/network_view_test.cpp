@@ -60,6 +60,15 @@ TEST_F(NetworkViewTest, Pc92IgnoresWhatItMustNotTake) {
   EXPECT_EQ(view_.UserCount(), 0);
 }
 
+TEST_F(NetworkViewTest, DeleteThatNamesTheListOwnerItself) {
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^100^A^7Q7XXX^5Q6WWW^1Q7USR^H99^"));
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^101^D^7Q7XXX^7Q7XXX^5Q6WWW^5Q9ZZZ-2^H99^"));
+  ASSERT_NE(view_.FindNode("Q7XXX"), nullptr);
+  EXPECT_EQ(view_.FindNode("Q6WWW"), nullptr);
+  EXPECT_EQ(view_.FindNode("Q7XXX")->users.count("Q7USR"), 1u);
+  EXPECT_NE(view_.FindNode("Q9ZZZ-2"), nullptr);  // the origin does not delete itself
+}
+
 TEST_F(NetworkViewTest, KeepaliveRecordsVersionAndRoute) {
   EXPECT_TRUE(Pc92("PC92^Q8YYY^80562.01^K^5Q8YYY:5457:46^1^1^H97^", kOther));
   EXPECT_TRUE(Pc92("PC92^Q8YYY^80563^K^5Q8YYY:5457:46^1^1^H99^", kPeer));
