@@ -51,7 +51,9 @@ bool RelayDupCache::Seen(std::string key, int64_t window, int64_t now) {
 }
 
 bool RelayDupCache::SeenLegacy(std::string_view line, int64_t now) {
-  return Seen("L" + LegacyKey(line), kLegacyWindow, now);
+  std::string key = "L";
+  key += LegacyKey(line);
+  return Seen(std::move(key), kLegacyWindow, now);
 }
 
 bool RelayDupCache::SeenPc41(std::string_view call, std::string_view type, int64_t now) {

@@ -64,7 +64,10 @@ NodeLinkHandshake::Step NodeLinkHandshake::OnLine(std::string_view raw) {
     }
 
     case State::kAwaitPc18:
-      if (header == "PC18") {
+      if (!config_.password.empty() && !password_sent_ && ContainsIgnoreCase(line, "password:")) {
+        step.send.push_back(config_.password + "\r\n");
+        password_sent_ = true;
+      } else if (header == "PC18") {
         peer_pc18_ = std::string(line);
         const bool pc9x = config_.we_speak_pc9x && line.find("pc9x") != std::string_view::npos;
         step.style_changed = pc9x != peer_pc9x_;

@@ -28,6 +28,7 @@ class NodeLinkHandshake {
     std::string peer_call;  // the configured neighbour call (upper case)
     std::string version;    // our version text, for PC18
     bool we_speak_pc9x = true;
+    std::string password;  // calling side: sent when the peer asks "password:"
     // Our configuration lines (each with CR LF) in PC9x (PC92) or legacy (PC19/PC16) style.
     std::function<std::vector<std::string>(bool pc9x)> our_config;
   };
@@ -58,6 +59,7 @@ class NodeLinkHandshake {
   State state_;
   bool peer_pc9x_ = false;
   bool peer_sent_pc92_ = false;
+  bool password_sent_ = false;
   std::string peer_pc18_;
 };
 

@@ -109,18 +109,21 @@ int64_t NodeProcessor::NowSeconds() const {
       .count();
 }
 
-void NodeProcessor::StartLink(int stream, NodeLinkHandshake::Role role, std::string peer_call) {
+void NodeProcessor::StartLink(int stream, NodeLinkHandshake::Role role, std::string peer_call,
+                              std::string_view first_line, std::string password) {
   NodeLinkHandshake::Config config;
   config.our_call = options_.our_call;
   config.peer_call = std::move(peer_call);
   config.version = options_.version;
   config.we_speak_pc9x = options_.we_speak_pc9x;
   config.our_config = deps_.our_config;
+  config.password = std::move(password);
   handshakes_[stream] = std::make_unique<NodeLinkHandshake>(role, std::move(config));
   StreamTable& t = *deps_.streams;
   t.EnsureCapacity(stream);
   t.at(stream).state = kStateNodeConnecting;
   t.at(stream).unanswered_pings = 0;
+  if (!first_line.empty()) FeedHandshake(stream, first_line);
 }
 
 const NodeLinkHandshake* NodeProcessor::Handshake(int stream) const {

@@ -83,7 +83,10 @@ class NodeProcessor {
   void SetHandler(int number, Handler handler);
 
   // A node link starts on stream: the handshake sees the stream's lines until the link is up.
-  void StartLink(int stream, NodeLinkHandshake::Role role, std::string peer_call);
+  // first_line, when given, is a line that already arrived (the peer's call that the log-in
+  // dialogue read on an accepted link).
+  void StartLink(int stream, NodeLinkHandshake::Role role, std::string peer_call,
+                 std::string_view first_line = {}, std::string password = {});
   const NodeLinkHandshake* Handshake(int stream) const;
   // The stream closed: its handshake and the routes learned through it are forgotten.
   void LinkClosed(int stream);

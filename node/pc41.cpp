@@ -1,5 +1,7 @@
 #include "node/pc41.h"
 
+#include <exception>
+
 #include "core/monitor.h"
 
 namespace qx {
@@ -41,11 +43,16 @@ void Show(const Pc41Deps& deps, int stream, std::string_view text) {
 
 }  // namespace
 
-Pc41Result ProcessPC41(PcSentence& s, Pc41Lists& lists, NodeNetState& state, const Pc41Deps& deps) {
+namespace {
+
+Pc41Result HandlePc41(PcSentence& s, Pc41Lists& lists, NodeNetState& state, const Pc41Deps& deps,
+                      int& step) {
   Pc41Result result;
+  step = 1;
   // Exactly six fields, the last one the terminator.
   if (s.last() != 5 || s.fields[5].empty() || s.fields[5][0] != '~') return result;
 
+  step = 2;
   const std::string& value = s.fields[3];
   if (deps.bad_word && deps.bad_word(value)) {
     if (deps.bad_data_log) deps.bad_data_log("Bad Word PC41 = " + value + "^", s.line);
@@ -64,6 +71,7 @@ Pc41Result ProcessPC41(PcSentence& s, Pc41Lists& lists, NodeNetState& state, con
   }
   if (value.empty()) return result;
 
+  step = 7;
   const std::string base(Pc41BaseCall(s.fields[1]));
   std::string entry = base;
   entry += ' ';
@@ -73,6 +81,7 @@ Pc41Result ProcessPC41(PcSentence& s, Pc41Lists& lists, NodeNetState& state, con
   if (stored == Pc41Lists::StoreResult::kAdded && deps.count_changed) deps.count_changed(type);
   if (stored == Pc41Lists::StoreResult::kRepeat) return result;
 
+  step = 10;
   // Calls such as K1ABC/P are filed under a name usable as a file name.
   const size_t slash = s.fields[1].find('/');
   std::string file_call = base;
@@ -83,12 +92,14 @@ Pc41Result ProcessPC41(PcSentence& s, Pc41Lists& lists, NodeNetState& state, con
     s.fields[1] = file_call;
   }
   if (deps.store) {
-    const std::string record = "PC41^^" + s.Join();
+    std::string record = "PC41^^";
+    record += s.Join();
     deps.store(s.fields[1], record);
   }
   s.fields[1] = base;
   result.processed = true;
 
+  step = 13;
   // PC41 information never travels on with more than 11 hops left.
   std::string& hop = s.fields[4];
   if (!state.HopsOk(hop)) return result;
@@ -96,6 +107,24 @@ Pc41Result ProcessPC41(PcSentence& s, Pc41Lists& lists, NodeNetState& state, con
   if (state.last_hop() || state.last_hop_count() - 1 < 12) return result;
   hop = "H11";
   return result;
+}
+
+}  // namespace
+
+Pc41Result ProcessPC41(PcSentence& s, Pc41Lists& lists, NodeNetState& state, const Pc41Deps& deps) {
+  int step = 0;
+  try {
+    return HandlePc41(s, lists, state, deps, step);
+  } catch (const std::exception& ex) {
+    // The injected store or checks failed: this one sentence is lost, nothing else.
+    std::string text = ex.what();
+    text += " step ";
+    text += std::to_string(step);
+    text += ' ';
+    text += s.line;
+    state.Error(0, "ProcessPC41 ", text);
+    return Pc41Result{};
+  }
 }
 
 }  // namespace qx

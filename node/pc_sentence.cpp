@@ -98,7 +98,8 @@ bool NodeNetState::HopsOk(std::string& hop) {
     return false;
   }
   if (n <= 0) return false;
-  hop = "H" + std::to_string(n - 1);  // "H100" becomes "H99" the same way
+  hop.assign(1, 'H');
+  hop += std::to_string(n - 1);  // "H100" becomes "H99" the same way
   last_hop_ = false;
   return true;
 }

@@ -121,5 +121,16 @@ TEST(NodeLinkHandshake, AcceptingALegacyCaller) {
   EXPECT_EQ(d.sent[2], "PC22^\r\n");
 }
 
+TEST(NodeLinkHandshake, CallerAnswersAPasswordPromptOnce) {
+  auto config = MakeConfig("Q8YYY", "Q7XXX");
+  config.password = "secret";
+  Driver d(NodeLinkHandshake(Role::kCall, std::move(config)));
+  d.Feed({"login: ", "password: ", "Password: ", "PC18^Old node^5447^"});
+  ASSERT_EQ(d.sent.size(), 4u);
+  EXPECT_EQ(d.sent[0], "Q8YYY\r\n");
+  EXPECT_EQ(d.sent[1], "secret\r\n");
+  EXPECT_EQ(d.sent[2], "PC19^1^Q8YYY^0^5457^H99^\r\n");
+}
+
 }  // namespace
 }  // namespace qx

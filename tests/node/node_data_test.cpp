@@ -327,6 +327,20 @@ TEST_F(ProcessNodeDataTest, HandshakeSeesTheLinesOfAStartingLink) {
   EXPECT_EQ(proc_->view().RouteTo("Q7XXX"), 4);
   proc_->LinkClosed(4);
   EXPECT_EQ(proc_->view().RouteTo("Q7XXX"), 0);
+
+  // An accepted link whose call the log-in dialogue already read gets PC18 at once.
+  out_.sent.clear();
+  streams_.at(4).call = "Q8YYY";
+  proc_->StartLink(4, NodeLinkHandshake::Role::kAccept, "Q8YYY", "Q8YYY");
+  ASSERT_EQ(out_.sent.size(), 1u);
+  EXPECT_EQ(out_.sent[0].text.substr(0, 5), "PC18^");
+  clock_.Set(MakeUtc(2026, 11, 21, 22, 22, 42));
+  Feed(4, "PC92^Q8YYY^80562^C^5Q8YYY:5457^1Q8USR:198.51.100.20^H99^");
+  Feed(4, "PC20^");
+  EXPECT_EQ(streams_.at(4).state, kStateNodePc9x);
+  EXPECT_EQ(out_.sent.back().text, "PC22^\r\n");
+  proc_->LinkClosed(4);
+  EXPECT_EQ(proc_->view().RouteTo("Q7XXX"), 0);
 }
 
 }  // namespace

@@ -136,6 +136,17 @@ TEST_F(Pc41Test, HopsAreCappedAtEleven) {
   EXPECT_EQ(sentence_.fields[4], "H0");
 }
 
+TEST_F(Pc41Test, StoreFailureCostsOnlyThatSentence) {
+  std::vector<std::string> errors;
+  state_ = NodeNetState([&errors](int, std::string_view tag, std::string_view text) {
+    errors.push_back(std::string(tag) + std::string(text));
+  });
+  deps_.store = [](std::string_view, std::string_view) { throw std::runtime_error("disk full"); };
+  EXPECT_FALSE(Run("PC41^Q5USR^1^Fred^H5^~").processed);
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0], "ProcessPC41 disk full step 10 PC41^Q5USR^1^Fred^H5^~");
+}
+
 TEST(Pc41BaseCall, HyphenFromTheFourthCharacter) {
   EXPECT_EQ(Pc41BaseCall("K1ABC-5"), "K1ABC");
   EXPECT_EQ(Pc41BaseCall("K1A-5"), "K1A");
