@@ -1,5 +1,7 @@
 #include "node/pc_builders.h"
 
+#include "node/pc9x_time.h"
+
 namespace qx {
 namespace {
 
@@ -169,6 +171,25 @@ std::string BuildPc93(std::string_view origin, std::string_view stamp, std::stri
   }
   return Cat({"PC93^", origin, "^", stamp, "^", to, "^", from, "^", via, "^", body, "^", on_behalf,
               "^", ip, "^H99^"});
+}
+
+std::vector<std::string> BuildOurConfig(const LocalConfig& config, bool pc9x,
+                                        Pc9xStampGenerator& stamps, int now_seconds_of_day) {
+  std::vector<std::string> out;
+  if (pc9x) {
+    std::vector<Pc92Entry> entries = config.nodes;
+    entries.insert(entries.end(), config.users.begin(), config.users.end());
+    const Pc92Entry own{5, config.our_call, {config.version}};
+    out.push_back(BuildPc92Config(config.our_call, stamps.Next(now_seconds_of_day), own, entries));
+    const Pc92Entry own_k{5, config.our_call, {config.version, config.build}};
+    out.push_back(BuildPc92Keepalive(config.our_call, stamps.Next(now_seconds_of_day), own_k,
+                                     static_cast<int>(config.nodes.size()) + 1,
+                                     static_cast<int>(config.users.size())));
+    return out;
+  }
+  out.push_back(BuildPc19(config.our_call, false, config.version));
+  for (const Pc92Entry& u : config.users) out.push_back(BuildPc16(config.our_call, u.call));
+  return out;
 }
 
 }  // namespace qx

@@ -57,4 +57,20 @@ std::string BuildPc93(std::string_view origin, std::string_view stamp, std::stri
                       std::string_view from, std::string_view via, std::string_view text,
                       std::string_view on_behalf = {}, std::string_view address = {});
 
+class Pc9xStampGenerator;
+
+// What this node tells a new neighbour about itself.
+struct LocalConfig {
+  std::string our_call;
+  std::string version;  // four digits, e.g. "5457"
+  std::string build;
+  std::vector<Pc92Entry> nodes;  // directly connected nodes (flag 5 or 7)
+  std::vector<Pc92Entry> users;  // local users (flag 1 here, 0 away)
+};
+
+// Our configuration for a link start-up: PC92 C and K for a PC9x link (stamps from the
+// node's one generator), or PC19 and one PC16 per local user for a legacy link.
+std::vector<std::string> BuildOurConfig(const LocalConfig& config, bool pc9x,
+                                        Pc9xStampGenerator& stamps, int now_seconds_of_day);
+
 }  // namespace qx

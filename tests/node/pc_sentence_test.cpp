@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "node/pc9x_time.h"
 #include "node/pc_builders.h"
 #include "tests/node/node_test_util.h"
 
@@ -169,6 +170,18 @@ TEST(Builders, Pc92Family) {
             "PC92^Q1AAA^80563^K^5Q1AAA:5457:46^2^0^127.0.0.1^qx/0.1^H99^\r\n");
   // An IPv6 address travels with "," instead of ":".
   EXPECT_EQ(FormatPc92Entry({1, "Q5USR", {"2001:db8::7"}}), "1Q5USR:2001,db8,,7");
+}
+
+TEST(Builders, OurConfigurationInBothStyles) {
+  LocalConfig c{"Q1AAA", "5457", "46", {{7, "Q7XXX", {}}}, {{1, "Q1USR", {"198.51.100.9"}}}};
+  Pc9xStampGenerator stamps;
+  const auto pc9x = BuildOurConfig(c, true, stamps, 80562);
+  ASSERT_EQ(pc9x.size(), 2u);
+  EXPECT_EQ(pc9x[0], "PC92^Q1AAA^80562^C^5Q1AAA:5457^7Q7XXX^1Q1USR:198.51.100.9^H99^\r\n");
+  EXPECT_EQ(pc9x[1], "PC92^Q1AAA^80562.01^K^5Q1AAA:5457:46^2^1^H99^\r\n");
+  const auto legacy = BuildOurConfig(c, false, stamps, 80562);
+  EXPECT_EQ(legacy, (std::vector<std::string>{"PC19^1^Q1AAA^0^5457^H99^\r\n",
+                                              "PC16^Q1AAA^Q1USR - 1^H99^\r\n"}));
 }
 
 }  // namespace
