@@ -218,13 +218,14 @@ bool NodeProcessor::ProcessNodeData(int stream, std::string_view line) {
   if (!HopeCheckEtc(s)) return false;
 
   state_.current_sentence = s.number;
-  const Handler& handler = handlers_[size_t(s.number)];
-  if (!handler) {
+  const bool known = s.number >= 0 && s.number < static_cast<int>(handlers_.size());
+  const Handler* handler = known ? &handlers_[size_t(s.number)] : nullptr;
+  if (!handler || !*handler) {
     state_.Error(0, "Data Not Processed PCnr ", std::to_string(s.number) + " " + s.line);
     return false;
   }
   try {
-    return handler(s);
+    return (*handler)(s);
   } catch (const std::exception& ex) {
     // A fault in one handler costs that one line, never the link.
     state_.Error(0, "ProcessNodeData ", std::string(ex.what()) + " where = " + s.line);
@@ -331,7 +332,9 @@ bool NodeProcessor::HandlePc9x(PcSentence& s) {
   if (verdict != Pc9xTimeCheck::Verdict::kAccept) return false;
 
   if (is_pc92) {
-    if (view_.ApplyPc92(s.fields, s.stream) && deps_.counts_changed) deps_.counts_changed();
+    // What the view refuses (a D for an unknown origin, a malformed list) goes no further.
+    if (!view_.ApplyPc92(s.fields, s.stream)) return false;
+    if (deps_.counts_changed) deps_.counts_changed();
     RelayWithHops(s);
     return true;
   }

@@ -288,6 +288,11 @@ TEST_F(ProcessNodeDataTest, Pc92TopologyEntryFollowsTheOption) {
   EXPECT_TRUE(Feed(kPeer, add));
   EXPECT_EQ(proc_->view().UserCount(), 1);
   EXPECT_EQ(proc_->view().RouteTo("Q5USR"), kPeer);
+  // A D for an origin nobody knows is neither taken nor relayed.
+  const size_t relayed = relayed_.size();
+  EXPECT_FALSE(Feed(kPeer, "PC92^Q6WWW^80729^D^^1Q6USR^H99^"));
+  EXPECT_EQ(relayed_.size(), relayed);
+  EXPECT_EQ(proc_->view().FindNode("Q6WWW"), nullptr);
   // Our own call as origin is never taken.
   EXPECT_FALSE(Feed(kPeer, "PC92^Q1AAA^80729^A^^1Q6USR^H99^"));
   EXPECT_EQ(proc_->view().UserCount(), 1);
