@@ -1,0 +1,311 @@
+#include "node/network_view.h"
+
+#include <algorithm>
+
+#include "node/pc_sentence.h"
+
+namespace qx {
+namespace {
+
+struct ParsedEntry {
+  int flag = -1;
+  std::string_view call;
+  std::string_view v1, v2, v3;
+};
+
+// "<flag><CALL>[:v1[:v2[:v3]]]".  flag -1 when the entry is malformed.
+ParsedEntry ParseEntry(std::string_view e) {
+  ParsedEntry p;
+  if (e.size() < 2 || e[0] < '0' || e[0] > '7') return p;
+  p.flag = e[0] - '0';
+  e.remove_prefix(1);
+  std::string_view* subs[] = {&p.call, &p.v1, &p.v2, &p.v3};
+  for (size_t i = 0; i < 4; ++i) {
+    const size_t colon = e.find(':');
+    *subs[i] = e.substr(0, colon);
+    if (colon == std::string_view::npos) break;
+    e.remove_prefix(colon + 1);
+  }
+  if (p.call.empty()) p.flag = -1;
+  return p;
+}
+
+bool IsNodeFlag(int flag) { return (flag & 4) != 0; }
+
+std::string DigitsOnly(std::string_view s) {
+  std::string out;
+  for (char c : s) {
+    if (c >= '0' && c <= '9') out += c;
+  }
+  return out;
+}
+
+int HopOf(const std::vector<std::string>& f) {
+  for (size_t i = f.size(); i-- > 1;) {
+    if (f[i].empty()) continue;
+    return (f[i][0] == 'H') ? LeadingNumber(std::string_view(f[i]).substr(1)) : 0;
+  }
+  return 0;
+}
+
+}  // namespace
+
+NetworkView::Node& NetworkView::Ensure(std::string_view call) {
+  auto it = nodes_.find(call);
+  if (it == nodes_.end()) {
+    it = nodes_.emplace(std::string(call), Node{}).first;
+    it->second.call = std::string(call);
+  }
+  return it->second;
+}
+
+void NetworkView::Touch(Node& n, int stream, int hops) {
+  int& best = n.routes[stream];
+  best = std::max(best, hops);
+}
+
+void NetworkView::RemoveNode(std::string_view call) {
+  auto it = nodes_.find(call);
+  if (it == nodes_.end()) return;
+  nodes_.erase(it);
+  for (auto& [name, n] : nodes_) n.child_nodes.erase(std::string(call));
+}
+
+bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
+  // PC92 ^ origin ^ time ^ type ^ slot1 ^ entries ... ^ H99 ^
+  if (f.size() < 6 || f[1].empty() || f[3].size() != 1) return false;
+  const std::string_view origin = f[1];
+  if (origin == our_call_) return false;
+  const char type = f[3][0];
+  const int hops = HopOf(f);
+  // The entries stop before the hop field and the empty last field.
+  size_t end = f.size();
+  while (end > 5 && (f[end - 1].empty() || f[end - 1][0] == 'H')) --end;
+
+  if (type == 'K') {
+    const ParsedEntry own = ParseEntry(f[4]);
+    Node& n = Ensure(origin);
+    n.pc9x = true;
+    if (own.flag >= 0 && own.call == origin) {
+      if (!own.v1.empty()) n.version = DigitsOnly(own.v1);
+      if (!own.v2.empty()) n.build = DigitsOnly(own.v2);
+    }
+    Touch(n, stream, hops);
+    return true;
+  }
+  if (type != 'A' && type != 'D' && type != 'C') return false;
+  if (type == 'D' && nodes_.find(origin) == nodes_.end()) return false;
+
+  Node& from = Ensure(origin);
+  from.pc9x = true;
+  Touch(from, stream, hops);
+  // Slot 1: empty means the origin itself; otherwise the node the list belongs to.
+  Node* owner = &from;
+  const ParsedEntry slot1 = ParseEntry(f[4]);
+  if (slot1.flag >= 0 && slot1.call != origin) {
+    if (slot1.call == our_call_) return false;
+    owner = &Ensure(slot1.call);
+    Touch(*owner, stream, hops);
+    from.child_nodes.insert(owner->call);
+  }
+  if (slot1.flag >= 0 && !slot1.v1.empty()) {
+    const std::string v = DigitsOnly(slot1.v1);
+    if (slot1.v1.size() > 4 && v.size() != slot1.v1.size()) {
+      owner->address = std::string(slot1.v1);
+    } else {
+      owner->version = v;
+    }
+  }
+
+  std::set<std::string> users, nodes;
+  for (size_t i = 5; i < end; ++i) {
+    const ParsedEntry e = ParseEntry(f[i]);
+    if (e.flag < 0 || e.call == our_call_) continue;
+    if (IsNodeFlag(e.flag)) {
+      nodes.insert(std::string(e.call));
+    } else {
+      users.insert(std::string(e.call));
+    }
+  }
+  const std::string owner_call = owner->call;
+  if (type == 'D') {
+    for (const std::string& u : users) owner->users.erase(u);
+    for (const std::string& n : nodes) {
+      if (n == owner_call || n == origin) continue;
+      // Removing a node below may remove others; look the owner up afresh each time.
+      auto owner_it = nodes_.find(owner_call);
+      if (owner_it == nodes_.end()) break;
+      owner_it->second.child_nodes.erase(n);
+      // A node that nobody reports any more, and that is not our own neighbour, is gone.
+      bool still_listed = false;
+      for (const auto& [name, other] : nodes_) still_listed |= other.child_nodes.count(n) > 0;
+      for (const auto& [s, call] : neighbours_) still_listed |= (call == n);
+      if (!still_listed) RemoveNode(n);
+    }
+    return true;
+  }
+  Node& target = nodes_.find(owner_call)->second;
+  if (type == 'C') {
+    target.users = users;
+    target.child_nodes.clear();
+  } else {
+    target.users.insert(users.begin(), users.end());
+  }
+  for (const std::string& n : nodes) {
+    if (n == owner_call) continue;
+    nodes_.find(owner_call)->second.child_nodes.insert(n);
+    Node& child = Ensure(n);
+    if (child.routes.empty()) Touch(child, stream, hops > 0 ? hops - 1 : 0);
+  }
+  return true;
+}
+
+bool NetworkView::ApplyPc16(const std::vector<std::string>& f, int stream) {
+  // PC16 ^ node ^ "CALL - 1" ... ^ hops ^
+  if (f.size() < 4 || f[1].empty() || f[1] == our_call_) return false;
+  Node& n = Ensure(f[1]);
+  const int hops = HopOf(f);
+  Touch(n, stream, hops);
+  for (size_t i = 2; i + 1 < f.size(); ++i) {
+    if (f[i].empty() || f[i][0] == 'H') continue;
+    std::string_view entry = f[i];
+    const std::string_view call = entry.substr(0, entry.find(' '));
+    if (!call.empty()) n.users.insert(std::string(call));
+  }
+  return true;
+}
+
+bool NetworkView::ApplyPc17(const std::vector<std::string>& f, int stream) {
+  // PC17 ^ user ^ node ^ hops ^
+  if (f.size() < 4 || f[2] == our_call_) return false;
+  auto it = nodes_.find(f[2]);
+  if (it == nodes_.end()) return false;
+  return it->second.users.erase(f[1]) > 0;
+}
+
+bool NetworkView::ApplyPc19(const std::vector<std::string>& f, int stream,
+                            std::string_view neighbour_call) {
+  // PC19 ^ (here ^ node ^ conf ^ version) ... ^ hops ^
+  const int hops = HopOf(f);
+  bool any = false;
+  for (size_t i = 1; i + 3 < f.size(); i += 4) {
+    const std::string& call = f[i + 1];
+    if (call.empty() || call == our_call_ || call[0] == 'H') continue;
+    const int version = LeadingNumber(f[i + 3]);
+    if (version < 5000) continue;  // very old versions describe themselves unreliably
+    Node& n = Ensure(call);
+    if (!n.pc9x) n.version = DigitsOnly(f[i + 3]);
+    Touch(n, stream, hops);
+    if (!neighbour_call.empty() && call != neighbour_call) {
+      Ensure(neighbour_call).child_nodes.insert(call);
+    }
+    any = true;
+  }
+  return any;
+}
+
+bool NetworkView::ApplyPc21(const std::vector<std::string>& f, int stream) {
+  // PC21 ^ node ^ reason ^ hops ^
+  if (f.size() < 3 || f[1].empty() || f[1] == our_call_) return false;
+  // A neighbour's own departure only counts when it comes from its own link.
+  for (const auto& [s, call] : neighbours_) {
+    if (call == f[1] && s != stream) return false;
+  }
+  if (nodes_.find(f[1]) == nodes_.end()) return false;
+  RemoveNode(f[1]);
+  return true;
+}
+
+void NetworkView::LinkUp(int stream, std::string_view neighbour_call, bool pc9x) {
+  neighbours_[stream] = std::string(neighbour_call);
+  Node& n = Ensure(neighbour_call);
+  n.pc9x = n.pc9x || pc9x;
+  Touch(n, stream, 100);
+}
+
+void NetworkView::LinkDown(int stream) {
+  neighbours_.erase(stream);
+  std::vector<std::string> gone;
+  for (auto& [call, n] : nodes_) {
+    n.routes.erase(stream);
+    if (n.routes.empty()) gone.push_back(call);
+  }
+  for (const std::string& call : gone) RemoveNode(call);
+}
+
+int NetworkView::UserCount() const {
+  std::set<std::string_view> users;
+  for (const auto& [call, n] : nodes_) users.insert(n.users.begin(), n.users.end());
+  return static_cast<int>(users.size());
+}
+
+const NetworkView::Node* NetworkView::FindNode(std::string_view call) const {
+  auto it = nodes_.find(call);
+  return it == nodes_.end() ? nullptr : &it->second;
+}
+
+std::vector<NetworkView::NodeUsers> NetworkView::Configuration() const {
+  std::vector<NodeUsers> out;
+  for (const auto& [call, n] : nodes_) {
+    out.push_back(NodeUsers{call, std::vector<std::string>(n.users.begin(), n.users.end())});
+  }
+  return out;
+}
+
+std::vector<std::string> NetworkView::Nodes() const {
+  std::vector<std::string> out;
+  for (const auto& [call, n] : nodes_) out.push_back(call);
+  return out;
+}
+
+std::vector<std::pair<std::string, std::string>> NetworkView::Users() const {
+  std::vector<std::pair<std::string, std::string>> out;
+  for (const auto& [call, n] : nodes_) {
+    for (const std::string& u : n.users) out.emplace_back(u, call);
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+int NetworkView::BestRoute(const Node& n, std::set<std::string>& seen) const {
+  int best_stream = 0, best_hops = -1;
+  for (const auto& [stream, hops] : n.routes) {
+    if (hops > best_hops) {
+      best_hops = hops;
+      best_stream = stream;
+    }
+  }
+  if (best_stream != 0) return best_stream;
+  // No route of its own: go through a node that reported it.
+  seen.insert(n.call);
+  for (const auto& [call, parent] : nodes_) {
+    if (parent.child_nodes.count(n.call) && !seen.count(call)) {
+      const int s = BestRoute(parent, seen);
+      if (s != 0) return s;
+    }
+  }
+  return 0;
+}
+
+int NetworkView::RouteTo(std::string_view call) const {
+  std::set<std::string> seen;
+  if (const Node* n = FindNode(call)) return BestRoute(*n, seen);
+  int best_stream = 0, best_hops = -1;
+  for (const auto& [node_call, n] : nodes_) {
+    if (!n.users.count(std::string(call))) continue;
+    for (const auto& [stream, hops] : n.routes) {
+      if (hops > best_hops) {
+        best_hops = hops;
+        best_stream = stream;
+      }
+    }
+    if (best_stream == 0) {
+      seen.clear();
+      best_stream = BestRoute(n, seen);
+      if (best_stream != 0) best_hops = 0;
+    }
+  }
+  return best_stream;
+}
+
+}  // namespace qx

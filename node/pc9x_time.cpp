@@ -1,0 +1,64 @@
+#include "node/pc9x_time.h"
+
+#include <cmath>
+#include <cstdio>
+
+#include "core/text_util.h"
+
+namespace qx {
+
+Pc9xTimeCheck::Verdict Pc9xTimeCheck::Check(std::string_view origin, std::string_view stamp,
+                                            int now_seconds_of_day, bool is_pc92) {
+  if (is_pc92 && origin == our_call_) return Verdict::kOwnOrigin;
+  double t = 0;
+  if (!ParseDouble(stamp, t) || !(t >= 0) || !(t < kDay)) return Verdict::kBadStamp;
+
+  double skew = std::fabs(t - now_seconds_of_day);
+  if (skew > kDay / 2) skew = kDay - skew;
+  if (skew > kMaxSkew) return Verdict::kClockSkew;
+
+  auto it = last_.find(std::string(origin));
+  if (it != last_.end()) {
+    const double last = it->second;
+    if (t > last) {
+      // Just before the last one, yesterday: "t" sits shortly before midnight while the last
+      // accepted stamp came shortly after it.
+      if (last + kDay - t < kWrapWindow) return Verdict::kNotNewer;
+    } else {
+      // Smaller (or equal): only a new day when the step forward across midnight is short.
+      if (t + kDay - last >= kWrapWindow) return Verdict::kNotNewer;
+    }
+    it->second = t;
+  } else {
+    last_.emplace(std::string(origin), t);
+  }
+  return Verdict::kAccept;
+}
+
+double Pc9xTimeCheck::Last(std::string_view origin) const {
+  auto it = last_.find(std::string(origin));
+  return it == last_.end() ? -1 : it->second;
+}
+
+std::string Pc9xStampGenerator::Next(int now_seconds_of_day) {
+  int s = now_seconds_of_day;
+  // Never go back within the day (a clock step) and never reuse a stamp: stay on the last
+  // second and count on.
+  const bool same_day_back = second_ >= 0 && s < second_ && second_ - s < 137 * 60;
+  if (s == second_ || same_day_back) {
+    s = second_;
+    if (++counter_ > 99) {
+      s = (second_ + 1) % 86400;
+      counter_ = 0;
+    }
+  } else {
+    counter_ = 0;
+  }
+  second_ = s;
+  if (counter_ == 0) return std::to_string(s);
+  char buf[24];
+  std::snprintf(buf, sizeof buf, "%d.%02d", s, counter_);
+  return buf;
+}
+
+}  // namespace qx

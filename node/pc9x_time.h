@@ -1,0 +1,51 @@
+// Time stamps of PC92/PC93: the check that breaks loops in a meshed network (each origin's
+// stamps must rise) and the generator of the stamps this node writes.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace qx {
+
+class Pc9xTimeCheck {
+ public:
+  enum class Verdict {
+    kAccept,
+    kBadStamp,   // not a number, or outside 0 <= t < 86400
+    kClockSkew,  // more than 15 minutes from our clock (mod one day)
+    kNotNewer,   // not after the last stamp accepted from that origin
+    kOwnOrigin,  // a PC92 that claims to come from us
+  };
+
+  static constexpr double kDay = 86400.0;
+  static constexpr double kMaxSkew = 15 * 60.0;
+  static constexpr double kWrapWindow = 137 * 60.0;
+
+  explicit Pc9xTimeCheck(std::string our_call) : our_call_(std::move(our_call)) {}
+
+  // Checks field 2 of a PC92/PC93 from origin against our clock (seconds of the UTC day)
+  // and, on accept, remembers it as that origin's last stamp.
+  Verdict Check(std::string_view origin, std::string_view stamp, int now_seconds_of_day,
+                bool is_pc92);
+  // The last accepted stamp of origin, or -1.
+  double Last(std::string_view origin) const;
+  void Forget(std::string_view origin) { last_.erase(std::string(origin)); }
+
+ private:
+  std::string our_call_;
+  std::unordered_map<std::string, double> last_;
+};
+
+// Stamps for the PC92/PC93 this node creates: the seconds of the day, then ".01", ".02" ...
+// for further sentences in the same second, so no two carry the same stamp.
+class Pc9xStampGenerator {
+ public:
+  std::string Next(int now_seconds_of_day);
+
+ private:
+  int second_ = -1;
+  int counter_ = 0;
+};
+
+}  // namespace qx

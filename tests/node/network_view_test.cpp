@@ -1,0 +1,127 @@
+#include "node/network_view.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/node/node_test_util.h"
+
+namespace qx {
+namespace {
+
+constexpr int kPeer = 1;
+constexpr int kOther = 2;
+constexpr int kLegacy = 3;
+
+class NetworkViewTest : public ::testing::Test {
+ protected:
+  bool Pc92(std::string_view line, int stream = kPeer) {
+    return view_.ApplyPc92(test::MakeSentence(line, stream).fields, stream);
+  }
+  NetworkView view_{"Q1AAA"};
+};
+
+TEST_F(NetworkViewTest, Pc92ConfigAddAndDelete) {
+  view_.LinkUp(kPeer, "Q9ZZZ-2", true);
+  EXPECT_TRUE(
+      Pc92("PC92^Q9ZZZ-2^81598^C^5Q9ZZZ-2:5300^7Q7XXX:127.0.0.1^5Q8YYY:127.0.0.1^"
+           "1Q5USR:198.51.100.7^H99^"));
+  EXPECT_EQ(view_.NodeCount(), 3);
+  EXPECT_EQ(view_.UserCount(), 1);
+  EXPECT_EQ(view_.FindNode("Q9ZZZ-2")->version, "5300");
+  EXPECT_EQ(view_.RouteTo("Q5USR"), kPeer);
+  EXPECT_EQ(view_.RouteTo("Q7XXX"), kPeer);
+
+  // A: slot 1 empty means the origin itself.
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^81600^A^^1Q6USR:198.51.100.8^0Q6AWY^H99^"));
+  EXPECT_EQ(view_.UserCount(), 3);
+  // A about a legacy node the origin owns.
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^81608^A^7Q7XXX^1Q7USR^H99^"));
+  EXPECT_EQ(view_.FindNode("Q7XXX")->users.count("Q7USR"), 1u);
+
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^81610^D^^1Q6USR^H99^"));
+  EXPECT_EQ(view_.UserCount(), 3);
+  EXPECT_EQ(view_.RouteTo("Q6USR"), 0);
+
+  // C replaces the whole list: Q5USR and Q6AWY are gone, Q8YYY is no longer listed.
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^81700^C^5Q9ZZZ-2^7Q7XXX^1Q9USR^H99^"));
+  const auto who = view_.Users();
+  ASSERT_EQ(who.size(), 2u);
+  EXPECT_EQ(who[0], (std::pair<std::string, std::string>{"Q7USR", "Q7XXX"}));
+  EXPECT_EQ(who[1], (std::pair<std::string, std::string>{"Q9USR", "Q9ZZZ-2"}));
+  EXPECT_EQ(view_.FindNode("Q9ZZZ-2")->child_nodes.count("Q8YYY"), 0u);
+}
+
+TEST_F(NetworkViewTest, Pc92IgnoresWhatItMustNotTake) {
+  EXPECT_FALSE(Pc92("PC92^Q1AAA^100^A^^1Q5USR^H99^"));  // our own call as origin
+  EXPECT_FALSE(Pc92("PC92^Q6WWW^100^D^^1Q5USR^H99^"));  // D for an unknown origin
+  EXPECT_EQ(view_.NodeCount(), 0);
+  EXPECT_FALSE(Pc92("PC92^Q6WWW^100^Z^^1Q5USR^H99^"));
+  EXPECT_FALSE(Pc92("PC92^Q6WWW^100^"));
+  EXPECT_TRUE(Pc92("PC92^Q6WWW^100^A^^1Q1AAA^9BAD^H99^"));  // our call as a child is skipped
+  EXPECT_EQ(view_.UserCount(), 0);
+}
+
+TEST_F(NetworkViewTest, DeleteThatNamesTheListOwnerItself) {
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^100^A^7Q7XXX^5Q6WWW^1Q7USR^H99^"));
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^101^D^7Q7XXX^7Q7XXX^5Q6WWW^5Q9ZZZ-2^H99^"));
+  ASSERT_NE(view_.FindNode("Q7XXX"), nullptr);
+  EXPECT_EQ(view_.FindNode("Q6WWW"), nullptr);
+  EXPECT_EQ(view_.FindNode("Q7XXX")->users.count("Q7USR"), 1u);
+  EXPECT_NE(view_.FindNode("Q9ZZZ-2"), nullptr);  // the origin does not delete itself
+}
+
+TEST_F(NetworkViewTest, KeepaliveRecordsVersionAndRoute) {
+  EXPECT_TRUE(Pc92("PC92^Q8YYY^80562.01^K^5Q8YYY:5457:46^1^1^H97^", kOther));
+  EXPECT_TRUE(Pc92("PC92^Q8YYY^80563^K^5Q8YYY:5457:46^1^1^H99^", kPeer));
+  const NetworkView::Node* n = view_.FindNode("Q8YYY");
+  ASSERT_NE(n, nullptr);
+  EXPECT_EQ(n->version, "5457");
+  EXPECT_EQ(n->build, "46");
+  EXPECT_TRUE(n->pc9x);
+  // Talk goes the way with the most hops left.
+  EXPECT_EQ(view_.RouteTo("Q8YYY"), kPeer);
+}
+
+TEST_F(NetworkViewTest, RoutesThroughTheNodeAUserIsOn) {
+  view_.LinkUp(kPeer, "Q9ZZZ-2", true);
+  view_.LinkUp(kOther, "Q8YYY", true);
+  EXPECT_TRUE(Pc92("PC92^Q6WWW^100^A^^1Q6USR^H95^", kOther));
+  EXPECT_TRUE(Pc92("PC92^Q6WWW^101^A^^1Q6USR^H97^", kPeer));
+  EXPECT_EQ(view_.RouteTo("Q6USR"), kPeer);
+  view_.LinkDown(kPeer);
+  EXPECT_EQ(view_.RouteTo("Q6USR"), kOther);
+  EXPECT_EQ(view_.FindNode("Q9ZZZ-2"), nullptr);
+  view_.LinkDown(kOther);
+  EXPECT_EQ(view_.RouteTo("Q6USR"), 0);
+  EXPECT_EQ(view_.NodeCount(), 0);
+}
+
+TEST_F(NetworkViewTest, LegacySentences) {
+  view_.LinkUp(kLegacy, "Q7XXX", false);
+  const auto f19 = test::MakeSentence("PC19^1^Q7XXX^0^5455^1^Q6WWW^0^5447^0^Q5OLD^0^4000^H25^");
+  EXPECT_TRUE(view_.ApplyPc19(f19.fields, kLegacy, "Q7XXX"));
+  EXPECT_EQ(view_.Nodes(), (std::vector<std::string>{"Q6WWW", "Q7XXX"}));  // old version skipped
+  EXPECT_EQ(view_.FindNode("Q7XXX")->version, "5455");
+
+  const auto f16 = test::MakeSentence("PC16^Q6WWW^Q6USR - 1^Q6ABC * 0^H24^");
+  EXPECT_TRUE(view_.ApplyPc16(f16.fields, kLegacy));
+  EXPECT_EQ(view_.UserCount(), 2);
+  const auto config = view_.Configuration();
+  ASSERT_EQ(config.size(), 2u);
+  EXPECT_EQ(config[0].node, "Q6WWW");
+  EXPECT_EQ(config[0].users, (std::vector<std::string>{"Q6ABC", "Q6USR"}));
+  EXPECT_EQ(view_.RouteTo("Q6ABC"), kLegacy);
+
+  EXPECT_TRUE(view_.ApplyPc17(test::MakeSentence("PC17^Q6ABC^Q6WWW^H24^").fields, kLegacy));
+  EXPECT_FALSE(view_.ApplyPc17(test::MakeSentence("PC17^Q6ABC^Q6WWW^H24^").fields, kLegacy));
+  EXPECT_EQ(view_.UserCount(), 1);
+
+  // The neighbour itself can only be declared gone on its own link.
+  EXPECT_FALSE(view_.ApplyPc21(test::MakeSentence("PC21^Q7XXX^Gone^H15^").fields, kPeer));
+  EXPECT_TRUE(view_.ApplyPc21(test::MakeSentence("PC21^Q6WWW^Gone^H15^").fields, kLegacy));
+  EXPECT_EQ(view_.NodeCount(), 1);
+  EXPECT_EQ(view_.UserCount(), 0);
+  EXPECT_FALSE(view_.ApplyPc16(test::MakeSentence("PC16^Q1AAA^Q1USR - 1^H24^").fields, kLegacy));
+}
+
+}  // namespace
+}  // namespace qx

@@ -1,0 +1,352 @@
+#include "node/node_data.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "core/stream_table.h"
+#include "core/time_text.h"
+#include "tests/node/node_test_util.h"
+
+namespace qx {
+namespace {
+
+constexpr int kPeer = 1;    // established PC9x link to Q9ZZZ-2
+constexpr int kLegacy = 2;  // established legacy link to Q7XXX
+constexpr int kFeed = 3;    // reverse-beacon feed
+
+class ProcessNodeDataTest : public ::testing::Test {
+ protected:
+  ProcessNodeDataTest() : clock_(MakeUtc(2026, 11, 21, 22, 22, 42)) {
+    streams_.EnsureCapacity(4);
+    streams_.at(kPeer).call = "Q9ZZZ-2";
+    streams_.at(kPeer).state = kStateNodePc9x;
+    streams_.at(kLegacy).call = "Q7XXX";
+    streams_.at(kLegacy).state = kStateNodeLegacy;
+    streams_.at(kFeed).state = kStateFeedRbn;
+    monitor_.Subscribe([this](const MonitorLine& l) {
+      shown_.push_back({std::string(l.text), std::string(l.colour)});
+    });
+    Build(NodeOptions{"Q1AAA", "0.1", 0, true, false});
+  }
+
+  void Build(NodeOptions options) {
+    NodeDeps deps;
+    deps.streams = &streams_;
+    deps.monitor = &monitor_;
+    deps.output = &out_;
+    deps.clock = &clock_;
+    deps.errors = [this](int code, std::string_view tag, std::string_view text) {
+      errors_.push_back({code, std::string(tag), std::string(text)});
+    };
+    deps.feed = [this](int stream, int kind, std::string_view line) {
+      feed_.push_back(std::to_string(stream) + "/" + std::to_string(kind) + " " +
+                      std::string(line));
+    };
+    deps.spot_intake = [this](const PcSentence& s, int source, int stream) {
+      spots_.push_back({source, s.line});
+      EXPECT_EQ(stream, s.stream);
+      return true;
+    };
+    deps.relay = [this](int from, const PcSentence& s) { relayed_.push_back(s.Join()); };
+    deps.pc93 = [this](PcSentence& s) {
+      pc93_.push_back(s.line);
+      return true;
+    };
+    deps.pc41.valid_call = [](std::string_view c) { return c.size() >= 3; };
+    proc_ = std::make_unique<NodeProcessor>(std::move(options), std::move(deps));
+  }
+
+  bool Feed(int stream, std::string_view line) { return proc_->ProcessNodeData(stream, line); }
+  const std::string& Carry(int stream) { return streams_.at(stream).node_carry; }
+
+  StreamTable streams_;
+  Monitor monitor_;
+  ManualClock clock_;
+  test::RecordingOutput out_;
+  std::vector<test::ErrorEntry> errors_;
+  std::vector<test::ShownLine> shown_;
+  std::vector<std::string> feed_;
+  std::vector<std::pair<int, std::string>> spots_;
+  std::vector<std::string> relayed_;
+  std::vector<std::string> pc93_;
+  std::unique_ptr<NodeProcessor> proc_;
+};
+
+TEST_F(ProcessNodeDataTest, SpotsGoToIntakeWithTheirSourceCode) {
+  EXPECT_TRUE(
+      Feed(kLegacy, "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^pc11 from legacy^Q7USR^Q7XXX^H24^~\r"));
+  EXPECT_TRUE(
+      Feed(kPeer, "\nPC61^14074.0^Q3DX^21-Nov-2026^2225Z^ft8^Q5USR^Q9ZZZ-2^198.51.100.7^H30^~"));
+  ASSERT_EQ(spots_.size(), 2u);
+  EXPECT_EQ(spots_[0].first, 111);
+  EXPECT_EQ(spots_[0].second,
+            "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^pc11 from legacy^Q7USR^Q7XXX^H24^~");
+  EXPECT_EQ(spots_[1].first, 161);
+  EXPECT_EQ(spots_[1].second.front(), 'P');
+  EXPECT_TRUE(errors_.empty());
+}
+
+TEST_F(ProcessNodeDataTest, Pc11InTwoPiecesIsReassembled) {
+  EXPECT_FALSE(Feed(kLegacy, "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^split^Q7USR^Q7XXX^H24"));
+  EXPECT_TRUE(spots_.empty());
+  EXPECT_EQ(Carry(kLegacy), "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^split^Q7USR^Q7XXX^H24");
+  EXPECT_TRUE(Feed(kLegacy, "^~"));
+  ASSERT_EQ(spots_.size(), 1u);
+  EXPECT_EQ(spots_[0].second, "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^split^Q7USR^Q7XXX^H24^~");
+  EXPECT_TRUE(Carry(kLegacy).empty());
+}
+
+TEST_F(ProcessNodeDataTest, NineFieldPc11IsAViolationOnTheNodeTrafficView) {
+  proc_->set_monitor_view(0);
+  EXPECT_FALSE(Feed(kLegacy, "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24"));
+  EXPECT_TRUE(shown_.empty());
+  proc_->set_monitor_view(1);
+  streams_.at(kLegacy).node_carry.clear();
+  EXPECT_FALSE(Feed(kLegacy, "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24"));
+  ASSERT_EQ(shown_.size(), 1u);
+  EXPECT_EQ(shown_[0].text, " Protocol Violation");
+  EXPECT_EQ(shown_[0].colour, "blue");
+}
+
+TEST_F(ProcessNodeDataTest, BadHopFieldsAreKeptAsFragmentsSilently) {
+  EXPECT_FALSE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H0^"));
+  EXPECT_EQ(Carry(kLegacy), "PC16^Q7XXX^Q7USR - 1^H0^");
+  streams_.at(kLegacy).node_carry.clear();
+  EXPECT_FALSE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H100^"));
+  EXPECT_EQ(Carry(kLegacy), "PC16^Q7XXX^Q7USR - 1^H100^");
+  EXPECT_TRUE(errors_.empty());
+  EXPECT_TRUE(shown_.empty());
+  EXPECT_EQ(proc_->view().UserCount(), 0);
+}
+
+TEST_F(ProcessNodeDataTest, EmptyLastFieldOfTerminatedSentenceIsAViolation) {
+  const std::string line = "PC10^Q5USR^Q7USR^hello^*^ ^Q9ZZZ-2^";
+  EXPECT_FALSE(Feed(kPeer, line));
+  ASSERT_EQ(shown_.size(), 1u);
+  EXPECT_EQ(shown_[0].text, " Protocol Violation" + line + "\r\n");
+  EXPECT_EQ(shown_[0].colour, "blue");
+  EXPECT_EQ(Carry(kPeer), line);
+}
+
+TEST_F(ProcessNodeDataTest, TerminatorProblems) {
+  // One character that is not "~": kept as a fragment, nothing reported.
+  EXPECT_FALSE(Feed(kPeer, "PC10^Q5USR^Q7USR^hello^*^ ^Q9ZZZ-2^x"));
+  EXPECT_TRUE(errors_.empty());
+  streams_.at(kPeer).node_carry.clear();
+  // Longer junk: error 2000 naming the line, the field and the neighbour.
+  EXPECT_FALSE(Feed(kPeer, "PC10^Q5USR^Q7USR^hello^*^ ^Q9ZZZ-2^junk"));
+  ASSERT_EQ(errors_.size(), 1u);
+  EXPECT_EQ(errors_[0].code, 2000);
+  EXPECT_EQ(errors_[0].tag, "HopeCheckEtc ");
+  EXPECT_NE(errors_[0].text.find("junk"), std::string::npos);
+  EXPECT_NE(errors_[0].text.find("Q9ZZZ-2"), std::string::npos);
+}
+
+TEST_F(ProcessNodeDataTest, Pc61NeedsNoTrailerEvenIfTheTableSaysSo) {
+  proc_->check_flags().Set(61, 3);
+  EXPECT_TRUE(Feed(kPeer, "PC61^14074.0^Q3DX^21-Nov-2026^2225Z^ft8^Q5USR^Q9ZZZ-2^198.51.100.7"));
+  ASSERT_EQ(spots_.size(), 1u);
+  EXPECT_EQ(spots_[0].first, 161);
+  EXPECT_EQ(proc_->check_flags().Get(61), 0);
+}
+
+TEST_F(ProcessNodeDataTest, LowerCaseHeadersAreDroppedWithAnError) {
+  EXPECT_FALSE(Feed(kPeer, "pc11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24^~"));
+  EXPECT_FALSE(Feed(kPeer, "pc92^Q9ZZZ-2^80562^K^5Q9ZZZ-2:5300:^1^0^H99^"));
+  ASSERT_EQ(errors_.size(), 2u);
+  EXPECT_EQ(errors_[0].code, 999);
+  EXPECT_EQ(errors_[0].tag, "ProcessNodeData ");
+  EXPECT_EQ(errors_[0].text.rfind("from Q9ZZZ-2 PCnr ", 0), 0u);
+  EXPECT_NE(errors_[0].text.find("where = pc11^"), std::string::npos);
+  EXPECT_TRUE(spots_.empty());
+}
+
+TEST_F(ProcessNodeDataTest, Pc92IsUpperCasedAndNeedsItsFinalCaret) {
+  clock_.Set(MakeUtc(2026, 11, 21, 22, 22, 42));  // 80562
+  EXPECT_FALSE(Feed(kPeer, "PC92^q9zzz-2^80562^K^5q9zzz-2:5300:^1^0^127.0.0.1^none/none^H99"));
+  EXPECT_EQ(Carry(kPeer), "PC92^Q9ZZZ-2^80562^K^5Q9ZZZ-2:5300:^1^0^127.0.0.1^NONE/NONE^H99");
+  EXPECT_TRUE(Feed(kPeer, "^"));
+  ASSERT_EQ(relayed_.size(), 1u);
+  EXPECT_EQ(relayed_[0], "PC92^Q9ZZZ-2^80562^K^5Q9ZZZ-2:5300:^1^0^127.0.0.1^NONE/NONE^H98^");
+  ASSERT_NE(proc_->view().FindNode("Q9ZZZ-2"), nullptr);
+  EXPECT_EQ(proc_->view().FindNode("Q9ZZZ-2")->version, "5300");
+}
+
+TEST_F(ProcessNodeDataTest, HeaderChecks) {
+  EXPECT_FALSE(Feed(kPeer, "login: "));
+  EXPECT_FALSE(Feed(kPeer, "Please enter your call: "));
+  EXPECT_TRUE(errors_.empty());
+  EXPECT_TRUE(Carry(kPeer).empty());
+
+  EXPECT_FALSE(Feed(kPeer, "PC111^a^b^H5^~"));
+  ASSERT_EQ(errors_.size(), 1u);
+  EXPECT_EQ(errors_[0].tag, "ProcessNodeData");
+  EXPECT_EQ(errors_[0].text, "PC111^a^b^H5^~");
+
+  EXPECT_FALSE(Feed(kPeer, "PC40^Q1AAA^Q9ZZZ-2^x^"));
+  ASSERT_EQ(errors_.size(), 2u);
+  EXPECT_EQ(errors_[1].tag, "Data Not Processed PCnr ");
+  EXPECT_EQ(errors_[1].text, "40 PC40^Q1AAA^Q9ZZZ-2^x^");
+  EXPECT_EQ(proc_->state().current_sentence, 40);
+
+  // Numbers below 10 are the start of something longer.
+  EXPECT_FALSE(Feed(kPeer, "PC0A^x^"));
+  EXPECT_EQ(Carry(kPeer), "PC0A^x^");
+  EXPECT_EQ(errors_.size(), 2u);
+}
+
+TEST_F(ProcessNodeDataTest, FeedLinesBypassParsing) {
+  EXPECT_TRUE(Feed(kFeed, "DX de Q2SKM-#: 14025.0 Q3DX CW 12 dB 22 WPM CQ 2222Z\r"));
+  ASSERT_EQ(feed_.size(), 1u);
+  EXPECT_EQ(feed_[0], "3/3 DX de Q2SKM-#: 14025.0 Q3DX CW 12 dB 22 WPM CQ 2222Z");
+  EXPECT_EQ(proc_->state().current_feed_kind, 3);
+  EXPECT_TRUE(spots_.empty());
+}
+
+TEST_F(ProcessNodeDataTest, Pc51LinkCheck) {
+  streams_.at(kPeer).unanswered_pings = 2;
+  EXPECT_TRUE(Feed(kPeer, "PC51^Q1AAA^Q9ZZZ-2^1^"));
+  ASSERT_EQ(out_.sent.size(), 1u);
+  EXPECT_EQ(out_.sent[0].stream, kPeer);
+  EXPECT_EQ(out_.sent[0].text, "PC51^Q9ZZZ-2^Q1AAA^0^\r\n");
+  EXPECT_EQ(streams_.at(kPeer).unanswered_pings, 0);
+
+  // A request for another node is not answered here.
+  EXPECT_FALSE(Feed(kPeer, "PC51^Q8YYY^Q9ZZZ-2^1^"));
+  EXPECT_EQ(out_.sent.size(), 1u);
+
+  // An answer resets the count even on a link that is still starting.
+  streams_.at(kPeer).state = kStateNodeConnecting;
+  streams_.at(kPeer).unanswered_pings = 2;
+  EXPECT_TRUE(Feed(kPeer, "PC51^Q1AAA^Q9ZZZ-2^0^"));
+  EXPECT_EQ(streams_.at(kPeer).unanswered_pings, 0);
+}
+
+TEST_F(ProcessNodeDataTest, AnySentenceOnAnEstablishedLinkResetsTheUnansweredCount) {
+  streams_.at(kLegacy).unanswered_pings = 2;
+  Feed(kLegacy, "PC50^Q7XXX^3^H99^");
+  EXPECT_EQ(streams_.at(kLegacy).unanswered_pings, 0);
+  streams_.at(kLegacy).state = kStateNodeConnecting;
+  streams_.at(kLegacy).unanswered_pings = 2;
+  Feed(kLegacy, "PC50^Q7XXX^3^H99^");
+  EXPECT_EQ(streams_.at(kLegacy).unanswered_pings, 2);
+}
+
+TEST_F(ProcessNodeDataTest, Pc18RecordsTheNeighboursClass) {
+  Feed(kPeer, "PC18^ExampleNode Version: 2.3 Build: 120 pc9x 91^5457^");
+  EXPECT_EQ(streams_.at(kPeer).node_class, "5^5457");
+  Feed(kLegacy, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
+  EXPECT_EQ(streams_.at(kLegacy).node_class, "7^5447");
+}
+
+TEST_F(ProcessNodeDataTest, Pc16CountsOnlyFromTheNodeItself) {
+  EXPECT_TRUE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H25^"));
+  EXPECT_FALSE(Feed(kLegacy, "PC16^Q6WWW^Q6USR - 1^H25^"));
+  EXPECT_EQ(proc_->view().UserCount(), 1);
+  EXPECT_EQ(proc_->view().RouteTo("Q7USR"), kLegacy);
+}
+
+TEST_F(ProcessNodeDataTest, Pc41IsStoredAndRelayedWithCappedHops) {
+  EXPECT_TRUE(Feed(kPeer, "PC41^Q5USR^1^Fred^H30^~"));
+  ASSERT_EQ(relayed_.size(), 1u);
+  EXPECT_EQ(relayed_[0], "PC41^Q5USR^1^Fred^H11^~");
+  EXPECT_EQ(proc_->pc41_lists().Count(1), 1u);
+  EXPECT_FALSE(Feed(kLegacy, "PC41^Q5USR^1^Fred^H29^~"));
+  EXPECT_EQ(relayed_.size(), 1u);
+}
+
+TEST_F(ProcessNodeDataTest, Pc93PassesTheTimeAndDuplicateChecks) {
+  clock_.Set(MakeUtc(2026, 11, 21, 22, 25, 30));  // 80730
+  const std::string ann = "PC93^Q9ZZZ-2^80730^*^Q5USR^*^full announcement^^198.51.100.7^H99^";
+  EXPECT_TRUE(Feed(kPeer, ann));
+  EXPECT_FALSE(Feed(kPeer, ann));  // same stamp again
+  ASSERT_EQ(pc93_.size(), 1u);
+  ASSERT_EQ(relayed_.size(), 1u);
+  EXPECT_EQ(relayed_[0], "PC93^Q9ZZZ-2^80730^*^Q5USR^*^full announcement^^198.51.100.7^H98^");
+
+  // Same text from the same origin with a new stamp within 45 s: a duplicate.
+  EXPECT_FALSE(Feed(kPeer, "PC93^Q9ZZZ-2^80735^*^Q5USR^*^full announcement^^198.51.100.7^H99^"));
+  EXPECT_EQ(pc93_.size(), 1u);
+
+  // A local-only announce is delivered but not relayed.
+  EXPECT_TRUE(Feed(kPeer, "PC93^Q9ZZZ-2^80740^*^Q5USR^LOCAL^just here^^^H99^"));
+  EXPECT_EQ(pc93_.size(), 2u);
+  EXPECT_EQ(relayed_.size(), 1u);
+
+  // Too few fields: ignored at the shared entry.
+  EXPECT_FALSE(Feed(kPeer, "PC93^Q9ZZZ-2^H99^"));
+}
+
+TEST_F(ProcessNodeDataTest, Pc92TopologyEntryFollowsTheOption) {
+  clock_.Set(MakeUtc(2026, 11, 21, 22, 25, 28));  // 80728
+  const std::string add = "PC92^Q9ZZZ-2^80728^A^^1Q5USR:198.51.100.7^H99^";
+  EXPECT_FALSE(Feed(kPeer, add));
+  EXPECT_EQ(proc_->view().UserCount(), 0);
+
+  Build(NodeOptions{"Q1AAA", "0.1", 0, true, true});
+  EXPECT_TRUE(Feed(kPeer, add));
+  EXPECT_EQ(proc_->view().UserCount(), 1);
+  EXPECT_EQ(proc_->view().RouteTo("Q5USR"), kPeer);
+  // A D for an origin nobody knows is neither taken nor relayed.
+  const size_t relayed = relayed_.size();
+  EXPECT_FALSE(Feed(kPeer, "PC92^Q6WWW^80729^D^^1Q6USR^H99^"));
+  EXPECT_EQ(relayed_.size(), relayed);
+  EXPECT_EQ(proc_->view().FindNode("Q6WWW"), nullptr);
+  // Our own call as origin is never taken.
+  EXPECT_FALSE(Feed(kPeer, "PC92^Q1AAA^80729^A^^1Q6USR^H99^"));
+  EXPECT_EQ(proc_->view().UserCount(), 1);
+}
+
+TEST_F(ProcessNodeDataTest, HandlerFaultCostsOneLine) {
+  proc_->SetHandler(50, [](PcSentence&) -> bool { throw std::runtime_error("boom"); });
+  EXPECT_FALSE(Feed(kLegacy, "PC50^Q7XXX^3^H99^"));
+  ASSERT_EQ(errors_.size(), 1u);
+  EXPECT_NE(errors_[0].text.find("boom"), std::string::npos);
+  EXPECT_TRUE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H25^"));
+}
+
+TEST_F(ProcessNodeDataTest, HandshakeSeesTheLinesOfAStartingLink) {
+  NodeDeps deps;
+  deps.streams = &streams_;
+  deps.output = &out_;
+  deps.clock = &clock_;
+  deps.our_config = [](bool pc9x) {
+    return pc9x ? std::vector<std::string>{"PC92^Q1AAA^80562^C^5Q1AAA:5457^H99^\r\n"}
+                : std::vector<std::string>{"PC19^1^Q1AAA^0^5457^H99^\r\n"};
+  };
+  proc_ = std::make_unique<NodeProcessor>(NodeOptions{"Q1AAA", "0.1", 0, true, false}, deps);
+  streams_.at(4).call = "Q7XXX";
+  proc_->StartLink(4, NodeLinkHandshake::Role::kCall, "Q7XXX");
+  EXPECT_EQ(streams_.at(4).state, kStateNodeConnecting);
+  Feed(4, "login: ");
+  Feed(4, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
+  Feed(4, "PC19^1^Q7XXX^0^5455^H15^");
+  Feed(4, "PC22^");
+  ASSERT_EQ(out_.sent.size(), 3u);
+  EXPECT_EQ(out_.sent[0].text, "Q1AAA\r\n");
+  EXPECT_EQ(out_.sent[1].text, "PC19^1^Q1AAA^0^5457^H99^\r\n");
+  EXPECT_EQ(out_.sent[2].text, "PC20^\r\n");
+  EXPECT_EQ(streams_.at(4).state, kStateNodeLegacy);
+  EXPECT_EQ(streams_.at(4).node_class, "7^5447");
+  EXPECT_EQ(proc_->view().RouteTo("Q7XXX"), 4);
+  proc_->LinkClosed(4);
+  EXPECT_EQ(proc_->view().RouteTo("Q7XXX"), 0);
+
+  // An accepted link whose call the log-in dialogue already read gets PC18 at once.
+  out_.sent.clear();
+  streams_.at(4).call = "Q8YYY";
+  proc_->StartLink(4, NodeLinkHandshake::Role::kAccept, "Q8YYY", "Q8YYY");
+  ASSERT_EQ(out_.sent.size(), 1u);
+  EXPECT_EQ(out_.sent[0].text.substr(0, 5), "PC18^");
+  clock_.Set(MakeUtc(2026, 11, 21, 22, 22, 42));
+  Feed(4, "PC92^Q8YYY^80562^C^5Q8YYY:5457^1Q8USR:198.51.100.20^H99^");
+  Feed(4, "PC20^");
+  EXPECT_EQ(streams_.at(4).state, kStateNodePc9x);
+  EXPECT_EQ(out_.sent.back().text, "PC22^\r\n");
+  proc_->LinkClosed(4);
+  EXPECT_EQ(proc_->view().RouteTo("Q7XXX"), 0);
+}
+
+}  // namespace
+}  // namespace qx

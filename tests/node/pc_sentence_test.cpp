@@ -1,0 +1,188 @@
+#include "node/pc_sentence.h"
+
+#include <gtest/gtest.h>
+
+#include "node/pc9x_time.h"
+#include "node/pc_builders.h"
+#include "tests/node/node_test_util.h"
+
+namespace qx {
+namespace {
+
+class HopsOkTest : public ::testing::Test {
+ protected:
+  NodeNetState state_{[this](int code, std::string_view tag, std::string_view text) {
+    errors_.push_back({code, std::string(tag), std::string(text)});
+  }};
+  std::vector<test::ErrorEntry> errors_;
+
+  bool Hops(std::string& h) { return state_.HopsOk(h); }
+};
+
+TEST_F(HopsOkTest, CountsDownWhileHopsAreLeft) {
+  std::string h = "H99";
+  EXPECT_TRUE(Hops(h));
+  EXPECT_EQ(h, "H98");
+  EXPECT_FALSE(state_.last_hop());
+  EXPECT_EQ(state_.last_hop_count(), 99);
+
+  h = "H2";
+  EXPECT_TRUE(Hops(h));
+  EXPECT_EQ(h, "H1");
+
+  h = "H100";
+  EXPECT_TRUE(Hops(h));
+  EXPECT_EQ(h, "H99");
+  EXPECT_TRUE(errors_.empty());
+}
+
+TEST_F(HopsOkTest, LastHopIsUsedButNotPassedOn) {
+  std::string h = "H1";
+  EXPECT_FALSE(Hops(h));
+  EXPECT_EQ(h, "H0");
+  EXPECT_TRUE(state_.last_hop());
+
+  // A later good hop clears the flag again.
+  h = "H5";
+  EXPECT_TRUE(Hops(h));
+  EXPECT_FALSE(state_.last_hop());
+
+  h = "H";
+  EXPECT_FALSE(Hops(h));
+  EXPECT_EQ(h, "H0");
+  EXPECT_TRUE(state_.last_hop());
+  EXPECT_TRUE(errors_.empty());
+}
+
+TEST_F(HopsOkTest, OutOfRangeCountsStayAsTheyAre) {
+  std::string h = "H101";
+  EXPECT_FALSE(Hops(h));
+  EXPECT_EQ(h, "H101");
+  h = "H0";
+  EXPECT_FALSE(Hops(h));
+  EXPECT_EQ(h, "H0");
+  h = "H-3";
+  EXPECT_FALSE(Hops(h));
+  EXPECT_EQ(h, "H-3");
+  EXPECT_TRUE(errors_.empty());
+}
+
+TEST_F(HopsOkTest, MalformedFieldsAreReported) {
+  std::string h = "X99";
+  EXPECT_FALSE(Hops(h));
+  EXPECT_EQ(h, "X99");
+  ASSERT_EQ(errors_.size(), 1u);
+  EXPECT_EQ(errors_[0].tag, "HopsOk");
+
+  h = "";
+  EXPECT_FALSE(Hops(h));
+  EXPECT_EQ(errors_.size(), 2u);
+
+  h = "H1234";
+  EXPECT_FALSE(Hops(h));
+  EXPECT_EQ(h, "H0");
+  EXPECT_TRUE(state_.last_hop());
+  ASSERT_EQ(errors_.size(), 3u);
+  EXPECT_EQ(errors_[2].tag, "HopsOk ");
+}
+
+TEST(PcCheckFlags, StartUpTable) {
+  const PcCheckFlags f;
+  EXPECT_EQ(f.Get(10), PcCheckFlags::kTerminator);
+  EXPECT_EQ(f.Get(11), PcCheckFlags::kHopField | PcCheckFlags::kTerminator);
+  EXPECT_EQ(f.Get(16), PcCheckFlags::kHopField);
+  EXPECT_EQ(f.Get(41), PcCheckFlags::kTerminator);
+  EXPECT_EQ(f.Get(61), 3);
+  EXPECT_EQ(f.Get(92), PcCheckFlags::kHopField);
+  for (int n : {18, 19, 20, 22, 51, 50, 39}) EXPECT_EQ(f.Get(n), 0) << n;
+  EXPECT_EQ(f.Get(9), 0);
+  EXPECT_EQ(f.Get(100), 0);
+}
+
+TEST(SplitFields, KeepsEmptyFieldsAndReusesTheVector) {
+  std::vector<std::string> fields;
+  SplitFields("PC16^Q8YYY^Q8USR - 1^H15^", fields);
+  ASSERT_EQ(fields.size(), 5u);
+  EXPECT_EQ(fields[2], "Q8USR - 1");
+  EXPECT_EQ(fields[4], "");
+  SplitFields("a", fields);
+  ASSERT_EQ(fields.size(), 1u);
+  EXPECT_EQ(fields[0], "a");
+  SplitFields("", fields);
+  ASSERT_EQ(fields.size(), 1u);
+  EXPECT_EQ(fields[0], "");
+}
+
+TEST(LeadingNumber, FollowsTheLeadingDigits) {
+  EXPECT_EQ(LeadingNumber("92"), 92);
+  EXPECT_EQ(LeadingNumber("1A"), 1);
+  EXPECT_EQ(LeadingNumber("AB"), 0);
+  EXPECT_EQ(LeadingNumber(""), 0);
+  EXPECT_EQ(LeadingNumber("-7x"), -7);
+  EXPECT_GT(LeadingNumber("99999999999999999999"), 0);
+}
+
+TEST(Builders, LinesThisNodeWrites) {
+  EXPECT_EQ(BuildPc18("1.0"), "PC18^QX Cluster Version: 1.0 Build: 0.001 pc9x^1.0^\r\n");
+  EXPECT_EQ(BuildPc19("Q1AAA", false, "5457"), "PC19^1^Q1AAA^0^5457^H99^\r\n");
+  EXPECT_EQ(BuildPc19("Q1AAA", true, "5457"), "PC19^1^Q1AAA^1^5457^H99^\r\n");
+  EXPECT_EQ(BuildPc16("Q1AAA", "Q1USR"), "PC16^Q1AAA^Q1USR - 1^H99^\r\n");
+  EXPECT_EQ(BuildPc51Request("Q9ZZZ-2", "Q1AAA"), "PC51^Q9ZZZ-2^Q1AAA^1^\r\n");
+  EXPECT_EQ(BuildPc51Answer("Q9ZZZ-2", "Q1AAA"), "PC51^Q9ZZZ-2^Q1AAA^0^\r\n");
+  EXPECT_EQ(BuildPc41("Q1USR", 1, "Fred"), "PC41^Q1USR^1^Fred^H99^~\r\n");
+  EXPECT_EQ(BuildPc17("Q1USR", "Q1AAA"), "PC17^Q1USR^Q1AAA^H99^\r\n");
+  EXPECT_EQ(BuildPc21("Q6WWW", "Gone"), "PC21^Q6WWW^Gone^H99^\r\n");
+  EXPECT_EQ(BuildPc20(), "PC20^\r\n");
+  EXPECT_EQ(BuildPc22(), "PC22^\r\n");
+  EXPECT_EQ(BuildPc39("Q1AAA", "Shutdown"), "PC39^Q1AAA^Shutdown^H99^\r\n");
+  EXPECT_EQ(BuildPc50("Q1AAA", 12), "PC50^Q1AAA^12^H99^\r\n");
+}
+
+TEST(Builders, TalkAndAnnounceReplaceCarets) {
+  EXPECT_EQ(BuildPc10("Q5USR", "Q7USR", "hi ^there", "Q1AAA"),
+            "PC10^Q5USR^Q7USR^hi ~there^*^ ^Q1AAA^~\r\n");
+  EXPECT_EQ(BuildPc10("Q5USR", "Q7USR", "hi", "Q1AAA", "Q7XXX"),
+            "PC10^Q5USR^Q7XXX^hi^*^Q7USR^Q1AAA^~\r\n");
+  EXPECT_EQ(BuildPc12("Q5USR", "*", "full announcement", false, "Q1AAA"),
+            "PC12^Q5USR^*^full announcement^ ^Q1AAA^0^H99^~\r\n");
+  EXPECT_EQ(BuildPc12("Q5USR", "*", "sysop", true, "Q1AAA"),
+            "PC12^Q5USR^*^sysop^*^Q1AAA^0^H99^~\r\n");
+  EXPECT_EQ(BuildPc93("Q1AAA", "80736", "Q8USR", "Q5USR", "*", "#873 a^b", "", "2001:db8::1"),
+            "PC93^Q1AAA^80736^Q8USR^Q5USR^*^#873 a~b^^2001,db8,,1^H99^\r\n");
+  EXPECT_EQ(BuildPc93("Q1AAA", "80597", "Q8USR", "Q7USR", "*", "talk", "Q7XXX"),
+            "PC93^Q1AAA^80597^Q8USR^Q7USR^*^talk^Q7XXX^H99^\r\n");
+}
+
+TEST(Builders, Pc92Family) {
+  const std::vector<Pc92Entry> users = {{1, "Q5USR", {"198.51.100.7"}}};
+  EXPECT_EQ(BuildPc92Add("Q1AAA", "80728", users),
+            "PC92^Q1AAA^80728^A^^1Q5USR:198.51.100.7^H99^\r\n");
+  EXPECT_EQ(BuildPc92Delete("Q1AAA", "80788", {{1, "Q5USR", {}}}),
+            "PC92^Q1AAA^80788^D^^1Q5USR^H99^\r\n");
+  const Pc92Entry own{5, "Q1AAA", {"5457"}};
+  EXPECT_EQ(
+      BuildPc92Config("Q1AAA", "80562", own, {{1, "Q8USR", {"198.51.100.20"}}, {7, "Q7XXX", {}}}),
+      "PC92^Q1AAA^80562^C^5Q1AAA:5457^1Q8USR:198.51.100.20^7Q7XXX^H99^\r\n");
+  const Pc92Entry own_k{5, "Q1AAA", {"5457", "46"}};
+  EXPECT_EQ(BuildPc92Keepalive("Q1AAA", "80562.01", own_k, 1, 1),
+            "PC92^Q1AAA^80562.01^K^5Q1AAA:5457:46^1^1^H99^\r\n");
+  EXPECT_EQ(BuildPc92Keepalive("Q1AAA", "80563", own_k, 2, 0, "127.0.0.1", "qx/0.1"),
+            "PC92^Q1AAA^80563^K^5Q1AAA:5457:46^2^0^127.0.0.1^qx/0.1^H99^\r\n");
+  // An IPv6 address travels with "," instead of ":".
+  EXPECT_EQ(FormatPc92Entry({1, "Q5USR", {"2001:db8::7"}}), "1Q5USR:2001,db8,,7");
+}
+
+TEST(Builders, OurConfigurationInBothStyles) {
+  LocalConfig c{"Q1AAA", "5457", "46", {{7, "Q7XXX", {}}}, {{1, "Q1USR", {"198.51.100.9"}}}};
+  Pc9xStampGenerator stamps;
+  const auto pc9x = BuildOurConfig(c, true, stamps, 80562);
+  ASSERT_EQ(pc9x.size(), 2u);
+  EXPECT_EQ(pc9x[0], "PC92^Q1AAA^80562^C^5Q1AAA:5457^7Q7XXX^1Q1USR:198.51.100.9^H99^\r\n");
+  EXPECT_EQ(pc9x[1], "PC92^Q1AAA^80562.01^K^5Q1AAA:5457:46^2^1^H99^\r\n");
+  const auto legacy = BuildOurConfig(c, false, stamps, 80562);
+  EXPECT_EQ(legacy, (std::vector<std::string>{"PC19^1^Q1AAA^0^5457^H99^\r\n",
+                                              "PC16^Q1AAA^Q1USR - 1^H99^\r\n"}));
+}
+
+}  // namespace
+}  // namespace qx
