@@ -283,7 +283,18 @@ void ClusterNode::OnStreamClosed(int stream, int previous_state) {
   monitor_.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
 }
 
-void ClusterNode::OnStreamRecovered(int stream) { login_->OnRecovered(stream); }
+void ClusterNode::OnStreamRecovered(int stream) {
+  StreamEntry& e = streams_.at(stream);
+  if (e.state == kStateFree || e.state == kStateLoggingIn) {
+    // A connection that arrived while no node was running, or that was still logging in
+    // when the node stopped: it starts the log-in afresh.
+    e.state = kStateLoggingIn;
+    e.login_stage = LoginStage::kAwaitingCall;
+    login_->OnConnectRequest(stream);
+    return;
+  }
+  login_->OnRecovered(stream);
+}
 
 void ClusterNode::OnRecoveryComplete() {}
 
