@@ -1,6 +1,7 @@
 #include "console/console_server.h"
 
 #include <algorithm>
+#include <array>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -362,6 +363,33 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   }
 
   void Finish() {
+    if (finishing_) return;
+    finishing_ = true;
+    // Close gently: stop sending, then read and drop what the client still sends for a
+    // moment.  Closing at once with unread bytes would reset the connection, and the client
+    // could lose the refusal it was just sent.
+    beast::error_code ec;
+    stream_.socket().shutdown(tcp::socket::shutdown_send, ec);
+    if (ec || server_->stopped()) return Done();
+    deadline_.expires_after(std::chrono::seconds(2));
+    deadline_.async_wait([weak = weak_from_this()](beast::error_code e) {
+      auto self = weak.lock();
+      if (e || !self) return;
+      beast::error_code ignored;
+      self->stream_.socket().cancel(ignored);
+    });
+    Drain();
+  }
+
+  void Drain() {
+    stream_.socket().async_read_some(asio::buffer(drain_),
+                                     [self = shared_from_this()](beast::error_code ec, size_t) {
+                                       if (ec || self->server_->stopped()) return self->Done();
+                                       self->Drain();
+                                     });
+  }
+
+  void Done() {
     Close();
     server_->RemoveHttp(this);
   }
@@ -375,6 +403,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   std::string peer_;
   bool timed_out_ = false;
   bool first_request_ = true;
+  bool finishing_ = false;
+  std::array<char, 4096> drain_;
 };
 
 ConsoleServer::StartResult ConsoleServer::Impl::Start() {
