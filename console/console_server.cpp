@@ -35,6 +35,7 @@ namespace {
 constexpr std::string_view kCookieName = "qxsid";
 constexpr std::string_view kCsrfHeader = "X-CSRF-Token";
 constexpr int kMaxLoginsInFlight = 4;
+constexpr size_t kMaxSessions = 16;
 
 std::string_view ContentType(std::string_view path) {
   if (path.ends_with(".html")) return "text/html; charset=utf-8";
@@ -95,6 +96,11 @@ std::string CookieValue(std::string_view header, std::string_view name) {
     }
   }
   return {};
+}
+
+std::string SessionId(const Request& req) {
+  const auto it = req.find(http::field::cookie);
+  return it == req.end() ? std::string() : CookieValue(it->value(), kCookieName);
 }
 
 }  // namespace
@@ -175,8 +181,11 @@ class ConsoleServer::Impl : public std::enable_shared_from_this<ConsoleServer::I
 // counted instead of kept; once it has drained to half, a marker tells how many were lost.
 class WsConnection : public std::enable_shared_from_this<WsConnection> {
  public:
-  WsConnection(tcp::socket socket, std::shared_ptr<ConsoleServer::Impl> server)
-      : ws_(std::move(socket)), server_(std::move(server)) {}
+  WsConnection(tcp::socket socket, std::shared_ptr<ConsoleServer::Impl> server,
+               std::string session_id)
+      : ws_(std::move(socket)), server_(std::move(server)), session_id_(std::move(session_id)) {}
+
+  const std::string& session_id() const { return session_id_; }
 
   void Start(Request req) {
     auto timeouts = websocket::stream_base::timeout::suggested(beast::role_type::server);
@@ -258,6 +267,7 @@ class WsConnection : public std::enable_shared_from_this<WsConnection> {
 
   websocket::stream<beast::tcp_stream> ws_;
   std::shared_ptr<ConsoleServer::Impl> server_;
+  std::string session_id_;
   beast::flat_buffer in_;
   std::deque<std::shared_ptr<const std::string>> queue_;
   bool writing_ = false;
@@ -330,7 +340,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     Request req = parser_->release();
     if (websocket::is_upgrade(req)) {
       if (auto refusal = server_->CheckUpgrade(req)) return Send(std::move(*refusal));
-      auto ws = std::make_shared<WsConnection>(stream_.release_socket(), server_);
+      auto ws = std::make_shared<WsConnection>(stream_.release_socket(), server_, SessionId(req));
       server_->RemoveHttp(this);
       ws->Start(std::move(req));
       return;
@@ -674,8 +684,14 @@ void ConsoleServer::Impl::Handle(Request req, const std::string& peer,
   if (*path == "/api/logout") {
     if (read_only)
       return done(Json(req, http::status::method_not_allowed, json{{"error", "use POST"}}));
-    const std::string id = CookieValue(req[http::field::cookie], kCookieName);
+    const std::string id = SessionId(req);
     sessions_.erase(id);
+    // The live lines of this log-in stop with it.
+    std::vector<std::shared_ptr<WsConnection>> open;
+    for (auto& [p, weak] : ws_) {
+      if (auto c = weak.lock(); c && c->session_id() == id) open.push_back(std::move(c));
+    }
+    for (auto& c : open) c->Close();
     Response res = Json(req, http::status::ok, json{{"ok", true}});
     res.set(http::field::set_cookie,
             std::string(kCookieName) + "=; Path=/; HttpOnly; SameSite=Strict; Max-Age=0");
@@ -780,7 +796,18 @@ void ConsoleServer::Impl::FinishLogin(const Request& req, const std::string& pee
     if (id.size() != 32 || csrf.size() != 32) {
       return done(Json(req, http::status::internal_server_error, json{{"error", "no random"}}));
     }
-    sessions_[id] = AuthSession{csrf, std::chrono::steady_clock::now()};
+    const auto now = std::chrono::steady_clock::now();
+    std::erase_if(sessions_, [&](const auto& kv) {
+      return now - kv.second.last_used > options_.session_lifetime;
+    });
+    // A handful of browsers at most; the oldest log-in makes room for a new one.
+    if (sessions_.size() >= kMaxSessions) {
+      auto oldest = std::min_element(
+          sessions_.begin(), sessions_.end(),
+          [](const auto& a, const auto& b) { return a.second.last_used < b.second.last_used; });
+      sessions_.erase(oldest);
+    }
+    sessions_[id] = AuthSession{csrf, now};
     model_.LogEvent("Console", "sysop logged in from " + peer);
     Response res = Json(req, http::status::ok, json{{"ok", true}, {"csrf", csrf}});
     res.set(http::field::set_cookie,
