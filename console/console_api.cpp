@@ -225,6 +225,25 @@ ApiReply ConsoleApi::Post(std::string_view path, const json& body) {
     if (!model_.LogonMessage(section)) return Error(404, "no such section");
     return FromResult(model_.SetLogonMessage(section, it->get<std::string>()));
   }
+  if (path == "links/save") {
+    ConsoleLink link;
+    link.name = std::string(Trim(StringField(body, "name")));
+    link.remote_kind = std::string(Trim(StringField(body, "remoteKind")));
+    link.address = std::string(Trim(StringField(body, "address")));
+    long long port = 0;
+    if (link.name.empty() || link.address.empty()) return Error(400, "name and address needed");
+    if (!ParseInt(StringField(body, "port"), port) || port < 1 || port > 65535) {
+      return Error(400, "port must be a number from 1 to 65535");
+    }
+    link.port = int(port);
+    const auto active = body.find("active");
+    link.active = active != body.end() && active->is_boolean() && active->get<bool>();
+    if (!CleanValue(link.name) || !CleanValue(link.remote_kind) || !CleanValue(link.address)) {
+      return Error(400, "values must be one line without ^");
+    }
+    return FromResult(model_.SaveLink(link));
+  }
+  if (path == "links/remove") return FromResult(model_.RemoveLink(StringField(body, "name")));
   if (path == "links/connect") return FromResult(model_.ConnectLink(StringField(body, "name")));
   if (path == "links/disconnect") {
     return FromResult(model_.DisconnectLink(StringField(body, "name")));

@@ -137,6 +137,9 @@ class ConsoleModel {
   // Node links.
   virtual std::vector<ConsoleNode> DefinedNodes() const = 0;
   virtual std::vector<ConsoleLink> Links() const = 0;
+  // Adds an outgoing connection, or replaces the one with the same name; saves cluster.cfg.
+  virtual ConsoleResult SaveLink(const ConsoleLink& link) = 0;
+  virtual ConsoleResult RemoveLink(std::string_view name) = 0;
   virtual ConsoleResult ConnectLink(std::string_view name) = 0;
   virtual ConsoleResult DisconnectLink(std::string_view name) = 0;
 

@@ -331,14 +331,43 @@ async function loadLinks() {
       el('td', {}, l.name), el('td', {}, l.remoteKind), el('td', {}, l.address),
       el('td', {}, l.port), el('td', {}, l.active ? 'yes' : 'no'), el('td', {}, l.state),
       el('td', {}, l.stream || ''),
-      el('td', {}, el('button', {onclick: () => linkAction(up ? 'disconnect' : 'connect', l.name)},
-                      up ? 'Disconnect' : 'Connect'))));
+      el('td', {},
+        el('button', {onclick: () => linkAction(up ? 'disconnect' : 'connect', l.name)},
+           up ? 'Disconnect' : 'Connect'),
+        ' ',
+        el('button', {onclick: () => editLink(l)}, 'Edit'),
+        ' ',
+        el('button', {class: 'danger', onclick: () => {
+          if (confirm(`Remove the connection ${l.name}?`)) linkAction('remove', l.name);
+        }}, 'Remove'))));
   }
   const nodes = $('nodes-table').tBodies[0];
   nodes.replaceChildren();
   for (const n of data.nodes) {
     nodes.append(el('tr', {}, el('td', {}, n.call), el('td', {}, n.type), el('td', {}, n.local ? 'yes' : '')));
   }
+}
+
+function editLink(l) {
+  $('link-name').value = l.name;
+  $('link-kind').value = l.remoteKind;
+  $('link-address').value = l.address;
+  $('link-port').value = l.port;
+  $('link-active').checked = l.active;
+}
+
+async function saveLink(ev) {
+  ev.preventDefault();
+  $('links-error').textContent = '';
+  try {
+    await api('links/save', {name: $('link-name').value, remoteKind: $('link-kind').value,
+                             address: $('link-address').value, port: $('link-port').value,
+                             active: $('link-active').checked});
+    $('link-form').reset();
+  } catch (e) {
+    $('links-error').textContent = e.message;
+  }
+  await loadLinks();
 }
 
 async function linkAction(action, name) {
@@ -527,6 +556,7 @@ async function start() {
   $('settings-reload').addEventListener('click', () => loadSettings().catch(showError));
   $('password-form').addEventListener('submit', changePassword);
   $('links-refresh').addEventListener('click', () => loadLinks().catch(showError));
+  $('link-form').addEventListener('submit', saveLink);
   $('logs-tail').addEventListener('click', tailLog);
   $('logs-form').addEventListener('submit', searchLog);
   $('logout').addEventListener('click', async () => {

@@ -170,6 +170,18 @@ TEST_F(ConsoleApiTest, LogonMessagesLinksStreamsAndShutdown) {
   Call("POST", "links/connect", R"({"name":"GB7AAA"})");
   EXPECT_EQ(Call("GET", "links")["links"][0]["state"], "connecting");
   Call("POST", "links/connect", R"({"name":"NOPE"})", 400);
+  Call("POST", "links/save",
+       R"({"name":"GB7BBB","remoteKind":"pc9x","address":"10.0.0.2","port":"7300","active":true})");
+  Call("POST", "links/save", R"({"name":"GB7CCC","address":"10.0.0.3","port":"99999"})", 400);
+  Call("POST", "links/save", R"({"name":"GB7CCC","address":"a^b","port":"23"})", 400);
+  Call("POST", "links/save", R"({"name":"","address":"10.0.0.3","port":"23"})", 400);
+  json links = Call("GET", "links")["links"];
+  ASSERT_EQ(links.size(), 2u);
+  EXPECT_EQ(links[1]["name"], "GB7BBB");
+  EXPECT_EQ(links[1]["port"], 7300);
+  EXPECT_EQ(links[1]["active"], true);
+  Call("POST", "links/remove", R"({"name":"GB7BBB"})");
+  EXPECT_EQ(Call("GET", "links")["links"].size(), 1u);
 
   model_.streams.push_back(
       {7, "K1ABC", "user", 1, "127.0.0.1:5000", 0, MakeUtc(2026, 11, 5, 12), "Bob", "white"});

@@ -144,6 +144,21 @@ class FakeConsoleModel : public ConsoleModel {
 
   std::vector<ConsoleNode> DefinedNodes() const override { return nodes_; }
   std::vector<ConsoleLink> Links() const override { return links_; }
+  ConsoleResult SaveLink(const ConsoleLink& link) override {
+    for (auto& l : links_) {
+      if (l.name == link.name) {
+        l = link;
+        return ConsoleResult::Ok();
+      }
+    }
+    links_.push_back(link);
+    links_.back().state = "idle";
+    return ConsoleResult::Ok();
+  }
+  ConsoleResult RemoveLink(std::string_view name) override {
+    const auto n = std::erase_if(links_, [&](const ConsoleLink& l) { return l.name == name; });
+    return n ? ConsoleResult::Ok() : ConsoleResult::Fail("no such connection");
+  }
   ConsoleResult ConnectLink(std::string_view name) override {
     for (auto& l : links_) {
       if (l.name == name) {

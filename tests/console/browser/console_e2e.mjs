@@ -232,6 +232,20 @@ try {
 
   await tab('links');
   check(await visible(page.locator('#links-table')), 'the node links page opens');
+  // An outgoing connection is defined in the page (inactive, so nothing dials out).
+  await page.fill('#link-name', 'GB7TST');
+  await page.fill('#link-kind', 'pc9x');
+  await page.fill('#link-address', '127.0.0.1');
+  await page.fill('#link-port', String(await freePort()));
+  await page.uncheck('#link-active');
+  await page.click('#link-form button[type="submit"]');
+  check(await visible(page.locator('#links-table tbody tr', {hasText: 'GB7TST'})),
+        'a new outgoing connection is listed');
+  if (!demo) {
+    check(await waitFor(() => fs.readFileSync(path.join(home, 'cluster.cfg'), 'latin1')
+                                  .includes('GB7TST')),
+          'the new outgoing connection is in cluster.cfg');
+  }
   await shot('06-links');
   await tab('stats');
   check(await visible(page.locator('#stats-table tbody tr', {hasText: 'Uptime'})),
