@@ -301,15 +301,18 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     parser_->header_limit(uint32_t(server_->options().header_limit));
     parser_->body_limit(server_->options().body_limit);
     timed_out_ = false;
-    // Waiting for the first byte of a kept-alive connection is idle time; once a request
-    // starts it must be complete within the request time-out.
+    reading_ = true;
+    // The first request must arrive whole within the request time-out; on a kept-alive
+    // connection the wait for the next one and its arrival share the idle time-out.
     deadline_.expires_after(first_request_ ? server_->options().request_timeout
                                            : std::chrono::duration_cast<std::chrono::milliseconds>(
                                                  server_->options().idle_connection_timeout));
     first_request_ = false;
-    deadline_.async_wait([weak = weak_from_this()](beast::error_code ec) {
+    const uint64_t generation = ++read_generation_;
+    deadline_.async_wait([weak = weak_from_this(), generation](beast::error_code ec) {
       auto self = weak.lock();
-      if (ec || !self) return;
+      // A deadline that fired just as its read completed must not touch what came after.
+      if (ec || !self || !self->reading_ || generation != self->read_generation_) return;
       self->timed_out_ = true;
       beast::error_code ignored;
       self->stream_.socket().cancel(ignored);
@@ -320,6 +323,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   }
 
   void OnRead(beast::error_code ec) {
+    reading_ = false;
     deadline_.cancel();
     if (server_->stopped()) return Finish();
     if (timed_out_) {
@@ -414,6 +418,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   bool timed_out_ = false;
   bool first_request_ = true;
   bool finishing_ = false;
+  bool reading_ = false;
+  uint64_t read_generation_ = 0;
   std::array<char, 4096> drain_;
 };
 

@@ -250,6 +250,15 @@ TEST_F(ConsoleServerTest, EverythingButLogInNeedsASession) {
   EXPECT_EQ(login.result_int(), 200u);
   EXPECT_THAT(login.body(), HasSubstr("password"));
   EXPECT_THAT(std::string(login["Content-Security-Policy"]), HasSubstr("default-src 'self'"));
+  // Requests one after another on one kept-alive connection, HEAD without a body.
+  const std::string two =
+      Raw("GET /login HTTP/1.1\r\nHost: x\r\n\r\n"
+          "HEAD /style.css HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+  EXPECT_THAT(two, ::testing::StartsWith("HTTP/1.1 200"));
+  const size_t second = two.find("HTTP/1.1 200", 5);
+  ASSERT_NE(second, std::string::npos);
+  EXPECT_THAT(two.substr(second), HasSubstr("text/css"));
+  EXPECT_THAT(two.substr(second), ::testing::EndsWith("\r\n\r\n"));
   EXPECT_EQ(Get("/login.js").result_int(), 200u);
   EXPECT_EQ(Get("/style.css").result_int(), 200u);
   OnIo([this] {
