@@ -75,6 +75,11 @@ if (demo) {
 } else {
   program = path.join(bin, 'qxcluster');
   args = ['--home', home];
+  // Spotters need a known country for their spots to be accepted.
+  fs.mkdirSync(path.join(home, 'data', 'files'), {recursive: true});
+  fs.writeFileSync(path.join(home, 'data', 'files', 'cty_wt_mod.dat'),
+                   'United Kingdom: 14: 27: EU: 54.00: 2.00: 0.0: G:\r\n    G,M,2E;\r\n' +
+                   'United States: 05: 08: NA: 37.53: 91.67: 5.0: K:\r\n    K,N,W;\r\n');
   fs.writeFileSync(path.join(home, 'cluster.cfg'), [
     'Cluster Call^XX0QX-9',
     'Winsock IP^127.0.0.1',
@@ -95,6 +100,11 @@ child.on('exit', (code, signal) => { exited = {code, signal}; });
 
 function stopChild() {
   if (exited === null) child.kill('SIGTERM');
+  // The node started qxfront, which outlives it by design: stop it too.
+  try {
+    const pid = Number(fs.readFileSync(path.join(home, 'qxfront.pid'), 'latin1').trim());
+    if (pid > 0) process.kill(pid, 'SIGTERM');
+  } catch (e) { /* no front-end was started */ }
 }
 process.on('exit', stopChild);
 
