@@ -158,6 +158,13 @@ ProcStats ReadProc(pid_t pid) {
   return s;
 }
 
+double SelfCpu() {
+  rusage self{};
+  getrusage(RUSAGE_SELF, &self);
+  return double(self.ru_utime.tv_sec + self.ru_stime.tv_sec) +
+         double(self.ru_utime.tv_usec + self.ru_stime.tv_usec) / 1e6;
+}
+
 std::string LoadAverage() {
   std::ifstream f("/proc/loadavg");
   std::string a, b, c;
@@ -354,6 +361,9 @@ class Load {
   bool Stage(int stage, double rate, double* baseline_p99) {
     const int first = stage * opt_.spots;
     const int end = first + opt_.spots;
+    const ProcStats node_before = ReadProc(g_pids[0]);
+    const ProcStats front_before = ReadProc(g_pids[1]);
+    const double self_before = SelfCpu();
     const auto t0 = Clock::now();
     int next = first;
     auto send = [&](int k) {
@@ -412,6 +422,9 @@ class Load {
       all.push_back(Ms(s.last - s.sent));
       firsts.push_back(Ms(s.first - s.sent));
     }
+    const double node_ms = (ReadProc(g_pids[0]).cpu_s - node_before.cpu_s) * 1000 / opt_.spots;
+    const double front_ms = (ReadProc(g_pids[1]).cpu_s - front_before.cpu_s) * 1000 / opt_.spots;
+    const double self_ms = (SelfCpu() - self_before) * 1000 / opt_.spots;
     const size_t q = all.size() / 4;
     const double first_q = q ? Median(std::vector<double>(all.begin(), all.begin() + long(q))) : 0;
     const double last_q = q ? Median(std::vector<double>(all.end() - long(q), all.end())) : 0;
@@ -425,12 +438,13 @@ class Load {
         "last quarter median %.2f)\n"
         "  first-user delay ms: p50 %.2f p90 %.2f p99 %.2f max %.2f\n"
         "  user lines per second %.0f; spots not reaching everybody %d (%ld lines missing), "
-        "duplicate lines %ld -> %s\n",
+        "duplicate lines %ld -> %s\n"
+        "  CPU ms per spot: qxcluster %.2f, qxfront %.2f, user_load %.2f\n",
         stage, rate > 0 ? std::to_string(int(rate)).c_str() : "closed loop", achieved, opt_.spots,
         opt_.users, LoadAverage().c_str(), Percentile(all, 50), Percentile(all, 90), p99,
         Percentile(all, 100), first_q, last_q, Percentile(firsts, 50), Percentile(firsts, 90),
         Percentile(firsts, 99), Percentile(firsts, 100), achieved * opt_.users, missing_spots,
-        missing_lines, dups, steady ? "steady" : "NOT steady");
+        missing_lines, dups, steady ? "steady" : "NOT steady", node_ms, front_ms, self_ms);
     std::fflush(stdout);
     Quiet(std::chrono::milliseconds(300), std::chrono::seconds(10));
     return steady;
@@ -776,9 +790,7 @@ int main(int argc, char** argv) {
   PrintProc("qxfront", front0, front1, front2);
   rusage self{};
   getrusage(RUSAGE_SELF, &self);
-  std::printf("user_load itself: CPU %.2f s, peak RSS %.1f MB; load %s\n",
-              double(self.ru_utime.tv_sec + self.ru_stime.tv_sec) +
-                  double(self.ru_utime.tv_usec + self.ru_stime.tv_usec) / 1e6,
+  std::printf("user_load itself: CPU %.2f s, peak RSS %.1f MB; load %s\n", SelfCpu(),
               double(self.ru_maxrss) / 1024, LoadAverage().c_str());
   StopChildren();
   return load.closed() == 0 ? 0 : 2;
