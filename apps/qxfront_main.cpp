@@ -2,9 +2,9 @@
 // as a numbered stream over one local link to the node.
 #include <sys/resource.h>
 
+#include <unistd.h>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
@@ -13,8 +13,8 @@
 #include <string>
 #include <string_view>
 
-#include "core/text_util.h"
 #include "core/file_util.h"
+#include "core/text_util.h"
 #include "frontend/front_log.h"
 #include "frontend/frontend_server.h"
 #include "frontend/frontend_settings.h"

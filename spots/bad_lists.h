@@ -44,7 +44,6 @@ struct StringViewHash {
 };
 using UpperSet = std::unordered_set<std::string, StringViewHash, std::equal_to<>>;
 
-
 class BadLists {
  public:
   // --- bad words -------------------------------------------------------------------------
