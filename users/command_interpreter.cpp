@@ -248,7 +248,11 @@ std::string CommandInterpreter::CommandError(std::string_view line) {
 
 void CommandInterpreter::OnLine(int stream, std::string_view line) {
   Execute(stream, line);
-  if (ctx_.streams.InRange(stream) && ctx_.streams.at(stream).IsUser()) login_.BuildPrompt(stream);
+  // No prompt for a user who has just logged out or been taken over by a new connection.
+  if (ctx_.streams.InRange(stream) && ctx_.streams.at(stream).IsUser() &&
+      ctx_.streams.at(stream).login_stage == LoginStage::kLoggedIn) {
+    login_.BuildPrompt(stream);
+  }
 }
 
 void CommandInterpreter::Lines(int stream, const std::vector<std::string>& lines) {
@@ -391,6 +395,7 @@ void CommandInterpreter::Bye(int stream) {
   text += "73 " + e.call + " de " + ctx_.node_call + "\r\n";
   ctx_.Send(stream, text);
   ctx_.out.CloseStream(stream);
+  e.login_stage = LoginStage::kRefused;  // nothing more is sent; the state stays until closed
   // The log-out is announced when the front-end reports the stream closed.
 }
 

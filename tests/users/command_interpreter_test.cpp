@@ -80,8 +80,11 @@ TEST_F(InterpreterTest, EveryCommandIsFollowedByThePrompt) {
   EXPECT_THAT(Take(1), EndsWith("QXC >\r\n"));
 }
 
-TEST_F(InterpreterTest, ByeClosesTheStream) {
-  Run("B");
+TEST_F(InterpreterTest, ByeClosesTheStreamWithoutAnotherPrompt) {
+  Type(1, "B");
+  const std::string text = Take(1);
+  EXPECT_THAT(text, HasSubstr("73 K1ABC de XX0QX-1\r\n"));
+  EXPECT_THAT(text, ::testing::Not(HasSubstr("QXC >")));
   EXPECT_THAT(out_.closed, ElementsAre(1));
 }
 
