@@ -229,10 +229,11 @@ void NodeNetwork::Send(int stream, std::string_view text) {
   deps_.out->SendToStream(stream, text);
 }
 
-void NodeNetwork::SendToLinks(std::string_view text, int except, bool pc9x_links,
-                              bool legacy_links) {
+void NodeNetwork::SendToLinks(std::string_view text, int except, bool pc9x_links, bool legacy_links,
+                              std::string_view skip_peer) {
   for (auto& [stream, link] : links_) {
     if (stream == except || !link->info.up || link->closing) continue;
+    if (!skip_peer.empty() && link->info.peer == skip_peer) continue;
     if (link->info.pc9x ? pc9x_links : legacy_links) Send(stream, text);
   }
 }
@@ -669,6 +670,7 @@ void NodeNetwork::RelaySpot(const Spot& spot, int source_stream) {
     pc61 = "PC61" + body + "^" + std::string(spot.address()) + "^" + hop + "^~\r\n";
   for (auto& [stream, link] : links_) {
     if (stream == source_stream || !link->info.up || link->closing) continue;
+    if (link->info.peer == spot.origin_node()) continue;  // where it started
     Send(stream, link->info.pc9x && public_address ? pc61 : pc11);
   }
 }
@@ -679,7 +681,7 @@ void NodeNetwork::OnRelay(int from_stream, const PcSentence& s) {
   const std::string text = s.Join() + "\r\n";
   switch (s.number) {
     case 92: {
-      SendToLinks(text, from_stream, true, false);
+      SendToLinks(text, from_stream, true, false, s.fields[1]);
       // Legacy neighbours hear user changes in their own words.
       if (s.last() < 5 || s.fields[3].size() != 1) return;
       const char type = s.fields[3][0];
@@ -708,9 +710,9 @@ void NodeNetwork::OnRelay(int from_stream, const PcSentence& s) {
       const std::string& from = s.fields[4];
       const std::string& body = s.fields[6];
       if (IsAnnounceTarget(to)) {
-        SendToLinks(text, from_stream, true, false);
+        SendToLinks(text, from_stream, true, false, s.fields[1]);
         SendToLinks(BuildPc12(from, "*", body, to == "SYSOP", s.fields[1], to == "WX"), from_stream,
-                    false, true);
+                    false, true, s.fields[1]);
         return;
       }
       if (LocalUserStream(to) != 0) return;  // delivered here
@@ -725,7 +727,7 @@ void NodeNetwork::OnRelay(int from_stream, const PcSentence& s) {
         }
         return;
       }
-      if (route == 0) SendToLinks(text, from_stream, true, false);
+      if (route == 0) SendToLinks(text, from_stream, true, false, s.fields[1]);
       return;
     }
     case 41:

@@ -171,7 +171,10 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   std::vector<std::string> OurConfig(bool pc9x);
   std::vector<Pc92Entry> LocalUserEntries() const;
   std::vector<Pc92Entry> NeighbourEntries() const;
-  void SendToLinks(std::string_view text, int except, bool pc9x_links, bool legacy_links);
+  // To every established link of the given styles except the stream except and the link to
+  // the node skip_peer (the one a sentence started from: it never needs it back).
+  void SendToLinks(std::string_view text, int except, bool pc9x_links, bool legacy_links,
+                   std::string_view skip_peer = {});
   void SendKeepalive();
   void SendConfigAll();
 
