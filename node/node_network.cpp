@@ -460,6 +460,26 @@ void NodeNetwork::OnLine(int stream, std::string_view line) {
   Link* link = FindLink(stream);
   if (!link || link->closing) return;
   ++link->info.lines_in;
+  if (!link->info.up) {
+    // A prompt without line end that the peer's next line caught up with ("login: PC18^...")
+    // is the handshake's; the rest is a line of its own.
+    for (std::string_view prompt : {"login:", "password:"}) {
+      size_t at = std::string_view::npos;
+      for (size_t i = 0; i + prompt.size() <= line.size(); ++i) {
+        if (EqualsIgnoreCase(line.substr(i, prompt.size()), prompt)) {
+          at = i;
+          break;
+        }
+      }
+      if (at == std::string_view::npos) continue;
+      size_t rest = at + prompt.size();
+      while (rest < line.size() && line[rest] == ' ') ++rest;
+      if (rest >= line.size()) break;
+      processor_.ProcessNodeData(stream, line.substr(0, rest));
+      line.remove_prefix(rest);
+      break;
+    }
+  }
   processor_.ProcessNodeData(stream, line);
   if (Link* l = FindLink(stream)) CheckEstablished(*l);
 }
@@ -654,10 +674,11 @@ void NodeNetwork::SendTalkOn(int stream, std::string_view from, std::string_view
 }
 
 void NodeNetwork::RelaySpot(const Spot& spot, int source_stream) {
-  const bool from_node = FindLink(source_stream) != nullptr;
+  // A local spot comes from the DX command with "H100", which the decrement makes the "H99"
+  // of a sentence we originate; a node's spot loses one hop here.
   std::string hop(spot.hops());
-  if (hop.empty() || hop[0] != 'H') hop = "H30";
-  if (from_node && !processor_.state().HopsOk(hop)) return;
+  if (hop.empty() || hop[0] != 'H') hop = "H100";
+  if (!processor_.state().HopsOk(hop)) return;
   std::string body;
   for (int i = kSlotFrequency; i <= kSlotOriginNode; ++i) {
     body += '^';

@@ -308,6 +308,17 @@ TEST_F(NodeNetworkTest, CallsALegacyAcceptor) {
   EXPECT_FALSE(b.net->Links()[0].pc9x);
 }
 
+TEST_F(NodeNetworkTest, PromptCaughtUpByThePc18IsStillUnderstood) {
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
+  b.streams.at(6).state = kStateLoggingIn;
+  b.streams.at(6).connection_label = "Q1AAA";
+  ASSERT_TRUE(b.net->OnConnectRequest(6));
+  b.net->OnLine(6, "Please enter your call: ");
+  EXPECT_EQ(net_.TakeFrom(b, 6), "Q2BBB\r\n");
+  b.net->OnLine(6, "login: PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^0.1^");
+  EXPECT_NE(net_.TakeFrom(b, 6).find("PC20^"), std::string::npos);
+}
+
 TEST_F(NodeNetworkTest, CallsAPc9xAcceptorThatSpeaksPc92) {
   TestNode& b = net_.Add("Q8YYY", Cfg({"Q9ZZZ-2"}, {"Q9ZZZ-2"}));
   b.streams.at(6).state = kStateLoggingIn;
@@ -351,7 +362,7 @@ class RingTest : public NodeNetworkTest {
   Spot LocalSpot(std::string_view address) {
     Spot s;
     s.slots = {"PC61",    "14025.0", "Q4DX",  "21-Nov-2026",        "2200Z",
-               "cq test", "Q5USR",   "Q1AAA", std::string(address), "H30",
+               "cq test", "Q5USR",   "Q1AAA", std::string(address), "H100",
                "~"};
     s.IsLocal = true;
     return s;
@@ -387,7 +398,7 @@ TEST_F(RingTest, SpotReachesEveryNodeOnceAndNeverGoesBack) {
   EXPECT_EQ(Count(b_->out.To(21), "Q4DX"), 0u);
   EXPECT_EQ(Count(c_->out.To(31), "Q4DX"), 0u);
   // Relayed copies carry one hop less.
-  EXPECT_NE(b_->out.To(23).find("^198.51.100.7^H29^~"), std::string::npos) << b_->out.To(23);
+  EXPECT_NE(b_->out.To(23).find("^198.51.100.7^H98^~"), std::string::npos) << b_->out.To(23);
 }
 
 TEST_F(RingTest, SpotFromAPrivateOrUnknownAddressTravelsAsPc11) {
@@ -473,7 +484,7 @@ TEST_F(RingTest, LegacyNeighbourGetsPc11Pc12AndPc10) {
 
   a_->net->RelaySpot(LocalSpot("198.51.100.7"), 1);
   std::string sent = net_.TakeFrom(*a_, 15);
-  EXPECT_NE(sent.find("PC11^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q5USR^Q1AAA^H30^~"),
+  EXPECT_NE(sent.find("PC11^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q5USR^Q1AAA^H99^~"),
             std::string::npos)
       << sent;
   b_->net->Announce("Q6USR", "*", "to the old ones");
