@@ -78,10 +78,14 @@ class NodeSite {
                                            std::vector<std::string>{"--home", home().string()},
                                            home(), "qxcluster-" + std::to_string(++starts_));
   }
+  // Starts both programs and waits until the node has its link to the front-end (a
+  // connection made before that is reported to the node as an existing stream, with no
+  // log-in banner).
   void Start() {
     Write();
     StartFront();
     StartNode();
+    EXPECT_TRUE(WaitOutput("Recovery complete")) << node_->Output();
   }
 
   // The node's console output (this start) holds needle at least count times.
@@ -205,6 +209,20 @@ class PeerListener {
     return received_;
   }
   const std::string& received() const { return received_; }
+  void ClearReceived() { received_.clear(); }
+  // True when the node closed the connection within limit.
+  bool WaitClosed(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, 100) <= 0) continue;
+      char buf[4096];
+      const ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
+      if (n <= 0) return true;
+      received_.append(buf, size_t(n));
+    }
+    return false;
+  }
 
  private:
   int port_;
