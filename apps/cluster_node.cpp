@@ -340,6 +340,14 @@ void ClusterNode::OnStreamClosed(int stream, int previous_state) {
 }
 
 void ClusterNode::OnStreamRecovered(int stream) {
+  StreamEntry& e = streams_.at(stream);
+  if (e.state == kStateFree || e.state == kStateLoggingIn) {
+    // A connection the front-end made or accepted while no node was linked has seen no
+    // banner and no handshake yet: it starts now, as a new one would.
+    e.state = kStateLoggingIn;
+    OnConnectRequest(stream);
+    return;
+  }
   login_->OnRecovered(stream);
   network_->OnStreamRecovered(stream);
 }
