@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "apps/node_console.h"
 #include "core/file_util.h"
 #include "core/process_launcher.h"
 #include "core/text_util.h"
@@ -93,10 +94,19 @@ void ClusterNode::ApplySpotLists() {
 }
 
 IntakeResult ClusterNode::TakeSpot(const IntakeRequest& request, bool distribute) {
+  const auto start = std::chrono::steady_clock::now();
+  const std::string_view source = request.is_local ? "user" : "node";
   IntakeResult r = intake_->Process(request);
-  if (!r.accepted() || !distribute) return r;
+  if (!r.accepted()) {
+    stats_.SpotRefused(VerdictName(r.verdict));
+    return r;
+  }
+  if (!distribute) return r;
+  stats_.SpotIn(source, clock_.Now());
   history_->Add(*r.spot);
-  distributor_->OutputSpotToAll(*r.spot);
+  const DistributionStats d = distributor_->OutputSpotToAll(*r.spot);
+  stats_.LinesOut(source, uint64_t(d.users));
+  stats_.Delay(std::chrono::steady_clock::now() - start);
   if (network_) network_->RelaySpot(*r.spot, request.source_stream);
   return r;
 }
@@ -144,6 +154,53 @@ void ClusterNode::SetUpNetwork() {
   network_ = std::make_unique<NodeNetwork>(
       NodeNetworkOptions::FromConfig(config_, std::string(kVersion)), std::move(deps));
   network_->Configure(config_);
+}
+
+void ClusterNode::ApplySettings() {
+  ApplyLists();
+  if (network_) network_->Configure(config_);  // defined nodes and outgoing connections
+  if (rates_) {
+    rates_->set_limits({config_.GetInt("NewMaxSpotsPerMin", 0),
+                        config_.GetInt("NewMaxSpotsPerMinPerDx", 0),
+                        config_.GetInt("NewMaxSpotsPerMinPerSpotter", 0)});
+  }
+  if (interpreter_) interpreter_->set_help_address(config_.Get("Help Address"));
+  if (user_ctx_) user_ctx_->ssid_help_address = config_.Get("SSID Help Address");
+}
+
+std::string ClusterNode::LinkState(std::string_view name, int* stream) const {
+  *stream = 0;
+  for (int s = 1; s <= streams_.high_socket(); ++s) {
+    const StreamEntry& e = streams_.at(s);
+    if (e.state != kStateFree && EqualsIgnoreCase(e.connection_label, name)) {
+      *stream = s;
+      return e.IsNode() ? "connected" : "connecting";
+    }
+  }
+  return "idle";
+}
+
+std::map<std::string, uint64_t> ClusterNode::Pc41Counts() const { return {}; }
+
+void ClusterNode::StartConsole() {
+  ConsoleServerOptions o;
+  o.address = config_.Get("Console Address");
+  o.port = config_.GetInt("Console Port", 7380);
+  o.password_file = dir_.Data("cfg") / "console.pw";
+  console_model_ = std::make_unique<NodeConsoleModel>(*this);
+  console_ = std::make_unique<ConsoleServer>(io_, *console_model_, o);
+  const auto r = console_->Start();
+  if (!r.ok) {
+    log_.Write("Console", "cannot start the web console: " + r.error);
+    monitor_.Console("The web console could not start: " + r.error);
+    return;
+  }
+  monitor_.Console("Web console on http://" + o.address + ":" + std::to_string(console_->port()) +
+                   "/");
+  if (!r.new_password.empty()) {
+    // Shown once: only its hash is kept.
+    std::cout << ConsoleServer::PasswordLine(r.new_password) << std::endl;
+  }
 }
 
 void ClusterNode::SaveHighestRates() {
@@ -236,6 +293,10 @@ bool ClusterNode::Start(std::string* error) {
   link_ =
       std::make_unique<FrontendLink>(io_, streams_, log_, monitor_, clock_, *this, link_options);
   link_->set_on_unreachable([this] { StartFrontEnd(); });
+  Step("Starting the web console");
+  StartConsole();
+  StepDone();
+
   Step("Opening Winsock");
   link_->Start();
   StepDone();
@@ -275,6 +336,7 @@ void ClusterNode::Stop() {
   stopped_ = true;
   timer_.cancel();
   if (link_) link_->Stop();
+  if (console_) console_->Stop();
   log_.Write("Shutdown", "Node stopped");
 }
 
@@ -342,9 +404,11 @@ void ClusterNode::OnStreamClosed(int stream, int previous_state) {
 void ClusterNode::OnStreamRecovered(int stream) {
   StreamEntry& e = streams_.at(stream);
   if (e.state == kStateFree || e.state == kStateLoggingIn) {
-    // A connection the front-end made or accepted while no node was linked has seen no
-    // banner and no handshake yet: it starts now, as a new one would.
+    // A connection that arrived while no node was running, or that was still logging in
+    // when the node stopped: it starts the log-in (or, for an outgoing node link, the
+    // handshake) afresh.
     e.state = kStateLoggingIn;
+    e.login_stage = LoginStage::kAwaitingCall;
     OnConnectRequest(stream);
     return;
   }

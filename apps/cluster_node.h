@@ -7,10 +7,13 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "apps/node_stats.h"
+#include "console/console_server.h"
 #include "core/config.h"
 #include "core/error_log.h"
 #include "core/frontend_link.h"
@@ -77,6 +80,15 @@ class ClusterNode final : public LinkEvents,
   void Shutdown() override;
 
  private:
+  friend class NodeConsoleModel;
+
+  // Applies settings the sysop changed while the node runs (limits, lists, help texts).
+  void ApplySettings();
+  // "connected", "connecting" or "idle" for an outgoing connection; its stream or 0.
+  std::string LinkState(std::string_view name, int* stream) const;
+  std::map<std::string, uint64_t> Pc41Counts() const;
+  void StartConsole();
+
   // LinkEvents
   void OnLinkUp() override;
   void OnConnectRequest(int stream) override;
@@ -126,6 +138,9 @@ class ClusterNode final : public LinkEvents,
   std::unique_ptr<UserContext> user_ctx_;
   std::unique_ptr<Login> login_;
   std::unique_ptr<CommandInterpreter> interpreter_;
+  NodeStats stats_;
+  std::unique_ptr<ConsoleModel> console_model_;
+  std::unique_ptr<ConsoleServer> console_;
   boost::asio::steady_timer timer_;
   SysTime started_;
   bool stopped_ = false;

@@ -57,17 +57,18 @@ int main(int argc, char** argv) {
     if (line.channel != qx::MonitorChannel::kConsole) return;
     std::cout << qx::TimeHHnnssZ(clock.Now()) << ' ' << line.text << '\n' << std::flush;
   });
-  std::string error;
-  if (!node.Start(&error)) {
-    std::fprintf(stderr, "qxcluster: %s\n", error.c_str());
-    return 1;
-  }
+  // Signals first, so that a stop request during start-up still ends the node cleanly.
   boost::asio::signal_set signals(io, SIGINT, SIGTERM);
   signals.async_wait([&](const boost::system::error_code& e, int) {
     if (e) return;
     node.Stop();
     io.stop();
   });
+  std::string error;
+  if (!node.Start(&error)) {
+    std::fprintf(stderr, "qxcluster: %s\n", error.c_str());
+    return 1;
+  }
   io.run();
   node.Stop();
   return 0;

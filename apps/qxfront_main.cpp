@@ -2,8 +2,10 @@
 // as a numbered stream over one local link to the node.
 #include <sys/resource.h>
 
+#include <unistd.h>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
+
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -11,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/file_util.h"
 #include "core/text_util.h"
 #include "frontend/front_log.h"
 #include "frontend/frontend_server.h"
@@ -82,6 +85,10 @@ int main(int argc, char** argv) {
   boost::asio::io_context io(1);
   qx::FrontendServer server(io, std::move(options));
   if (!server.Start()) return 1;
+  // The pid file tells scripts (and the sysop) which front-end serves this directory; the
+  // front-end outlives the node that may have started it.
+  const std::filesystem::path pid_file = std::filesystem::path(home) / "qxfront.pid";
+  qx::AtomicWriteFile(pid_file, std::to_string(::getpid()) + "\n");
 
   boost::asio::signal_set signals(io, SIGINT, SIGTERM);
   signals.async_wait([&](const boost::system::error_code& ec, int sig) {
@@ -100,5 +107,7 @@ int main(int argc, char** argv) {
       qx::FrontLogError(std::string("Unexpected error: ") + e.what());
     }
   }
+  std::error_code ec;
+  std::filesystem::remove(pid_file, ec);
   return 0;
 }

@@ -691,12 +691,22 @@ void FrontendLink::StartRead(int buffer) {
 bool FrontendLink::CanQueue(size_t bytes) {
   if (state_ != State::kConnected) return false;
   if (out_.size() + bytes > options_.max_output_bytes) {
+    // The front-end has stopped taking what the node sends (it is overloaded or hung).  The
+    // bound keeps the node's memory in check; what is dropped is counted and reported when
+    // the link has room again, so the sysop sees how much was lost.
     bytes_dropped_ += bytes;
+    ++episode_dropped_;
     if (!overflow_reported_) {
       overflow_reported_ = true;
       log_.Write("SendToWinsock", "output to the front-end over its bound, dropping messages");
     }
     return false;
+  }
+  if (overflow_reported_ && out_.size() < options_.max_output_bytes / 2) {
+    log_.Write("SendToWinsock", "output to the front-end under its bound again; " +
+                                    std::to_string(episode_dropped_) + " messages were dropped");
+    overflow_reported_ = false;
+    episode_dropped_ = 0;
   }
   return true;
 }

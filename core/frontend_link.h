@@ -242,6 +242,7 @@ class FrontendLink : private LinkArrival::Sink {
   bool write_in_flight_ = false;
   bool flush_posted_ = false;
   bool overflow_reported_ = false;
+  uint64_t episode_dropped_ = 0;  // messages dropped since the bound was last exceeded
   uint64_t bytes_out_ = 0;
   uint64_t bytes_dropped_ = 0;
 

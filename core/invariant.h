@@ -7,18 +7,18 @@
 #include <cstdlib>
 
 #if defined(QX_ABORT_ON_INVARIANT)
-#define QX_INVARIANT(cond)                                                              \
-  do {                                                                                  \
-    if (!(cond)) {                                                                      \
+#define QX_INVARIANT(cond)                                                                \
+  do {                                                                                    \
+    if (!(cond)) {                                                                        \
       std::fprintf(stderr, "invariant failed: %s at %s:%d\n", #cond, __FILE__, __LINE__); \
-      std::abort();                                                                     \
-    }                                                                                   \
+      std::abort();                                                                       \
+    }                                                                                     \
   } while (0)
 #else
-#define QX_INVARIANT(cond)                                                              \
-  do {                                                                                  \
-    if (!(cond)) {                                                                      \
+#define QX_INVARIANT(cond)                                                                \
+  do {                                                                                    \
+    if (!(cond)) {                                                                        \
       std::fprintf(stderr, "invariant failed: %s at %s:%d\n", #cond, __FILE__, __LINE__); \
-    }                                                                                   \
+    }                                                                                     \
   } while (0)
 #endif

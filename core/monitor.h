@@ -21,7 +21,7 @@ enum class MonitorChannel {
 
 struct MonitorLine {
   MonitorChannel channel = MonitorChannel::kConsole;
-  int stream = 0;          // 0 when the line concerns no stream
+  int stream = 0;           // 0 when the line concerns no stream
   std::string_view colour;  // "", "blue", "red", "green", "orange", "white"
   std::string_view text;
 };

@@ -8,12 +8,11 @@ ProgramDir::ProgramDir(std::filesystem::path home) : home_(std::move(home)) {}
 
 const std::vector<std::string>& ProgramDir::TreeFolders() {
   static const std::vector<std::string> kFolders = {
-      "cfg",          "log",          "log/conn",     "dx",           "debug",
-      "badspots",     "badspotsIP",   "badspotsTor",  "badinfo",      "badspotters",
-      "badnodes",     "busted",       "busted/cw",    "busted/rtty",  "busted/psk",
-      "busted/ft4",   "busted/ft8",   "busted/unknown", "wwv",        "wcy",
-      "ann",          "pc9x",         "user",         "userRemote",   "msg",
-      "files",        "downloads",    "unzipped"};
+      "cfg",        "log",         "log/conn",   "dx",          "debug",      "badspots",
+      "badspotsIP", "badspotsTor", "badinfo",    "badspotters", "badnodes",   "busted",
+      "busted/cw",  "busted/rtty", "busted/psk", "busted/ft4",  "busted/ft8", "busted/unknown",
+      "wwv",        "wcy",         "ann",        "pc9x",        "user",       "userRemote",
+      "msg",        "files",       "downloads",  "unzipped"};
   return kFolders;
 }
 

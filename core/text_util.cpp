@@ -133,8 +133,8 @@ int ParseIntOr(std::string_view text, int fallback) {
 bool ParseDouble(std::string_view text, double& out) {
   if (!text.empty() && text.front() == '+') text.remove_prefix(1);
   if (text.empty()) return false;
-  const auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), out,
-                                         std::chars_format::fixed);
+  const auto [ptr, ec] =
+      std::from_chars(text.data(), text.data() + text.size(), out, std::chars_format::fixed);
   return ec == std::errc() && ptr == text.data() + text.size();
 }
 

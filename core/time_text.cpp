@@ -20,9 +20,8 @@ Civil ToCivil(SysTime t) {
   const auto day_point = floor<days>(secs);
   const year_month_day ymd{day_point};
   const hh_mm_ss hms{secs - day_point};
-  return Civil{int(ymd.year()), int(unsigned(ymd.month())), int(unsigned(ymd.day())),
-               int(hms.hours().count()), int(hms.minutes().count()),
-               int(hms.seconds().count())};
+  return Civil{int(ymd.year()),          int(unsigned(ymd.month())), int(unsigned(ymd.day())),
+               int(hms.hours().count()), int(hms.minutes().count()), int(hms.seconds().count())};
 }
 
 void Put2(char* out, int v) {

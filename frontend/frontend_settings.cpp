@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "core/config.h"
 #include "core/file_util.h"
 #include "core/text_util.h"
 
@@ -20,53 +21,51 @@ bool ParsePort(std::string_view text, int& port) {
 }  // namespace
 
 FrontendSettingsResult ParseFrontendSettings(std::string_view text) {
+  // The node's configuration reader reads the file; the front-end checks the few keys it
+  // uses and keeps its defaults where a value is unusable.
+  const Config config = ParseCfg(text);
   FrontendSettingsResult result;
   FrontendSettings& s = result.settings;
-  for (std::string_view line : SplitLines(text)) {
-    const size_t caret = line.find('^');
-    if (caret == std::string_view::npos) continue;
-    const std::string_view key = Trim(line.substr(0, caret));
-    const std::string_view value = Trim(line.substr(caret + 1));
-    if (EqualsIgnoreCase(key, "Winsock IP")) {
-      boost::system::error_code ec;
-      boost::asio::ip::make_address(std::string(value), ec);
-      if (ec) {
-        result.warnings.push_back("Winsock IP \"" + std::string(value) + "\" is not an address");
-      } else {
-        s.link_ip = std::string(value);
-      }
-    } else if (EqualsIgnoreCase(key, "Winsock Port")) {
-      int port = 0;
-      if (ParsePort(value, port)) {
-        s.link_port = port;
-      } else {
-        result.warnings.push_back("Winsock Port \"" + std::string(value) + "\" is not a port");
-      }
-    } else if (EqualsIgnoreCase(key, "Frontend Ports")) {
-      std::vector<int> ports;
-      bool ok = true;
-      for (std::string_view item : Split(value, ',')) {
-        int port = 0;
-        if (!ParsePort(item, port)) {
-          ok = false;
-          break;
-        }
-        ports.push_back(port);
-      }
-      if (!ok || ports.empty()) {
-        result.warnings.push_back("Frontend Ports \"" + std::string(value) +
-                                  "\" is not a list of ports");
-        continue;
-      }
-      if (ports.size() > static_cast<size_t>(kMaxFrontendPorts)) {
-        result.warnings.push_back("Frontend Ports: only the first 9 ports are used");
-        ports.resize(kMaxFrontendPorts);
-      }
-      s.user_ports = std::move(ports);
-    } else if (EqualsIgnoreCase(key, "Station Text")) {
-      s.station_text = std::string(value);
-    }
+
+  const std::string& ip = config.Get("Winsock IP");
+  boost::system::error_code ec;
+  boost::asio::ip::make_address(std::string(Trim(ip)), ec);
+  if (ec) {
+    result.warnings.push_back("Winsock IP \"" + ip + "\" is not an address");
+  } else {
+    s.link_ip = std::string(Trim(ip));
   }
+
+  int port = 0;
+  const std::string& link_port = config.Get("Winsock Port");
+  if (ParsePort(link_port, port)) {
+    s.link_port = port;
+  } else {
+    result.warnings.push_back("Winsock Port \"" + link_port + "\" is not a port");
+  }
+
+  const std::string& user_ports = config.Get("Frontend Ports");
+  std::vector<int> ports;
+  bool ok = true;
+  for (std::string_view item : Split(user_ports, ',')) {
+    if (!ParsePort(item, port)) {
+      ok = false;
+      break;
+    }
+    ports.push_back(port);
+  }
+  if (!ok || ports.empty()) {
+    result.warnings.push_back("Frontend Ports \"" + user_ports + "\" is not a list of ports");
+  } else {
+    if (ports.size() > static_cast<size_t>(kMaxFrontendPorts)) {
+      result.warnings.push_back("Frontend Ports: only the first 9 ports are used");
+      ports.resize(kMaxFrontendPorts);
+    }
+    s.user_ports = std::move(ports);
+  }
+
+  const std::string& station = config.Get("Station Text");
+  if (!station.empty()) s.station_text = std::string(Trim(station));
   return result;
 }
 

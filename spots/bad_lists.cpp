@@ -1,5 +1,7 @@
 #include "spots/bad_lists.h"
 
+#include "spots/call_sign.h"
+
 #include <array>
 #include <system_error>
 
@@ -47,7 +49,7 @@ void FillSet(UpperSet& set, const std::vector<std::string>& entries, bool withou
   for (const std::string& e : entries) {
     std::string up = ToUpper(Trim(e));
     if (up.empty()) continue;
-    if (without_ssid) up = std::string(CallWithoutSsid(up));
+    if (without_ssid) up = std::string(BaseCall(up));
     set.insert(std::move(up));
   }
 }
@@ -70,11 +72,6 @@ bool LoadAddressFile(UpperSet& set, const std::filesystem::path& path) {
 }
 
 }  // namespace
-
-std::string_view CallWithoutSsid(std::string_view call) {
-  const size_t dash = call.size() > 3 ? call.find('-', 3) : std::string_view::npos;
-  return dash == std::string_view::npos ? call : call.substr(0, dash);
-}
 
 // --- bad words ---------------------------------------------------------------------------
 
@@ -257,18 +254,18 @@ bool BadLists::IsDxNok(std::string_view call) const {
 
 bool BadLists::IsSpotterNok(std::string_view call) const {
   if (spotter_nok_.empty()) return false;
-  return spotter_nok_.find(CallWithoutSsid(UpperText(call).view())) != spotter_nok_.end();
+  return spotter_nok_.find(BaseCall(UpperText(call).view())) != spotter_nok_.end();
 }
 
 bool BadLists::IsNodeNok(std::string_view call) const {
   if (node_nok_.empty()) return false;
-  return node_nok_.find(CallWithoutSsid(UpperText(call).view())) != node_nok_.end();
+  return node_nok_.find(BaseCall(UpperText(call).view())) != node_nok_.end();
 }
 
 // --- calls not issued --------------------------------------------------------------------
 
 bool CallNotIssued(std::string_view call) {
-  const UpperText up(CallWithoutSsid(call));
+  const UpperText up(BaseCall(call));
   const std::string_view c = up.view();
   if (c.empty()) return true;
   if (c.front() == '0' || c.front() == 'Q') return true;

@@ -44,10 +44,6 @@ struct StringViewHash {
 };
 using UpperSet = std::unordered_set<std::string, StringViewHash, std::equal_to<>>;
 
-// A spot call without its SSID: the text before the first "-" that follows at least three
-// characters ("DL1ABC-2" -> "DL1ABC"; "-#" skimmer suffixes go the same way).
-std::string_view CallWithoutSsid(std::string_view call);
-
 class BadLists {
  public:
   // --- bad words -------------------------------------------------------------------------

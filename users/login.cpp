@@ -294,9 +294,10 @@ bool Login::CheckDupeConnection(int stream) {
   ctx_.log.Write("CheckDupeConnection",
                  o.call + " stream " + std::to_string(old) + " ignored due to reconnection");
   ConnectionLog(old, "Logout ignored due to reconnection");
+  ctx_.out.CloseStream(old);
+  // Freed at once, so that the front-end's close report is not taken for a log-out.
   o.state = kStateFree;
   o.login_stage = LoginStage::kRefused;
-  ctx_.out.CloseStream(old);
   ctx_.monitor.Write(MonitorChannel::kConnections, std::to_string(old), "", old);
   return true;
 }

@@ -15,15 +15,17 @@ TEST(FrontendSettingsTest, EmptyTextGivesDefaults) {
   EXPECT_EQ(r.settings.link_ip, "127.0.0.1");
   EXPECT_EQ(r.settings.link_port, 7399);
   EXPECT_EQ(r.settings.user_ports, std::vector<int>{7300});
-  EXPECT_EQ(r.settings.station_text, "");
+  EXPECT_EQ(r.settings.station_text, "QX Cluster node");
   EXPECT_TRUE(r.warnings.empty());
 }
 
+// Keys are compared exactly, as the node compares them: a key in other letters is not the key.
 TEST(FrontendSettingsTest, ReadsKeysWithEitherLineEndAndIgnoresOthers) {
   const FrontendSettingsResult r = ParseFrontendSettings(
       "Call^GB7QX\r\n"
       "Winsock IP^10.1.2.3\r\n"
-      "winsock port ^ 7400\n"
+      "winsock port^7401\n"
+      "Winsock Port^ 7400\n"
       "Frontend Ports^7300, 7301,8000\r\n"
       "Station Text^GB7QX front end\n"
       "no caret here\n");

@@ -29,6 +29,14 @@ class SystemFixture : public ::testing::Test {
     cfg += extra;
     WriteFile(home() / "cluster.cfg", cfg);
   }
+  // A small country file, so that spotters with these prefixes have a country.
+  void WriteCountryFile() {
+    WriteFile(home() / "data/files/cty_wt_mod.dat",
+              "United States:            05:  08:  NA:   37.53:    91.67:     5.0:  K:\r\n"
+              "    AA,AB,AC,AD,AE,AF,AG,AI,AJ,AK,K,N,W;\r\n"
+              "Fed. Rep. of Germany:     14:  28:  EU:   51.00:   -10.00:    -1.0:  DL:\r\n"
+              "    DA,DB,DC,DD,DE,DF,DG,DH,DI,DJ,DK,DL,DM,DN,DO,DP,DQ,DR;\r\n");
+  }
   void StartFront() {
     front_ = std::make_unique<ChildProcess>(
         QX_FRONT_BIN, std::vector<std::string>{"--home", home().string()}, home(), "qxfront");
@@ -40,6 +48,7 @@ class SystemFixture : public ::testing::Test {
   }
   void StartAll(std::string_view extra_config = "") {
     WriteConfig(extra_config);
+    WriteCountryFile();
     StartFront();
     StartNode();
   }
@@ -56,8 +65,12 @@ class SystemFixture : public ::testing::Test {
   std::unique_ptr<LineClient> LogIn(std::string_view call, std::string_view name = "Ann") {
     auto c = Connect();
     c->SendLine(call);
-    const auto first = c->ReadUntil(">", std::chrono::seconds(10));
-    EXPECT_TRUE(first) << c->received();
+    const bool asked = WaitFor([&] {
+      c->Drain(std::chrono::milliseconds(20));
+      return c->received().find("Please enter your name") != std::string::npos ||
+             c->received().find("QXC >") != std::string::npos;
+    });
+    EXPECT_TRUE(asked) << c->received();
     if (c->received().find("Please enter your name") != std::string::npos) {
       c->ClearReceived();
       c->SendLine(name);
@@ -71,7 +84,8 @@ class SystemFixture : public ::testing::Test {
   }
   std::string ErrorLogText() const {
     std::string all;
-    for (const auto& f : std::filesystem::directory_iterator(home() / "data/log")) {
+    std::error_code ec;
+    for (const auto& f : std::filesystem::directory_iterator(home() / "data/log", ec)) {
       if (f.path().filename().string().starts_with("error-")) all += ReadFile(f.path());
     }
     return all;

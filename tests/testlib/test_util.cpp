@@ -32,6 +32,8 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
+  // QX_KEEP_TEST_DIRS=1 keeps the directories (with the programs' output) for a post-mortem.
+  if (std::getenv("QX_KEEP_TEST_DIRS")) return;
   std::error_code ec;
   std::filesystem::remove_all(path_, ec);
 }

@@ -47,7 +47,7 @@ class ChildProcess {
   bool Running();
   // Sends SIGTERM and waits; returns the exit status (or -signal), or nullopt on time-out.
   std::optional<int> Stop(std::chrono::milliseconds wait = std::chrono::seconds(10));
-  void Kill();  // SIGKILL, no clean-up by the child
+  void Kill();                 // SIGKILL, no clean-up by the child
   std::string Output() const;  // what the child wrote to stdout so far
 
  private:
@@ -62,7 +62,9 @@ bool WaitFor(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(1
   const auto end = std::chrono::steady_clock::now() + limit;
   while (std::chrono::steady_clock::now() < end) {
     if (pred()) return true;
-    struct timespec ts{0, 10'000'000};
+    struct timespec ts {
+      0, 10'000'000
+    };
     nanosleep(&ts, nullptr);
   }
   return pred();

@@ -1,0 +1,62 @@
+// The web console's view of the running node: streams, lists, settings, log-on messages,
+// node links, statistics and logs, read from and written to the node's own objects.
+#pragma once
+
+#include "console/console_logs.h"
+#include "console/console_model.h"
+
+namespace qx {
+
+class ClusterNode;
+
+class NodeConsoleModel final : public ConsoleModel {
+ public:
+  explicit NodeConsoleModel(ClusterNode& node);
+
+  Monitor& monitor() override;
+  std::string NodeCall() const override;
+  void LogEvent(std::string_view heading, std::string_view text) override;
+
+  std::vector<ConsoleStream> Streams() const override;
+  ConsoleResult DisconnectStream(int stream) override;
+
+  std::vector<std::string> ListNames() const override;
+  std::optional<std::vector<std::string>> ListItems(std::string_view list) const override;
+  ConsoleResult ListAdd(std::string_view list, std::string_view item) override;
+  ConsoleResult ListRemove(std::string_view list, std::string_view item) override;
+
+  std::vector<ConsoleSettingsGroup> Settings() const override;
+  ConsoleResult SaveSettings(
+      const std::vector<std::pair<std::string, std::string>>& changes) override;
+
+  std::vector<std::string> LogonSections() const override;
+  std::optional<std::string> LogonMessage(std::string_view section) const override;
+  ConsoleResult SetLogonMessage(std::string_view section, std::string_view text) override;
+
+  std::vector<ConsoleNode> DefinedNodes() const override;
+  std::vector<ConsoleLink> Links() const override;
+  ConsoleResult SaveLink(const ConsoleLink& link) override;
+  ConsoleResult RemoveLink(std::string_view name) override;
+  ConsoleResult ConnectLink(std::string_view name) override;
+  ConsoleResult DisconnectLink(std::string_view name) override;
+
+  ConsoleStats Statistics() const override;
+  ConsoleMetrics Metrics() const override;
+
+  std::vector<std::string> LogFiles() const override;
+  std::optional<std::vector<std::string>> TailLog(std::string_view name,
+                                                  size_t max_lines) const override;
+  std::optional<std::vector<std::string>> SearchLog(std::string_view name, std::string_view needle,
+                                                    size_t max_hits) const override;
+
+  void Shutdown() override;
+
+  // Checks one setting's value; "" when it is acceptable, else the reason.
+  static std::string ValidateSetting(std::string_view key, std::string_view value);
+
+ private:
+  ClusterNode& node_;
+  ConsoleLogFiles logs_;
+};
+
+}  // namespace qx

@@ -1,0 +1,71 @@
+#include "console/console_metrics.h"
+
+#include <fmt/format.h>
+
+namespace qx {
+namespace {
+
+// Label values are quoted; backslash, quote and line end must be escaped.
+std::string Label(std::string_view v) {
+  std::string out;
+  for (char c : v) {
+    if (c == '\\' || c == '"') {
+      out.push_back('\\');
+      out.push_back(c);
+    } else if (c == '\n') {
+      out += "\\n";
+    } else {
+      out.push_back(c);
+    }
+  }
+  return out;
+}
+
+void Header(std::string& out, std::string_view name, std::string_view type, std::string_view help) {
+  fmt::format_to(std::back_inserter(out), "# HELP {} {}\n# TYPE {} {}\n", name, help, name, type);
+}
+
+template <typename Map>
+void Labelled(std::string& out, std::string_view name, std::string_view type, std::string_view help,
+              std::string_view label, const Map& values) {
+  Header(out, name, type, help);
+  for (const auto& [k, v] : values) {
+    fmt::format_to(std::back_inserter(out), "{}{{{}=\"{}\"}} {}\n", name, label, Label(k), v);
+  }
+}
+
+}  // namespace
+
+std::string FormatMetrics(const ConsoleMetrics& m) {
+  std::string out;
+  Header(out, "qx_users", "gauge", "Users logged in.");
+  fmt::format_to(std::back_inserter(out), "qx_users {}\n", m.users);
+  Header(out, "qx_nodes", "gauge", "Node links up.");
+  fmt::format_to(std::back_inserter(out), "qx_nodes {}\n", m.nodes);
+  Labelled(out, "qx_spots_in_total", "counter", "Spots received, by source.", "source", m.spots_in);
+  Labelled(out, "qx_spots_out_total", "counter", "Spot lines sent to users, by source.", "source",
+           m.spots_out);
+  Labelled(out, "qx_refusals_total", "counter", "Spots refused, by reason.", "reason", m.refusals);
+  Header(out, "qx_link_queue_bytes", "gauge", "Bytes waiting on the front-end link.");
+  fmt::format_to(std::back_inserter(out), "qx_link_queue_bytes {}\n", m.link_queue_depth);
+  Header(out, "qx_link_peak_pending_bytes", "gauge",
+         "Largest pending buffer seen on the front-end link.");
+  fmt::format_to(std::back_inserter(out), "qx_link_peak_pending_bytes {}\n", m.link_peak_pending);
+  Labelled(out, "qx_user_output_queue_high_water", "gauge",
+           "Highest output queue of each connected user, in lines.", "call",
+           m.user_queue_high_water);
+  Header(out, "qx_spot_delivery_delay_seconds", "histogram",
+         "Time from a spot's intake to its last user write.");
+  for (const auto& [bound, count] : m.delay_buckets) {
+    fmt::format_to(std::back_inserter(out),
+                   "qx_spot_delivery_delay_seconds_bucket{{le=\"{}\"}} {}\n", bound, count);
+  }
+  fmt::format_to(std::back_inserter(out),
+                 "qx_spot_delivery_delay_seconds_bucket{{le=\"+Inf\"}} {}\n"
+                 "qx_spot_delivery_delay_seconds_sum {}\n"
+                 "qx_spot_delivery_delay_seconds_count {}\n",
+                 m.delay_count, m.delay_sum_seconds, m.delay_count);
+  return out;
+}
+
+}  // namespace qx

@@ -1,0 +1,165 @@
+// What the web console needs from the running node.  The console never reaches into the
+// node's tables itself: the node implements this interface (on its own thread, the same
+// io_context the console runs on) and the console only calls it from that thread, so no call
+// needs a lock.  Every call is quick: a snapshot or one small change.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "core/monitor.h"
+#include "core/time_text.h"
+
+namespace qx {
+
+// The outcome of a change the sysop asked for; error is shown to the sysop as it stands.
+struct ConsoleResult {
+  bool ok = true;
+  std::string error;
+
+  static ConsoleResult Ok() { return {}; }
+  static ConsoleResult Fail(std::string why) { return {false, std::move(why)}; }
+};
+
+// One line of the connections list.
+struct ConsoleStream {
+  int number = 0;
+  std::string call;    // "    *    " while logging in, "T/O" after a time-out
+  std::string kind;    // "user", "node", "feed", "login", "timed out"
+  int state = 0;       // the stream table's state code
+  std::string peer;    // "ip:port"
+  int port_index = 0;  // front-end port index (0..8; 9 = outgoing)
+  SysTime since{};
+  std::string name;    // "Unknown Name" when the user gave none
+  std::string colour;  // the list colour: "", "orange", "white", "red", "blue", "green"
+};
+
+// One key of the configuration file as the settings page shows it.
+struct ConsoleSetting {
+  std::string key;
+  std::string value;
+  std::string help;        // one short line, may be empty
+  bool read_only = false;  // shown but not editable (kept values, positions)
+};
+
+struct ConsoleSettingsGroup {
+  std::string name;  // "Station and link", "Behaviour", ...
+  std::vector<ConsoleSetting> keys;
+};
+
+// A node defined in the configuration (the node group of the key table).
+struct ConsoleNode {
+  std::string call;
+  std::string type;
+  bool local = false;
+};
+
+// An outgoing node connection and where it stands now.
+struct ConsoleLink {
+  std::string name;         // "Outgoing Cluster"
+  std::string remote_kind;  // "RemoteNodeIs"
+  std::string address;      // "IP Address"
+  int port = 0;             // "IP Port"
+  bool active = false;      // "Cluster Active": the node keeps it connected
+  std::string state;        // "connected", "connecting", "idle", ...
+  int stream = 0;           // its stream while connected, 0 otherwise
+};
+
+struct ConsoleStats {
+  int users = 0;
+  int nodes = 0;
+  int spots_per_minute = 0;
+  int highest_spots_per_minute = 0;
+  std::map<std::string, uint64_t> refusals;     // reason -> count since start
+  std::map<std::string, uint64_t> pc41_counts;  // PC41 field/kind -> count
+  int link_peak_pending = 0;
+  int64_t uptime_seconds = 0;
+  // Spots per minute, one value per minute, oldest first, up to the last few hours.
+  std::vector<int> spots_per_minute_history;
+};
+
+// The numbers behind /metrics.
+struct ConsoleMetrics {
+  int users = 0;
+  int nodes = 0;
+  std::map<std::string, uint64_t> spots_in;   // source ("user", "node", "skimmer", ...) -> count
+  std::map<std::string, uint64_t> spots_out;  // source -> lines sent to users
+  std::map<std::string, uint64_t> refusals;   // reason -> count
+  int64_t link_queue_depth = 0;               // bytes waiting on the front-end link
+  int64_t link_peak_pending = 0;
+  std::vector<std::pair<std::string, int64_t>> user_queue_high_water;  // call -> lines
+  // Spot delivery delay (intake to last user write) as a cumulative histogram.
+  std::vector<std::pair<double, uint64_t>> delay_buckets;  // upper bound (s) -> count <= bound
+  uint64_t delay_count = 0;
+  double delay_sum_seconds = 0;
+};
+
+class ConsoleModel {
+ public:
+  virtual ~ConsoleModel() = default;
+
+  // Where live lines come from (console output, raw traffic, spots, connection changes).
+  virtual Monitor& monitor() = 0;
+  // The node's own call, shown in the page title.
+  virtual std::string NodeCall() const = 0;
+  // Records a console event (log-ins, refused log-ins) in the node's error log.
+  virtual void LogEvent(std::string_view heading, std::string_view text) = 0;
+
+  // Connections.
+  virtual std::vector<ConsoleStream> Streams() const = 0;
+  virtual ConsoleResult DisconnectStream(int stream) = 0;
+
+  // The sysop lists ("LockOuts", "SpotterNok", "DxNok", "BadNodes", "AnnNok", "SkimmerNok",
+  // "SkimmerDxNok", "SkimmerDoNotVerify", "Nodes", "LocalNodes", "Sysop", "BullAddress").
+  virtual std::vector<std::string> ListNames() const = 0;
+  // nullopt for a list name that does not exist.
+  virtual std::optional<std::vector<std::string>> ListItems(std::string_view list) const = 0;
+  // Adding or removing saves the list's side file at once.
+  virtual ConsoleResult ListAdd(std::string_view list, std::string_view item) = 0;
+  virtual ConsoleResult ListRemove(std::string_view list, std::string_view item) = 0;
+
+  // Settings, grouped as the configuration file groups its keys.
+  virtual std::vector<ConsoleSettingsGroup> Settings() const = 0;
+  // Validates every change first; saves cluster.cfg only when all of them are good.
+  virtual ConsoleResult SaveSettings(
+      const std::vector<std::pair<std::string, std::string>>& changes) = 0;
+
+  // Log-on messages: "Logon 1".."Logon 4", "Logon Port 0".."Logon Port 8", "Log Out".
+  virtual std::vector<std::string> LogonSections() const = 0;
+  virtual std::optional<std::string> LogonMessage(std::string_view section) const = 0;
+  virtual ConsoleResult SetLogonMessage(std::string_view section, std::string_view text) = 0;
+
+  // Node links.
+  virtual std::vector<ConsoleNode> DefinedNodes() const = 0;
+  virtual std::vector<ConsoleLink> Links() const = 0;
+  // Adds an outgoing connection, or replaces the one with the same name; saves cluster.cfg.
+  virtual ConsoleResult SaveLink(const ConsoleLink& link) = 0;
+  virtual ConsoleResult RemoveLink(std::string_view name) = 0;
+  virtual ConsoleResult ConnectLink(std::string_view name) = 0;
+  virtual ConsoleResult DisconnectLink(std::string_view name) = 0;
+
+  // Statistics and metrics.
+  virtual ConsoleStats Statistics() const = 0;
+  virtual ConsoleMetrics Metrics() const = 0;
+
+  // The log files the sysop may read: today's error log and the rejection logs.  Names are
+  // the ones LogFiles() returns ("log/error-22-Nov-2026.log", "badspots/...").
+  virtual std::vector<std::string> LogFiles() const = 0;
+  // The last max_lines lines; nullopt for a name that is not in LogFiles().
+  virtual std::optional<std::vector<std::string>> TailLog(std::string_view name,
+                                                          size_t max_lines) const = 0;
+  // Lines holding needle (case-insensitive), at most max_hits, the last ones first.
+  virtual std::optional<std::vector<std::string>> SearchLog(std::string_view name,
+                                                            std::string_view needle,
+                                                            size_t max_hits) const = 0;
+
+  // Ends the program the way the sysop's "end program" does.
+  virtual void Shutdown() = 0;
+};
+
+}  // namespace qx

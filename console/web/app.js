@@ -1,0 +1,578 @@
+'use strict';
+// The sysop's console: live lines over one WebSocket, everything else through the JSON API.
+// Text from the node is only ever put into the page as text, never as markup.
+
+const state = {
+  csrf: '',
+  streams: [],
+  follow: '',        // stream number followed in the monitor pane, '' for all
+  monitorPaused: [], // lines kept while the monitor is paused
+  spotsPaused: [],
+  currentList: '',
+  settingsOriginal: new Map(),
+};
+const kMaxPaneLines = 3000;
+const kMaxSpots = 1000;
+const kMaxPaused = 5000;
+const $ = (id) => document.getElementById(id);
+
+function el(tag, attrs, ...children) {
+  const e = document.createElement(tag);
+  for (const [k, v] of Object.entries(attrs || {})) {
+    if (k === 'class') e.className = v;
+    else if (k.startsWith('on')) e.addEventListener(k.slice(2), v);
+    else if (v !== undefined && v !== null && v !== false) e.setAttribute(k, v === true ? '' : v);
+  }
+  for (const c of children) {
+    if (c === null || c === undefined) continue;
+    e.append(c instanceof Node ? c : document.createTextNode(String(c)));
+  }
+  return e;
+}
+
+async function api(path, body) {
+  const opts = {credentials: 'same-origin', headers: {}};
+  if (body !== undefined) {
+    opts.method = 'POST';
+    opts.headers['Content-Type'] = 'application/json';
+    opts.headers['X-CSRF-Token'] = state.csrf;
+    opts.body = JSON.stringify(body);
+  }
+  const res = await fetch('/api/' + path, opts);
+  if (res.status === 401) {
+    location.href = '/login';
+    throw new Error('not logged in');
+  }
+  const data = await res.json().catch(() => ({}));
+  if (!res.ok) throw new Error(data.error || ('error ' + res.status));
+  return data;
+}
+
+function timeText(unixSeconds) {
+  if (!unixSeconds) return '';
+  const d = new Date(unixSeconds * 1000);
+  const p = (n) => String(n).padStart(2, '0');
+  return `${p(d.getUTCDate())}-${p(d.getUTCMonth() + 1)} ${p(d.getUTCHours())}${p(d.getUTCMinutes())}Z`;
+}
+
+function nowText() {
+  const d = new Date();
+  const p = (n) => String(n).padStart(2, '0');
+  return `${p(d.getUTCHours())}${p(d.getUTCMinutes())}:${p(d.getUTCSeconds())}Z`;
+}
+
+function colourClass(c) {
+  return ['red', 'green', 'blue', 'orange', 'white'].includes(c) ? 'c-' + c : '';
+}
+
+// ---- Pages -------------------------------------------------------------------------------
+
+const pageLoaders = {
+  connections: () => renderStreams(),
+  lists: () => loadLists(),
+  settings: () => loadSettings(),
+  links: () => loadLinks(),
+  stats: () => loadStats(),
+  logs: () => loadLogFiles(),
+};
+let currentPage = 'monitor';
+let refreshTimer = null;
+
+function showPage(name) {
+  currentPage = name;
+  for (const b of document.querySelectorAll('#tabs button')) {
+    b.classList.toggle('active', b.dataset.page === name);
+  }
+  for (const p of document.querySelectorAll('.page')) {
+    p.classList.toggle('active', p.id === 'page-' + name);
+  }
+  clearInterval(refreshTimer);
+  const loader = pageLoaders[name];
+  if (loader) loader().catch(showError);
+  if (name === 'links' || name === 'stats') {
+    refreshTimer = setInterval(() => pageLoaders[name]().catch(() => {}), 5000);
+  }
+}
+
+function showError(e) {
+  console.warn(e);
+}
+
+// ---- Monitor -----------------------------------------------------------------------------
+
+function appendLine(pane, text, cls, max) {
+  const follow = pane.scrollTop + pane.clientHeight >= pane.scrollHeight - 4;
+  pane.append(el('span', {class: cls}, text + '\n'));
+  while (pane.childNodes.length > max) pane.firstChild.remove();
+  if (follow) pane.scrollTop = pane.scrollHeight;
+}
+
+function monitorLine(msg) {
+  if (msg.ch === 'raw' && !$('monitor-raw').checked) return;
+  if (state.follow !== '' && msg.s !== 0 && String(msg.s) !== state.follow) return;
+  if ($('monitor-pause').checked) {
+    if (state.monitorPaused.length < kMaxPaused) state.monitorPaused.push(msg);
+    $('monitor-paused').textContent = state.monitorPaused.length + ' lines held';
+    return;
+  }
+  const prefix = msg.s ? String(msg.s).padStart(4, ' ') + ' ' : '';
+  appendLine($('monitor-pane'), prefix + msg.x, colourClass(msg.c), kMaxPaneLines);
+}
+
+function monitorMarker(text) {
+  appendLine($('monitor-pane'), text, 'marker', kMaxPaneLines);
+}
+
+function setFollow(stream) {
+  state.follow = stream === '' ? '' : String(stream);
+  $('monitor-follow').value = state.follow;
+  monitorMarker(state.follow === '' ? '--- all streams ---' : '--- following stream ' + state.follow + ' ---');
+  renderStreams();
+}
+
+// ---- Connections -------------------------------------------------------------------------
+
+function renderStreams() {
+  const tbody = $('connections-table').tBodies[0];
+  tbody.replaceChildren();
+  let users = 0, nodes = 0;
+  for (const s of state.streams) {
+    if (s.kind === 'user') users++;
+    if (s.kind === 'node') nodes++;
+    const row = el('tr', {class: String(s.number) === state.follow ? 'followed' : '',
+                          'data-stream': s.number},
+      el('td', {}, s.number),
+      el('td', {class: colourClass(s.colour)}, s.call),
+      el('td', {}, s.kind), el('td', {}, s.state), el('td', {}, s.peer), el('td', {}, s.port),
+      el('td', {}, timeText(s.since)), el('td', {}, s.name),
+      el('td', {},
+        el('button', {onclick: () => { setFollow(s.number); showPage('monitor'); }}, 'Follow'),
+        ' ',
+        el('button', {class: 'danger', onclick: () => disconnectStream(s)}, 'Disconnect')));
+    tbody.append(row);
+  }
+  $('connections-summary').textContent =
+      `${state.streams.length} streams, ${users} users, ${nodes} nodes`;
+  const select = $('monitor-follow');
+  const keep = state.follow;
+  select.replaceChildren(el('option', {value: ''}, 'all'));
+  for (const s of state.streams) select.append(el('option', {value: s.number}, `${s.number} ${s.call}`));
+  if (keep !== '' && !state.streams.some((s) => String(s.number) === keep)) {
+    select.append(el('option', {value: keep}, keep));
+  }
+  select.value = keep;
+  return Promise.resolve();
+}
+
+async function disconnectStream(s) {
+  if (!confirm(`Disconnect stream ${s.number} (${s.call})?`)) return;
+  try {
+    await api('streams/disconnect', {stream: s.number});
+  } catch (e) {
+    alert(e.message);
+  }
+}
+
+// ---- Spots -------------------------------------------------------------------------------
+
+function spotLine(msg) {
+  if ($('spots-pause').checked) {
+    if (state.spotsPaused.length < kMaxPaused) state.spotsPaused.push(msg);
+    return;
+  }
+  addSpotRow(msg, nowText());
+}
+
+function addSpotRow(msg, received) {
+  const refused = msg.c === 'red';
+  const tbody = $('spots-table').tBodies[0];
+  const row = el('tr', {class: refused ? 'refused' : ''},
+    el('td', {}, received), el('td', {class: colourClass(msg.c)}, msg.x));
+  if (refused && !$('spots-refused').checked) row.hidden = true;
+  tbody.prepend(row);
+  while (tbody.rows.length > kMaxSpots) tbody.lastChild.remove();
+}
+
+// ---- Lists -------------------------------------------------------------------------------
+
+async function loadLists() {
+  const data = await api('lists');
+  const ul = $('list-names');
+  ul.replaceChildren();
+  for (const name of data.lists) {
+    ul.append(el('li', {class: name === state.currentList ? 'active' : '', 'data-list': name,
+                        onclick: () => openList(name)}, name));
+  }
+  if (!state.currentList && data.lists.length) state.currentList = data.lists[0];
+  if (state.currentList) await openList(state.currentList);
+}
+
+async function openList(name) {
+  state.currentList = name;
+  for (const li of $('list-names').children) li.classList.toggle('active', li.dataset.list === name);
+  $('list-title').textContent = name;
+  $('list-error').textContent = '';
+  const data = await api('lists/' + encodeURIComponent(name));
+  const tbody = $('list-items').tBodies[0];
+  tbody.replaceChildren();
+  for (const item of data.items) {
+    tbody.append(el('tr', {},
+      el('td', {}, item),
+      el('td', {}, el('button', {onclick: () => changeList('remove', item)}, 'Remove'))));
+  }
+}
+
+async function changeList(action, item) {
+  $('list-error').textContent = '';
+  try {
+    await api(`lists/${encodeURIComponent(state.currentList)}/${action}`, {item});
+    await openList(state.currentList);
+  } catch (e) {
+    $('list-error').textContent = e.message;
+  }
+}
+
+// ---- Settings ----------------------------------------------------------------------------
+
+async function loadSettings() {
+  const data = await api('settings');
+  const box = $('settings-groups');
+  box.replaceChildren();
+  state.settingsOriginal.clear();
+  for (const g of data.groups) {
+    const fs = el('fieldset', {}, el('legend', {}, g.name));
+    for (const k of g.keys) {
+      state.settingsOriginal.set(k.key, k.value);
+      const input = el('input', {value: k.value, 'data-key': k.key, readonly: k.readOnly,
+                                 'aria-label': k.key});
+      const row = el('div', {class: 'setting'}, el('label', {}, k.key), input);
+      input.addEventListener('input', () => {
+        row.classList.toggle('changed', input.value !== state.settingsOriginal.get(k.key));
+      });
+      if (k.help) row.append(el('div', {class: 'help'}, k.help));
+      fs.append(row);
+    }
+    box.append(fs);
+  }
+  $('settings-status').textContent = '';
+  await loadLogon();
+}
+
+async function saveSettings(ev) {
+  ev.preventDefault();
+  const changes = {};
+  for (const input of $('settings-groups').querySelectorAll('input[data-key]')) {
+    if (input.value !== state.settingsOriginal.get(input.dataset.key)) {
+      changes[input.dataset.key] = input.value;
+    }
+  }
+  const status = $('settings-status');
+  if (Object.keys(changes).length === 0) {
+    status.textContent = 'Nothing changed.';
+    return;
+  }
+  status.textContent = 'Saving...';
+  status.className = 'hint';
+  try {
+    await api('settings', {changes});
+    await loadSettings();
+    status.textContent = 'Saved.';
+  } catch (e) {
+    status.textContent = e.message;
+    status.className = 'error';
+  }
+}
+
+async function loadLogon() {
+  const data = await api('logon');
+  const box = $('logon-sections');
+  box.replaceChildren();
+  for (const s of data.sections) {
+    const area = el('textarea', {'data-section': s.section, 'aria-label': s.section});
+    area.value = s.text;
+    const status = el('span', {class: 'hint'});
+    const save = el('button', {onclick: async () => {
+      status.textContent = 'Saving...';
+      try {
+        await api('logon', {section: s.section, text: area.value});
+        status.textContent = 'Saved.';
+      } catch (e) {
+        status.textContent = e.message;
+      }
+    }}, 'Save');
+    box.append(el('div', {class: 'logon'}, el('div', {class: 'toolbar'}, el('b', {}, s.section), save, status), area));
+  }
+}
+
+async function changePassword(ev) {
+  ev.preventDefault();
+  const status = $('password-status');
+  status.textContent = 'Changing...';
+  try {
+    await api('password', {old: $('password-old').value, new: $('password-new').value});
+    status.textContent = 'Changed.';
+    $('password-old').value = '';
+    $('password-new').value = '';
+  } catch (e) {
+    status.textContent = e.message;
+  }
+}
+
+// ---- Node links --------------------------------------------------------------------------
+
+async function loadLinks() {
+  const data = await api('links');
+  $('links-error').textContent = '';
+  const links = $('links-table').tBodies[0];
+  links.replaceChildren();
+  for (const l of data.links) {
+    const up = l.stream > 0 || l.state === 'connected' || l.state === 'connecting';
+    links.append(el('tr', {},
+      el('td', {}, l.name), el('td', {}, l.remoteKind), el('td', {}, l.address),
+      el('td', {}, l.port), el('td', {}, l.active ? 'yes' : 'no'), el('td', {}, l.state),
+      el('td', {}, l.stream || ''),
+      el('td', {},
+        el('button', {onclick: () => linkAction(up ? 'disconnect' : 'connect', l.name)},
+           up ? 'Disconnect' : 'Connect'),
+        ' ',
+        el('button', {onclick: () => editLink(l)}, 'Edit'),
+        ' ',
+        el('button', {class: 'danger', onclick: () => {
+          if (confirm(`Remove the connection ${l.name}?`)) linkAction('remove', l.name);
+        }}, 'Remove'))));
+  }
+  const nodes = $('nodes-table').tBodies[0];
+  nodes.replaceChildren();
+  for (const n of data.nodes) {
+    nodes.append(el('tr', {}, el('td', {}, n.call), el('td', {}, n.type), el('td', {}, n.local ? 'yes' : '')));
+  }
+}
+
+function editLink(l) {
+  $('link-name').value = l.name;
+  $('link-kind').value = l.remoteKind;
+  $('link-address').value = l.address;
+  $('link-port').value = l.port;
+  $('link-active').checked = l.active;
+}
+
+async function saveLink(ev) {
+  ev.preventDefault();
+  $('links-error').textContent = '';
+  try {
+    await api('links/save', {name: $('link-name').value, remoteKind: $('link-kind').value,
+                             address: $('link-address').value, port: $('link-port').value,
+                             active: $('link-active').checked});
+    $('link-form').reset();
+  } catch (e) {
+    $('links-error').textContent = e.message;
+  }
+  await loadLinks();
+}
+
+async function linkAction(action, name) {
+  try {
+    await api('links/' + action, {name});
+  } catch (e) {
+    $('links-error').textContent = e.message;
+  }
+  await loadLinks();
+}
+
+// ---- Statistics --------------------------------------------------------------------------
+
+async function loadStats() {
+  const s = await api('stats');
+  const rows = [
+    ['Users', s.users], ['Nodes', s.nodes], ['Spots per minute', s.spotsPerMinute],
+    ['Highest spots per minute', s.highestSpotsPerMinute], ['Link peak pending', s.linkPeakPending],
+    ['Uptime', s.uptime],
+  ];
+  fillPairs($('stats-table'), rows);
+  fillPairs($('stats-refusals'), Object.entries(s.refusals));
+  fillPairs($('stats-pc41'), Object.entries(s.pc41));
+  drawChart($('stats-chart'), s.history);
+}
+
+function fillPairs(table, rows) {
+  const tbody = table.tBodies[0];
+  tbody.replaceChildren();
+  for (const [k, v] of rows) tbody.append(el('tr', {}, el('td', {}, k), el('td', {}, v)));
+}
+
+function svg(tag, attrs) {
+  const e = document.createElementNS('http://www.w3.org/2000/svg', tag);
+  for (const [k, v] of Object.entries(attrs)) e.setAttribute(k, v);
+  return e;
+}
+
+// A plain line chart: minutes along the bottom (newest at the right), spots per minute up.
+function drawChart(box, values) {
+  box.replaceChildren();
+  const w = 720, h = 240, left = 40, bottom = 20, top = 10, right = 10;
+  const max = Math.max(1, ...values);
+  const n = Math.max(values.length, 2);
+  const x = (i) => left + (w - left - right) * i / (n - 1);
+  const y = (v) => top + (h - top - bottom) * (1 - v / max);
+  box.append(svg('line', {class: 'axis', x1: left, y1: h - bottom, x2: w - right, y2: h - bottom}));
+  box.append(svg('line', {class: 'axis', x1: left, y1: top, x2: left, y2: h - bottom}));
+  for (const v of [0, max / 2, max]) {
+    const t = svg('text', {x: 4, y: y(v) + 4});
+    t.textContent = String(Math.round(v));
+    box.append(t);
+  }
+  const hours = values.length / 60;
+  const label = svg('text', {x: left, y: h - 4});
+  label.textContent = values.length ? `last ${hours >= 1 ? hours.toFixed(1) + ' h' : values.length + ' min'}` : 'no data yet';
+  box.append(label);
+  if (values.length) {
+    const points = values.map((v, i) => `${x(i).toFixed(1)},${y(v).toFixed(1)}`).join(' ');
+    box.append(svg('polyline', {class: 'curve', points}));
+  }
+}
+
+// ---- Logs --------------------------------------------------------------------------------
+
+async function loadLogFiles() {
+  const data = await api('logs');
+  const select = $('logs-file');
+  const keep = select.value;
+  select.replaceChildren();
+  for (const f of data.files) select.append(el('option', {value: f}, f));
+  if (data.files.includes(keep)) select.value = keep;
+}
+
+async function tailLog() {
+  const name = $('logs-file').value;
+  const lines = $('logs-lines').value || 200;
+  try {
+    const data = await api(`logs/tail?name=${encodeURIComponent(name)}&lines=${lines}`);
+    $('logs-output').textContent = data.lines.join('\n');
+    $('logs-status').textContent = `${data.lines.length} lines`;
+    $('logs-output').scrollTop = $('logs-output').scrollHeight;
+  } catch (e) {
+    $('logs-status').textContent = e.message;
+  }
+}
+
+async function searchLog(ev) {
+  ev.preventDefault();
+  const name = $('logs-file').value;
+  const q = $('logs-query').value;
+  try {
+    const data = await api(`logs/search?name=${encodeURIComponent(name)}&q=${encodeURIComponent(q)}`);
+    $('logs-output').textContent = data.lines.join('\n');
+    $('logs-status').textContent = `${data.lines.length} lines found (newest first)`;
+  } catch (e) {
+    $('logs-status').textContent = e.message;
+  }
+}
+
+// ---- Live connection ---------------------------------------------------------------------
+
+let socket = null;
+let retryDelay = 1000;
+
+function connectLive() {
+  const scheme = location.protocol === 'https:' ? 'wss://' : 'ws://';
+  socket = new WebSocket(scheme + location.host + '/ws');
+  socket.onopen = () => {
+    retryDelay = 1000;
+    $('live').textContent = 'live';
+    $('live').classList.remove('off');
+  };
+  socket.onmessage = (ev) => {
+    let msg;
+    try { msg = JSON.parse(ev.data); } catch (e) { return; }
+    if (msg.t === 'line') {
+      if (msg.ch === 'spots') spotLine(msg);
+      else monitorLine(msg);
+    } else if (msg.t === 'streams') {
+      state.streams = msg.streams;
+      renderStreams();
+    } else if (msg.t === 'dropped') {
+      monitorMarker(msg.x);
+      addSpotRow({x: msg.x, c: 'orange'}, nowText());
+    } else if (msg.t === 'hello') {
+      setCall(msg.call);
+    }
+  };
+  socket.onclose = async () => {
+    $('live').textContent = 'offline';
+    $('live').classList.add('off');
+    // The session may have ended (node restarted): the API call sends us to the log-in.
+    try { await api('session'); } catch (e) { /* node down: keep retrying */ }
+    setTimeout(connectLive, retryDelay);
+    retryDelay = Math.min(retryDelay * 2, 15000);
+  };
+}
+
+function setCall(call) {
+  if (!call) return;
+  $('node-call').textContent = call;
+  document.title = call + ' - QX Cluster console';
+}
+
+// ---- Start -------------------------------------------------------------------------------
+
+async function start() {
+  const session = await api('session');
+  state.csrf = session.csrf;
+  setCall(session.call);
+
+  for (const b of document.querySelectorAll('#tabs button')) {
+    b.addEventListener('click', () => showPage(b.dataset.page));
+  }
+  $('monitor-clear').addEventListener('click', () => $('monitor-pane').replaceChildren());
+  $('monitor-pause').addEventListener('change', () => {
+    if ($('monitor-pause').checked) return;
+    const held = state.monitorPaused;
+    state.monitorPaused = [];
+    $('monitor-paused').textContent = '';
+    for (const m of held) monitorLine(m);
+    if (held.length >= kMaxPaused) monitorMarker('... lines held while paused were cut ...');
+  });
+  $('monitor-follow').addEventListener('change', () => setFollow($('monitor-follow').value));
+  $('spots-clear').addEventListener('click', () => $('spots-table').tBodies[0].replaceChildren());
+  $('spots-pause').addEventListener('change', () => {
+    if ($('spots-pause').checked) return;
+    const held = state.spotsPaused;
+    state.spotsPaused = [];
+    for (const m of held) addSpotRow(m, nowText());
+  });
+  $('spots-refused').addEventListener('change', () => {
+    for (const r of $('spots-table').tBodies[0].rows) {
+      if (r.classList.contains('refused')) r.hidden = !$('spots-refused').checked;
+    }
+  });
+  $('list-add-form').addEventListener('submit', (ev) => {
+    ev.preventDefault();
+    const item = $('list-add-item').value.trim();
+    if (!item) return;
+    $('list-add-item').value = '';
+    changeList('add', item);
+  });
+  $('settings-form').addEventListener('submit', saveSettings);
+  $('settings-reload').addEventListener('click', () => loadSettings().catch(showError));
+  $('password-form').addEventListener('submit', changePassword);
+  $('links-refresh').addEventListener('click', () => loadLinks().catch(showError));
+  $('link-form').addEventListener('submit', saveLink);
+  $('logs-tail').addEventListener('click', tailLog);
+  $('logs-form').addEventListener('submit', searchLog);
+  $('logout').addEventListener('click', async () => {
+    try { await api('logout', {}); } catch (e) { /* gone anyway */ }
+    location.href = '/login';
+  });
+  $('shutdown').addEventListener('click', async () => {
+    if (!confirm('Do you really want to end program? ')) return;
+    try {
+      await api('shutdown', {confirm: true});
+      document.body.replaceChildren(el('p', {class: 'login-box'}, 'The node is shutting down.'));
+    } catch (e) {
+      alert(e.message);
+    }
+  });
+  connectLive();
+}
+
+start().catch(showError);

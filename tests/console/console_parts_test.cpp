@@ -1,0 +1,294 @@
+// The console's pieces without sockets: hashing, the password file, the JSON API, the log
+// reader and the metrics text.
+#include <sys/stat.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "console/console_api.h"
+#include "console/console_logs.h"
+#include "console/console_metrics.h"
+#include "console/console_password.h"
+#include "console/sha256.h"
+#include "tests/console/fake_console_model.h"
+#include "tests/testlib/test_util.h"
+
+namespace qx {
+namespace {
+
+using nlohmann::json;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+std::string Hex(const Sha256Digest& d) {
+  return HexEncode(std::string_view(reinterpret_cast<const char*>(d.data()), d.size()));
+}
+
+TEST(Sha256Test, KnownDigests) {
+  EXPECT_EQ(Hex(Sha256::Hash("")),
+            "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  EXPECT_EQ(Hex(Sha256::Hash("abc")),
+            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(Hex(Sha256::Hash("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq")),
+            "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
+  // Fed in uneven pieces, across block boundaries.
+  Sha256 h;
+  const std::string million(1'000'000, 'a');
+  for (size_t at = 0; at < million.size();) {
+    const size_t n = std::min<size_t>(777, million.size() - at);
+    h.Update(million.data() + at, n);
+    at += n;
+  }
+  EXPECT_EQ(Hex(h.Final()), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+}
+
+TEST(Sha256Test, HmacMatchesPublishedVectors) {
+  EXPECT_EQ(Hex(HmacSha256(std::string(20, '\x0b'), "Hi There")),
+            "b0344c61d8db38535ca8afceaf0bf12b881dc200c9833da726e9376c2e32cff7");
+  EXPECT_EQ(Hex(HmacSha256("Jefe", "what do ya want for nothing?")),
+            "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+  // A key longer than one block is hashed first.
+  EXPECT_EQ(Hex(HmacSha256(std::string(131, '\xaa'),
+                           "Test Using Larger Than Block-Size Key - Hash Key First")),
+            "60e431591ee0b67f0d8a26aacbf5b77f8e0bc6213728c5140546040f0ee37f54");
+}
+
+TEST(Sha256Test, Pbkdf2MatchesPublishedVectors) {
+  EXPECT_EQ(HexEncode(Pbkdf2HmacSha256("password", "salt", 1, 32)),
+            "120fb6cffcf8b32c43e7225256c4f837a86548c92ccc35480805987cb70be17b");
+  EXPECT_EQ(HexEncode(Pbkdf2HmacSha256("password", "salt", 4096, 32)),
+            "c5e478d59288c841aa530db6845c4c8d962893a001ce4e11a4963873aa98134a");
+  // More than one output block.
+  EXPECT_EQ(HexEncode(Pbkdf2HmacSha256("passwd", "salt", 1, 64)),
+            "55ac046e56e3089fec1691c22544b605f94185216dde0465e68b9d57c20dacbc"
+            "49ca9cccf179b645991664b39d77ef317c71b845b1e30bd509112041d3a19783");
+}
+
+TEST(Sha256Test, HexAndComparison) {
+  std::string out;
+  EXPECT_TRUE(HexDecode("00ff7A", out));
+  EXPECT_EQ(out, std::string("\x00\xff\x7a", 3));
+  EXPECT_FALSE(HexDecode("abc", out));
+  EXPECT_FALSE(HexDecode("zz", out));
+  EXPECT_TRUE(ConstantTimeEquals("abc", "abc"));
+  EXPECT_FALSE(ConstantTimeEquals("abc", "abd"));
+  EXPECT_FALSE(ConstantTimeEquals("abc", "abcd"));
+}
+
+TEST(ConsolePasswordTest, HashRoundTripAndFile) {
+  qx::testing::TempDir dir;
+  const PasswordHash h = HashPassword("correct horse", 1000);
+  EXPECT_EQ(h.salt.size(), 16u);
+  EXPECT_TRUE(VerifyPassword(h, "correct horse"));
+  EXPECT_FALSE(VerifyPassword(h, "correct horsf"));
+  EXPECT_FALSE(VerifyPassword(h, ""));
+  // Two hashes of the same password differ by their salt.
+  EXPECT_NE(HashPassword("correct horse", 1000).hash, h.hash);
+
+  const auto path = dir / "cfg" / "console.pw";
+  std::string error;
+  ASSERT_TRUE(SavePasswordFile(path, h, &error)) << error;
+  struct stat st {};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  const auto loaded = LoadPasswordFile(path);
+  ASSERT_TRUE(loaded);
+  EXPECT_TRUE(VerifyPassword(*loaded, "correct horse"));
+  EXPECT_THAT(qx::testing::ReadFile(path), ::testing::StartsWith("pbkdf2-sha256$1000$"));
+
+  // A file that is not a hash line is no password at all.
+  for (const char* bad : {"", "secret", "pbkdf2-sha256$0$00112233445566778899$00",
+                          "pbkdf2-sha256$10$zz$00", "md5$1$0011223344556677$00"}) {
+    EXPECT_FALSE(ParsePasswordHash(bad)) << bad;
+  }
+}
+
+TEST(ConsolePasswordTest, RandomPasswordsAreTypableAndDiffer) {
+  const std::string a = MakeRandomPassword(), b = MakeRandomPassword();
+  EXPECT_EQ(a.size(), 16u);
+  EXPECT_NE(a, b);
+  for (char c : a) EXPECT_TRUE(std::isalnum(static_cast<unsigned char>(c))) << a;
+}
+
+class ConsoleApiTest : public ::testing::Test {
+ protected:
+  json Call(std::string_view method, std::string_view path, std::string_view body = "",
+            int expect_status = 200, std::string_view query = "") {
+    const ApiReply r = api_.Handle(method, path, query, body);
+    EXPECT_EQ(r.status, expect_status) << path << " " << r.body;
+    return json::parse(r.body);
+  }
+
+  qx::testing::FakeConsoleModel model_;
+  ConsoleApi api_{model_};
+};
+
+TEST_F(ConsoleApiTest, ListsAddRemoveAndRefuseBadItems) {
+  EXPECT_EQ(Call("GET", "lists")["lists"].size(), 12u);
+  Call("POST", "lists/LockOuts/add", R"({"item":"k1abc"})");
+  EXPECT_EQ(Call("GET", "lists/LockOuts")["items"], json::array({"K1ABC"}));
+  // The model's own refusal reaches the sysop as it stands.
+  EXPECT_THAT(
+      Call("POST", "lists/LockOuts/add", R"({"item":"K1ABC"})", 400)["error"].get<std::string>(),
+      HasSubstr("already"));
+  Call("POST", "lists/LockOuts/add", R"({"item":"a\nb"})", 400);
+  Call("POST", "lists/LockOuts/add", R"({"item":"a^b"})", 400);
+  Call("POST", "lists/LockOuts/add", R"({"item":"  "})", 400);
+  Call("POST", "lists/NoSuchList/add", R"({"item":"X"})", 404);
+  Call("GET", "lists/NoSuchList", "", 404);
+  Call("POST", "lists/LockOuts/remove", R"({"item":"K1ABC"})");
+  EXPECT_TRUE(Call("GET", "lists/LockOuts")["items"].empty());
+  Call("POST", "lists/LockOuts/add", "not json", 400);
+}
+
+TEST_F(ConsoleApiTest, SettingsAreValidatedBeforeAnythingIsSaved) {
+  const json groups = Call("GET", "settings")["groups"];
+  ASSERT_EQ(groups.size(), 2u);
+  EXPECT_EQ(groups[0]["keys"][0]["key"], "Cluster Call");
+  // One bad value refuses the whole change.
+  Call("POST", "settings", R"({"changes":{"Connection Retry":"30","Winsock Port":"x"}})", 400);
+  EXPECT_EQ(model_.Value("Connection Retry"), "60");
+  Call("POST", "settings", R"({"changes":{"Connection Retry":"30"}})");
+  EXPECT_EQ(model_.Value("Connection Retry"), "30");
+  // Nothing that would break the key^value line format gets through.
+  Call("POST", "settings", R"({"changes":{"Cluster Call":"A^B"}})", 400);
+  Call("POST", "settings", R"({"changes":{"Cluster Call":"A\r\nWinsock Port^1"}})", 400);
+  Call("POST", "settings", R"({"changes":{"Cluster Call":5}})", 400);
+  EXPECT_EQ(model_.Value("Cluster Call"), "XX0QX-2");
+}
+
+TEST_F(ConsoleApiTest, LogonMessagesLinksStreamsAndShutdown) {
+  const json sections = Call("GET", "logon")["sections"];
+  ASSERT_EQ(sections.size(), 14u);
+  EXPECT_EQ(sections[13]["section"], "Log Out");
+  Call("POST", "logon", R"({"section":"Logon 2","text":"Welcome\nto the node"})");
+  EXPECT_EQ(*model_.LogonMessage("Logon 2"), "Welcome\nto the node");
+  Call("POST", "logon", R"({"section":"Logon 9","text":"x"})", 404);
+
+  Call("POST", "links/connect", R"({"name":"GB7AAA"})");
+  EXPECT_EQ(Call("GET", "links")["links"][0]["state"], "connecting");
+  Call("POST", "links/connect", R"({"name":"NOPE"})", 400);
+  Call("POST", "links/save",
+       R"({"name":"GB7BBB","remoteKind":"pc9x","address":"10.0.0.2","port":"7300","active":true})");
+  Call("POST", "links/save", R"({"name":"GB7CCC","address":"10.0.0.3","port":"99999"})", 400);
+  Call("POST", "links/save", R"({"name":"GB7CCC","address":"a^b","port":"23"})", 400);
+  Call("POST", "links/save", R"({"name":"","address":"10.0.0.3","port":"23"})", 400);
+  json links = Call("GET", "links")["links"];
+  ASSERT_EQ(links.size(), 2u);
+  EXPECT_EQ(links[1]["name"], "GB7BBB");
+  EXPECT_EQ(links[1]["port"], 7300);
+  EXPECT_EQ(links[1]["active"], true);
+  Call("POST", "links/remove", R"({"name":"GB7BBB"})");
+  EXPECT_EQ(Call("GET", "links")["links"].size(), 1u);
+
+  model_.streams.push_back(
+      {7, "K1ABC", "user", 1, "127.0.0.1:5000", 0, MakeUtc(2026, 11, 5, 12), "Bob", "white"});
+  const json streams = Call("GET", "streams")["streams"];
+  ASSERT_EQ(streams.size(), 1u);
+  EXPECT_EQ(streams[0]["call"], "K1ABC");
+  EXPECT_EQ(streams[0]["since"], 1793880000);
+  Call("POST", "streams/disconnect", R"({"stream":"7"})", 400);
+  Call("POST", "streams/disconnect", R"({"stream":7})");
+  EXPECT_THAT(model_.disconnected, ElementsAre(7));
+
+  Call("POST", "shutdown", "{}", 400);
+  EXPECT_FALSE(api_.shutdown_requested());
+  Call("POST", "shutdown", R"({"confirm":true})");
+  EXPECT_TRUE(api_.shutdown_requested());
+  Call("DELETE", "streams", "", 405);
+  Call("GET", "nothing", "", 404);
+}
+
+TEST_F(ConsoleApiTest, LogsAndStatistics) {
+  model_.log_files["log/error-05-Nov-2026.log"] = {"one K1ABC", "two", "three k1abc"};
+  Call("GET", "logs/tail", "", 404, "name=log/other.log");
+  EXPECT_THAT(
+      Call("GET", "logs/tail", "", 200, "name=log%2Ferror-05-Nov-2026.log&lines=2")["lines"],
+      ElementsAre("two", "three k1abc"));
+  EXPECT_THAT(
+      Call("GET", "logs/search", "", 200, "name=log/error-05-Nov-2026.log&q=K1ABC")["lines"],
+      ElementsAre("three k1abc", "one K1ABC"));
+  model_.stats.users = 3;
+  model_.stats.uptime_seconds = 3600 * 26 + 60 * 5;
+  model_.stats.spots_per_minute_history = {1, 2, 3};
+  const json s = Call("GET", "stats");
+  EXPECT_EQ(s["users"], 3);
+  EXPECT_EQ(s["history"], json::array({1, 2, 3}));
+  EXPECT_EQ(s["uptime"], UptimeText(std::chrono::seconds(3600 * 26 + 60 * 5)));
+}
+
+TEST(ConsoleApiTextTest, QueryAndPercentDecoding) {
+  EXPECT_EQ(QueryValue("a=1&name=x%20y+z&b", "name"), "x y z");
+  EXPECT_EQ(QueryValue("a=1", "name"), "");
+  EXPECT_EQ(QueryValue("name=%zz", "name"), "");
+  std::string out;
+  EXPECT_FALSE(PercentDecode("%4", out, false));
+  EXPECT_FALSE(PercentDecode("abc%", out, false));
+  EXPECT_TRUE(PercentDecode("%2e%2E/a+b", out, false));
+  EXPECT_EQ(out, "../a+b");
+  // Latin-1 from a user's line must not break the JSON text.
+  EXPECT_EQ(JsonText(json{{"x", std::string("caf\xe9")}}), "{\"x\":\"caf\xef\xbf\xbd\"}");
+}
+
+TEST(ConsoleLogFilesTest, ListsTodaysLogsAndReadsOnlyThose) {
+  qx::testing::TempDir dir;
+  const SysTime now = std::chrono::system_clock::now();
+  ManualClock clock(now);
+  const std::string today = DateText(now);
+  qx::testing::WriteFile(dir / ("log/error-" + today + ".log"), "l1 K1ABC\r\nl2\r\nl3 k1abc\r\n");
+  qx::testing::WriteFile(dir / ("badspots/badspots-" + today + ".log"), "bad one\r\n");
+  qx::testing::WriteFile(dir / "log/secret.txt", "not for the console\r\n");
+  ConsoleLogFiles logs(dir.path(), clock);
+  const auto names = logs.List();
+  ASSERT_GE(names.size(), 2u);
+  EXPECT_EQ(names[0], "log/error-" + today + ".log");
+  EXPECT_NE(std::find(names.begin(), names.end(), "badspots/badspots-" + today + ".log"),
+            names.end());
+  EXPECT_THAT(*logs.Tail(names[0], 2), ElementsAre("l2", "l3 k1abc"));
+  EXPECT_THAT(*logs.Search(names[0], "K1ABC", 10), ElementsAre("l3 k1abc", "l1 K1ABC"));
+  EXPECT_THAT(*logs.Search(names[0], "K1ABC", 1), ElementsAre("l3 k1abc"));
+  EXPECT_FALSE(logs.Tail("log/secret.txt", 10));
+  EXPECT_FALSE(logs.Tail("log/../log/secret.txt", 10));
+  EXPECT_FALSE(logs.Search("/etc/passwd", "root", 10));
+
+  // Only the end of a big file is read for the tail, starting at a whole line.
+  std::string big;
+  for (int i = 0; i < 60000; ++i) big += "line number " + std::to_string(i) + "\r\n";
+  qx::testing::WriteFile(dir / ("badinfo/info-" + today + ".log"), big);
+  const auto tail = logs.Tail("badinfo/info-" + today + ".log", 100000);
+  ASSERT_TRUE(tail);
+  EXPECT_LT(tail->size(), 60000u);
+  EXPECT_EQ(tail->back(), "line number 59999");
+  EXPECT_THAT(tail->front(), ::testing::StartsWith("line number "));
+}
+
+TEST(ConsoleMetricsTest, PrometheusText) {
+  ConsoleMetrics m;
+  m.users = 12;
+  m.nodes = 3;
+  m.spots_in = {{"node", 100}, {"user", 5}};
+  m.refusals = {{"bad \"call\"", 2}};
+  m.user_queue_high_water = {{"K1ABC", 40}};
+  m.delay_buckets = {{0.001, 3}, {0.01, 7}};
+  m.delay_count = 8;
+  m.delay_sum_seconds = 0.5;
+  const std::string text = FormatMetrics(m);
+  EXPECT_THAT(text, HasSubstr("# TYPE qx_users gauge\nqx_users 12\n"));
+  EXPECT_THAT(text, HasSubstr("qx_spots_in_total{source=\"node\"} 100\n"));
+  EXPECT_THAT(text, HasSubstr("qx_refusals_total{reason=\"bad \\\"call\\\"\"} 2\n"));
+  EXPECT_THAT(text, HasSubstr("qx_user_output_queue_high_water{call=\"K1ABC\"} 40\n"));
+  EXPECT_THAT(text, HasSubstr("qx_spot_delivery_delay_seconds_bucket{le=\"0.01\"} 7\n"));
+  EXPECT_THAT(text, HasSubstr("qx_spot_delivery_delay_seconds_bucket{le=\"+Inf\"} 8\n"));
+  EXPECT_THAT(text, HasSubstr("qx_spot_delivery_delay_seconds_count 8\n"));
+  // Every line is a comment or "name{labels} value".
+  for (std::string_view line : Split(text, '\n')) {
+    if (line.empty() || line.starts_with("#")) continue;
+    EXPECT_TRUE(line.starts_with("qx_")) << line;
+    EXPECT_NE(line.rfind(' '), std::string_view::npos) << line;
+  }
+}
+
+}  // namespace
+}  // namespace qx

@@ -1,0 +1,113 @@
+// The web console on a fake node, for trying the pages and for the browser test's
+// console-only run.  Lists and settings are kept in files under --home as the node keeps
+// them.  Lines on standard input drive it:
+//   user <stream> <call> <name>   a user appears in the connections list
+//   spot <text>                   a line in the spot list ("refused ..." lines come in red)
+//   line <text>                   a console line
+//   quit
+#include <cmath>
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+#include <boost/asio.hpp>
+
+#include "console/console_server.h"
+#include "tests/console/fake_console_model.h"
+
+namespace {
+
+namespace asio = boost::asio;
+
+class DemoModel : public qx::testing::FakeConsoleModel {
+ public:
+  DemoModel(std::filesystem::path home, asio::io_context& io)
+      : FakeConsoleModel(std::move(home)), io_(io) {}
+  void Shutdown() override {
+    std::puts("Shut down asked for");
+    std::fflush(stdout);
+    io_.stop();
+  }
+
+ private:
+  asio::io_context& io_;
+};
+
+void ReadCommands(asio::posix::stream_descriptor& in, asio::streambuf& buf, DemoModel& model,
+                  asio::io_context& io) {
+  asio::async_read_until(in, buf, '\n', [&](boost::system::error_code ec, size_t n) {
+    if (ec) return;
+    std::string line(asio::buffers_begin(buf.data()), asio::buffers_begin(buf.data()) + long(n));
+    buf.consume(n);
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+    const std::string word = line.substr(0, line.find(' '));
+    const std::string rest = line.size() > word.size() ? line.substr(word.size() + 1) : "";
+    if (word == "user") {
+      std::istringstream fields(rest);
+      qx::ConsoleStream s;
+      fields >> s.number >> s.call >> s.name;
+      s.kind = "user";
+      s.state = 1;
+      s.peer = "127.0.0.1:50" + std::to_string(s.number);
+      s.since = std::chrono::system_clock::now();
+      s.colour = "white";
+      model.streams.push_back(s);
+      model.monitor().Write(qx::MonitorChannel::kRaw, s.call + " logged in", "green", s.number);
+      model.monitor().Write(qx::MonitorChannel::kConnections, std::to_string(s.number));
+    } else if (word == "spot") {
+      model.monitor().Write(qx::MonitorChannel::kSpots, rest,
+                            rest.starts_with("refused") ? "red" : "");
+    } else if (word == "line") {
+      model.monitor().Console(rest);
+    } else if (word == "quit") {
+      io.stop();
+      return;
+    }
+    ReadCommands(in, buf, model, io);
+  });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::filesystem::path home = std::filesystem::current_path();
+  int port = 7380;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string arg = argv[i];
+    if (arg == "--home") home = argv[i + 1];
+    if (arg == "--port") port = std::stoi(argv[i + 1]);
+  }
+  asio::io_context io;
+  DemoModel model(home, io);
+  model.log_files["log/error-demo.log"] = {"22-Nov-2026 0412:05Z StartUp  StartUp sub running",
+                                           "22-Nov-2026 0413:10Z DataArrival  where = 3"};
+  for (int i = 0; i < 180; ++i) {
+    model.stats.spots_per_minute_history.push_back(int(40 + 30 * std::sin(i / 15.0)));
+  }
+  model.stats.spots_per_minute = model.stats.spots_per_minute_history.back();
+  model.stats.highest_spots_per_minute = 70;
+  model.stats.refusals = {{"bad call", 3}, {"rate", 1}};
+
+  qx::ConsoleServerOptions options;
+  options.port = port;
+  options.password_file = home / "data" / "cfg" / "console.pw";
+  qx::ConsoleServer server(io, model, options);
+  const auto started = server.Start();
+  if (!started.ok) {
+    std::cerr << "console_demo: " << started.error << "\n";
+    return 1;
+  }
+  if (!started.new_password.empty()) {
+    std::cout << qx::ConsoleServer::PasswordLine(started.new_password) << "\n";
+  }
+  std::cout << "Console port: " << server.port() << std::endl;
+
+  asio::posix::stream_descriptor in(io, ::dup(0));
+  asio::streambuf buf;
+  ReadCommands(in, buf, model, io);
+  asio::signal_set signals(io, SIGINT, SIGTERM);
+  signals.async_wait([&](boost::system::error_code, int) { io.stop(); });
+  io.run();
+  server.Stop();
+  return 0;
+}

@@ -1,0 +1,103 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/integration/system_fixture.h"
+
+namespace qx::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class SpotsSystemTest : public SystemFixture {};
+
+// The "DX de" body is fixed in 66 columns; the time follows in columns 71-75.
+TEST_F(SpotsSystemTest, SpotReachesOtherUserAsExactLine) {
+  StartAll();
+  auto a = LogIn("DL1ABC", "Hans");
+  auto b = LogIn("K1XYZ", "Joe");
+  a->SendLine("DX 14025 K1ABC test");
+  ASSERT_TRUE(b->ReadUntil("\r\n")) << b->received();
+  const std::string line = b->received().substr(0, b->received().find("\r\n"));
+  ASSERT_EQ(line.size(), 75u) << line;
+  EXPECT_EQ(line.substr(0, 66),
+            "DX de DL1ABC:    14025.0  K1ABC        test                       ");
+  EXPECT_EQ(line.substr(66, 4), "    ");
+  EXPECT_EQ(line[74], 'Z');
+  // The spotter sees it too, and gets the prompt after it.
+  EXPECT_TRUE(a->ReadUntil("QXC >"));
+  EXPECT_THAT(a->received(), HasSubstr("DX de DL1ABC:    14025.0  K1ABC"));
+}
+
+TEST_F(SpotsSystemTest, InvalidSpotsGetTheirErrorAndThePrompt) {
+  StartAll();
+  auto a = LogIn("DL1ABC", "Hans");
+  auto b = LogIn("K1XYZ", "Joe");
+  a->SendLine("DX 14025");
+  ASSERT_TRUE(a->ReadUntil("QXC >"));
+  EXPECT_THAT(a->received(), HasSubstr("Error - DX 14025\r\n"));
+  a->ClearReceived();
+  a->SendLine("DX 129.9 K1ABC");
+  ASSERT_TRUE(a->ReadUntil("QXC >"));
+  EXPECT_THAT(a->received(), HasSubstr("Error - invalid frequency\r\n"));
+  a->ClearReceived();
+  a->SendLine("DX 14025 QQ1ABC");
+  ASSERT_TRUE(a->ReadUntil("QXC >"));
+  EXPECT_THAT(a->received(), HasSubstr("Error - Invalid Dx Call\r\n"));
+  b->Drain(std::chrono::milliseconds(300));
+  EXPECT_THAT(b->received(), Not(HasSubstr("DX de")));
+}
+
+TEST_F(SpotsSystemTest, RefusedSpotLandsInItsLog) {
+  StartAll();
+  auto a = LogIn("DL1ABC", "Hans");
+  a->SendLine("DX 14025 K1ABC PSE QSL");
+  ASSERT_TRUE(a->ReadUntil("QXC >"));
+  a->ClearReceived();
+  a->SendLine("DX 99999999 K1ABC test");
+  ASSERT_TRUE(a->ReadUntil("QXC >"));
+  EXPECT_THAT(a->received(), Not(HasSubstr("DX de")));
+  bool found = false;
+  for (const auto& f : std::filesystem::directory_iterator(home() / "data/badinfo")) {
+    if (f.path().filename().string().starts_with("badfreq")) found = true;
+  }
+  EXPECT_TRUE(found);
+}
+
+TEST_F(SpotsSystemTest, ShowDxListsNewestFirstAndBeepSettingSurvivesReconnect) {
+  StartAll();
+  auto a = LogIn("DL1ABC", "Hans");
+  for (int i = 1; i <= 5; ++i) {
+    a->SendLine("DX " + std::to_string(14000 + 10 * i) + " K" + std::to_string(i) + "AB spot");
+    ASSERT_TRUE(a->ReadUntil("QXC >"));
+    a->ClearReceived();
+  }
+  a->SendLine("SH/DX 5");
+  ASSERT_TRUE(a->ReadUntil("QXC >"));
+  const std::string list = a->received();
+  const size_t k5 = list.find("K5AB");
+  const size_t k1 = list.find("K1AB");
+  ASSERT_NE(k5, std::string::npos) << list;
+  ASSERT_NE(k1, std::string::npos) << list;
+  EXPECT_LT(k5, k1);
+  EXPECT_THAT(list, HasSubstr("  14050.0  K5AB         "));
+  EXPECT_THAT(list, HasSubstr("  spot  <DL1ABC>\r\n"));
+
+  a->SendLine("SET/BEEP");
+  ASSERT_TRUE(a->ReadUntil("QXC >"));
+  a->ClearReceived();
+  a->SendLine("SET/NOBEEP");
+  ASSERT_TRUE(a->ReadUntil("Beep disabled"));
+  a->SendLine("BYE");
+  ASSERT_TRUE(a->WaitClosed());
+  auto again = LogIn("DL1ABC");
+  again->SendLine("SH/BEEP");
+  EXPECT_TRUE(again->ReadUntil("Beep is disabled")) << again->received();
+  again->SendLine("DX 21025 K9AB bell test");
+  ASSERT_TRUE(again->ReadUntil("DX de"));
+  EXPECT_TRUE(again->ReadUntil("QXC >"));
+  EXPECT_THAT(again->received(), Not(HasSubstr("\a")));
+}
+
+}  // namespace
+}  // namespace qx::testing
