@@ -419,13 +419,20 @@ void NodeNetwork::LinkGone(int stream) {
 bool NodeNetwork::OnNodeLogin(int stream, std::string_view call) {
   if (!IsDefinedNode(call)) return false;
   const std::string upper = ToUpper(Trim(call));
-  // A neighbour that comes in again replaces its old link (a half-open one, as a rule).
   if (Link* old = FindLinkByPeer(upper); old && old->info.stream != stream) {
+    if (!old->info.up && old->info.outgoing && CallerWins(upper)) {
+      // Both sides called at once: the connection of the node with the lower call stays.
+      deps_.out->CloseStream(stream);
+      return true;
+    }
+    // A neighbour that comes in again replaces its old link (a half-open one, as a rule).
     DropLink(*old, "Reconnected", false);
   }
   StartLink(stream, upper, /*outgoing=*/false, upper);
   return true;
 }
+
+bool NodeNetwork::CallerWins(std::string_view peer) const { return options_.our_call < peer; }
 
 bool NodeNetwork::OnConnectRequest(int stream) {
   const StreamTable& t = *deps_.streams;
@@ -438,8 +445,16 @@ bool NodeNetwork::OnConnectRequest(int stream) {
   }
   if (!o) return false;
   o->pending = false;
+  if (Link* old = FindLinkByPeer(o->peer)) {
+    if (old->info.up || !CallerWins(o->peer)) {
+      // The neighbour is (being) linked through its own call: this one is not needed.
+      o->next_attempt = Now() + options_.retry_interval;
+      deps_.out->CloseStream(stream);
+      return true;
+    }
+    DropLink(*old, "Reconnected", false);
+  }
   o->stream = stream;
-  if (Link* old = FindLinkByPeer(o->peer)) DropLink(*old, "Reconnected", false);
   StartLink(stream, o->peer, /*outgoing=*/true, {});
   return true;
 }
@@ -679,16 +694,28 @@ void NodeNetwork::RelaySpot(const Spot& spot, int source_stream) {
   std::string hop(spot.hops());
   if (hop.empty() || hop[0] != 'H') hop = "H100";
   if (!processor_.state().HopsOk(hop)) return;
-  std::string body;
+  // The two forms are built in buffers that live with the manager: no allocation per spot
+  // once they have grown.
+  std::string& pc11 = spot_pc11_;
+  std::string& pc61 = spot_pc61_;
+  pc11.assign("PC11");
   for (int i = kSlotFrequency; i <= kSlotOriginNode; ++i) {
-    body += '^';
-    body += spot.slots[size_t(i)];
+    pc11 += '^';
+    pc11 += spot.slots[size_t(i)];
   }
-  const std::string pc11 = "PC11" + body + "^" + hop + "^~\r\n";
   const bool public_address = IsPublicAddress(spot.address());
-  std::string pc61;
-  if (public_address)
-    pc61 = "PC61" + body + "^" + std::string(spot.address()) + "^" + hop + "^~\r\n";
+  if (public_address) {
+    pc61.assign(pc11);
+    pc61[2] = '6';  // "PC11" -> "PC61"
+    pc61 += '^';
+    pc61 += spot.address();
+    pc61 += '^';
+    pc61 += hop;
+    pc61 += "^~\r\n";
+  }
+  pc11 += '^';
+  pc11 += hop;
+  pc11 += "^~\r\n";
   for (auto& [stream, link] : links_) {
     if (stream == source_stream || !link->info.up || link->closing) continue;
     if (link->info.peer == spot.origin_node()) continue;  // where it started
@@ -699,7 +726,13 @@ void NodeNetwork::RelaySpot(const Spot& spot, int source_stream) {
 // What the network sends ------------------------------------------------------------------
 
 void NodeNetwork::OnRelay(int from_stream, const PcSentence& s) {
-  const std::string text = s.Join() + "\r\n";
+  std::string& text = scratch_;
+  text.clear();
+  for (size_t i = 0; i < s.fields.size(); ++i) {
+    if (i) text += '^';
+    text += s.fields[i];
+  }
+  text += "\r\n";
   switch (s.number) {
     case 92: {
       SendToLinks(text, from_stream, true, false, s.fields[1]);

@@ -167,6 +167,8 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   void DropLink(Link& link, std::string_view reason, bool send_pc39);
   void LinkGone(int stream);
   void TryOutgoing(Outgoing& o);
+  // When both nodes call each other at once, the call of the node with the lower call wins.
+  bool CallerWins(std::string_view peer) const;
 
   std::vector<std::string> OurConfig(bool pc9x);
   std::vector<Pc92Entry> LocalUserEntries() const;
@@ -207,7 +209,9 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   bool ready_ = false;
   int64_t next_keepalive_ = 0;
   int64_t next_config_ = 0;
-  std::string scratch_;
+  std::string scratch_;  // the sentence being relayed
+  std::string spot_pc11_;
+  std::string spot_pc61_;
 };
 
 }  // namespace qx

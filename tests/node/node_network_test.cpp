@@ -652,6 +652,27 @@ TEST_F(NodeNetworkTest, DisconnectSaysGoodbyeAndTheLinkComesBack) {
   EXPECT_EQ(b.streams.at(8).state, kStateNodePc9x);
 }
 
+TEST_F(NodeNetworkTest, NodesCallingEachOtherAtOnceKeepOneLink) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}, {"Q2BBB"}));
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
+  for (TestNode* n : {&a, &b}) {
+    n->streams.at(3).state = kStateLoggingIn;
+    n->streams.at(3).connection_label = n == &a ? "Q2BBB" : "Q1AAA";
+    ASSERT_TRUE(n->net->OnConnectRequest(3));
+    n->streams.at(4).state = kStateLoggingIn;
+  }
+  // Each side's call arrives at the other on stream 4.
+  EXPECT_TRUE(a.net->OnNodeLogin(4, "Q2BBB"));
+  EXPECT_TRUE(b.net->OnNodeLogin(4, "Q1AAA"));
+  // Q1AAA's call (A's stream 3, B's stream 4) is the one that stays.
+  EXPECT_EQ(a.out.closed, std::vector<int>{4});
+  EXPECT_EQ(b.out.closed, std::vector<int>{3});
+  ASSERT_EQ(a.net->Links().size(), 1u);
+  EXPECT_TRUE(a.net->Links()[0].outgoing);
+  ASSERT_EQ(b.net->Links().size(), 1u);
+  EXPECT_FALSE(b.net->Links()[0].outgoing);
+}
+
 TEST_F(NodeNetworkTest, Pc39FromTheNeighbourClosesTheLink) {
   TestNode& a = net_.Add("Q1AAA", Cfg({"Q7XXX"}));
   a.streams.at(4).state = kStateLoggingIn;
