@@ -180,7 +180,15 @@ std::string ClusterNode::LinkState(std::string_view name, int* stream) const {
   return "idle";
 }
 
-std::map<std::string, uint64_t> ClusterNode::Pc41Counts() const { return {}; }
+std::map<std::string, uint64_t> ClusterNode::Pc41Counts() const {
+  if (!network_) return {};
+  const Pc41Lists& lists = network_->processor().pc41_lists();
+  return {{"name", lists.Count(1)},
+          {"qth", lists.Count(2)},
+          {"location", lists.Count(3)},
+          {"home node", lists.Count(4)},
+          {"locator", lists.Count(5)}};
+}
 
 void ClusterNode::StartConsole() {
   ConsoleServerOptions o;

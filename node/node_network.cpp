@@ -874,7 +874,16 @@ bool NodeNetwork::OnPc51(PcSentence& s) {
     }
     return true;
   }
-  if (s.fields[1] != options_.our_call) return false;
+  if (s.fields[1] != options_.our_call) {
+    // A check for a node further on goes towards it, never back.
+    const int route = view().RouteTo(s.fields[1]);
+    if (route == 0 || route == s.stream) return false;
+    std::string& text = scratch_;
+    text.assign(s.line);
+    text += "\r\n";
+    Send(route, text);
+    return true;
+  }
   Send(s.stream, BuildPc51Answer(s.fields[2], s.fields[1]));
   return true;
 }

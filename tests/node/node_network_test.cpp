@@ -454,6 +454,13 @@ TEST_F(RingTest, UserInformationIsFiledOnceOnEveryOtherNode) {
   EXPECT_EQ(b_->stored_pc41[0].substr(0, 16), "Q5USR|PC41^^PC41");
 }
 
+TEST_F(RingTest, LinkCheckForAnotherNodeGoesTowardsIt) {
+  b_->net->OnLine(21, "PC51^Q3CCC^Q1AAA^1^");
+  EXPECT_EQ(Count(b_->out.To(23), "PC51^Q3CCC^Q1AAA^1^\r\n"), 1u);
+  b_->net->OnLine(23, "PC51^Q3CCC^Q1AAA^1^");  // would go back where it came from
+  EXPECT_EQ(Count(b_->out.To(23), "PC51^Q3CCC^Q1AAA^1^\r\n"), 1u);
+}
+
 TEST_F(RingTest, LostLinkIsAnnouncedAndTheViewHeals) {
   net_.Cut(*b_, 21, *a_, 11);
   EXPECT_EQ(Count(b_->out.To(23), "^D^^5Q1AAA^H99^"), 1u);
