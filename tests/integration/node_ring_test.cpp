@@ -24,8 +24,8 @@ std::string Logs(const NodeSite& s) {
   std::string all;
   for (const auto& f : std::filesystem::recursive_directory_iterator(s.home() / "data")) {
     const std::string name = f.path().string();
-    if (f.is_regular_file() && (name.find("/log/") != std::string::npos ||
-                                name.find("/bad") != std::string::npos)) {
+    if (f.is_regular_file() &&
+        (name.find("/log/") != std::string::npos || name.find("/bad") != std::string::npos)) {
       all += name + ":\n" + ReadFile(f.path());
     }
   }
@@ -59,7 +59,8 @@ TEST_F(NodeRingTest, TwoNodesShareSpotsAnnouncementsTalkAndUserInformation) {
   b.Outgoing(a.call(), a.user_port());
   a.Start();
   b.Start();
-  ASSERT_TRUE(b.WaitOutput("Node link up: K1QXA (PC9x)")) << b.node().Output() << a.node().Output() << a.front().Output() << ReadFile(a.home() / "data/log/conn");
+  ASSERT_TRUE(b.WaitOutput("Node link up: K1QXA (PC9x)"))
+      << b.node().Output() << a.node().Output() << Logs(a);
   ASSERT_TRUE(a.WaitOutput("Node link up: K2QXB (PC9x)")) << a.node().Output();
 
   auto ua = a.LogIn("W1AAA");
@@ -78,7 +79,8 @@ TEST_F(NodeRingTest, TwoNodesShareSpotsAnnouncementsTalkAndUserInformation) {
   ub->ClearReceived();
 
   ua->SendLine("DX 14025.0 JA1ABC loopback test");
-  ASSERT_TRUE(ub->ReadUntil("JA1ABC")) << ub->received() << (ua->Drain(500ms), ua->received()) << Logs(a) << Logs(b);
+  ASSERT_TRUE(ub->ReadUntil("JA1ABC"))
+      << ub->received() << (ua->Drain(500ms), ua->received()) << Logs(a) << Logs(b);
   EXPECT_THAT(ub->received(), HasSubstr("DX de W1AAA:"));
   EXPECT_EQ(CountAfterDrain(*ub, "JA1ABC"), 1u);
   ub->ClearReceived();
