@@ -107,11 +107,58 @@ IntakeResult ClusterNode::TakeSpot(const IntakeRequest& request, bool distribute
   const DistributionStats d = distributor_->OutputSpotToAll(*r.spot);
   stats_.LinesOut(source, uint64_t(d.users));
   stats_.Delay(std::chrono::steady_clock::now() - start);
+  if (network_) network_->RelaySpot(*r.spot, request.source_stream);
   return r;
+}
+
+// Node network wiring ------------------------------------------------------------------
+
+void ClusterNode::SetUpNetwork() {
+  NodeNetworkDeps deps;
+  deps.streams = &streams_;
+  deps.out = this;
+  deps.clock = &clock_;
+  deps.monitor = &monitor_;
+  deps.errors = [this](int code, std::string_view tag, std::string_view text) {
+    if (code == 0) {
+      log_.Write(tag, text);
+    } else {
+      log_.WriteCoded(code, tag, text);
+    }
+  };
+  deps.open_outgoing = [this](std::string_view host, int port, std::string_view label) {
+    if (link_) link_->OpenOutgoing(host, port, label);
+  };
+  deps.spot_intake = [this](std::string_view sentence, int, int stream) {
+    IntakeRequest request;
+    request.sentence = sentence;
+    request.source_stream = stream;
+    return TakeSpot(request, true).accepted();
+  };
+  deps.pc41.valid_call = [](std::string_view call) {
+    static const CallCheckContext kNoLists;
+    std::string c(call);
+    return ValidCall(c, /*strict=*/false, kNoLists);
+  };
+  deps.pc41.bad_word = [this](std::string_view value) {
+    return !bad_lists_.FindBadWord(value).empty();
+  };
+  deps.pc41.bad_data_log = [this](std::string_view text, std::string_view line) {
+    AppendToFile(dir_.Data("badinfo") / (DateText(clock_.Now()) + ".log"),
+                 std::string(text) + " " + std::string(line) + "\r\n");
+  };
+  deps.pc41.store = [this](std::string_view call, std::string_view record_line) {
+    store_.StorePc41(call, record_line, /*remote=*/true);
+  };
+  deps.pc41.monitor = &monitor_;
+  network_ = std::make_unique<NodeNetwork>(
+      NodeNetworkOptions::FromConfig(config_, std::string(kVersion)), std::move(deps));
+  network_->Configure(config_);
 }
 
 void ClusterNode::ApplySettings() {
   ApplyLists();
+  if (network_) network_->Configure(config_);  // defined nodes and outgoing connections
   if (rates_) {
     rates_->set_limits({config_.GetInt("NewMaxSpotsPerMin", 0),
                         config_.GetInt("NewMaxSpotsPerMinPerDx", 0),
@@ -133,7 +180,15 @@ std::string ClusterNode::LinkState(std::string_view name, int* stream) const {
   return "idle";
 }
 
-std::map<std::string, uint64_t> ClusterNode::Pc41Counts() const { return {}; }
+std::map<std::string, uint64_t> ClusterNode::Pc41Counts() const {
+  if (!network_) return {};
+  const Pc41Lists& lists = network_->processor().pc41_lists();
+  return {{"name", lists.Count(1)},
+          {"qth", lists.Count(2)},
+          {"location", lists.Count(3)},
+          {"home node", lists.Count(4)},
+          {"locator", lists.Count(5)}};
+}
 
 void ClusterNode::StartConsole() {
   ConsoleServerOptions o;
@@ -227,14 +282,17 @@ bool ClusterNode::Start(std::string* error) {
   Step("Purging Old Mail");
   StepDone();
 
+  SetUpNetwork();
   user_ctx_ = std::make_unique<UserContext>(
-      UserContext{streams_, *this, store_, log_, monitor_, clock_, relay_, dir_, access_, messages_,
-                  &countries_, config_.Get("Cluster Call"), std::string(kVersion),
+      UserContext{streams_, *this, store_, log_, monitor_, clock_, *network_, dir_, access_,
+                  messages_, &countries_, config_.Get("Cluster Call"), std::string(kVersion),
                   config_.Get("SSID Help Address"), started_, [this] { return Counts(); }});
   login_ = std::make_unique<Login>(*user_ctx_);
   interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
   interpreter_->set_help_address(config_.Get("Help Address"));
   login_->set_interpreter([this](int s, std::string_view l) { interpreter_->Execute(s, l); });
+  login_->set_node_login(
+      [this](int s, const std::string& call) { return network_->OnNodeLogin(s, call); });
 
   FrontendLinkOptions link_options;
   link_options.host = config_.Get("Winsock IP");
@@ -274,6 +332,7 @@ void ClusterNode::StartFrontEnd() {
 void ClusterNode::OnTimer() {
   if (stopped_) return;
   SaveHighestRates();
+  if (network_) network_->Tick();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (!ec) OnTimer();
@@ -319,7 +378,10 @@ void ClusterNode::SetStreamIdentity(int stream, std::string_view call, int state
 
 void ClusterNode::OnLinkUp() {}
 
-void ClusterNode::OnConnectRequest(int stream) { login_->OnConnectRequest(stream); }
+void ClusterNode::OnConnectRequest(int stream) {
+  if (network_->OnConnectRequest(stream)) return;  // one of our outgoing node links
+  login_->OnConnectRequest(stream);
+}
 
 void ClusterNode::OnStreamLine(int stream, std::string_view line) {
   StreamEntry& e = streams_.at(stream);
@@ -327,6 +389,8 @@ void ClusterNode::OnStreamLine(int stream, std::string_view line) {
   try {
     if (e.state == kStateLoggingIn) {
       login_->OnLine(stream, line);
+    } else if (e.IsNode()) {
+      network_->OnLine(stream, line);
     } else if (e.IsUser()) {
       if (line.starts_with("PC") && line.find('^') != std::string_view::npos) {
         log_.Write("DataArrival", " User is really a Node, but node not defined " + e.call);
@@ -341,6 +405,7 @@ void ClusterNode::OnStreamLine(int stream, std::string_view line) {
 
 void ClusterNode::OnStreamClosed(int stream, int previous_state) {
   if (IsUserState(previous_state)) login_->OnLoggedOut(stream);
+  network_->OnStreamClosed(stream);
   monitor_.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
 }
 
@@ -348,16 +413,26 @@ void ClusterNode::OnStreamRecovered(int stream) {
   StreamEntry& e = streams_.at(stream);
   if (e.state == kStateFree || e.state == kStateLoggingIn) {
     // A connection that arrived while no node was running, or that was still logging in
-    // when the node stopped: it starts the log-in afresh.
+    // when the node stopped: it starts the log-in (or, for an outgoing node link, the
+    // handshake) afresh.
     e.state = kStateLoggingIn;
     e.login_stage = LoginStage::kAwaitingCall;
-    login_->OnConnectRequest(stream);
+    OnConnectRequest(stream);
     return;
   }
   login_->OnRecovered(stream);
+  network_->OnStreamRecovered(stream);
 }
 
-void ClusterNode::OnRecoveryComplete() {}
+void ClusterNode::OnRecoveryComplete() { network_->SetReady(true); }
+
+void ClusterNode::OnOutgoingFailed(std::string_view label, std::string_view reason) {
+  network_->OnOutgoingFailed(label, reason);
+}
+
+bool ClusterNode::OnStreamPartial(int stream, std::string_view text) {
+  return network_ && network_->OnPartialLine(stream, text);
+}
 
 // CommandServices --------------------------------------------------------------------
 
@@ -427,8 +502,9 @@ bool ClusterNode::ListChange(std::string_view list, std::string_view item, bool 
 
 ClusterCounts ClusterNode::Counts() const {
   ClusterCounts c;
-  c.nodes = 1 + streams_.CountNodes();
+  c.nodes = 1 + (network_ ? network_->NodeCount() : streams_.CountNodes());
   c.local_users = streams_.CountUsers();
+  c.remote_users = network_ ? network_->RemoteUserCount() : 0;
   return c;
 }
 
@@ -445,6 +521,8 @@ std::vector<std::string> ClusterNode::NetworkLines(std::string_view what) {
                                   std::string(DisplayName(e.session)).substr(0, 16), e.peer_address,
                                   e.port_index));
     }
+    const auto remote = network_->Lines("who");
+    lines.insert(lines.end(), remote.begin(), remote.end());
     return lines;
   }
   if (what == "users" || what == "configuration") {
@@ -463,16 +541,17 @@ std::vector<std::string> ClusterNode::NetworkLines(std::string_view what) {
       row += (row.empty() ? "" : " ") + c;
     }
     if (!row.empty()) lines.push_back("  " + row);
+    const auto remote = network_->Lines(what);
+    lines.insert(lines.end(), remote.begin(), remote.end());
     return lines;
   }
   if (what == "nodes") {
     lines.push_back(config_.Get("Cluster Call") + " (this node)");
+    const auto remote = network_->Lines("nodes");
+    lines.insert(lines.end(), remote.begin(), remote.end());
     return lines;
   }
-  if (what == "links") {
-    lines.push_back("No node links.");
-    return lines;
-  }
+  if (what == "links") return network_->Lines("links");
   (void)now;
   return lines;
 }
@@ -489,7 +568,7 @@ std::vector<std::string> ClusterNode::StationInfo(std::string_view call) {
 }
 
 std::string ClusterNode::LinkCommand(std::string_view node, bool connect) {
-  return std::string(node) + ": no node links on this node yet";
+  return network_->LinkCommand(node, connect);
 }
 
 }  // namespace qx

@@ -22,6 +22,7 @@
 #include "core/stream_output.h"
 #include "core/stream_table.h"
 #include "core/time_text.h"
+#include "node/node_network.h"
 #include "spots/bad_lists.h"
 #include "spots/bands.h"
 #include "spots/country.h"
@@ -95,6 +96,8 @@ class ClusterNode final : public LinkEvents,
   void OnStreamClosed(int stream, int previous_state) override;
   void OnStreamRecovered(int stream) override;
   void OnRecoveryComplete() override;
+  void OnOutgoingFailed(std::string_view label, std::string_view reason) override;
+  bool OnStreamPartial(int stream, std::string_view text) override;
 
   void Step(std::string_view name);
   void StepDone();
@@ -108,6 +111,7 @@ class ClusterNode final : public LinkEvents,
   // Intake of one spot sentence; an accepted spot is kept, distributed and relayed.
   IntakeResult TakeSpot(const IntakeRequest& request, bool distribute);
   void SaveHighestRates();
+  void SetUpNetwork();
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;
@@ -123,6 +127,7 @@ class ClusterNode final : public LinkEvents,
   LogonMessages messages_;
   CountryLookup countries_;
   RecordingNodeRelay relay_;
+  std::unique_ptr<NodeNetwork> network_;  // the node links; also the users' NodeRelay
   BadLists bad_lists_;
   BandTable bands_ = BandTable::SetupFreqRanges();
   DupeDetector dupes_;

@@ -201,6 +201,9 @@ void FrontendLink::DeliverText(int stream, std::string_view data) {
         std::string line = std::move(entry.line_carry);
         entry.line_carry.clear();
         DeliverLine(stream, line);
+      } else {
+        table_.set_current(stream);
+        if (events_.OnStreamPartial(stream, entry.line_carry)) entry.line_carry.clear();
       }
       return;
     }

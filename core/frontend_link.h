@@ -61,6 +61,10 @@ class LinkEvents {
   virtual void OnHandshakeRecord(int stream, std::string_view record) {}
   // An outgoing connection asked for with OpenOutgoing could not be opened.
   virtual void OnOutgoingFailed(std::string_view label, std::string_view reason) {}
+  // The unfinished end of a stream's data (no line end yet), as it stands so far: a remote
+  // node's "login: " prompt comes without a line end.  True when the text was used up; the
+  // link then forgets it instead of putting it in front of the next line.
+  virtual bool OnStreamPartial(int stream, std::string_view text) { return false; }
 };
 
 struct FrontendLinkOptions {

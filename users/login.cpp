@@ -100,6 +100,7 @@ void Login::OnCall(int stream, std::string_view line) {
     Refuse(stream);
     return;
   }
+  if (node_login_ && node_login_(stream, call)) return;
   e.call = call;
   ctx_.monitor.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
   if (ctx_.access.IsLockedOut(call)) {

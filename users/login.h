@@ -19,6 +19,12 @@ class Login {
     interpret_ = std::move(f);
   }
 
+  // Asked with every call that passed the call check at the prompt: true when the call is a
+  // defined node that takes the stream over as a node link (the dialogue ends there).
+  void set_node_login(std::function<bool(int stream, const std::string& call)> f) {
+    node_login_ = std::move(f);
+  }
+
   // A new connection: the pre-log-in banner, ending in "login: " without a line end.
   void OnConnectRequest(int stream);
   // A line from a stream that is still logging in.
@@ -52,6 +58,7 @@ class Login {
 
   UserContext& ctx_;
   std::function<void(int, std::string_view)> interpret_;
+  std::function<bool(int, const std::string&)> node_login_;
 
   // Node-wide reconnect guard.
   std::string last_dupe_call_;

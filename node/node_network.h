@@ -1,0 +1,217 @@
+// The node's place in the network: which nodes are its neighbours, the links to them (the
+// start-up handshake, keep-alive and drop, reconnection), and what travels over them --
+// topology, spots, announcements, talk and user information.  Sockets stay outside: streams
+// come in as numbers and lines, text goes out through StreamOutput, and outgoing connections
+// are asked of the front-end through a callback.  Time comes from the injected Clock; the
+// owner calls Tick() once a second.
+//
+// Node types: a defined node whose type text is "QXC", or holds "9X" (e.g. "PC9X", "DXS 9x"),
+// is expected to speak PC92/PC93; any other type is expected to be a legacy node.  What a
+// link really speaks is settled by its handshake (the acceptor's PC18 and the caller's PC92);
+// a link that ends up in the other style than its definition says is noted on the monitor.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/config.h"
+#include "core/time_text.h"
+#include "node/node_data.h"
+#include "node/pc_builders.h"
+#include "users/node_relay.h"
+
+namespace qx {
+
+class Monitor;
+class StreamOutput;
+class StreamTable;
+struct Spot;
+
+struct NodeNetworkOptions {
+  std::string our_call;
+  std::string version;              // the program version, for PC18
+  std::string pc_version = "5457";  // four digits for PC19 and PC92 entries
+  std::string build = "1";
+  // Seconds.  Defaults are what current peers use; the configuration can shorten them.
+  int retry_interval = 60;         // "Connection Retry": next attempt of an outgoing link
+  int first_ping_delay = 10;       // first PC51 after a link came up
+  int ping_interval = 300;         // "Node Ping Interval": PC51 to every neighbour
+  int max_unanswered_pings = 2;    // the link is dropped at the next ping after this many
+  int keepalive_interval = 3600;   // "PC92 K Interval"
+  int config_interval = 4 * 3600;  // "PC92 C Interval"
+  int config_after_change = 900;   // "PC92 C After Change": a full C soon after a link change
+  int pc50_interval = 3600;        // "PC50 Interval": to legacy neighbours
+
+  // Reads the interval keys from the configuration (missing keys keep the defaults).
+  static NodeNetworkOptions FromConfig(const Config& config, std::string version);
+};
+
+struct NodeNetworkDeps {
+  StreamTable* streams = nullptr;  // required
+  StreamOutput* out = nullptr;     // required
+  const Clock* clock = nullptr;    // required
+  Monitor* monitor = nullptr;
+  NodeErrorSink errors;
+  // Asks the front-end for an outgoing connection; it comes back as a new stream whose
+  // connection_label is label (OnConnectRequest) or as OnOutgoingFailed.
+  std::function<void(std::string_view host, int port, std::string_view label)> open_outgoing;
+  // A PC11 or PC61 received from a node, for the spot intake.  True when it was accepted.
+  std::function<bool(std::string_view sentence, int source_code, int stream)> spot_intake;
+  // User information: validity, bad words, the user store (the record line is
+  // "PC41^^" + sentence) and the bad-data log.
+  Pc41Deps pc41;
+  // The user and node counts of the network view changed.
+  std::function<void()> counts_changed;
+};
+
+class NodeNetwork final : public NodeRelay, private NodeOutput {
+ public:
+  enum class Style { kPc9x, kLegacy };
+
+  struct LinkInfo {
+    int stream = 0;
+    std::string peer;
+    bool outgoing = false;
+    bool up = false;
+    bool pc9x = false;
+    SysTime since{};
+    double last_rtt_ms = -1;  // the last PC51 round trip, -1 before the first answer
+    uint64_t lines_in = 0;
+    uint64_t lines_out = 0;
+  };
+
+  NodeNetwork(NodeNetworkOptions options, NodeNetworkDeps deps);
+  ~NodeNetwork() override;
+
+  // The defined nodes ("Node Call & Node Type" groups, the "Nodes" and "LocalNodes" lists)
+  // and the outgoing connections of the configuration.
+  void Configure(const Config& config);
+  static Style StyleOfType(std::string_view type);
+  bool IsDefinedNode(std::string_view call) const;
+
+  // The front-end link is ready (its stream report is complete): outgoing links may start.
+  void SetReady(bool ready) { ready_ = ready; }
+
+  // The call typed at the log-in prompt of an accepted connection.  True when it is a
+  // defined node: the stream becomes a node link and the handshake starts.
+  bool OnNodeLogin(int stream, std::string_view call);
+  // A new stream; true when it is one of our outgoing connections (the calling handshake
+  // starts and the log-in dialogue must leave it alone).
+  bool OnConnectRequest(int stream);
+  // An unfinished line (no line end yet) on a stream.  True when it was a prompt of the
+  // handshake and has been used up.
+  bool OnPartialLine(int stream, std::string_view text);
+  // One line on a node stream.
+  void OnLine(int stream, std::string_view line);
+  void OnStreamClosed(int stream);
+  void OnOutgoingFailed(std::string_view label, std::string_view reason);
+  // A node stream rebuilt after a restart of this node: the link resumes.
+  void OnStreamRecovered(int stream);
+  // Once a second: outgoing attempts, pings, drops, PC50 and PC92 K/C.
+  void Tick();
+
+  // An accepted spot (local or from a node): to every other link.
+  void RelaySpot(const Spot& spot, int source_stream);
+
+  // Sysop commands.
+  std::string LinkCommand(std::string_view node, bool connect);
+  // "links", "nodes", "users", "configuration", "who" (the remote part).
+  std::vector<std::string> Lines(std::string_view what) const;
+
+  int NodeCount() const;  // nodes known beyond this one
+  int RemoteUserCount() const;
+  std::vector<LinkInfo> Links() const;
+  // The processor offers its view only for changing; reading it changes nothing.
+  const NetworkView& view() const { return const_cast<NodeProcessor&>(processor_).view(); }
+  NodeProcessor& processor() { return processor_; }
+
+  // NodeRelay
+  void UserLoggedInOut(std::string_view call, int stream, bool in) override;
+  void SendPc41(std::string_view sentence) override;
+  void Announce(std::string_view from, std::string_view to, std::string_view text) override;
+  bool Talk(std::string_view from, std::string_view to, std::string_view text) override;
+
+  // True when address is a public IPv4 or IPv6 address (not private, loopback, link-local
+  // or unparsable): only such an address may travel in a PC61.
+  static bool IsPublicAddress(std::string_view address);
+
+ private:
+  struct Link;
+  struct Outgoing {
+    OutgoingConnection def;
+    std::string peer;  // upper case
+    int stream = 0;    // 0 when not connected
+    bool pending = false;
+    bool wanted = false;  // active in the configuration, or asked for with CONNECT
+    int64_t next_attempt = 0;
+  };
+
+  // NodeOutput (the processor's replies and handshake lines)
+  void Send(int stream, std::string_view text) override;
+
+  int64_t Now() const;
+  int NowOfDay() const;
+  std::string Stamp();
+  Link* FindLink(int stream);
+  const Link* FindLink(int stream) const;
+  Link* FindLinkByPeer(std::string_view call);
+  Outgoing* FindOutgoing(std::string_view name_or_call);
+  void StartLink(int stream, std::string_view peer, bool outgoing, std::string_view first_line);
+  void CheckEstablished(Link& link);
+  void LinkEstablished(Link& link);
+  void DropLink(Link& link, std::string_view reason, bool send_pc39);
+  void LinkGone(int stream);
+  void TryOutgoing(Outgoing& o);
+  // When both nodes call each other at once, the call of the node with the lower call wins.
+  bool CallerWins(std::string_view peer) const;
+
+  std::vector<std::string> OurConfig(bool pc9x);
+  std::vector<Pc92Entry> LocalUserEntries() const;
+  std::vector<Pc92Entry> NeighbourEntries() const;
+  // To every established link of the given styles except the stream except and the link to
+  // the node skip_peer (the one a sentence started from: it never needs it back).
+  void SendToLinks(std::string_view text, int except, bool pc9x_links, bool legacy_links,
+                   std::string_view skip_peer = {});
+  void SendKeepalive();
+  void SendConfigAll();
+
+  // Handlers installed into the processor.
+  void OnRelay(int from_stream, const PcSentence& s);
+  bool OnPc93(PcSentence& s);
+  bool OnOther(PcSentence& s);
+  bool OnPc10(PcSentence& s);
+  bool OnPc12(PcSentence& s);
+  bool OnPc39(PcSentence& s);
+  bool OnPc51(PcSentence& s);
+  bool OnLegacyTopology(PcSentence& s);
+
+  // Local delivery of what came from the network.
+  void DeliverAnnounce(std::string_view from, std::string_view to, std::string_view text);
+  // False when no local user has the call.
+  bool DeliverTalk(std::string_view from, std::string_view to, std::string_view text);
+  int LocalUserStream(std::string_view call) const;
+  void SendTalkOn(int stream, std::string_view from, std::string_view to, std::string_view text,
+                  std::string_view on_behalf);
+  void Show(std::string_view text, std::string_view colour = {}, int stream = 0);
+  void CountsChanged();
+
+  NodeNetworkOptions options_;
+  NodeNetworkDeps deps_;
+  NodeProcessor processor_;
+  std::map<std::string, Style, std::less<>> defined_;  // upper-case call -> expected style
+  std::vector<Outgoing> outgoing_;
+  std::map<int, std::unique_ptr<Link>> links_;
+  bool ready_ = false;
+  int64_t next_keepalive_ = 0;
+  int64_t next_config_ = 0;
+  std::string scratch_;  // the sentence being relayed
+  std::string spot_pc11_;
+  std::string spot_pc61_;
+};
+
+}  // namespace qx

@@ -1,0 +1,202 @@
+// A real node linked with scripted peers that speak the sentences other node software sends:
+// a legacy peer and a PC9x peer, each calling the node and called by it.
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "core/time_text.h"
+#include "tests/testlib/node_sites.h"
+
+namespace qx::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using namespace std::chrono_literals;
+
+constexpr std::string_view kOurPc18 = "PC18^QX Cluster Version: 0.1.0 Build: 0.001 pc9x^";
+
+// Time stamps for the scripted PC9x peer: the seconds of the UTC day, rising.
+class Stamps {
+ public:
+  std::string Next() { return fmt::format("{}.{:02d}", base_, ++n_); }
+
+ private:
+  long base_ = long(std::time(nullptr) % 86400);
+  int n_ = 0;
+};
+
+// A spot sentence of this minute (older spots are refused).
+std::string SpotNow(std::string_view type, std::string_view freq, std::string_view dx,
+                    std::string_view spotter, std::string_view origin, std::string_view tail) {
+  const SysTime now = SystemClock().Now();
+  return fmt::format("{}^{}^{}^{}^{}^scripted peer^{}^{}^{}", type, freq, dx, DateText(now),
+                     TimeHHnnZ(now), spotter, origin, tail);
+}
+
+class NodePeerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
+    node_.Setting("Connection Retry", "2");
+    node_.Setting("Node First Ping", "1");
+  }
+  // The user's SHOW/USERS answer names call within a few seconds.
+  bool UserListed(LineClient& user, std::string_view call) {
+    return WaitFor(
+        [&] {
+          user.ClearReceived();
+          user.SendLine("SHOW/USERS");
+          return user.ReadUntil("QXC >", 3s) && user.received().find(call) != std::string::npos;
+        },
+        10s);
+  }
+  NodeSite node_{"K1QXA"};
+};
+
+TEST_F(NodePeerTest, LegacyPeerCallsTheNode) {
+  node_.Define("K7LEG", "ARC");
+  node_.Start();
+  auto user = node_.LogIn("W1AAA");
+  auto peer = node_.Connect();
+  peer->SendLine("K7LEG");
+  ASSERT_TRUE(peer->ReadUntil(kOurPc18)) << peer->received();
+  peer->SendLine("PC19^1^K7LEG^0^5455^H25^");
+  peer->SendLine("PC16^K7LEG^W7OLD - 1^H25^");
+  peer->SendLine("PC20^");
+  ASSERT_TRUE(peer->ReadUntil("PC22^\r\n")) << peer->received();
+  EXPECT_THAT(peer->received(), HasSubstr("PC19^1^K1QXA^0^5457^H99^\r\n"));
+  EXPECT_THAT(peer->received(), HasSubstr("PC16^K1QXA^W1AAA - 1^H99^\r\n"));
+  ASSERT_TRUE(node_.WaitOutput("Node link up: K7LEG (legacy)")) << node_.node().Output();
+  EXPECT_TRUE(UserListed(*user, "W7OLD")) << user->received();
+
+  // What the node's users do reaches the legacy peer in its own sentences.
+  user->SendLine("DX 14025.0 JA1ABC to the old node");
+  ASSERT_TRUE(peer->ReadUntil("PC11^14025.0^JA1ABC^")) << peer->received();
+  user->SendLine("ANNOUNCE FULL to the old node");
+  ASSERT_TRUE(peer->ReadUntil("PC12^W1AAA^*^to the old node^ ^K1QXA^0^H99^~\r\n"))
+      << peer->received();
+  user->SendLine("TALK W7OLD hello old friend");
+  ASSERT_TRUE(peer->ReadUntil("PC10^W1AAA^W7OLD^hello old friend^*^ ^K1QXA^~\r\n"))
+      << peer->received();
+  EXPECT_THAT(peer->received(), ::testing::Not(HasSubstr("PC61^")));
+  EXPECT_THAT(peer->received(), ::testing::Not(HasSubstr("PC93^")));
+
+  // And what the peer sends reaches the users.
+  user->ClearReceived();
+  peer->SendLine("PC12^W7OLD^*^legacy news^ ^K7LEG^0^H30^~");
+  ASSERT_TRUE(user->ReadUntil("To ALL de W7OLD: legacy news")) << user->received();
+  peer->SendLine("PC10^W7OLD^W1AAA^hi from afar^*^ ^K7LEG^~");
+  ASSERT_TRUE(user->ReadUntil("W1AAA de W7OLD: hi from afar")) << user->received();
+  peer->SendLine(SpotNow("PC11", "21025.0", "JA2XYZ", "W7OLD", "K7LEG", "H24^~"));
+  ASSERT_TRUE(user->ReadUntil("JA2XYZ")) << user->received();
+  EXPECT_THAT(user->received(), HasSubstr("DX de W7OLD:"));
+
+  // Link checks both ways, then the peer says goodbye.
+  ASSERT_TRUE(peer->ReadUntil("PC51^K7LEG^K1QXA^1^\r\n")) << peer->received();
+  peer->SendLine("PC51^K1QXA^K7LEG^1^");
+  ASSERT_TRUE(peer->ReadUntil("PC51^K7LEG^K1QXA^0^\r\n")) << peer->received();
+  peer->SendLine("PC39^K7LEG^Disconnected by System Op^H30^");
+  EXPECT_TRUE(peer->WaitClosed());
+  EXPECT_TRUE(node_.WaitOutput("Node link closed: K7LEG"));
+}
+
+TEST_F(NodePeerTest, NodeCallsALegacyPeer) {
+  PeerListener peer;
+  ASSERT_TRUE(peer.bound());
+  node_.Define("K7LEG", "ARC");
+  node_.Outgoing("K7LEG", peer.port());
+  node_.Start();
+  ASSERT_TRUE(peer.Accept()) << node_.node().Output();
+  peer.Send("Old node here\r\n\r\nlogin: ");
+  ASSERT_TRUE(peer.ReadUntil("K1QXA\r\n")) << peer.received();
+  peer.SendLine("PC38^K7LEG^~");
+  peer.SendLine("PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
+  ASSERT_TRUE(peer.ReadUntil("PC20^\r\n")) << peer.received();
+  EXPECT_THAT(peer.received(), HasSubstr("PC19^1^K1QXA^0^5457^H99^\r\n"));
+  peer.SendLine("PC19^1^K7LEG^0^5455^H25^");
+  peer.SendLine("PC16^K7LEG^W7OLD - 1^H25^");
+  peer.SendLine("PC22^");
+  ASSERT_TRUE(node_.WaitOutput("Node link up: K7LEG (legacy)")) << node_.node().Output();
+  auto user = node_.LogIn("W1AAA");
+  ASSERT_TRUE(peer.ReadUntil("PC16^K1QXA^W1AAA - 1^H99^\r\n")) << peer.received();
+  EXPECT_TRUE(UserListed(*user, "W7OLD")) << user->received();
+}
+
+TEST_F(NodePeerTest, Pc9xPeerCallsTheNode) {
+  Stamps t;
+  node_.Define("K9PCX");
+  node_.Start();
+  auto user = node_.LogIn("W1AAA");
+  auto peer = node_.Connect();
+  peer->SendLine("K9PCX");
+  ASSERT_TRUE(peer->ReadUntil(kOurPc18)) << peer->received();
+  peer->SendLine("PC92^K9PCX^" + t.Next() + "^C^5K9PCX:5300^1W9USR:198.51.100.9^H99^");
+  peer->SendLine("PC92^K9PCX^" + t.Next() + "^K^5K9PCX:5300:46^1^1^H99^");
+  peer->SendLine("PC20^");
+  ASSERT_TRUE(peer->ReadUntil("PC22^\r\n")) << peer->received();
+  EXPECT_THAT(peer->received(), HasSubstr("^C^5K1QXA:5457^1W1AAA:127.0.0.1^H99^\r\n"));
+  EXPECT_THAT(peer->received(), HasSubstr("^K^5K1QXA:5457:1^1^1^H99^\r\n"));
+  ASSERT_TRUE(node_.WaitOutput("Node link up: K9PCX (PC9x)")) << node_.node().Output();
+  EXPECT_TRUE(UserListed(*user, "W9USR")) << user->received();
+
+  user->ClearReceived();
+  peer->SendLine("PC93^K9PCX^" + t.Next() + "^W1AAA^W9USR^*^#12 talk over pc93^^198.51.100.9^H99^");
+  ASSERT_TRUE(user->ReadUntil("W1AAA de W9USR: #12 talk over pc93")) << user->received();
+  // A replayed sentence (same stamp rule) is not shown twice.
+  peer->SendLine("PC93^K9PCX^100^*^W9USR^*^replayed^^198.51.100.9^H99^");
+  user->Drain(1s);
+  EXPECT_THAT(user->received(), ::testing::Not(HasSubstr("replayed")));
+}
+
+TEST_F(NodePeerTest, NodeCallsAPc9xPeerAndKeepsTheLinkOverARestart) {
+  Stamps t;
+  PeerListener peer;
+  ASSERT_TRUE(peer.bound());
+  node_.Define("K9PCX", "DXS pc9x");
+  node_.Outgoing("K9PCX", peer.port());
+  node_.Start();
+  auto user = node_.LogIn("W1AAA");
+  ASSERT_TRUE(peer.Accept()) << node_.node().Output();
+  peer.Send("login: ");
+  ASSERT_TRUE(peer.ReadUntil("K1QXA\r\n")) << peer.received();
+  peer.SendLine("0");  // what a PC9x peer says to a caller on loopback
+  peer.SendLine("PC18^ExampleNode Version: 2.3 Build: 120 pc9x 91^5300^");
+  ASSERT_TRUE(peer.ReadUntil("PC20^\r\n")) << peer.received();
+  EXPECT_THAT(peer.received(), HasSubstr("PC92^K1QXA^"));
+  EXPECT_THAT(peer.received(), HasSubstr("^C^5K1QXA:5457^1W1AAA:127.0.0.1^H99^"));
+  peer.SendLine("PC92^K9PCX^" + t.Next() + "^A^^5K1QXA:127.0.0.1^H99^");
+  peer.SendLine("PC92^K9PCX^" + t.Next() + "^K^5K9PCX:5300:^1^0^127.0.0.1^none/none^H99^");
+  peer.SendLine("PC22^");
+  ASSERT_TRUE(node_.WaitOutput("Node link up: K9PCX (PC9x)")) << node_.node().Output();
+  peer.SendLine("PC92^K9PCX^" + t.Next() + "^A^^1W9USR:198.51.100.9^H99^");
+  EXPECT_TRUE(UserListed(*user, "W9USR")) << user->received();
+
+  // PC9x traffic both ways; a loopback spotter's spot travels as PC11.
+  user->SendLine("DX 14025.0 JA1ABC to the pc9x peer");
+  ASSERT_TRUE(peer.ReadUntil("PC11^14025.0^JA1ABC^")) << peer.received();
+  user->SendLine("ANNOUNCE FULL to pc9x");
+  ASSERT_TRUE(peer.ReadUntil("^*^W1AAA^*^to pc9x^^H99^\r\n")) << peer.received();
+  user->SendLine("TALK W9USR hi pc9x");
+  ASSERT_TRUE(peer.ReadUntil("^W9USR^W1AAA^*^hi pc9x^^H99^\r\n")) << peer.received();
+  user->ClearReceived();
+  peer.SendLine(SpotNow("PC61", "14074.0", "JA3QRS", "W9USR", "K9PCX", "198.51.100.9^H30^~"));
+  ASSERT_TRUE(user->ReadUntil("JA3QRS")) << user->received();
+  ASSERT_TRUE(peer.ReadUntil("PC51^K9PCX^K1QXA^1^\r\n")) << peer.received();
+  peer.SendLine("PC51^K1QXA^K9PCX^0^");
+
+  // The node restarts: the link stays, the node introduces itself again.
+  peer.ClearReceived();
+  ASSERT_EQ(node_.node().Stop(), 0);
+  node_.StartNode();
+  ASSERT_TRUE(peer.ReadUntil(kOurPc18, 20s)) << peer.received() << node_.node().Output();
+  ASSERT_TRUE(node_.WaitOutput("Node link recovered: K9PCX")) << node_.node().Output();
+  user->ClearReceived();
+  peer.SendLine("PC93^K9PCX^" + t.Next() + "^*^W9USR^*^still linked^^198.51.100.9^H99^");
+  ASSERT_TRUE(user->ReadUntil("To ALL de W9USR: still linked", 15s)) << user->received();
+  EXPECT_THAT(node_.node().Output(), ::testing::Not(HasSubstr("Connecting to K9PCX")));
+}
+
+}  // namespace
+}  // namespace qx::testing

@@ -1,0 +1,176 @@
+// Real nodes linked on loopback: each with its own front-end, linked through outgoing
+// connections; users on each node see what users on the others do, exactly once.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "core/file_util.h"
+#include "tests/testlib/node_sites.h"
+
+namespace qx::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using namespace std::chrono_literals;
+
+// Counts what a client has received after draining for a moment: a second copy of anything
+// would have arrived by then.
+size_t CountAfterDrain(LineClient& c, std::string_view what) {
+  c.Drain(1500ms);
+  return NodeSite::Occurrences(c.received(), what);
+}
+
+// The node's logs, for the failure messages.
+std::string Logs(const NodeSite& s) {
+  std::string all;
+  for (const auto& f : std::filesystem::recursive_directory_iterator(s.home() / "data")) {
+    const std::string name = f.path().string();
+    if (f.is_regular_file() &&
+        (name.find("/log/") != std::string::npos || name.find("/bad") != std::string::npos)) {
+      all += name + ":\n" + ReadFile(f.path());
+    }
+  }
+  return all;
+}
+
+class NodeRingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
+  }
+  // Short timers so that links come back within the test's patience.
+  static void Fast(NodeSite& s) {
+    s.Setting("Connection Retry", "2");
+    s.Setting("Node First Ping", "1");
+  }
+  // Every site defines every other one as a PC9x node.
+  static void DefineAll(std::initializer_list<NodeSite*> sites) {
+    for (NodeSite* s : sites) {
+      Fast(*s);
+      for (NodeSite* o : sites) {
+        if (o != s) s->Define(o->call());
+      }
+    }
+  }
+};
+
+TEST_F(NodeRingTest, TwoNodesShareSpotsAnnouncementsTalkAndUserInformation) {
+  NodeSite a("K1QXA"), b("K2QXB");
+  DefineAll({&a, &b});
+  b.Outgoing(a.call(), a.user_port());
+  a.Start();
+  b.Start();
+  ASSERT_TRUE(b.WaitOutput("Node link up: K1QXA (PC9x)"))
+      << b.node().Output() << a.node().Output() << Logs(a);
+  ASSERT_TRUE(a.WaitOutput("Node link up: K2QXB (PC9x)")) << a.node().Output();
+
+  auto ua = a.LogIn("W1AAA");
+  auto ub = b.LogIn("W2BBB");
+  // The greeting counts the other node and its user.
+  auto probe = b.Connect();
+  probe->SendLine("W2CCC");
+  ASSERT_TRUE(probe->ReadUntil("Please enter your name")) << probe->received();
+  probe->SendLine("Cy");
+  ASSERT_TRUE(probe->ReadUntil("(Y or N) >")) << probe->received();
+  probe->SendLine("y");
+  ASSERT_TRUE(probe->ReadUntil("Cluster: 2 nodes  2 Locals  3 Total users")) << probe->received();
+
+  ub->SendLine("SHOW/USERS");
+  ASSERT_TRUE(ub->ReadUntil("W1AAA")) << ub->received();
+  ub->ClearReceived();
+
+  ua->SendLine("DX 14025.0 JA1ABC loopback test");
+  ASSERT_TRUE(ub->ReadUntil("JA1ABC"))
+      << ub->received() << (ua->Drain(500ms), ua->received()) << Logs(a) << Logs(b);
+  EXPECT_THAT(ub->received(), HasSubstr("DX de W1AAA:"));
+  EXPECT_EQ(CountAfterDrain(*ub, "JA1ABC"), 1u);
+  ub->ClearReceived();
+
+  ua->SendLine("ANNOUNCE FULL hello network");
+  ASSERT_TRUE(ub->ReadUntil("To ALL de W1AAA: hello network")) << ub->received();
+  EXPECT_EQ(CountAfterDrain(*ub, "hello network"), 1u);
+  ub->ClearReceived();
+
+  ua->SendLine("TALK W2BBB hi there");
+  ASSERT_TRUE(ub->ReadUntil("W2BBB de W1AAA: hi there")) << ub->received();
+  ub->ClearReceived();
+
+  ua->SendLine("SET/NAME Bertram");
+  ASSERT_TRUE(ua->ReadUntil(">"));
+  const auto local = b.home() / "data/user/W1AAA.dat";
+  const auto remote = b.home() / "data/userRemote/W1AAA.dat";
+  EXPECT_TRUE(WaitFor([&] {
+    for (const auto& p : {local, remote}) {
+      if (std::filesystem::exists(p) && ReadFile(p).find("Bertram") != std::string::npos) {
+        return true;
+      }
+    }
+    return false;
+  })) << "no record of W1AAA on the other node";
+}
+
+TEST_F(NodeRingTest, ThreeNodesInARingDeliverOnceAndHealAfterADisconnect) {
+  NodeSite a("K1QXA"), b("K2QXB"), c("K3QXC");
+  DefineAll({&a, &b, &c});
+  a.Outgoing(b.call(), b.user_port());
+  b.Outgoing(c.call(), c.user_port());
+  c.Outgoing(a.call(), a.user_port());
+  a.Password("K1SYS", "secret", 1);
+  for (NodeSite* s : {&a, &b, &c}) s->Start();
+  for (NodeSite* s : {&a, &b, &c}) {
+    ASSERT_TRUE(s->WaitOutput("Node link up: ", 2)) << s->call() << s->node().Output();
+  }
+  auto ua = a.LogIn("W1AAA");
+  auto ub = b.LogIn("W2BBB");
+  auto uc = c.LogIn("W3CCC");
+  ub->SendLine("SHOW/USERS");
+  ASSERT_TRUE(ub->ReadUntil("W3CCC")) << ub->received();
+  ub->ClearReceived();
+
+  ua->SendLine("DX 7012.0 JA1XYZ ring spot");
+  ASSERT_TRUE(ub->ReadUntil("JA1XYZ")) << ub->received();
+  ASSERT_TRUE(uc->ReadUntil("JA1XYZ")) << uc->received();
+  EXPECT_EQ(CountAfterDrain(*ub, "JA1XYZ"), 1u);
+  EXPECT_EQ(CountAfterDrain(*uc, "JA1XYZ"), 1u);
+  EXPECT_EQ(CountAfterDrain(*ua, "JA1XYZ"), 1u);  // the spotter's own node shows it once
+
+  ub->SendLine("ANNOUNCE FULL ring announcement");
+  ASSERT_TRUE(ua->ReadUntil("To ALL de W2BBB: ring announcement")) << ua->received();
+  ASSERT_TRUE(uc->ReadUntil("To ALL de W2BBB: ring announcement")) << uc->received();
+  EXPECT_EQ(CountAfterDrain(*ua, "ring announcement"), 1u);
+  EXPECT_EQ(CountAfterDrain(*uc, "ring announcement"), 1u);
+
+  uc->SendLine("TALK W1AAA over the ring");
+  ASSERT_TRUE(ua->ReadUntil("W1AAA de W3CCC: over the ring")) << ua->received();
+  EXPECT_EQ(CountAfterDrain(*ua, "over the ring"), 1u);
+  EXPECT_EQ(CountAfterDrain(*ub, "over the ring"), 0u);
+
+  // The sysop drops A's link to B; A calls B again after the retry interval.
+  auto sysop = a.LogIn("K1SYS", "secret");
+  sysop->SendLine("SHOW/LINKS");
+  ASSERT_TRUE(sysop->ReadUntil("K3QXC")) << sysop->received();
+  EXPECT_THAT(sysop->received(), HasSubstr("K2QXB"));
+  sysop->ClearReceived();
+  sysop->SendLine("DISCONNECT K2QXB");
+  ASSERT_TRUE(sysop->ReadUntil("Disconnecting K2QXB")) << sysop->received();
+  ASSERT_TRUE(a.WaitOutput("Node link closed: K2QXB")) << a.node().Output();
+  ASSERT_TRUE(a.WaitOutput("Node link up: K2QXB", 2)) << a.node().Output();
+
+  // After the reconnect B sees A's user again and messages still arrive once.
+  ASSERT_TRUE(WaitFor(
+      [&] {
+        ub->ClearReceived();
+        ub->SendLine("SHOW/USERS");
+        return ub->ReadUntil("QXC >", 3s) && ub->received().find("W1AAA") != std::string::npos;
+      },
+      15s));
+  ub->ClearReceived();
+  ua->ClearReceived();
+  uc->SendLine("ANNOUNCE FULL after the repair");
+  ASSERT_TRUE(ua->ReadUntil("after the repair")) << ua->received();
+  ASSERT_TRUE(ub->ReadUntil("after the repair")) << ub->received();
+  EXPECT_EQ(CountAfterDrain(*ua, "after the repair"), 1u);
+  EXPECT_EQ(CountAfterDrain(*ub, "after the repair"), 1u);
+}
+
+}  // namespace
+}  // namespace qx::testing

@@ -1,0 +1,730 @@
+// The node network manager driven through its public interface: several managers joined by
+// in-memory wires (what one sends on a stream arrives as lines on the other's stream), or
+// one manager talking to a scripted peer.
+#include "node/node_network.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <set>
+
+#include "core/config.h"
+#include "core/stream_output.h"
+#include "core/stream_table.h"
+#include "core/text_util.h"
+#include "core/time_text.h"
+#include "spots/spot.h"
+
+namespace qx {
+namespace {
+
+using namespace std::chrono_literals;
+
+class FakeOut : public StreamOutput {
+ public:
+  void SendToStream(int stream, std::string_view text) override {
+    sent.push_back({stream, std::string(text)});
+  }
+  void CloseStream(int stream) override { closed.push_back(stream); }
+  void SetStreamIdentity(int stream, std::string_view call, int state) override {
+    identity[stream] = {std::string(call), state};
+  }
+  // Everything sent to stream, joined.
+  std::string To(int stream) const {
+    std::string all;
+    for (const auto& [s, t] : sent) {
+      if (s == stream) all += t;
+    }
+    return all;
+  }
+  std::vector<std::pair<int, std::string>> sent;
+  std::vector<int> closed;
+  std::map<int, std::pair<std::string, int>> identity;
+};
+
+size_t Count(std::string_view text, std::string_view what) {
+  size_t n = 0;
+  for (size_t p = text.find(what); p != std::string_view::npos; p = text.find(what, p + 1)) ++n;
+  return n;
+}
+
+// One node: its stream table, output and manager.  Spots that reach the intake are kept in a
+// set, the way the real intake refuses duplicates, and accepted ones are relayed.
+struct TestNode {
+  TestNode(std::string call, const std::string& cfg_text, const Clock& clock,
+           NodeNetworkOptions base = {})
+      : call(std::move(call)) {
+    Config cfg = ParseCfg(cfg_text);
+    NodeNetworkOptions o = base;
+    o.our_call = this->call;
+    o.version = "0.1";
+    NodeNetworkDeps d;
+    d.streams = &streams;
+    d.out = &out;
+    d.clock = &clock;
+    d.open_outgoing = [this](std::string_view host, int port, std::string_view label) {
+      opened.push_back(std::string(label));
+    };
+    d.spot_intake = [this](std::string_view sentence, int code, int stream) {
+      const auto f = Split(sentence, '^');
+      const std::string key = std::string(f[1]) + "|" + std::string(f[2]) + "|" + std::string(f[6]);
+      intake.push_back(std::string(sentence));
+      if (!seen_spots.insert(key).second) return false;
+      Spot spot;
+      const bool pc61 = f[0] == "PC61";
+      for (int i = 0; i <= kSlotOriginNode; ++i) spot.slots[size_t(i)] = f[size_t(i)];
+      spot.slots[kSlotAddress] = pc61 ? std::string(f[8]) : "";
+      spot.slots[kSlotHops] = std::string(f[pc61 ? 9 : 8]);
+      net->RelaySpot(spot, stream);
+      return true;
+    };
+    d.pc41.store = [this](std::string_view c, std::string_view line) {
+      stored_pc41.push_back(std::string(c) + "|" + std::string(line));
+    };
+    net = std::make_unique<NodeNetwork>(o, std::move(d));
+    net->Configure(cfg);
+    streams.EnsureCapacity(32);
+  }
+
+  // A logged-in local user on stream.
+  void AddUser(int stream, std::string_view user, uint32_t switches = ~0u) {
+    StreamEntry& e = streams.at(stream);
+    e.state = kStateUser;
+    e.call = std::string(user);
+    e.peer_address = "198.51.100.7:4000";
+    e.session.switches = switches;
+    net->UserLoggedInOut(user, stream, true);
+  }
+
+  std::string call;
+  StreamTable streams;
+  FakeOut out;
+  std::unique_ptr<NodeNetwork> net;
+  std::vector<std::string> opened;
+  std::vector<std::string> intake;
+  std::set<std::string> seen_spots;
+  std::vector<std::string> stored_pc41;
+};
+
+// Joins nodes: lines sent by one end of a wire arrive at the other.
+class Network {
+ public:
+  explicit Network(const Clock& clock) : clock_(clock) {}
+
+  TestNode& Add(const std::string& call, const std::string& cfg, NodeNetworkOptions o = {}) {
+    nodes_.push_back(std::make_unique<TestNode>(call, cfg, clock_, o));
+    return *nodes_.back();
+  }
+
+  // b calls a through the outgoing connection named label; the link runs its handshake.
+  void Link(TestNode& a, int sa, TestNode& b, int sb, const std::string& label) {
+    wires_.push_back({&a, sa, &b, sb});
+    wires_.push_back({&b, sb, &a, sa});
+    StreamEntry& out = b.streams.at(sb);
+    b.streams.Reset(sb);
+    out.state = kStateLoggingIn;
+    out.connection_label = label;
+    ASSERT_TRUE(b.net->OnConnectRequest(sb));
+    // The acceptor's banner; the caller answers the prompt with its call.
+    b.net->OnLine(sb, "Please enter your call: ");
+    b.net->OnPartialLine(sb, "login: ");
+    a.streams.Reset(sa);
+    a.streams.at(sa).state = kStateLoggingIn;
+    const std::string first = TakeFrom(b, sb);
+    ASSERT_EQ(first, b.call + "\r\n");
+    ASSERT_TRUE(a.net->OnNodeLogin(sa, b.call));
+    Pump();
+  }
+
+  // Delivers until nothing more moves.
+  void Pump() {
+    for (int round = 0; round < 100; ++round) {
+      bool moved = false;
+      for (const Wire& w : wires_) {
+        std::string text = TakeFrom(*w.from, w.from_stream);
+        if (text.empty()) continue;
+        moved = true;
+        for (std::string_view line : SplitLines(text)) {
+          if (!line.empty()) w.to->net->OnLine(w.to_stream, line);
+        }
+      }
+      if (!moved) return;
+    }
+    FAIL() << "the network never went quiet";
+  }
+
+  // Cuts a wire: both ends see their stream close.
+  void Cut(TestNode& a, int sa, TestNode& b, int sb) {
+    std::erase_if(wires_, [&](const Wire& w) {
+      return (w.from == &a && w.from_stream == sa) || (w.from == &b && w.from_stream == sb);
+    });
+    a.net->OnStreamClosed(sa);
+    a.streams.Reset(sa);
+    b.net->OnStreamClosed(sb);
+    b.streams.Reset(sb);
+    Pump();
+  }
+
+  // What a node sent on stream since the last take (wires take theirs in Pump).
+  std::string TakeFrom(TestNode& n, int stream) {
+    std::string text;
+    size_t& cursor = cursors_[{&n, stream}];
+    for (size_t i = cursor; i < n.out.sent.size(); ++i) {
+      if (n.out.sent[i].first == stream) text += n.out.sent[i].second;
+    }
+    // Remember how far this stream has been read: everything up to the end.
+    cursor = n.out.sent.size();
+    // Other streams' text before the cursor stays readable through FakeOut::To.
+    return text;
+  }
+
+ private:
+  struct Wire {
+    TestNode* from;
+    int from_stream;
+    TestNode* to;
+    int to_stream;
+  };
+  const Clock& clock_;
+  std::vector<std::unique_ptr<TestNode>> nodes_;
+  std::vector<Wire> wires_;
+  std::map<std::pair<TestNode*, int>, size_t> cursors_;
+};
+
+std::string Cfg(std::initializer_list<std::string> defined,
+                std::initializer_list<std::string> outgoing = {}) {
+  std::string cfg = "Cluster Call^X\r\n";
+  for (const std::string& d : defined) cfg += "Node Call & Node Type^" + d + " QXC\r\n";
+  for (const std::string& o : outgoing) {
+    cfg += "Outgoing Cluster^" + o + "\r\nRemoteNodeIs^" + o +
+           "\r\nIP Address^127.0.0.1\r\nIP Port^7300\r\nCluster Active^True\r\n";
+  }
+  return cfg;
+}
+
+class NodeNetworkTest : public ::testing::Test {
+ protected:
+  ManualClock clock_{MakeUtc(2026, 11, 21, 22, 0, 0)};
+  Network net_{clock_};
+};
+
+// Link start-up ----------------------------------------------------------------------------
+
+TEST_F(NodeNetworkTest, TwoNodesLinkInBothRolesAndSeeEachOther) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}));
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
+  b.net->SetReady(true);
+  b.net->Tick();
+  ASSERT_EQ(b.opened, std::vector<std::string>{"Q1AAA"});
+  net_.Link(a, 5, b, 7, "Q1AAA");
+
+  EXPECT_EQ(a.streams.at(5).state, kStateNodePc9x);
+  EXPECT_EQ(b.streams.at(7).state, kStateNodePc9x);
+  EXPECT_EQ(a.out.identity[5], (std::pair<std::string, int>{"Q2BBB", kStateNodePc9x}));
+  EXPECT_EQ(b.out.identity[7], (std::pair<std::string, int>{"Q1AAA", kStateNodePc9x}));
+  // Only the acceptor introduced itself with PC18.
+  EXPECT_EQ(Count(a.out.To(5), "PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^"), 1u);
+  EXPECT_EQ(Count(b.out.To(7), "PC18"), 0u);
+  ASSERT_NE(a.net->view().FindNode("Q2BBB"), nullptr);
+  ASSERT_NE(b.net->view().FindNode("Q1AAA"), nullptr);
+  EXPECT_EQ(a.net->NodeCount(), 1);
+  ASSERT_EQ(a.net->Links().size(), 1u);
+  EXPECT_TRUE(a.net->Links()[0].up);
+  EXPECT_FALSE(a.net->Links()[0].outgoing);
+  EXPECT_TRUE(b.net->Links()[0].outgoing);
+
+  // Users logged in before and after the link count on the other side.
+  a.AddUser(1, "Q5USR");
+  net_.Pump();
+  EXPECT_EQ(b.net->RemoteUserCount(), 1);
+  a.net->UserLoggedInOut("Q5USR", 1, false);
+  net_.Pump();
+  EXPECT_EQ(b.net->RemoteUserCount(), 0);
+}
+
+TEST_F(NodeNetworkTest, UndefinedCallIsNoNode) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}));
+  EXPECT_FALSE(a.net->OnNodeLogin(3, "Q5USR"));
+  EXPECT_TRUE(a.net->IsDefinedNode("q2bbb"));
+  EXPECT_TRUE(a.out.sent.empty());
+}
+
+TEST_F(NodeNetworkTest, NodeTypesDecideTheExpectedStyle) {
+  EXPECT_EQ(NodeNetwork::StyleOfType("QXC"), NodeNetwork::Style::kPc9x);
+  EXPECT_EQ(NodeNetwork::StyleOfType("dxs pc9x"), NodeNetwork::Style::kPc9x);
+  EXPECT_EQ(NodeNetwork::StyleOfType("ARC"), NodeNetwork::Style::kLegacy);
+  EXPECT_EQ(NodeNetwork::StyleOfType(""), NodeNetwork::Style::kLegacy);
+  // The "Nodes" list defines nodes too.
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}));
+  Config cfg = ParseCfg(Cfg({"Q2BBB"}));
+  cfg.List("Nodes").Add("Q3CCC ARC");
+  cfg.List("LocalNodes").Add("Q4DDD");
+  a.net->Configure(cfg);
+  EXPECT_TRUE(a.net->IsDefinedNode("Q2BBB"));
+  EXPECT_TRUE(a.net->IsDefinedNode("Q3CCC"));
+  EXPECT_TRUE(a.net->IsDefinedNode("Q4DDD"));
+}
+
+TEST_F(NodeNetworkTest, AcceptsALegacyPeerWithStrayLinesAndMissingTrailers) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q7XXX"}));
+  a.AddUser(1, "Q5USR");
+  a.streams.at(4).state = kStateLoggingIn;
+  ASSERT_TRUE(a.net->OnNodeLogin(4, "Q7XXX"));
+  EXPECT_EQ(net_.TakeFrom(a, 4), "PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^0.1^\r\n");
+  for (std::string_view l :
+       {"0", "PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7USR - 1^H25^", "PC20"}) {
+    a.net->OnLine(4, l);
+  }
+  const std::string reply = net_.TakeFrom(a, 4);
+  EXPECT_NE(reply.find("PC19^1^Q1AAA^0^5457^H99^\r\n"), std::string::npos) << reply;
+  EXPECT_NE(reply.find("PC16^Q1AAA^Q5USR - 1^H99^\r\n"), std::string::npos) << reply;
+  EXPECT_EQ(reply.substr(reply.size() - 7), "PC22^\r\n");
+  EXPECT_EQ(a.streams.at(4).state, kStateNodeLegacy);
+  EXPECT_EQ(a.net->RemoteUserCount(), 1);
+  // Legacy peers hear about users in PC16/PC17.
+  a.net->UserLoggedInOut("Q6NEW", 2, true);
+  EXPECT_EQ(net_.TakeFrom(a, 4), "PC16^Q1AAA^Q6NEW - 1^H99^\r\n");
+}
+
+TEST_F(NodeNetworkTest, CallsALegacyAcceptor) {
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q7XXX"}, {"Q7XXX"}));
+  b.net->SetReady(true);
+  b.net->Tick();
+  b.streams.at(6).state = kStateLoggingIn;
+  b.streams.at(6).connection_label = "Q7XXX";
+  ASSERT_TRUE(b.net->OnConnectRequest(6));
+  b.net->OnLine(6, "Welcome to the old node");
+  EXPECT_TRUE(b.net->OnPartialLine(6, "login: "));
+  EXPECT_EQ(net_.TakeFrom(b, 6), "Q2BBB\r\n");
+  b.net->OnLine(6, "PC38^Q7XXX^~");
+  b.net->OnLine(6, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
+  const std::string config = net_.TakeFrom(b, 6);
+  EXPECT_NE(config.find("PC19^1^Q2BBB^0^5457^H99^"), std::string::npos) << config;
+  EXPECT_EQ(config.substr(config.size() - 7), "PC20^\r\n");
+  b.net->OnLine(6, "PC19^1^Q7XXX^0^5455^H25^");
+  b.net->OnLine(6, "PC22^");
+  EXPECT_EQ(b.streams.at(6).state, kStateNodeLegacy);
+  EXPECT_FALSE(b.net->Links()[0].pc9x);
+}
+
+TEST_F(NodeNetworkTest, PromptCaughtUpByThePc18IsStillUnderstood) {
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
+  b.streams.at(6).state = kStateLoggingIn;
+  b.streams.at(6).connection_label = "Q1AAA";
+  ASSERT_TRUE(b.net->OnConnectRequest(6));
+  b.net->OnLine(6, "Please enter your call: ");
+  EXPECT_EQ(net_.TakeFrom(b, 6), "Q2BBB\r\n");
+  b.net->OnLine(6, "login: PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^0.1^");
+  EXPECT_NE(net_.TakeFrom(b, 6).find("PC20^"), std::string::npos);
+}
+
+TEST_F(NodeNetworkTest, CallsAPc9xAcceptorThatSpeaksPc92) {
+  TestNode& b = net_.Add("Q8YYY", Cfg({"Q9ZZZ-2"}, {"Q9ZZZ-2"}));
+  b.streams.at(6).state = kStateLoggingIn;
+  b.streams.at(6).connection_label = "Q9ZZZ-2";
+  ASSERT_TRUE(b.net->OnConnectRequest(6));
+  b.net->OnPartialLine(6, "login: ");
+  net_.TakeFrom(b, 6);
+  const int t = SecondsOfDay(clock_.Now());
+  b.net->OnLine(6, "PC18^ExampleNode Version: 2.3 Build: 120 pc9x 91^5300^");
+  const std::string config = net_.TakeFrom(b, 6);
+  EXPECT_NE(config.find("PC92^Q8YYY^" + std::to_string(t) + "^C^5Q8YYY:5457^"), std::string::npos)
+      << config;
+  b.net->OnLine(6, "PC92^Q9ZZZ-2^" + std::to_string(t) + "^A^^5Q8YYY:127.0.0.1^H99^");
+  b.net->OnLine(
+      6, "PC92^Q9ZZZ-2^" + std::to_string(t) + ".01^K^5Q9ZZZ-2:5300:^1^0^127.0.0.1^none/none^H99^");
+  b.net->OnLine(6, "PC22^");
+  EXPECT_EQ(b.streams.at(6).state, kStateNodePc9x);
+  const NetworkView::Node* peer = b.net->view().FindNode("Q9ZZZ-2");
+  ASSERT_NE(peer, nullptr);
+  EXPECT_EQ(peer->version, "5300");
+}
+
+// Relay ------------------------------------------------------------------------------------
+
+class RingTest : public NodeNetworkTest {
+ protected:
+  // A (stream 11 to B, 13 to C), B (21 to A, 23 to C), C (31 to A, 32 to B).
+  void SetUp() override {
+    a_ = &net_.Add("Q1AAA", Cfg({"Q2BBB", "Q3CCC"}, {"Q2BBB"}));
+    b_ = &net_.Add("Q2BBB", Cfg({"Q1AAA", "Q3CCC"}, {"Q3CCC"}));
+    c_ = &net_.Add("Q3CCC", Cfg({"Q1AAA", "Q2BBB"}, {"Q1AAA"}));
+    net_.Link(*b_, 21, *a_, 11, "Q2BBB");
+    net_.Link(*c_, 32, *b_, 23, "Q3CCC");
+    net_.Link(*a_, 13, *c_, 31, "Q1AAA");
+    a_->AddUser(1, "Q5USR");
+    b_->AddUser(1, "Q6USR");
+    c_->AddUser(1, "Q7USR");
+    c_->AddUser(2, "Q7QUIET", kDefaultSwitches & ~(kSwAnnouncements | kSwTalk | kSwWx));
+    net_.Pump();
+  }
+  Spot LocalSpot(std::string_view address) {
+    Spot s;
+    s.slots = {"PC61",    "14025.0", "Q4DX",  "21-Nov-2026",        "2200Z",
+               "cq test", "Q5USR",   "Q1AAA", std::string(address), "H100",
+               "~"};
+    s.IsLocal = true;
+    return s;
+  }
+  TestNode* a_;
+  TestNode* b_;
+  TestNode* c_;
+};
+
+TEST_F(RingTest, EveryNodeKnowsEveryUser) {
+  for (TestNode* n : {a_, b_, c_}) {
+    EXPECT_EQ(n->net->NodeCount(), 2) << n->call;
+    EXPECT_EQ(n->net->Links().size(), 2u) << n->call;
+  }
+  EXPECT_EQ(a_->net->RemoteUserCount(), 3);
+  EXPECT_EQ(c_->net->RemoteUserCount(), 2);
+  const auto who = a_->net->Lines("who");
+  ASSERT_EQ(who.size(), 3u);
+  EXPECT_NE(who[0].find("Q6USR"), std::string::npos);
+}
+
+TEST_F(RingTest, SpotReachesEveryNodeOnceAndNeverGoesBack) {
+  a_->net->RelaySpot(LocalSpot("198.51.100.7"), 1);
+  // A sent one PC61 on each link (public address, PC9x peers).
+  EXPECT_EQ(Count(a_->out.To(11), "PC61^14025.0^Q4DX"), 1u);
+  EXPECT_EQ(Count(a_->out.To(13), "PC61^14025.0^Q4DX"), 1u);
+  net_.Pump();
+  EXPECT_EQ(b_->seen_spots.size(), 1u);
+  EXPECT_EQ(c_->seen_spots.size(), 1u);
+  // B passed it to C, which also heard it from A; nobody sends it back towards A.
+  EXPECT_EQ(b_->intake.size() + c_->intake.size(), 3u);
+  EXPECT_TRUE(a_->intake.empty());
+  EXPECT_EQ(Count(b_->out.To(21), "Q4DX"), 0u);
+  EXPECT_EQ(Count(c_->out.To(31), "Q4DX"), 0u);
+  // Relayed copies carry one hop less.
+  EXPECT_NE(b_->out.To(23).find("^198.51.100.7^H98^~"), std::string::npos) << b_->out.To(23);
+}
+
+TEST_F(RingTest, SpotFromAPrivateOrUnknownAddressTravelsAsPc11) {
+  for (const char* address : {"192.168.1.2", "127.0.0.1", ""}) {
+    const size_t before = Count(a_->out.To(11), "PC11^");
+    Spot s = LocalSpot(address);
+    s.slots[kSlotDxCall] = std::string("Q4DX") + (address[0] ? address : "none");
+    a_->net->RelaySpot(s, 1);
+    EXPECT_EQ(Count(a_->out.To(11), "PC11^"), before + 1) << address;
+    EXPECT_EQ(Count(a_->out.To(11), "PC61^"), 0u) << address;
+  }
+}
+
+TEST_F(RingTest, SpotWithItsLastHopIsUsedButNotPassedOn) {
+  b_->net->OnLine(21, "PC11^7010.0^Q4LAST^21-Nov-2026^2200Z^last hop^Q5USR^Q1AAA^H1^~");
+  EXPECT_EQ(b_->seen_spots.size(), 1u);
+  EXPECT_EQ(Count(b_->out.To(23), "Q4LAST"), 0u);
+}
+
+TEST_F(RingTest, AnnouncementReachesEveryUserOnce) {
+  a_->net->Announce("Q5USR", "*", "full announcement");
+  net_.Pump();
+  EXPECT_EQ(Count(b_->out.To(1), "To ALL de Q5USR: full announcement\r\n"), 1u);
+  EXPECT_EQ(Count(c_->out.To(1), "To ALL de Q5USR: full announcement\r\n"), 1u);
+  EXPECT_EQ(Count(a_->out.To(1), "full announcement"), 0u);  // the sender's node shows it itself
+  EXPECT_EQ(Count(c_->out.To(2), "full announcement"), 0u);  // SET/NOANNOUNCE
+  a_->net->Announce("Q5USR", "WX", "rain");
+  net_.Pump();
+  EXPECT_EQ(Count(b_->out.To(1), "WX de Q5USR: rain\r\n"), 1u);
+  EXPECT_EQ(Count(c_->out.To(2), "rain"), 0u);
+}
+
+TEST_F(RingTest, TalkFollowsTheRouteToTheUsersNode) {
+  ASSERT_TRUE(a_->net->Talk("Q5USR", "Q7USR", "hello there"));
+  EXPECT_EQ(Count(a_->out.To(13), "^Q7USR^Q5USR^*^hello there^"), 1u);
+  EXPECT_EQ(Count(a_->out.To(11), "hello there"), 0u);
+  net_.Pump();
+  EXPECT_EQ(Count(c_->out.To(1), "Q7USR de Q5USR: hello there\r\n"), 1u);
+  EXPECT_EQ(Count(b_->out.To(1), "hello there"), 0u);
+  EXPECT_FALSE(a_->net->Talk("Q5USR", "Q0NONE", "nobody"));
+  ASSERT_TRUE(a_->net->Talk("Q5USR", "Q7QUIET", "shh"));
+  net_.Pump();
+  EXPECT_EQ(Count(c_->out.To(2), "shh"), 0u);  // SET/NOTALK
+}
+
+TEST_F(RingTest, UserInformationIsFiledOnceOnEveryOtherNode) {
+  a_->net->SendPc41("PC41^Q5USR^1^Ann^H99^~\r\n");
+  net_.Pump();
+  EXPECT_EQ(b_->stored_pc41.size(), 1u);
+  EXPECT_EQ(c_->stored_pc41.size(), 1u);
+  EXPECT_TRUE(a_->stored_pc41.empty());
+  ASSERT_FALSE(b_->stored_pc41.empty());
+  EXPECT_EQ(b_->stored_pc41[0].substr(0, 16), "Q5USR|PC41^^PC41");
+}
+
+TEST_F(RingTest, LinkCheckForAnotherNodeGoesTowardsIt) {
+  b_->net->OnLine(21, "PC51^Q3CCC^Q1AAA^1^");
+  EXPECT_EQ(Count(b_->out.To(23), "PC51^Q3CCC^Q1AAA^1^\r\n"), 1u);
+  b_->net->OnLine(23, "PC51^Q3CCC^Q1AAA^1^");  // would go back where it came from
+  EXPECT_EQ(Count(b_->out.To(23), "PC51^Q3CCC^Q1AAA^1^\r\n"), 1u);
+}
+
+TEST_F(RingTest, LostLinkIsAnnouncedAndTheViewHeals) {
+  net_.Cut(*b_, 21, *a_, 11);
+  EXPECT_EQ(Count(b_->out.To(23), "^D^^5Q1AAA^H99^"), 1u);
+  EXPECT_EQ(b_->net->Links().size(), 1u);
+  // A's next full configuration, due soon after its link change, reaches B through C.
+  clock_.Advance(900s);
+  for (TestNode* n : {a_, b_, c_}) n->net->Tick();
+  net_.Pump();
+  ASSERT_NE(b_->net->view().FindNode("Q1AAA"), nullptr);
+  EXPECT_EQ(b_->net->view().RouteTo("Q5USR"), 23);
+  ASSERT_TRUE(b_->net->Talk("Q6USR", "Q5USR", "around"));
+  net_.Pump();
+  EXPECT_EQ(Count(a_->out.To(1), "Q5USR de Q6USR: around\r\n"), 1u);
+}
+
+TEST_F(RingTest, LegacyNeighbourGetsPc11Pc12AndPc10) {
+  // A fourth, legacy neighbour of A on stream 15.
+  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
+  a_->streams.at(15).state = kStateLoggingIn;
+  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
+  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^H25^", "PC20^"}) {
+    a_->net->OnLine(15, l);
+  }
+  net_.Pump();
+  net_.TakeFrom(*a_, 15);
+  // The legacy node's user is known network-wide through PC92 sent on its behalf.
+  EXPECT_EQ(b_->net->view().RouteTo("Q7OLD"), 21);
+
+  a_->net->RelaySpot(LocalSpot("198.51.100.7"), 1);
+  std::string sent = net_.TakeFrom(*a_, 15);
+  EXPECT_NE(sent.find("PC11^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q5USR^Q1AAA^H99^~"),
+            std::string::npos)
+      << sent;
+  b_->net->Announce("Q6USR", "*", "to the old ones");
+  net_.Pump();
+  sent = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(Count(sent, "PC12^Q6USR^*^to the old ones^ ^Q2BBB^0^H99^~"), 1u) << sent;
+
+  // A PC12 from the legacy side reaches every user once, however often it comes in.
+  a_->net->OnLine(15, "PC12^Q7OLD^*^old news^ ^Q7XXX^0^H30^~");
+  a_->net->OnLine(15, "PC12^Q7OLD^*^old news^ ^Q7XXX^0^H29^~");
+  net_.Pump();
+  EXPECT_EQ(Count(a_->out.To(1), "To ALL de Q7OLD: old news\r\n"), 1u);
+  EXPECT_EQ(Count(c_->out.To(1), "To ALL de Q7OLD: old news\r\n"), 1u);
+
+  // Talk from the legacy side to a user on C, and back.
+  a_->net->OnLine(15, "PC10^Q7OLD^Q7USR^hi from afar^*^ ^Q7XXX^~");
+  net_.Pump();
+  EXPECT_EQ(Count(c_->out.To(1), "Q7USR de Q7OLD: hi from afar\r\n"), 1u);
+  ASSERT_TRUE(c_->net->Talk("Q7USR", "Q7OLD", "hi back"));
+  net_.Pump();
+  EXPECT_EQ(Count(net_.TakeFrom(*a_, 15), "PC10^Q7USR^Q7OLD^hi back^*^ ^Q3CCC^~"), 1u);
+}
+
+// Keep-alive -------------------------------------------------------------------------------
+
+TEST_F(NodeNetworkTest, PingsAreAnsweredAndTimed) {
+  NodeNetworkOptions o;
+  o.first_ping_delay = 10;
+  o.ping_interval = 300;
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
+  net_.Link(a, 5, b, 7, "Q1AAA");
+  clock_.Advance(9s);
+  a.net->Tick();
+  EXPECT_EQ(Count(a.out.To(5), "PC51"), 0u);
+  clock_.Advance(1s);
+  a.net->Tick();
+  EXPECT_EQ(Count(a.out.To(5), "PC51^Q2BBB^Q1AAA^1^\r\n"), 1u);
+  clock_.Advance(250ms);
+  net_.Pump();
+  EXPECT_EQ(Count(b.out.To(7), "PC51^Q1AAA^Q2BBB^0^\r\n"), 1u);
+  ASSERT_EQ(a.net->Links().size(), 1u);
+  EXPECT_NEAR(a.net->Links()[0].last_rtt_ms, 250.0, 1.0);
+  const auto lines = a.net->Lines("links");
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[1].find("Q2BBB"), std::string::npos);
+  EXPECT_NE(lines[1].find("PC9x"), std::string::npos);
+  EXPECT_NE(lines[1].find(" 250 "), std::string::npos) << lines[1];
+  for (int i = 0; i < 5; ++i) {
+    clock_.Advance(300s);
+    a.net->Tick();
+    b.net->Tick();
+    net_.Pump();
+  }
+  EXPECT_TRUE(a.out.closed.empty());
+  EXPECT_TRUE(b.out.closed.empty());
+}
+
+TEST_F(NodeNetworkTest, LinkDropsAfterTwoUnansweredPings) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q7XXX"}));
+  a.streams.at(4).state = kStateLoggingIn;
+  ASSERT_TRUE(a.net->OnNodeLogin(4, "Q7XXX"));
+  a.net->OnLine(4, "PC20^");
+  ASSERT_EQ(a.streams.at(4).state, kStateNodeLegacy);
+  net_.TakeFrom(a, 4);
+  clock_.Advance(10s);
+  a.net->Tick();
+  clock_.Advance(300s);
+  a.net->Tick();
+  EXPECT_EQ(Count(net_.TakeFrom(a, 4), "PC51^Q7XXX^Q1AAA^1^"), 2u);
+  EXPECT_TRUE(a.out.closed.empty());
+  clock_.Advance(300s);
+  a.net->Tick();
+  EXPECT_EQ(a.out.closed, std::vector<int>{4});
+  EXPECT_EQ(Count(net_.TakeFrom(a, 4), "PC39^Q1AAA^"), 1u);
+}
+
+TEST_F(NodeNetworkTest, AnyTrafficCountsAsAnAnswer) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q7XXX"}));
+  a.streams.at(4).state = kStateLoggingIn;
+  ASSERT_TRUE(a.net->OnNodeLogin(4, "Q7XXX"));
+  a.net->OnLine(4, "PC20^");
+  for (int i = 0; i < 13; ++i) {
+    clock_.Advance(300s);
+    a.net->Tick();
+    a.net->OnLine(4, "PC50^Q7XXX^3^H99^");
+  }
+  EXPECT_TRUE(a.out.closed.empty());
+  // Legacy neighbours get PC50 every hour.
+  EXPECT_GE(Count(a.out.To(4), "PC50^Q1AAA^0^H99^"), 1u);
+}
+
+TEST_F(NodeNetworkTest, KeepaliveAndFullConfigurationOnTheirTimers) {
+  NodeNetworkOptions o;
+  o.keepalive_interval = 3600;
+  o.config_interval = 4 * 3600;
+  o.config_after_change = 900;
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
+  net_.Link(a, 5, b, 7, "Q1AAA");
+  const size_t k0 = Count(a.out.To(5), "^K^5Q1AAA");
+  const size_t c0 = Count(a.out.To(5), "^C^5Q1AAA");
+  const auto tick = [&](std::chrono::seconds d) {
+    clock_.Advance(d);
+    a.net->Tick();
+    net_.Pump();  // B answers the pings
+  };
+  tick(899s);
+  EXPECT_EQ(Count(a.out.To(5), "^C^5Q1AAA"), c0);
+  tick(1s);
+  EXPECT_EQ(Count(a.out.To(5), "^C^5Q1AAA"), c0 + 1);
+  tick(2700s);
+  EXPECT_EQ(Count(a.out.To(5), "^K^5Q1AAA"), k0 + 1);
+  for (int i = 0; i < 48; ++i) tick(300s);
+  EXPECT_EQ(Count(a.out.To(5), "^C^5Q1AAA"), c0 + 2);
+  EXPECT_EQ(Count(a.out.To(5), "^K^5Q1AAA"), k0 + 5);
+  // What the timers send passes the neighbour's checks.
+  net_.Pump();
+  EXPECT_NE(b.net->view().FindNode("Q1AAA"), nullptr);
+}
+
+// Outgoing connections, sysop commands, restart -------------------------------------------------
+
+TEST_F(NodeNetworkTest, OutgoingConnectionIsRetriedAfterTheInterval) {
+  NodeNetworkOptions o;
+  o.retry_interval = 60;
+  TestNode& b = net_.Add("Q2BBB", Cfg({}, {"Q1AAA"}), o);
+  b.net->Tick();
+  EXPECT_TRUE(b.opened.empty());  // not before the front-end link is ready
+  b.net->SetReady(true);
+  b.net->Tick();
+  ASSERT_EQ(b.opened.size(), 1u);
+  b.net->OnOutgoingFailed("Q1AAA", "Connection refused");
+  clock_.Advance(59s);
+  b.net->Tick();
+  EXPECT_EQ(b.opened.size(), 1u);
+  clock_.Advance(1s);
+  b.net->Tick();
+  EXPECT_EQ(b.opened.size(), 2u);
+  // CONNECT while an attempt is on its way, DISCONNECT when there is no link.
+  EXPECT_EQ(b.net->LinkCommand("Q9NONE", true), "Q9NONE: no outgoing connection defined");
+  EXPECT_EQ(b.net->LinkCommand("Q1AAA", false), "Q1AAA: not connected");
+}
+
+TEST_F(NodeNetworkTest, DisconnectSaysGoodbyeAndTheLinkComesBack) {
+  NodeNetworkOptions o;
+  o.retry_interval = 5;
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
+  b.net->SetReady(true);
+  b.net->Tick();
+  net_.Link(a, 5, b, 7, "Q1AAA");
+  EXPECT_EQ(b.net->LinkCommand("Q1AAA", false), "Disconnecting Q1AAA");
+  EXPECT_EQ(b.out.closed, std::vector<int>{7});
+  EXPECT_NE(net_.TakeFrom(b, 7).find("PC39^Q2BBB^Disconnected by System Op^H99^"),
+            std::string::npos);
+  net_.Cut(a, 5, b, 7);
+  EXPECT_EQ(a.net->NodeCount(), 0);
+  EXPECT_TRUE(b.net->Links().empty());
+  clock_.Advance(5s);
+  b.net->Tick();
+  ASSERT_EQ(b.opened.size(), 2u);
+  net_.Link(a, 6, b, 8, "Q1AAA");
+  EXPECT_EQ(a.net->NodeCount(), 1);
+  EXPECT_EQ(b.streams.at(8).state, kStateNodePc9x);
+}
+
+TEST_F(NodeNetworkTest, NodesCallingEachOtherAtOnceKeepOneLink) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}, {"Q2BBB"}));
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
+  for (TestNode* n : {&a, &b}) {
+    n->streams.at(3).state = kStateLoggingIn;
+    n->streams.at(3).connection_label = n == &a ? "Q2BBB" : "Q1AAA";
+    ASSERT_TRUE(n->net->OnConnectRequest(3));
+    n->streams.at(4).state = kStateLoggingIn;
+  }
+  // Each side's call arrives at the other on stream 4.
+  EXPECT_TRUE(a.net->OnNodeLogin(4, "Q2BBB"));
+  EXPECT_TRUE(b.net->OnNodeLogin(4, "Q1AAA"));
+  // Q1AAA's call (A's stream 3, B's stream 4) is the one that stays.
+  EXPECT_EQ(a.out.closed, std::vector<int>{4});
+  EXPECT_EQ(b.out.closed, std::vector<int>{3});
+  ASSERT_EQ(a.net->Links().size(), 1u);
+  EXPECT_TRUE(a.net->Links()[0].outgoing);
+  ASSERT_EQ(b.net->Links().size(), 1u);
+  EXPECT_FALSE(b.net->Links()[0].outgoing);
+}
+
+TEST_F(NodeNetworkTest, Pc39FromTheNeighbourClosesTheLink) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q7XXX"}));
+  a.streams.at(4).state = kStateLoggingIn;
+  ASSERT_TRUE(a.net->OnNodeLogin(4, "Q7XXX"));
+  a.net->OnLine(4, "PC20^");
+  a.net->OnLine(4, "PC39^Q6OTHER^bye^H30^");
+  EXPECT_TRUE(a.out.closed.empty());
+  a.net->OnLine(4, "PC39^Q7XXX^Disconnected by System Op^H30^");
+  EXPECT_EQ(a.out.closed, std::vector<int>{4});
+}
+
+TEST_F(NodeNetworkTest, RecoveredNodeStreamResumesWithItsIntroduction) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}, {"Q2BBB"}));
+  StreamEntry& e = a.streams.at(9);
+  e.call = "Q2BBB";
+  e.state = kStateNodePc9x;
+  e.connection_label = "Q2BBB";
+  a.net->OnStreamRecovered(9);
+  const std::string sent = net_.TakeFrom(a, 9);
+  EXPECT_EQ(sent.substr(0, 47), "PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^");
+  ASSERT_EQ(a.net->Links().size(), 1u);
+  EXPECT_TRUE(a.net->Links()[0].up);
+  EXPECT_TRUE(a.net->Links()[0].outgoing);
+  // No second connection is opened for a link that survived.
+  a.net->SetReady(true);
+  a.net->Tick();
+  EXPECT_TRUE(a.opened.empty());
+  // A stream caught in its handshake cannot resume.
+  StreamEntry& f = a.streams.at(10);
+  f.call = "Q3CCC";
+  f.state = kStateNodeConnecting;
+  a.net->OnStreamRecovered(10);
+  EXPECT_EQ(a.out.closed, std::vector<int>{10});
+}
+
+TEST(NodeNetworkAddress, PublicAddresses) {
+  for (const char* a : {"198.51.100.7", "8.8.8.8", "2001:db8::1", "2001,db8,,1", "172.32.0.1"}) {
+    EXPECT_TRUE(NodeNetwork::IsPublicAddress(a)) << a;
+  }
+  for (const char* a :
+       {"", "127.0.0.1", "10.1.2.3", "172.16.0.1", "172.31.255.255", "192.168.0.1", "169.254.1.1",
+        "::1", "fe80::1", "fd00::1", "1.2.3", "256.1.1.1", "example.org", "0.0.0.0"}) {
+    EXPECT_FALSE(NodeNetwork::IsPublicAddress(a)) << a;
+  }
+}
+
+}  // namespace
+}  // namespace qx

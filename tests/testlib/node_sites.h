@@ -1,0 +1,235 @@
+// Several real nodes on loopback, each with its own program directory, front-end and ports,
+// and a plain TCP listener for scripted peers that a node calls.  Everything started is
+// stopped when the objects go away.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <gtest/gtest.h>
+
+#include "tests/testlib/test_util.h"
+
+namespace qx::testing {
+
+// The country file the nodes need: spots from spotters of no known country are refused.
+inline constexpr const char* kSystemCountryFile = "/usr/share/hamradio-files/cty.dat";
+
+class NodeSite {
+ public:
+  explicit NodeSite(std::string call)
+      : call_(std::move(call)),
+        link_port_(FreePort()),
+        user_port_(FreePort()),
+        console_port_(FreePort()) {}
+  ~NodeSite() {
+    node_.reset();
+    front_.reset();
+  }
+
+  // Configuration lines added to cluster.cfg.
+  void Define(std::string_view node_call, std::string_view type = "QXC") {
+    extra_ += "Node Call & Node Type^" + std::string(node_call) + " " + std::string(type) + "\r\n";
+  }
+  void Outgoing(std::string_view node_call, int port, bool active = true) {
+    extra_ += "Outgoing Cluster^" + std::string(node_call) + "\r\nRemoteNodeIs^" +
+              std::string(node_call) + "\r\nIP Address^127.0.0.1\r\nIP Port^" +
+              std::to_string(port) + "\r\nCluster Active^" + (active ? "True" : "False") + "\r\n";
+  }
+  void Setting(std::string_view key, std::string_view value) {
+    extra_ += std::string(key) + "^" + std::string(value) + "\r\n";
+  }
+  void Password(std::string_view call, std::string_view password, int level) {
+    passwords_ +=
+        std::string(call) + "^" + std::string(password) + "^" + std::to_string(level) + "\n";
+  }
+
+  void Write() {
+    std::string cfg = "Cluster Call^" + call_ + "\r\nWinsock IP^127.0.0.1\r\n";
+    cfg += "Winsock Port^" + std::to_string(link_port_) + "\r\n";
+    cfg += "Winsock App Path^\r\n";
+    cfg += "Frontend Ports^" + std::to_string(user_port_) + "\r\n";
+    cfg += "Console Port^" + std::to_string(console_port_) + "\r\n";
+    cfg += extra_;
+    WriteFile(home() / "cluster.cfg", cfg);
+    std::filesystem::create_directories(home() / "data/files");
+    std::error_code ec;
+    std::filesystem::copy_file(kSystemCountryFile, home() / "data/files/cty_wt_mod.dat",
+                               std::filesystem::copy_options::overwrite_existing, ec);
+    if (!passwords_.empty()) WriteFile(home() / "data/files/passwords.dat", passwords_);
+  }
+  void StartFront() {
+    front_ = std::make_unique<ChildProcess>(
+        QX_FRONT_BIN, std::vector<std::string>{"--home", home().string()}, home(), "qxfront");
+  }
+  void StartNode() {
+    node_ = std::make_unique<ChildProcess>(QX_CLUSTER_BIN,
+                                           std::vector<std::string>{"--home", home().string()},
+                                           home(), "qxcluster-" + std::to_string(++starts_));
+  }
+  // Starts both programs and waits until the node has its link to the front-end (a
+  // connection made before that is reported to the node as an existing stream, with no
+  // log-in banner).
+  void Start() {
+    Write();
+    StartFront();
+    StartNode();
+    EXPECT_TRUE(WaitOutput("Recovery complete")) << node_->Output();
+  }
+
+  // The node's console output (this start) holds needle at least count times.
+  bool WaitOutput(std::string_view needle, int count = 1,
+                  std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    return WaitFor([&] { return Occurrences(node_->Output(), needle) >= size_t(count); }, limit);
+  }
+
+  std::unique_ptr<LineClient> Connect() {
+    auto c = std::make_unique<LineClient>();
+    EXPECT_TRUE(c->Connect(user_port_));
+    EXPECT_TRUE(c->ReadUntil("login: ", std::chrono::seconds(15))) << c->received();
+    c->ClearReceived();
+    return c;
+  }
+  // Logs a user in (answering the password and name questions); returns it at its prompt.
+  std::unique_ptr<LineClient> LogIn(std::string_view call, std::string_view password = {}) {
+    auto c = Connect();
+    c->SendLine(call);
+    if (!password.empty()) {
+      EXPECT_TRUE(c->ReadUntil("password: ")) << c->received();
+      c->SendLine(password);
+    }
+    EXPECT_TRUE(WaitFor(
+        [&] {
+          c->Drain(std::chrono::milliseconds(50));
+          return c->received().find("Please enter your name") != std::string::npos ||
+                 c->received().find("QXC >") != std::string::npos;
+        },
+        std::chrono::seconds(10)))
+        << c->received();
+    if (c->received().find("Please enter your name") != std::string::npos) {
+      c->ClearReceived();
+      c->SendLine("Ann");
+      EXPECT_TRUE(c->ReadUntil("(Y or N) >")) << c->received();
+      c->ClearReceived();
+      c->SendLine("y");
+    }
+    EXPECT_TRUE(c->ReadUntil("QXC >", std::chrono::seconds(10))) << c->received();
+    c->ClearReceived();
+    return c;
+  }
+
+  static size_t Occurrences(std::string_view text, std::string_view what) {
+    size_t n = 0;
+    for (size_t p = text.find(what); p != std::string_view::npos; p = text.find(what, p + 1)) {
+      ++n;
+    }
+    return n;
+  }
+
+  const std::string& call() const { return call_; }
+  std::filesystem::path home() const { return dir_.path(); }
+  int user_port() const { return user_port_; }
+  ChildProcess& node() { return *node_; }
+  ChildProcess& front() { return *front_; }
+
+ private:
+  std::string call_;
+  TempDir dir_;
+  int link_port_;
+  int user_port_;
+  int console_port_;
+  int starts_ = 0;
+  std::string extra_;
+  std::string passwords_;
+  std::unique_ptr<ChildProcess> front_;
+  std::unique_ptr<ChildProcess> node_;
+};
+
+// A scripted peer's end of a connection that a node opened to it.
+class PeerListener {
+ public:
+  PeerListener() : port_(FreePort()) {
+    listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    int one = 1;
+    ::setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(uint16_t(port_));
+    bound_ = ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+             ::listen(listen_fd_, 4) == 0;
+  }
+  ~PeerListener() {
+    if (fd_ >= 0) ::close(fd_);
+    if (listen_fd_ >= 0) ::close(listen_fd_);
+  }
+  int port() const { return port_; }
+  bool bound() const { return bound_; }
+
+  bool Accept(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    pollfd p{listen_fd_, POLLIN, 0};
+    if (::poll(&p, 1, int(limit.count())) <= 0) return false;
+    fd_ = ::accept(listen_fd_, nullptr, nullptr);
+    return fd_ >= 0;
+  }
+  bool Send(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      if (n <= 0) return false;
+      bytes.remove_prefix(size_t(n));
+    }
+    return true;
+  }
+  bool SendLine(std::string_view line) { return Send(std::string(line) + "\r\n"); }
+  std::optional<std::string> ReadUntil(std::string_view needle,
+                                       std::chrono::milliseconds limit = std::chrono::seconds(15)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (received_.find(needle) == std::string::npos) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          end - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return std::nullopt;
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, int(left.count())) <= 0) continue;
+      char buf[4096];
+      const ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
+      if (n <= 0) return std::nullopt;
+      received_.append(buf, size_t(n));
+    }
+    return received_;
+  }
+  const std::string& received() const { return received_; }
+  void ClearReceived() { received_.clear(); }
+  // True when the node closed the connection within limit.
+  bool WaitClosed(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, 100) <= 0) continue;
+      char buf[4096];
+      const ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
+      if (n <= 0) return true;
+      received_.append(buf, size_t(n));
+    }
+    return false;
+  }
+
+ private:
+  int port_;
+  int listen_fd_ = -1;
+  int fd_ = -1;
+  bool bound_ = false;
+  std::string received_;
+};
+
+}  // namespace qx::testing
