@@ -126,7 +126,6 @@ class ClusterNode final : public LinkEvents,
   AccessLists access_;
   LogonMessages messages_;
   CountryLookup countries_;
-  RecordingNodeRelay relay_;
   std::unique_ptr<NodeNetwork> network_;  // the node links; also the users' NodeRelay
   BadLists bad_lists_;
   BandTable bands_ = BandTable::SetupFreqRanges();
