@@ -152,7 +152,9 @@ void NodeNetwork::Configure(const Config& config) {
     if (Trim(c.name).empty()) continue;
     Outgoing o;
     o.def = c;
-    o.peer = ToUpper(Trim(c.remote_node_is.empty() ? c.name : c.remote_node_is));
+    // The connection is named after the node it reaches; RemoteNodeIs says what kind of
+    // node that is ("QXC", "DXS", ...), which decides the style expected on the link.
+    o.peer = ToUpper(Trim(c.name));
     o.wanted = c.IsActive();
     // Keep what is known of a connection that survives the new configuration.
     for (const Outgoing& old : outgoing_) {
@@ -163,7 +165,10 @@ void NodeNetwork::Configure(const Config& config) {
       }
     }
     // An outgoing connection names a node even when the node group forgot it.
-    if (!defined_.count(o.peer)) defined_[o.peer] = Style::kPc9x;
+    if (!defined_.count(o.peer)) {
+      defined_[o.peer] =
+          Trim(c.remote_node_is).empty() ? Style::kPc9x : StyleOfType(c.remote_node_is);
+    }
     next.push_back(std::move(o));
   }
   outgoing_ = std::move(next);

@@ -106,7 +106,7 @@ TEST_F(NodePeerTest, NodeCallsALegacyPeer) {
   PeerListener peer;
   ASSERT_TRUE(peer.bound());
   node_.Define("K7LEG", "ARC");
-  node_.Outgoing("K7LEG", peer.port());
+  node_.Outgoing("K7LEG", peer.port(), true, "ARC");
   node_.Start();
   ASSERT_TRUE(peer.Accept()) << node_.node().Output();
   peer.Send("Old node here\r\n\r\nlogin: ");

@@ -197,7 +197,7 @@ std::string Cfg(std::initializer_list<std::string> defined,
   std::string cfg = "Cluster Call^X\r\n";
   for (const std::string& d : defined) cfg += "Node Call & Node Type^" + d + " QXC\r\n";
   for (const std::string& o : outgoing) {
-    cfg += "Outgoing Cluster^" + o + "\r\nRemoteNodeIs^" + o +
+    cfg += "Outgoing Cluster^" + o + "\r\nRemoteNodeIs^QXC" +
            "\r\nIP Address^127.0.0.1\r\nIP Port^7300\r\nCluster Active^True\r\n";
   }
   return cfg;

@@ -42,9 +42,10 @@ class NodeSite {
   void Define(std::string_view node_call, std::string_view type = "QXC") {
     extra_ += "Node Call & Node Type^" + std::string(node_call) + " " + std::string(type) + "\r\n";
   }
-  void Outgoing(std::string_view node_call, int port, bool active = true) {
+  void Outgoing(std::string_view node_call, int port, bool active = true,
+                std::string_view kind = "QXC") {
     extra_ += "Outgoing Cluster^" + std::string(node_call) + "\r\nRemoteNodeIs^" +
-              std::string(node_call) + "\r\nIP Address^127.0.0.1\r\nIP Port^" +
+              std::string(kind) + "\r\nIP Address^127.0.0.1\r\nIP Port^" +
               std::to_string(port) + "\r\nCluster Active^" + (active ? "True" : "False") + "\r\n";
   }
   void Setting(std::string_view key, std::string_view value) {
