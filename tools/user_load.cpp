@@ -463,12 +463,12 @@ class Load {
   bool AllComplete(int first, int end) { return complete_floor(first, end) == end; }
 
   void ArmTimer(Clock::time_point at) {
-    itimerspec spec{};
+    itimerspec when{};
     const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(at.time_since_epoch());
-    spec.it_value.tv_sec = ns.count() / 1000000000;
-    spec.it_value.tv_nsec = ns.count() % 1000000000;
-    if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) spec.it_value.tv_nsec = 1;
-    ::timerfd_settime(timer_, TFD_TIMER_ABSTIME, &spec, nullptr);
+    when.it_value.tv_sec = ns.count() / 1000000000;
+    when.it_value.tv_nsec = ns.count() % 1000000000;
+    if (when.it_value.tv_sec == 0 && when.it_value.tv_nsec == 0) when.it_value.tv_nsec = 1;
+    ::timerfd_settime(timer_, TFD_TIMER_ABSTIME, &when, nullptr);
   }
 
   void Send(int user, std::string_view text) {

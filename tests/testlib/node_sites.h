@@ -45,8 +45,8 @@ class NodeSite {
   void Outgoing(std::string_view node_call, int port, bool active = true,
                 std::string_view kind = "QXC") {
     extra_ += "Outgoing Cluster^" + std::string(node_call) + "\r\nRemoteNodeIs^" +
-              std::string(kind) + "\r\nIP Address^127.0.0.1\r\nIP Port^" +
-              std::to_string(port) + "\r\nCluster Active^" + (active ? "True" : "False") + "\r\n";
+              std::string(kind) + "\r\nIP Address^127.0.0.1\r\nIP Port^" + std::to_string(port) +
+              "\r\nCluster Active^" + (active ? "True" : "False") + "\r\n";
   }
   void Setting(std::string_view key, std::string_view value) {
     extra_ += std::string(key) + "^" + std::string(value) + "\r\n";
