@@ -12,6 +12,7 @@
 #include "core/stream_table.h"
 #include "core/text_util.h"
 #include "node/pc_builders.h"
+#include "spots/call_sign.h"
 #include "spots/spot.h"
 
 namespace qx {
@@ -48,8 +49,6 @@ std::string AddressOnly(std::string_view peer) {
 }
 
 bool IsAnnounceTarget(std::string_view to) { return to == "*" || to == "SYSOP" || to == "WX"; }
-
-std::string_view BaseOf(std::string_view call) { return Pc41BaseCall(call); }
 
 bool ParseV4(std::string_view text, uint8_t out[4]) {
   const auto parts = Split(text, '.');
@@ -252,7 +251,7 @@ int NodeNetwork::LocalUserStream(std::string_view call) const {
     const StreamEntry& e = t.at(s);
     if (!e.IsUser()) continue;
     if (e.call == upper) return s;
-    if (!base_match && BaseOf(e.call) == upper) base_match = s;
+    if (!base_match && BaseCall(e.call) == upper) base_match = s;
   }
   return base_match;
 }
@@ -656,7 +655,7 @@ void NodeNetwork::SendPc41(std::string_view sentence) {
   const auto f = Split(line, '^');
   if (f.size() >= 4) {
     const int type = LeadingNumber(f[2]);
-    const std::string base(BaseOf(f[1]));
+    const std::string base(BaseCall(f[1]));
     processor_.pc41_lists().Store(type, base, base + " " + std::string(f[3]));
   }
   line += "\r\n";
@@ -676,7 +675,7 @@ void NodeNetwork::Announce(std::string_view from, std::string_view to, std::stri
 bool NodeNetwork::Talk(std::string_view from, std::string_view to, std::string_view text) {
   const std::string target = ToUpper(Trim(to));
   int route = processor_.view().RouteTo(target);
-  if (route == 0 && BaseOf(target) != target) route = processor_.view().RouteTo(BaseOf(target));
+  if (route == 0 && BaseCall(target) != target) route = processor_.view().RouteTo(BaseCall(target));
   if (route == 0 || !FindLink(route)) return false;
   processor_.dup_cache().SeenPc93(from, text, options_.our_call, Now());
   SendTalkOn(route, from, target, text, {});

@@ -3,14 +3,9 @@
 #include <exception>
 
 #include "core/monitor.h"
+#include "spots/call_sign.h"
 
 namespace qx {
-
-std::string_view Pc41BaseCall(std::string_view call) {
-  if (call.size() <= 3) return call;
-  const size_t dash = call.find('-', 3);
-  return dash == std::string_view::npos ? call : call.substr(0, dash);
-}
 
 Pc41Lists::StoreResult Pc41Lists::Store(int type, std::string_view base_call,
                                         std::string_view entry) {
@@ -72,7 +67,7 @@ Pc41Result HandlePc41(PcSentence& s, Pc41Lists& lists, NodeNetState& state, cons
   if (value.empty()) return result;
 
   step = 7;
-  const std::string base(Pc41BaseCall(s.fields[1]));
+  const std::string base(BaseCall(s.fields[1]));
   std::string entry = base;
   entry += ' ';
   entry += value;

@@ -14,9 +14,6 @@ namespace qx {
 
 class Monitor;
 
-// The call up to (not including) the first "-" at the fourth character or later.
-std::string_view Pc41BaseCall(std::string_view call);
-
 // Five lists, one per information type, each holding at most one "<base call> <value>"
 // entry per call.
 class Pc41Lists {

@@ -1,5 +1,7 @@
 #include "node/pc41.h"
 
+#include "spots/call_sign.h"
+
 #include <gtest/gtest.h>
 
 #include "core/monitor.h"
@@ -147,12 +149,13 @@ TEST_F(Pc41Test, StoreFailureCostsOnlyThatSentence) {
   EXPECT_EQ(errors[0], "ProcessPC41 disk full step 10 PC41^Q5USR^1^Fred^H5^~");
 }
 
+// PC41 lists and file names use the shared base-call rule.
 TEST(Pc41BaseCall, HyphenFromTheFourthCharacter) {
-  EXPECT_EQ(Pc41BaseCall("K1ABC-5"), "K1ABC");
-  EXPECT_EQ(Pc41BaseCall("K1A-5"), "K1A");
-  EXPECT_EQ(Pc41BaseCall("K1-AB-2"), "K1-AB");
-  EXPECT_EQ(Pc41BaseCall("K1ABC"), "K1ABC");
-  EXPECT_EQ(Pc41BaseCall("A-1"), "A-1");
+  EXPECT_EQ(BaseCall("K1ABC-5"), "K1ABC");
+  EXPECT_EQ(BaseCall("K1A-5"), "K1A");
+  EXPECT_EQ(BaseCall("K1-AB-2"), "K1-AB");
+  EXPECT_EQ(BaseCall("K1ABC"), "K1ABC");
+  EXPECT_EQ(BaseCall("A-1"), "A-1");
 }
 
 }  // namespace
