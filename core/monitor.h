@@ -3,10 +3,10 @@
 // and never sits between the node and its users, so a slow sink loses lines, not time.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace qx {
 
@@ -42,7 +42,11 @@ class Monitor {
     int id;
     Sink sink;
   };
-  std::vector<Entry> sinks_;
+  // A deque keeps each entry in place while sinks subscribe during a Write; entries that
+  // unsubscribe during a Write are blanked and erased once the Write is over.
+  std::deque<Entry> sinks_;
+  int writing_ = 0;
+  bool erase_pending_ = false;
   int next_id_ = 1;
 };
 
