@@ -19,6 +19,17 @@ size_t CountAfterDrain(LineClient& c, std::string_view what) {
   return NodeSite::Occurrences(c.received(), what);
 }
 
+// Nodes tell each other of users on their own time: asks SHOW/USERS until the call is listed.
+bool WaitUntilListed(LineClient& c, std::string_view call) {
+  return WaitFor(
+      [&] {
+        c.ClearReceived();
+        c.SendLine("SHOW/USERS");
+        return c.ReadUntil("QXC >", 3s) && c.received().find(call) != std::string::npos;
+      },
+      15s);
+}
+
 // The node's logs, for the failure messages.
 std::string Logs(const NodeSite& s) {
   std::string all;
@@ -122,8 +133,7 @@ TEST_F(NodeRingTest, ThreeNodesInARingDeliverOnceAndHealAfterADisconnect) {
   auto ua = a.LogIn("W1AAA");
   auto ub = b.LogIn("W2BBB");
   auto uc = c.LogIn("W3CCC");
-  ub->SendLine("SHOW/USERS");
-  ASSERT_TRUE(ub->ReadUntil("W3CCC")) << ub->received();
+  ASSERT_TRUE(WaitUntilListed(*ub, "W3CCC")) << ub->received();
   ub->ClearReceived();
 
   ua->SendLine("DX 7012.0 JA1XYZ ring spot");
@@ -156,13 +166,7 @@ TEST_F(NodeRingTest, ThreeNodesInARingDeliverOnceAndHealAfterADisconnect) {
   ASSERT_TRUE(a.WaitOutput("Node link up: K2QXB", 2)) << a.node().Output();
 
   // After the reconnect B sees A's user again and messages still arrive once.
-  ASSERT_TRUE(WaitFor(
-      [&] {
-        ub->ClearReceived();
-        ub->SendLine("SHOW/USERS");
-        return ub->ReadUntil("QXC >", 3s) && ub->received().find("W1AAA") != std::string::npos;
-      },
-      15s));
+  ASSERT_TRUE(WaitUntilListed(*ub, "W1AAA")) << ub->received();
   ub->ClearReceived();
   ua->ClearReceived();
   uc->SendLine("ANNOUNCE FULL after the repair");
