@@ -7,9 +7,11 @@
 // C - B and (C - A) / 2.
 //
 //   hop_delay --home DIR --qxcluster PATH --qxfront PATH [--spots 2000]
-//             [--rate 50 | --rates 20,200] [--cty FILE]
+//             [--rate 50 | --rates 20,200] [--cty FILE] [--cfg "KEY^VALUE"]... [--csv FILE]
 //
-// --rates runs one stage of --spots spots per rate over the same chain.  Everything started
+// --rates runs one stage of --spots spots per rate over the same chain.  --csv writes every
+// spot's times (ms from the stage's start, -1 for never) to look for a pattern in the slow
+// ones.  Everything started
 // is stopped at the end, also after an error or SIGINT.
 
 #include <poll.h>
@@ -33,6 +35,8 @@ struct Options {
   ProgramPaths paths;
   int spots = 2000;
   std::vector<double> rates{50};
+  std::string extra_cfg;  // lines added to every node's cluster.cfg
+  std::string csv;  // one line a spot: stage, spot, sent, A, B, C in ms from the stage's start
 };
 
 constexpr int kNodes = 3;
@@ -127,6 +131,7 @@ class Chain {
         if (spots_[size_t(k)].arrived[2] != Clock::time_point{}) {
           std::printf("hop_delay: a probe spot reached C after %.1f ms\n",
                       Ms(spots_[size_t(k)].arrived[2] - spots_[size_t(k)].sent));
+          std::fflush(stdout);
           WaitQuiet([this](int ms) { return Pump(ms); }, std::chrono::milliseconds(500),
                     std::chrono::seconds(5));
           return;
@@ -189,6 +194,7 @@ class Chain {
       c_a_half.push_back(Ms(s.arrived[2] - s.arrived[0]) / 2);
       c_sent.push_back(Ms(s.arrived[2] - s.sent));
     }
+    if (!opt_.csv.empty()) WriteCsv(stage, first, end, t0);
     std::printf("stage %d: rate %.0f/s asked, %.1f/s sent, %d spots, load %s\n", stage, rate,
                 achieved, opt_.spots, LoadAverage().c_str());
     auto row = [](const char* name, const std::vector<double>& v) {
@@ -220,6 +226,20 @@ class Chain {
 
  private:
   static constexpr int kMaxProbes = 30;
+
+  void WriteCsv(int stage, int first, int end, Clock::time_point t0) {
+    std::ofstream out(opt_.csv, stage == 0 ? std::ios::trunc : std::ios::app);
+    if (stage == 0) out << "stage,spot,sent_ms,a_ms,b_ms,c_ms\n";
+    auto at = [&](Clock::time_point t) { return t == Clock::time_point{} ? -1.0 : Ms(t - t0); };
+    char line[160];
+    for (int k = first; k < end; ++k) {
+      const SpotTimes& s = spots_[size_t(k)];
+      std::snprintf(line, sizeof line, "%d,%d,%.3f,%.3f,%.3f,%.3f\n", stage, k, at(s.sent),
+                    at(s.arrived[0]), at(s.arrived[1]), at(s.arrived[2]));
+      out << line;
+    }
+    if (!out) Die("cannot write " + opt_.csv);
+  }
 
   void Post(int k, const char* comment) {
     char cmd[128];
@@ -290,8 +310,12 @@ Options ParseOptions(int argc, char** argv) {
       o.rates = {args.Double()};
     } else if (args.Is("--rates")) {
       o.rates = args.Doubles();
+    } else if (args.Is("--cfg")) {
+      o.extra_cfg += args.Value() + "\r\n";
+    } else if (args.Is("--csv")) {
+      o.csv = args.Value();
     } else {
-      args.Unknown(std::string(ProgramPaths::kFlags) + " --spots --rate --rates");
+      args.Unknown(std::string(ProgramPaths::kFlags) + " --spots --rate --rates --cfg --csv");
     }
   }
   o.paths.Finish();
@@ -325,6 +349,7 @@ int main(int argc, char** argv) {
     std::string cfg = SiteConfig(kNodeCalls[size_t(i)], s.link_port, s.user_port, s.console_port);
     cfg += kNoSpotLimits;
     cfg += "Connection Retry^2\r\nNode First Ping^1\r\n";
+    cfg += opt.extra_cfg;
     if (i > 0) cfg += DefineNode(kNodeCalls[size_t(i - 1)]);
     if (i + 1 < kNodes) {
       cfg += DefineNode(kNodeCalls[size_t(i + 1)]);
