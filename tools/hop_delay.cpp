@@ -150,6 +150,7 @@ class Chain {
       before[size_t(2 * i + 1)] = ReadProc(sites_[size_t(i)].front);
     }
     const double self_before = SelfCpu();
+    const double self_wait_before = ReadProc(::getpid()).wait_s;
     const auto t0 = Clock::now();
     auto due = [&](int k) {
       return t0 + std::chrono::duration_cast<Clock::duration>(
@@ -209,16 +210,22 @@ class Chain {
     std::printf("  lost: A %d, B %d, C %d; extra copies %d; p99 per hop %s the 5 ms goal\n",
                 lost[0], lost[1], lost[2], copies_over,
                 std::max(Percentile(b_a, 99), Percentile(c_b, 99)) < 5.0 ? "meets" : "MISSES");
-    std::printf("  CPU ms per spot:");
+    // CPU, and time spent ready but waiting for a core, per spot: on a shared machine the
+    // second is where a hop's tail goes.
+    std::printf("  ms per spot (CPU / waiting for a core):");
     for (int i = 0; i < kNodes; ++i) {
-      const double node =
-          (ReadProc(sites_[size_t(i)].node).cpu_s - before[size_t(2 * i)].cpu_s) * 1000;
-      const double front =
-          (ReadProc(sites_[size_t(i)].front).cpu_s - before[size_t(2 * i + 1)].cpu_s) * 1000;
-      std::printf(" qxcluster %s %.3f, qxfront %s %.3f;", kSiteNames[size_t(i)], node / opt_.spots,
-                  kSiteNames[size_t(i)], front / opt_.spots);
+      const ProcStats node = ReadProc(sites_[size_t(i)].node);
+      const ProcStats front = ReadProc(sites_[size_t(i)].front);
+      const ProcStats& node0 = before[size_t(2 * i)];
+      const ProcStats& front0 = before[size_t(2 * i + 1)];
+      std::printf(" %s qxcluster %.3f/%.3f qxfront %.3f/%.3f;", kSiteNames[size_t(i)],
+                  (node.cpu_s - node0.cpu_s) * 1000 / opt_.spots,
+                  (node.wait_s - node0.wait_s) * 1000 / opt_.spots,
+                  (front.cpu_s - front0.cpu_s) * 1000 / opt_.spots,
+                  (front.wait_s - front0.wait_s) * 1000 / opt_.spots);
     }
-    std::printf(" hop_delay %.3f\n", (SelfCpu() - self_before) * 1000 / opt_.spots);
+    std::printf(" hop_delay %.3f/%.3f\n", (SelfCpu() - self_before) * 1000 / opt_.spots,
+                (ReadProc(::getpid()).wait_s - self_wait_before) * 1000 / opt_.spots);
     std::fflush(stdout);
     WaitQuiet([this](int ms) { return Pump(ms); }, std::chrono::milliseconds(300),
               std::chrono::seconds(10));

@@ -613,9 +613,10 @@ inline std::string LoadAverage() {
 }
 
 struct ProcStats {
-  double cpu_s = 0;  // user + system
-  long peak_kb = 0;  // VmHWM
-  long rss_kb = 0;   // VmRSS
+  double cpu_s = 0;   // user + system
+  double wait_s = 0;  // main thread's time ready to run but waiting for a core (schedstat)
+  long peak_kb = 0;   // VmHWM
+  long rss_kb = 0;    // VmRSS
   int threads = 0;
   bool alive = false;
 };
@@ -642,6 +643,9 @@ inline ProcStats ReadProc(pid_t pid) {
   s.alive = f[0] != "Z";
   const double tick = double(::sysconf(_SC_CLK_TCK));
   s.cpu_s = (std::strtod(f[11].c_str(), nullptr) + std::strtod(f[12].c_str(), nullptr)) / tick;
+  std::ifstream schedstat("/proc/" + std::to_string(pid) + "/schedstat");
+  double run_ns = 0, wait_ns = 0;
+  if (schedstat >> run_ns >> wait_ns) s.wait_s = wait_ns / 1e9;
   std::ifstream status("/proc/" + std::to_string(pid) + "/status");
   while (std::getline(status, text)) {
     if (text.starts_with("VmHWM:")) s.peak_kb = std::strtol(text.c_str() + 6, nullptr, 10);
