@@ -11,8 +11,9 @@
 //
 // --rates runs one stage of --spots spots per rate over the same chain.  --csv writes every
 // spot's times (ms from the stage's start, -1 for never) to look for a pattern in the slow
-// ones.  Everything started
-// is stopped at the end, also after an error or SIGINT.
+// ones; --cfg adds a line to every node's cluster.cfg.  Everything started is stopped at the
+// end, also after an error or SIGINT.  Exit status 2 when a spot did not reach all three
+// users.
 
 #include <poll.h>
 
@@ -141,7 +142,8 @@ class Chain {
     Die("no probe spot from A reached the user on C within 60 s");
   }
 
-  void Stage(int stage, double rate) {
+  // Returns the number of spots that did not reach all three users.
+  int Stage(int stage, double rate) {
     const int first = stage * opt_.spots;
     const int end = first + opt_.spots;
     std::array<ProcStats, 2 * kNodes> before;
@@ -231,6 +233,7 @@ class Chain {
     std::fflush(stdout);
     WaitQuiet([this](int ms) { return Pump(ms); }, std::chrono::milliseconds(300),
               std::chrono::seconds(10));
+    return opt_.spots - int(b_a.size());
   }
 
  private:
@@ -399,7 +402,8 @@ int main(int argc, char** argv) {
   Chain chain(opt, sites);
   chain.LogIn();
   chain.WaitUntilCarried();
-  for (size_t i = 0; i < opt.rates.size(); ++i) chain.Stage(int(i), opt.rates[i]);
+  int incomplete = 0;
+  for (size_t i = 0; i < opt.rates.size(); ++i) incomplete += chain.Stage(int(i), opt.rates[i]);
 
   for (int i = 0; i < kNodes; ++i) {
     const ProcStats node = ReadProc(sites[size_t(i)].node);
@@ -411,5 +415,5 @@ int main(int argc, char** argv) {
   }
   std::printf("hop_delay: load %s\n", LoadAverage().c_str());
   StopChildren();
-  return 0;
+  return incomplete == 0 ? 0 : 2;
 }
