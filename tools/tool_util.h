@@ -107,9 +107,17 @@ inline pid_t Spawn(const std::string& program, const fs::path& home, const std::
   if (slot < 0) Die("too many child programs");
   const std::string out = (home / (log_name + ".out")).string();
   const std::string home_text = home.string();
+  // No stopping signal between the fork and the child's entry in the table: it would be
+  // left running.
+  sigset_t stopping, before;
+  sigemptyset(&stopping);
+  sigaddset(&stopping, SIGINT);
+  sigaddset(&stopping, SIGTERM);
+  ::sigprocmask(SIG_BLOCK, &stopping, &before);
   const pid_t pid = ::fork();
   if (pid < 0) Die(std::string("fork: ") + std::strerror(errno));
   if (pid == 0) {
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
     const int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd >= 0) {
       ::dup2(fd, 1);
@@ -121,6 +129,7 @@ inline pid_t Spawn(const std::string& program, const fs::path& home, const std::
     std::_Exit(127);
   }
   g_children[slot] = pid;
+  ::sigprocmask(SIG_SETMASK, &before, nullptr);
   return pid;
 }
 
