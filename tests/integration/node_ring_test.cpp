@@ -76,6 +76,8 @@ TEST_F(NodeRingTest, TwoNodesShareSpotsAnnouncementsTalkAndUserInformation) {
 
   auto ua = a.LogIn("W1AAA");
   auto ub = b.LogIn("W2BBB");
+  ASSERT_TRUE(WaitUntilListed(*ub, "W1AAA")) << ub->received();
+  ub->ClearReceived();
   // The greeting counts the other node and its user.
   auto probe = b.Connect();
   probe->SendLine("W2CCC");
@@ -84,10 +86,6 @@ TEST_F(NodeRingTest, TwoNodesShareSpotsAnnouncementsTalkAndUserInformation) {
   ASSERT_TRUE(probe->ReadUntil("(Y or N) >")) << probe->received();
   probe->SendLine("y");
   ASSERT_TRUE(probe->ReadUntil("Cluster: 2 nodes  2 Locals  3 Total users")) << probe->received();
-
-  ub->SendLine("SHOW/USERS");
-  ASSERT_TRUE(ub->ReadUntil("W1AAA")) << ub->received();
-  ub->ClearReceived();
 
   ua->SendLine("DX 14025.0 JA1ABC loopback test");
   ASSERT_TRUE(ub->ReadUntil("JA1ABC"))
