@@ -300,7 +300,7 @@ bool ClusterNode::Start(std::string* error) {
   link_options.debug = options_.debug;
   link_ =
       std::make_unique<FrontendLink>(io_, streams_, log_, monitor_, clock_, *this, link_options);
-  link_->set_on_unreachable([this] { StartFrontEnd(); });
+  link_->set_on_unreachable([this] { return StartFrontEnd(); });
   Step("Starting the web console");
   StartConsole();
   StepDone();
@@ -316,17 +316,18 @@ bool ClusterNode::Start(std::string* error) {
   return true;
 }
 
-void ClusterNode::StartFrontEnd() {
+bool ClusterNode::StartFrontEnd() {
   const std::string& path_text = config_.Get("Winsock App Path");
-  if (path_text.empty()) return;  // the sysop runs the front-end himself
+  if (path_text.empty()) return false;  // the sysop runs the front-end himself
   std::filesystem::path program(path_text);
   if (program.is_relative()) program = options_.program.parent_path() / program;
   std::string error;
   if (LaunchDetached(program, {"--home", dir_.home().string()}, &error)) {
     monitor_.Console("Started the front-end " + program.string());
-  } else {
-    log_.Write("StartFrontEnd", "cannot start " + program.string() + ": " + error);
+    return true;
   }
+  log_.Write("StartFrontEnd", "cannot start " + program.string() + ": " + error);
+  return false;
 }
 
 void ClusterNode::OnTimer() {

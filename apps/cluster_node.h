@@ -103,7 +103,8 @@ class ClusterNode final : public LinkEvents,
   void StepDone();
   void LoadConfiguration();
   void ApplyLists();
-  void StartFrontEnd();
+  // Starts qxfront beside this program; true when it was started.
+  bool StartFrontEnd();
   void OnTimer();
   ClusterCounts Counts() const;
   void SetUpSpots();

@@ -613,7 +613,10 @@ TEST_F(LinkSocketTest, UnreachableFrontEndIsReportedOncePerOutageAndRetried) {
   options.port = std::to_string(port);
   options.retry_interval = 50ms;
   MakeLink(options);
-  link_->set_on_unreachable([&] { ++unreachable; });
+  link_->set_on_unreachable([&] {
+    ++unreachable;
+    return false;
+  });
   link_->Start();
   RunFor(400ms);  // several retries
   EXPECT_EQ(unreachable, 1);
@@ -645,6 +648,22 @@ TEST_F(LinkSocketTest, UnreachableFrontEndIsReportedOncePerOutageAndRetried) {
   FakeFrontend again(io_, port);
   ASSERT_TRUE(Received(again, "QX Cluster"));
   ASSERT_TRUE(RunUntil([&] { return events_.link_up == 2; }));
+}
+
+TEST_F(LinkSocketTest, FrontEndStartedByTheOwnerIsFoundWithoutTheLongRetry) {
+  const int port = testing::FreePort();
+  FrontendLinkOptions options;
+  options.port = std::to_string(port);
+  options.retry_interval = std::chrono::seconds(30);
+  MakeLink(options);
+  link_->set_on_unreachable([] { return true; });
+  link_->Start();
+  RunFor(300ms);
+  EXPECT_FALSE(link_->connected());
+  // It listens a moment after being started; the link must not wait the 30 s retry.
+  FakeFrontend fe(io_, port);
+  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  EXPECT_TRUE(link_->connected());
 }
 
 TEST_F(LinkSocketTest, CloseOfAnUnknownStreamReconnectsTheLink) {
