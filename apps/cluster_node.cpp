@@ -135,10 +135,11 @@ void ClusterNode::SetUpNetwork() {
     request.source_stream = stream;
     return TakeSpot(request, true).accepted();
   };
-  deps.pc41.valid_call = [](std::string_view call) {
-    static const CallCheckContext kNoLists;
+  deps.pc41.valid_call = [this](std::string_view call) {
+    CallCheckContext context;
+    context.special_calls = &access_.special_calls;
     std::string c(call);
-    return ValidCall(c, /*strict=*/false, kNoLists);
+    return ValidCall(c, /*strict=*/false, context);
   };
   deps.pc41.bad_word = [this](std::string_view value) {
     return !bad_lists_.FindBadWord(value).empty();
@@ -392,6 +393,8 @@ void ClusterNode::OnStreamLine(int stream, std::string_view line) {
       login_->OnLine(stream, line);
     } else if (e.IsNode()) {
       network_->OnLine(stream, line);
+    } else if (e.IsFeed()) {
+      network_->OnFeedLine(stream, line);
     } else if (e.IsUser()) {
       if (line.starts_with("PC") && line.find('^') != std::string_view::npos) {
         log_.Write("DataArrival", " User is really a Node, but node not defined " + e.call);
@@ -433,6 +436,12 @@ void ClusterNode::OnOutgoingFailed(std::string_view label, std::string_view reas
 
 bool ClusterNode::OnStreamPartial(int stream, std::string_view text) {
   return network_ && network_->OnPartialLine(stream, text);
+}
+
+void ClusterNode::OnHandshakeRecord(int stream, std::string_view record) {
+  // A front-end that reports a remote node's prompt in a stream event: the calling side of
+  // a node link answers it like the same prompt arriving as data.
+  if (network_) network_->OnPartialLine(stream, record);
 }
 
 // CommandServices --------------------------------------------------------------------

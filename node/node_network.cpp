@@ -26,14 +26,6 @@ constexpr int64_t kHandshakeTimeout = 90;
 constexpr int64_t kOutgoingAnswerTimeout = 45;
 constexpr int64_t kTalkWindow = 45;
 
-bool ContainsNoCase(std::string_view text, std::string_view word) {
-  if (word.size() > text.size()) return false;
-  for (size_t i = 0; i + word.size() <= text.size(); ++i) {
-    if (EqualsIgnoreCase(text.substr(i, word.size()), word)) return true;
-  }
-  return false;
-}
-
 // "ip:port", "[v6]:port" or a bare address -> the address.
 std::string AddressOnly(std::string_view peer) {
   if (peer.empty()) return {};
@@ -92,25 +84,27 @@ NodeNetworkOptions NodeNetworkOptions::FromConfig(const Config& config, std::str
 NodeNetwork::NodeNetwork(NodeNetworkOptions options, NodeNetworkDeps deps)
     : options_(std::move(options)),
       deps_(std::move(deps)),
-      processor_(NodeOptions{options_.our_call, options_.version, 0, true, /*pc92_topology=*/true},
-                 [&] {
-                   NodeDeps d;
-                   d.streams = deps_.streams;
-                   d.monitor = deps_.monitor;
-                   d.output = this;
-                   d.clock = deps_.clock;
-                   d.errors = deps_.errors;
-                   d.spot_intake = [this](const PcSentence& s, int code, int stream) {
-                     return deps_.spot_intake ? deps_.spot_intake(s.line, code, stream) : false;
-                   };
-                   d.pc41 = deps_.pc41;
-                   d.counts_changed = [this] { CountsChanged(); };
-                   d.relay = [this](int from, const PcSentence& s) { OnRelay(from, s); };
-                   d.pc93 = [this](PcSentence& s) { return OnPc93(s); };
-                   d.other = [this](PcSentence& s) { return OnOther(s); };
-                   d.our_config = [this](bool pc9x) { return OurConfig(pc9x); };
-                   return d;
-                 }()) {
+      processor_(
+          NodeOptions{options_.our_call, options_.pc_version, 0, true, /*pc92_topology=*/true},
+          [&] {
+            NodeDeps d;
+            d.streams = deps_.streams;
+            d.monitor = deps_.monitor;
+            d.output = this;
+            d.clock = deps_.clock;
+            d.errors = deps_.errors;
+            d.spot_intake = [this](const PcSentence& s, int code, int stream) {
+              return deps_.spot_intake ? deps_.spot_intake(s.line, code, stream) : false;
+            };
+            d.pc41 = deps_.pc41;
+            d.feed = deps_.feed;
+            d.counts_changed = [this] { CountsChanged(); };
+            d.relay = [this](int from, const PcSentence& s) { OnRelay(from, s); };
+            d.pc93 = [this](PcSentence& s) { return OnPc93(s); };
+            d.other = [this](PcSentence& s) { return OnOther(s); };
+            d.our_config = [this](bool pc9x) { return OurConfig(pc9x); };
+            return d;
+          }()) {
   for (int n : {16, 17, 19, 21}) {
     processor_.SetHandler(n, [this](PcSentence& s) { return OnLegacyTopology(s); });
   }
@@ -467,8 +461,7 @@ bool NodeNetwork::OnConnectRequest(int stream) {
 bool NodeNetwork::OnPartialLine(int stream, std::string_view text) {
   Link* link = FindLink(stream);
   if (!link || link->info.up || link->closing) return false;
-  if (!ContainsNoCase(text, "login:") && !ContainsNoCase(text, "call:") &&
-      !ContainsNoCase(text, "password:")) {
+  if (!NodeLinkHandshake::IsLoginPrompt(text) && !ContainsIgnoreCase(text, "password:")) {
     return false;
   }
   processor_.ProcessNodeData(stream, text);
@@ -547,7 +540,7 @@ void NodeNetwork::OnStreamRecovered(int stream) {
   }
   processor_.view().LinkUp(stream, l.info.peer, l.info.pc9x);
   // The neighbour hears our introduction again and our current configuration.
-  Send(stream, BuildPc18(options_.version));
+  Send(stream, BuildPc18(options_.pc_version, l.info.pc9x));
   for (const std::string& line : OurConfig(l.info.pc9x)) Send(stream, line);
   if (next_keepalive_ == 0) next_keepalive_ = Now() + options_.keepalive_interval;
   Show("Node link recovered: " + l.info.peer, "orange", stream);

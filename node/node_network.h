@@ -62,6 +62,8 @@ struct NodeNetworkDeps {
   std::function<void(std::string_view host, int port, std::string_view label)> open_outgoing;
   // A PC11 or PC61 received from a node, for the spot intake.  True when it was accepted.
   std::function<bool(std::string_view sentence, int source_code, int stream)> spot_intake;
+  // Lines of the skimmer, reverse-beacon and reporter feed streams (feed kind 1, 3, 9).
+  std::function<void(int stream, int feed_kind, std::string_view line)> feed;
   // User information: validity, bad words, the user store (the record line is
   // "PC41^^" + sentence) and the bad-data log.
   Pc41Deps pc41;
@@ -108,6 +110,8 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   bool OnPartialLine(int stream, std::string_view text);
   // One line on a node stream.
   void OnLine(int stream, std::string_view line);
+  // One line on a feed stream: reassembled like node lines, then handed to deps.feed.
+  void OnFeedLine(int stream, std::string_view line) { processor_.ProcessNodeData(stream, line); }
   void OnStreamClosed(int stream);
   void OnOutgoingFailed(std::string_view label, std::string_view reason);
   // A node stream rebuilt after a restart of this node: the link resumes.

@@ -47,8 +47,9 @@ std::string Pc92(std::string_view our_call, std::string_view stamp, char type,
 
 }  // namespace
 
-std::string BuildPc18(std::string_view version) {
-  return Cat({"PC18^QX Cluster Version: ", version, " Build: 0.001 pc9x^", version, "^"});
+std::string BuildPc18(std::string_view version, bool pc9x) {
+  return Cat({"PC18^QX Cluster Version: ", version, pc9x ? " Build: 0.001 pc9x^" : " Build: 0.001^",
+              version, "^"});
 }
 
 std::string BuildPc19(std::string_view node_call, bool conference, std::string_view version) {

@@ -7,7 +7,9 @@
 
 namespace qx {
 
-std::string BuildPc18(std::string_view version);
+// The version text is the four-digit protocol version: peers read the second field as a
+// number.  A recovered legacy link gets the form without "pc9x".
+std::string BuildPc18(std::string_view version, bool pc9x = true);
 // here/conference flag: "^0^" or "^1^" after the node call.
 std::string BuildPc19(std::string_view node_call, bool conference, std::string_view version);
 std::string BuildPc16(std::string_view node_call, std::string_view user_call);

@@ -224,7 +224,7 @@ TEST_F(NodeNetworkTest, TwoNodesLinkInBothRolesAndSeeEachOther) {
   EXPECT_EQ(a.out.identity[5], (std::pair<std::string, int>{"Q2BBB", kStateNodePc9x}));
   EXPECT_EQ(b.out.identity[7], (std::pair<std::string, int>{"Q1AAA", kStateNodePc9x}));
   // Only the acceptor introduced itself with PC18.
-  EXPECT_EQ(Count(a.out.To(5), "PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^"), 1u);
+  EXPECT_EQ(Count(a.out.To(5), "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^"), 1u);
   EXPECT_EQ(Count(b.out.To(7), "PC18"), 0u);
   ASSERT_NE(a.net->view().FindNode("Q2BBB"), nullptr);
   ASSERT_NE(b.net->view().FindNode("Q1AAA"), nullptr);
@@ -271,7 +271,7 @@ TEST_F(NodeNetworkTest, AcceptsALegacyPeerWithStrayLinesAndMissingTrailers) {
   a.AddUser(1, "Q5USR");
   a.streams.at(4).state = kStateLoggingIn;
   ASSERT_TRUE(a.net->OnNodeLogin(4, "Q7XXX"));
-  EXPECT_EQ(net_.TakeFrom(a, 4), "PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^0.1^\r\n");
+  EXPECT_EQ(net_.TakeFrom(a, 4), "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^\r\n");
   for (std::string_view l :
        {"0", "PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7USR - 1^H25^", "PC20"}) {
     a.net->OnLine(4, l);
@@ -699,7 +699,7 @@ TEST_F(NodeNetworkTest, RecoveredNodeStreamResumesWithItsIntroduction) {
   e.connection_label = "Q2BBB";
   a.net->OnStreamRecovered(9);
   const std::string sent = net_.TakeFrom(a, 9);
-  EXPECT_EQ(sent.substr(0, 47), "PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^");
+  EXPECT_EQ(sent.substr(0, 55), "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^\r\n");
   ASSERT_EQ(a.net->Links().size(), 1u);
   EXPECT_TRUE(a.net->Links()[0].up);
   EXPECT_TRUE(a.net->Links()[0].outgoing);
@@ -707,6 +707,15 @@ TEST_F(NodeNetworkTest, RecoveredNodeStreamResumesWithItsIntroduction) {
   a.net->SetReady(true);
   a.net->Tick();
   EXPECT_TRUE(a.opened.empty());
+  // A legacy link gets the introduction without "pc9x" and legacy sentences, not PC92.
+  StreamEntry& g = a.streams.at(11);
+  g.call = "Q2BBB";
+  g.state = kStateNodeLegacy;
+  a.net->OnStreamRecovered(11);
+  const std::string legacy = net_.TakeFrom(a, 11);
+  EXPECT_EQ(legacy.substr(0, 50), "PC18^QX Cluster Version: 5457 Build: 0.001^5457^\r\n");
+  EXPECT_EQ(Count(legacy, "PC19^1^Q1AAA^"), 1u);
+  EXPECT_EQ(Count(legacy, "PC92"), 0u);
   // A stream caught in its handshake cannot resume.
   StreamEntry& f = a.streams.at(10);
   f.call = "Q3CCC";
