@@ -275,13 +275,72 @@ std::vector<Pc92Entry> NodeNetwork::NeighbourEntries() const {
 }
 
 std::vector<std::string> NodeNetwork::OurConfig(bool pc9x) {
+  return OurConfigFor(deps_.streams->current(), pc9x);
+}
+
+std::vector<std::string> NodeNetwork::OurConfigFor(int stream, bool pc9x) {
   LocalConfig c;
   c.our_call = options_.our_call;
   c.version = options_.pc_version;
   c.build = options_.build;
   c.nodes = NeighbourEntries();
   c.users = LocalUserEntries();
+  if (pc9x) {
+    c.legacy_neighbours = LegacyNeighbours();
+  } else {
+    c.remote_nodes = RemoteNodesFor(stream);
+  }
   return BuildOurConfig(c, pc9x, processor_.stamps(), NowOfDay());
+}
+
+bool NodeNetwork::ReachedThrough(std::string_view call, int stream) const {
+  if (stream == 0) return false;
+  const NetworkView& v = view();
+  const NetworkView::Node* n = v.FindNode(call);
+  if (!n) return false;
+  return n->routes.count(stream) > 0 || v.RouteTo(call) == stream;
+}
+
+std::string NodeNetwork::LegacyVersionOf(std::string_view call, std::string_view hint) const {
+  const auto usable = [](std::string_view v) {
+    return v.size() == 4 &&
+           std::all_of(v.begin(), v.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
+           v >= "5000";
+  };
+  if (usable(hint)) return std::string(hint);
+  if (const NetworkView::Node* n = view().FindNode(call); n && usable(n->version)) {
+    return n->version;
+  }
+  // Unknown or too old to be believed: legacy peers would drop the node, so it goes with ours.
+  return options_.pc_version;
+}
+
+std::vector<NodeWithUsers> NodeNetwork::RemoteNodesFor(int stream) const {
+  std::vector<NodeWithUsers> out;
+  const Link* link = FindLink(stream);
+  const std::string_view peer = link ? std::string_view(link->info.peer) : std::string_view();
+  const NetworkView& v = view();
+  for (const std::string& call : v.Nodes()) {
+    if (call == peer || call == options_.our_call || ReachedThrough(call, stream)) continue;
+    const NetworkView::Node* n = v.FindNode(call);
+    if (!n) continue;
+    out.push_back(NodeWithUsers{call, LegacyVersionOf(call),
+                                std::vector<std::string>(n->users.begin(), n->users.end())});
+  }
+  return out;
+}
+
+std::vector<NodeWithUsers> NodeNetwork::LegacyNeighbours() const {
+  std::vector<NodeWithUsers> out;
+  for (const auto& [stream, link] : links_) {
+    if (!link->info.up || link->closing || link->info.pc9x) continue;
+    NodeWithUsers n{link->info.peer, {}, {}};
+    if (const NetworkView::Node* node = view().FindNode(link->info.peer)) {
+      n.users.assign(node->users.begin(), node->users.end());
+    }
+    out.push_back(std::move(n));
+  }
+  return out;
 }
 
 bool NodeNetwork::IsPublicAddress(std::string_view address) {
@@ -541,7 +600,7 @@ void NodeNetwork::OnStreamRecovered(int stream) {
   processor_.view().LinkUp(stream, l.info.peer, l.info.pc9x);
   // The neighbour hears our introduction again and our current configuration.
   Send(stream, BuildPc18(options_.pc_version, l.info.pc9x));
-  for (const std::string& line : OurConfig(l.info.pc9x)) Send(stream, line);
+  for (const std::string& line : OurConfigFor(stream, l.info.pc9x)) Send(stream, line);
   if (next_keepalive_ == 0) next_keepalive_ = Now() + options_.keepalive_interval;
   Show("Node link recovered: " + l.info.peer, "orange", stream);
   CountsChanged();
@@ -598,6 +657,7 @@ void NodeNetwork::Tick() {
   if (any_pc9x) {
     if (next_keepalive_ != 0 && now >= next_keepalive_) {
       SendKeepalive();
+      SendLegacyConfigs();
       next_keepalive_ = now + options_.keepalive_interval;
     }
     if (next_config_ != 0 && now >= next_config_) {
@@ -612,6 +672,21 @@ void NodeNetwork::SendKeepalive() {
   SendToLinks(BuildPc92Keepalive(options_.our_call, Stamp(), own, 1 + NodeCount(),
                                  deps_.streams->CountUsers()),
               0, true, false);
+}
+
+void NodeNetwork::SendLegacyConfigs() {
+  const int64_t now = Now();
+  for (const NodeWithUsers& n : LegacyNeighbours()) {
+    // Another node linked to the same legacy node has just described it for everyone.
+    const auto heard = legacy_config_heard_.find(n.call);
+    if (heard != legacy_config_heard_.end() && now - heard->second <= options_.keepalive_interval) {
+      continue;
+    }
+    SendToLinks(BuildPc92LegacyConfig(options_.our_call, Stamp(), n.call, n.users), 0, true, false);
+  }
+  // Forget what was heard of nodes that left the network.
+  std::erase_if(legacy_config_heard_, [&](const auto& e) { return !view().FindNode(e.first); });
+  std::erase_if(pc92_told_, [&](const auto& e) { return !view().FindNode(e.first); });
 }
 
 void NodeNetwork::SendConfigAll() {
@@ -732,30 +807,11 @@ void NodeNetwork::OnRelay(int from_stream, const PcSentence& s) {
   }
   text += "\r\n";
   switch (s.number) {
-    case 92: {
+    case 92:
       SendToLinks(text, from_stream, true, false, s.fields[1]);
-      // Legacy neighbours hear user changes in their own words.
-      if (s.last() < 5 || s.fields[3].size() != 1) return;
-      const char type = s.fields[3][0];
-      if (type != 'A' && type != 'D') return;
-      std::string owner = s.fields[1];
-      if (s.fields[4].size() > 1) owner = s.fields[4].substr(1, s.fields[4].find(':') - 1);
-      for (int i = 5; i < s.last(); ++i) {
-        const std::string& e = s.fields[size_t(i)];
-        if (e.size() < 2 || e[0] < '0' || e[0] > '7') continue;
-        const std::string call = e.substr(1, e.find(':') - 1);
-        const bool node = ((e[0] - '0') & 4) != 0;
-        std::string line;
-        if (node) {
-          line =
-              type == 'A' ? BuildPc19(call, false, options_.pc_version) : BuildPc21(call, "Gone");
-        } else {
-          line = type == 'A' ? BuildPc16(owner, call) : BuildPc17(call, owner);
-        }
-        SendToLinks(line, from_stream, false, true);
-      }
+      // Legacy neighbours hear topology changes in their own words.
+      TranslatePc92ForLegacy(from_stream, s);
       return;
-    }
     case 93: {
       if (s.last() < 6 || s.fields[1] == options_.our_call) return;
       const std::string& to = s.fields[3];
@@ -788,6 +844,120 @@ void NodeNetwork::OnRelay(int from_stream, const PcSentence& s) {
     default:
       SendToLinks(text, from_stream, false, true);
       return;
+  }
+}
+
+void NodeNetwork::TranslatePc92ForLegacy(int from_stream, const PcSentence& s) {
+  // PC92 ^ origin ^ time ^ type ^ slot1 ^ entries ... ^ H ^
+  if (s.last() < 5 || s.fields[3].size() != 1) return;
+  const char type = s.fields[3][0];
+  if (type != 'A' && type != 'D' && type != 'C') return;
+  const std::string& origin = s.fields[1];
+  // Slot 1: empty is the origin itself; otherwise the node the list belongs to.
+  std::string owner = origin;
+  const std::string& slot1 = s.fields[4];
+  const bool slot1_valid = slot1.size() > 1 && slot1[0] >= '0' && slot1[0] <= '7';
+  if (slot1_valid) owner = slot1.substr(1, slot1.find(':') - 1);
+  if (owner.empty() || owner == options_.our_call) return;
+  const int64_t now = Now();
+  if (type == 'C' && slot1_valid && ((slot1[0] - '0') & 2) != 0 && owner != origin) {
+    legacy_config_heard_[owner] = now;
+  }
+
+  std::vector<std::string> users;
+  std::vector<Pc19Node> nodes;  // version filled where the entry gives one
+  for (int i = 5; i < s.last(); ++i) {
+    const std::string& e = s.fields[size_t(i)];
+    if (e.size() < 2 || e[0] < '0' || e[0] > '7') continue;
+    const size_t colon = e.find(':');
+    std::string call = e.substr(1, colon == std::string::npos ? std::string::npos : colon - 1);
+    if (call.empty() || call == options_.our_call || call == owner) continue;
+    if (((e[0] - '0') & 4) != 0) {
+      std::string_view v1;
+      if (colon != std::string::npos) {
+        v1 = std::string_view(e).substr(colon + 1);
+        v1 = v1.substr(0, v1.find(':'));
+      }
+      std::string version = LegacyVersionOf(call, v1);
+      nodes.push_back(Pc19Node{std::move(call), std::move(version)});
+    } else {
+      users.push_back(std::move(call));
+    }
+  }
+
+  // What the legacy side already holds of the owner's list, unless that came by another way.
+  const Link* from_link = FindLink(from_stream);
+  const int64_t from_created = from_link ? from_link->created : -1;
+  auto [it, inserted] = pc92_told_.try_emplace(owner);
+  Pc92Told& told = it->second;
+  const bool fresh = inserted || told.stream != from_stream || told.link_created != from_created;
+  if (fresh) {
+    told.users.clear();
+    told.nodes.clear();
+  }
+  told.stream = from_stream;
+  told.link_created = from_created;
+
+  std::vector<std::string> add_users, gone_users, gone_nodes;
+  std::vector<Pc19Node> add_nodes;
+  if (fresh && type != 'D') add_nodes.push_back(Pc19Node{owner, LegacyVersionOf(owner)});
+  if (type == 'D') {
+    for (const std::string& u : users) {
+      told.users.erase(u);
+      gone_users.push_back(u);
+    }
+    for (const Pc19Node& n : nodes) {
+      told.nodes.erase(n.call);
+      // Only a node that has left our view is gone; others are still reached another way.
+      if (!view().FindNode(n.call)) gone_nodes.push_back(n.call);
+    }
+  } else {
+    if (type == 'C') {
+      // A full list: what it no longer holds has gone, what it adds is new.
+      std::set<std::string> listed;
+      for (const std::string& u : users) {
+        if (listed.insert(u).second && !told.users.count(u)) add_users.push_back(u);
+      }
+      for (const std::string& u : told.users) {
+        if (!listed.count(u)) gone_users.push_back(u);
+      }
+      told.users = std::move(listed);
+      std::set<std::string> listed_nodes;
+      for (Pc19Node& n : nodes) {
+        if (!listed_nodes.insert(n.call).second) continue;
+        if (!told.nodes.count(n.call)) add_nodes.push_back(std::move(n));
+      }
+      told.nodes = std::move(listed_nodes);
+    } else {
+      for (std::string& u : users) {
+        if (told.users.insert(u).second) add_users.push_back(std::move(u));
+      }
+      for (Pc19Node& n : nodes) {
+        if (told.nodes.insert(n.call).second) add_nodes.push_back(std::move(n));
+      }
+    }
+  }
+  for (const std::string& n : gone_nodes) pc92_told_.erase(n);
+  if (add_users.empty() && gone_users.empty() && add_nodes.empty() && gone_nodes.empty()) return;
+
+  std::vector<Pc19Node> link_nodes;
+  for (auto& [stream, link] : links_) {
+    if (stream == from_stream || !link->info.up || link->closing || link->info.pc9x) continue;
+    const std::string& peer = link->info.peer;
+    if (peer == origin) continue;
+    // Never describe a neighbour to itself, nor what it told us about.
+    const bool owner_for_link = owner != peer && !ReachedThrough(owner, stream);
+    link_nodes.clear();
+    for (const Pc19Node& n : add_nodes) {
+      if (n.call != peer && !ReachedThrough(n.call, stream)) link_nodes.push_back(n);
+    }
+    for (const std::string& line : BuildPc19Lines(link_nodes)) Send(stream, line);
+    for (const std::string& n : gone_nodes) {
+      if (n != peer) Send(stream, BuildPc21(n, "Gone"));
+    }
+    if (!owner_for_link) continue;
+    for (const std::string& line : BuildPc16Lines(owner, add_users)) Send(stream, line);
+    for (const std::string& u : gone_users) Send(stream, BuildPc17(u, owner));
   }
 }
 

@@ -15,6 +15,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -174,7 +175,22 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   // When both nodes call each other at once, the call of the node with the lower call wins.
   bool CallerWins(std::string_view peer) const;
 
+  // The configuration a link start-up sends (asked by the handshake while it reads a line of
+  // that link, so the current stream is the link's).
   std::vector<std::string> OurConfig(bool pc9x);
+  std::vector<std::string> OurConfigFor(int stream, bool pc9x);
+  // Every node of the view, with its users, that the legacy neighbour on stream may learn
+  // through us: neither the neighbour itself nor what is reached through its link.
+  std::vector<NodeWithUsers> RemoteNodesFor(int stream) const;
+  // Our legacy neighbours with their users, for PC92 C sent on their behalf.
+  std::vector<NodeWithUsers> LegacyNeighbours() const;
+  bool ReachedThrough(std::string_view call, int stream) const;
+  // A four-digit version of at least 5000 for a PC19 (legacy peers ignore older ones).
+  std::string LegacyVersionOf(std::string_view call, std::string_view hint = {}) const;
+  // PC92 A/C/D in legacy words (PC16/17/19/21) for the legacy neighbours.
+  void TranslatePc92ForLegacy(int from_stream, const PcSentence& s);
+  // The hourly PC92 C for each legacy neighbour, unless another node sent one lately.
+  void SendLegacyConfigs();
   std::vector<Pc92Entry> LocalUserEntries() const;
   std::vector<Pc92Entry> NeighbourEntries() const;
   // To every established link of the given styles except the stream except and the link to
@@ -213,6 +229,18 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   bool ready_ = false;
   int64_t next_keepalive_ = 0;
   int64_t next_config_ = 0;
+  // What the legacy neighbours have been told, in PC16/PC19, of the lists that PC92 gives for
+  // each node: a PC92 C replaces a list, and only its changes need telling.  A list that came
+  // through another link (or a link since renewed) is told again in full.
+  struct Pc92Told {
+    std::set<std::string> users;
+    std::set<std::string> nodes;
+    int stream = 0;
+    int64_t link_created = -1;
+  };
+  std::map<std::string, Pc92Told, std::less<>> pc92_told_;
+  // Legacy node -> when another node last sent a PC92 C on its behalf.
+  std::map<std::string, int64_t, std::less<>> legacy_config_heard_;
   std::string scratch_;  // the sentence being relayed
   std::string spot_pc11_;
   std::string spot_pc61_;

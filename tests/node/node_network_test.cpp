@@ -515,6 +515,173 @@ TEST_F(RingTest, LegacyNeighbourGetsPc11Pc12AndPc10) {
   EXPECT_EQ(Count(net_.TakeFrom(*a_, 15), "PC10^Q7USR^Q7OLD^hi back^*^ ^Q3CCC^~"), 1u);
 }
 
+// Legacy and PC9x neighbours learn the whole network through us ------------------------------
+
+// A (Q1AAA) with a PC9x chain behind it: B (Q2BBB, A's stream 11) and C (Q3CCC, behind B), and
+// room for scripted legacy neighbours (Q7XXX on stream 15, Q4OLD on stream 16).
+class MixedNetworkTest : public NodeNetworkTest {
+ protected:
+  void SetUp() override {
+    a_ = &net_.Add("Q1AAA", Cfg({"Q2BBB", "Q7XXX", "Q4OLD"}));
+    b_ = &net_.Add("Q2BBB", Cfg({"Q1AAA", "Q3CCC"}, {"Q1AAA"}));
+    c_ = &net_.Add("Q3CCC", Cfg({"Q2BBB"}, {"Q2BBB"}));
+    b_->AddUser(1, "Q6USR");
+    c_->AddUser(1, "Q3USR");
+  }
+  void LinkPc9xChain() {
+    net_.Link(*a_, 11, *b_, 21, "Q1AAA");
+    net_.Link(*b_, 23, *c_, 32, "Q2BBB");
+  }
+  // A scripted legacy neighbour logs in to A and sends its configuration and PC20; A's answer.
+  std::string LinkLegacy(int stream, const std::string& call,
+                         std::initializer_list<std::string> config) {
+    a_->streams.at(stream).state = kStateLoggingIn;
+    EXPECT_TRUE(a_->net->OnNodeLogin(stream, call));
+    EXPECT_EQ(Count(net_.TakeFrom(*a_, stream), "PC18^"), 1u);
+    for (const std::string& line : config) a_->net->OnLine(stream, line);
+    a_->net->OnLine(stream, "PC20^");
+    EXPECT_EQ(a_->streams.at(stream).state, kStateNodeLegacy);
+    const std::string reply = net_.TakeFrom(*a_, stream);
+    net_.Pump();
+    return reply;
+  }
+  std::string Stamp(int ahead = 0) const {
+    return std::to_string((SecondsOfDay(clock_.Now()) + ahead) % 86400);
+  }
+  TestNode* a_;
+  TestNode* b_;
+  TestNode* c_;
+};
+
+TEST_F(MixedNetworkTest, LegacyPeersLinkingLaterLearnEveryNodeAndUserButNeverThemselves) {
+  LinkPc9xChain();
+  ASSERT_NE(a_->net->view().FindNode("Q3CCC"), nullptr);
+  a_->AddUser(1, "Q5USR");
+
+  const std::string first = LinkLegacy(
+      15, "Q7XXX",
+      {"PC19^1^Q7XXX^0^5455^1^Q7FAR^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^Q7TWO - 1^H25^"});
+  // Our node first, then everything beyond us in the same sentence; users per node.
+  EXPECT_NE(first.find("PC19^1^Q1AAA^0^5457^1^Q2BBB^0^5457^1^Q3CCC^0^5457^H99^\r\n"),
+            std::string::npos)
+      << first;
+  EXPECT_NE(first.find("PC16^Q1AAA^Q5USR - 1^H99^\r\n"), std::string::npos) << first;
+  EXPECT_NE(first.find("PC16^Q2BBB^Q6USR - 1^H99^\r\n"), std::string::npos) << first;
+  EXPECT_NE(first.find("PC16^Q3CCC^Q3USR - 1^H99^\r\n"), std::string::npos) << first;
+  // Its own node, the node behind it and its users, which it has just told us, are not
+  // described back to it.
+  EXPECT_EQ(Count(first, "Q7XXX"), 0u) << first;
+  EXPECT_EQ(Count(first, "Q7FAR"), 0u) << first;
+  EXPECT_EQ(Count(first, "Q7OLD"), 0u) << first;
+  EXPECT_EQ(first.substr(first.size() - 7), "PC22^\r\n");
+
+  // A second legacy neighbour hears of the first and its users too.
+  const std::string second = LinkLegacy(16, "Q4OLD", {"PC19^1^Q4OLD^0^5455^H25^"});
+  EXPECT_NE(second.find("^1^Q7XXX^0^5455^"), std::string::npos) << second;
+  EXPECT_NE(second.find("PC16^Q7XXX^Q7OLD - 1^Q7TWO - 1^H99^\r\n"), std::string::npos) << second;
+  EXPECT_EQ(Count(second, "Q4OLD"), 0u) << second;
+  // Meanwhile nothing about the first came back on its own link.
+  const std::string to_first = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(Count(to_first, "Q7XXX"), 0u) << to_first;
+  EXPECT_EQ(Count(to_first, "Q7OLD"), 0u) << to_first;
+  EXPECT_NE(to_first.find("PC19^1^Q4OLD^0^"), std::string::npos) << to_first;
+}
+
+TEST_F(MixedNetworkTest, LegacyCallerLearnsTheNetworkBeyondTheNodeItCalls) {
+  LinkPc9xChain();
+  // This time A calls the legacy node, which answers with a status-text PC18.
+  Config cfg = ParseCfg(Cfg({"Q2BBB"}, {"Q7XXX"}));
+  a_->net->Configure(cfg);
+  a_->streams.at(6).state = kStateLoggingIn;
+  a_->streams.at(6).connection_label = "Q7XXX";
+  ASSERT_TRUE(a_->net->OnConnectRequest(6));
+  a_->net->OnPartialLine(6, "login: ");
+  net_.TakeFrom(*a_, 6);
+  a_->net->OnLine(6, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
+  const std::string config = net_.TakeFrom(*a_, 6);
+  EXPECT_NE(config.find("PC19^1^Q1AAA^0^5457^1^Q2BBB^0^5457^1^Q3CCC^0^5457^H99^\r\n"),
+            std::string::npos)
+      << config;
+  EXPECT_NE(config.find("PC16^Q3CCC^Q3USR - 1^H99^\r\n"), std::string::npos) << config;
+  EXPECT_EQ(config.substr(config.size() - 7), "PC20^\r\n");
+}
+
+TEST_F(MixedNetworkTest, Pc9xConfigurationsReachLinkedLegacyPeersAsTheirChanges) {
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^H25^"});
+  LinkLegacy(16, "Q4OLD", {"PC19^1^Q4OLD^0^5455^H25^"});
+  net_.TakeFrom(*a_, 15);
+  net_.TakeFrom(*a_, 16);
+  b_->AddUser(2, "Q6TWO");
+  // B's link-up configuration and C's, relayed by B, arrive as the nodes and their users.
+  LinkPc9xChain();
+  const std::string heard = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(Count(heard, "PC16^Q2BBB^Q6USR - 1^Q6TWO - 1^H99^\r\n"), 1u) << heard;
+  EXPECT_EQ(Count(heard, "PC16^Q3CCC^Q3USR - 1^H99^\r\n"), 1u) << heard;
+  // Each node is known before its users (legacy peers drop users of unknown nodes).
+  EXPECT_LT(heard.find("PC19^1^Q2BBB^0^5457^"), heard.find("PC16^Q2BBB")) << heard;
+  EXPECT_LT(heard.find("PC19^1^Q3CCC^0^5457^"), heard.find("PC16^Q3CCC")) << heard;
+  EXPECT_EQ(Count(net_.TakeFrom(*a_, 16), "PC16^Q3CCC^Q3USR - 1^"), 1u);
+
+  // A later full configuration tells only what changed: a new user, a user gone, a new node.
+  clock_.Advance(30s);
+  a_->net->OnLine(
+      11, "PC92^Q2BBB^" + Stamp() + "^C^5Q2BBB:5457^5Q1AAA^5Q3CCC^5Q6NEW:5460^1Q6USR^1Q6LATE^H99^");
+  const std::string change = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(change,
+            "PC19^1^Q6NEW^0^5460^H99^\r\nPC16^Q2BBB^Q6LATE - 1^H99^\r\nPC17^Q6TWO^Q2BBB^H99^\r\n");
+  EXPECT_EQ(net_.TakeFrom(*a_, 16), change);
+  // The same list again changes nothing.
+  clock_.Advance(30s);
+  a_->net->OnLine(
+      11, "PC92^Q2BBB^" + Stamp() + "^C^5Q2BBB:5457^5Q1AAA^5Q3CCC^5Q6NEW:5460^1Q6USR^1Q6LATE^H99^");
+  EXPECT_EQ(net_.TakeFrom(*a_, 15), "");
+
+  // B speaks for Q7XXX (linked to it as well): the other legacy neighbour hears it, Q7XXX
+  // itself hears nothing of itself.
+  clock_.Advance(30s);
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^7Q7XXX^1Q7OLD^1Q7NEW^H99^");
+  EXPECT_EQ(net_.TakeFrom(*a_, 15), "");
+  const std::string to_second = net_.TakeFrom(*a_, 16);
+  EXPECT_NE(to_second.find("PC16^Q7XXX^Q7OLD - 1^Q7NEW - 1^H99^\r\n"), std::string::npos)
+      << to_second;
+  // And nothing ever went back to B in legacy words.
+  EXPECT_EQ(Count(a_->out.To(11), "PC16^"), 0u);
+  EXPECT_EQ(Count(a_->out.To(11), "PC19^"), 0u);
+}
+
+TEST_F(MixedNetworkTest, Pc9xPeersLearnTheUsersBehindOurLegacyNeighbours) {
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^Q7TWO - 1^H25^"});
+  LinkPc9xChain();
+  // At link-up B hears a configuration for the legacy node, on its behalf and with its users.
+  const std::string to_b = a_->out.To(11);
+  EXPECT_EQ(Count(to_b, "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 1u) << to_b;
+  EXPECT_EQ(b_->net->view().RouteTo("Q7OLD"), 21);
+  // Nothing of it goes back to the legacy node.
+  EXPECT_EQ(Count(a_->out.To(15), "Q7OLD"), 0u);
+
+  // Then hourly, with the keep-alive.  The legacy neighbour keeps the link alive with PC50.
+  const auto hour = [&] {
+    for (int i = 0; i < 12; ++i) {
+      clock_.Advance(300s);
+      a_->net->OnLine(15, "PC50^Q7XXX^2^H99^");
+      a_->net->Tick();
+      net_.Pump();
+    }
+  };
+  hour();
+  EXPECT_EQ(Count(a_->out.To(11), "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 2u);
+  EXPECT_TRUE(a_->out.closed.empty());
+  // Relayed by B, it reaches C, which linked after A's link-up.
+  EXPECT_EQ(c_->net->view().RouteTo("Q7TWO"), 32);
+  // Another node that is linked to the same legacy node described it lately: A leaves it.
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^");
+  hour();
+  EXPECT_EQ(Count(a_->out.To(11), "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 2u);
+  EXPECT_GE(Count(a_->out.To(11), "^K^5Q1AAA"), 2u);
+  hour();
+  EXPECT_EQ(Count(a_->out.To(11), "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 3u);
+}
+
 // Keep-alive -------------------------------------------------------------------------------
 
 TEST_F(NodeNetworkTest, PingsAreAnsweredAndTimed) {
