@@ -649,6 +649,29 @@ TEST_F(MixedNetworkTest, Pc9xConfigurationsReachLinkedLegacyPeersAsTheirChanges)
   EXPECT_EQ(Count(a_->out.To(11), "PC19^"), 0u);
 }
 
+TEST_F(MixedNetworkTest, DeparturesReachLegacyPeersOnlyForWhatHasReallyGone) {
+  LinkPc9xChain();
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^H25^"});
+  LinkLegacy(16, "Q4OLD", {"PC19^1^Q4OLD^0^5455^H25^"});
+  net_.TakeFrom(*a_, 15);
+  net_.TakeFrom(*a_, 16);
+  b_->net->UserLoggedInOut("Q6USR", 1, false);
+  net_.Pump();
+  EXPECT_EQ(net_.TakeFrom(*a_, 15), "PC17^Q6USR^Q2BBB^H99^\r\n");
+  EXPECT_EQ(net_.TakeFrom(*a_, 16), "PC17^Q6USR^Q2BBB^H99^\r\n");
+  // B loses C, which A reached only through B: the node is gone for the legacy side too.
+  net_.Cut(*b_, 23, *c_, 32);
+  EXPECT_EQ(a_->net->view().FindNode("Q3CCC"), nullptr);
+  EXPECT_EQ(Count(net_.TakeFrom(*a_, 15), "PC21^Q3CCC^Gone^H99^\r\n"), 1u);
+  EXPECT_EQ(Count(net_.TakeFrom(*a_, 16), "PC21^Q3CCC^Gone^H99^\r\n"), 1u);
+  // B drops a link to Q7XXX, which is still our own neighbour: nobody hears it has gone.
+  clock_.Advance(10s);
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^D^^7Q7XXX^H99^");
+  EXPECT_EQ(net_.TakeFrom(*a_, 15), "");
+  EXPECT_EQ(net_.TakeFrom(*a_, 16), "");
+  ASSERT_NE(a_->net->view().FindNode("Q7XXX"), nullptr);
+}
+
 TEST_F(MixedNetworkTest, Pc9xPeersLearnTheUsersBehindOurLegacyNeighbours) {
   LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^Q7TWO - 1^H25^"});
   LinkPc9xChain();
