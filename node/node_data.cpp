@@ -131,10 +131,18 @@ const NodeLinkHandshake* NodeProcessor::Handshake(int stream) const {
   return it == handshakes_.end() ? nullptr : it->second.get();
 }
 
-void NodeProcessor::LinkClosed(int stream) {
+std::vector<std::string> NodeProcessor::LinkClosed(int stream) {
   handshakes_.erase(stream);
-  view_.LinkDown(stream);
+  std::vector<std::string> gone = view_.LinkDown(stream);
   if (deps_.counts_changed) deps_.counts_changed();
+  return gone;
+}
+
+std::vector<std::string> NodeProcessor::ExpireQuietNodes() {
+  std::vector<std::string> gone = view_.KeepaliveTick();
+  for (const std::string& call : gone) time_check_.Forget(call);
+  if (!gone.empty() && deps_.counts_changed) deps_.counts_changed();
+  return gone;
 }
 
 void NodeProcessor::FeedHandshake(int stream, std::string_view line) {
@@ -329,7 +337,16 @@ bool NodeProcessor::HandlePc9x(PcSentence& s) {
   const SysTime now = deps_.clock->Now();
   const Pc9xTimeCheck::Verdict verdict =
       time_check_.Check(s.fields[1], s.fields[2], SecondsOfDay(now), is_pc92);
-  if (verdict != Pc9xTimeCheck::Verdict::kAccept) return false;
+  if (verdict != Pc9xTimeCheck::Verdict::kAccept) {
+    // In a meshed network the same PC92 comes in again over another neighbour.  It is not
+    // applied or passed on again, but it shows a second way to its origin.
+    double stamp = 0;
+    if (is_pc92 && verdict == Pc9xTimeCheck::Verdict::kNotNewer &&
+        ParseDouble(s.fields[2], stamp) && stamp == time_check_.Last(s.fields[1])) {
+      view_.NotePc92Route(s.fields, s.stream);
+    }
+    return false;
+  }
 
   if (is_pc92) {
     // What the view refuses (a D for an unknown origin, a malformed list) goes no further.

@@ -89,7 +89,12 @@ class NodeProcessor {
                  std::string_view first_line = {}, std::string password = {});
   const NodeLinkHandshake* Handshake(int stream) const;
   // The stream closed: its handshake and the routes learned through it are forgotten.
-  void LinkClosed(int stream);
+  // Returns the nodes that left the view (those no other link reaches).
+  std::vector<std::string> LinkClosed(int stream);
+  // The hourly keep-alive tick: PC9x nodes silent for too long leave the view (see
+  // NetworkView::KeepaliveTick) and their time stamps are forgotten, so they are welcome
+  // back whatever their clock says.  Returns the nodes removed.
+  std::vector<std::string> ExpireQuietNodes();
 
   NodeNetState& state() { return state_; }
   PcCheckFlags& check_flags() { return flags_; }

@@ -454,7 +454,7 @@ void NodeNetwork::LinkGone(int stream) {
   std::unique_ptr<Link> link = std::move(it->second);
   links_.erase(it);
   const bool was_up = link->info.up;
-  processor_.LinkClosed(stream);
+  const std::vector<std::string> gone = processor_.LinkClosed(stream);
   const int64_t now = Now();
   for (Outgoing& o : outgoing_) {
     if (o.stream == stream) {
@@ -464,9 +464,15 @@ void NodeNetwork::LinkGone(int stream) {
     }
   }
   if (was_up) {
+    // PC9x neighbours hear that the node is no longer ours; whether it is still reachable
+    // another way each of them works out from the lists of the others.
     const Pc92Entry entry{link->info.pc9x ? 5 : 7, link->info.peer, {}};
     SendToLinks(BuildPc92Delete(options_.our_call, Stamp(), {entry}), 0, true, false);
-    SendToLinks(BuildPc21(link->info.peer, "Gone"), 0, false, true);
+    // Legacy neighbours know nodes, not links: they hear of the nodes that are gone, and
+    // of none that another link still reaches.
+    for (const std::string& call : gone) {
+      SendToLinks(BuildPc21(call, "Gone"), 0, false, true);
+    }
     next_config_ =
         std::min(next_config_ == 0 ? kNever : next_config_, now + options_.config_after_change);
   }
@@ -659,6 +665,10 @@ void NodeNetwork::Tick() {
       SendKeepalive();
       SendLegacyConfigs();
       next_keepalive_ = now + options_.keepalive_interval;
+      // The same hourly tick counts down the nodes that have gone quiet.
+      for (const std::string& call : processor_.ExpireQuietNodes()) {
+        Show("Node " + call + " left the network view: quiet too long", "orange");
+      }
     }
     if (next_config_ != 0 && now >= next_config_) {
       SendConfigAll();
@@ -1035,6 +1045,9 @@ bool NodeNetwork::OnPc51(PcSentence& s) {
   StreamEntry& e = deps_.streams->at(s.stream);
   if (LeadingNumber(s.fields[3]) == 0) {
     e.unanswered_pings = 0;
+    if (const Link* link = FindLink(s.stream); link && link->info.up) {
+      processor_.view().Refresh(link->info.peer);
+    }
     if (Link* link = FindLink(s.stream); link && link->ping_outstanding) {
       link->ping_outstanding = false;
       link->info.last_rtt_ms =
