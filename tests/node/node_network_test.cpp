@@ -82,6 +82,7 @@ struct TestNode {
     d.pc41.store = [this](std::string_view c, std::string_view line) {
       stored_pc41.push_back(std::string(c) + "|" + std::string(line));
     };
+    d.counts_changed = [this] { ++counts_changed; };
     net = std::make_unique<NodeNetwork>(o, std::move(d));
     net->Configure(cfg);
     streams.EnsureCapacity(32);
@@ -105,6 +106,7 @@ struct TestNode {
   std::vector<std::string> intake;
   std::set<std::string> seen_spots;
   std::vector<std::string> stored_pc41;
+  int counts_changed = 0;
 };
 
 // Joins nodes: lines sent by one end of a wire arrive at the other.
@@ -461,19 +463,57 @@ TEST_F(RingTest, LinkCheckForAnotherNodeGoesTowardsIt) {
   EXPECT_EQ(Count(b_->out.To(23), "PC51^Q3CCC^Q1AAA^1^\r\n"), 1u);
 }
 
-TEST_F(RingTest, LostLinkIsAnnouncedAndTheViewHeals) {
+TEST_F(RingTest, LostLinkIsAnnouncedAndTheViewHealsAtOnce) {
+  // C heard A's sentences over both links: first through B, then the copy straight from A.
+  EXPECT_EQ(c_->net->view().FindNode("Q1AAA")->routes, (std::map<int, int>{{31, 100}, {32, 98}}));
   net_.Cut(*b_, 21, *a_, 11);
+  // The neighbours hear that the link is gone ...
   EXPECT_EQ(Count(b_->out.To(23), "^D^^5Q1AAA^H99^"), 1u);
+  EXPECT_EQ(Count(a_->out.To(13), "^D^^5Q2BBB^H99^"), 1u);
   EXPECT_EQ(b_->net->Links().size(), 1u);
-  // A's next full configuration, due soon after its link change, reaches B through C.
-  clock_.Advance(900s);
-  for (TestNode* n : {a_, b_, c_}) n->net->Tick();
-  net_.Pump();
-  ASSERT_NE(b_->net->view().FindNode("Q1AAA"), nullptr);
+  // ... but nobody loses a node or a user: the way round the ring is known already.
+  for (TestNode* n : {a_, b_, c_}) {
+    EXPECT_EQ(n->net->NodeCount(), 2) << n->call;
+    EXPECT_EQ(n->net->view().UserCount(), n == c_ ? 2 : 3) << n->call;
+  }
   EXPECT_EQ(b_->net->view().RouteTo("Q5USR"), 23);
+  EXPECT_EQ(a_->net->view().RouteTo("Q6USR"), 13);
   ASSERT_TRUE(b_->net->Talk("Q6USR", "Q5USR", "around"));
   net_.Pump();
   EXPECT_EQ(Count(a_->out.To(1), "Q5USR de Q6USR: around\r\n"), 1u);
+
+  // A's next full configuration, due soon after its link change, changes nothing of that.
+  clock_.Advance(900s);
+  for (TestNode* n : {a_, b_, c_}) n->net->Tick();
+  net_.Pump();
+  EXPECT_EQ(b_->net->NodeCount(), 2);
+  EXPECT_EQ(b_->net->view().RouteTo("Q5USR"), 23);
+
+  // The second link of B goes too: now A, C and their users are gone for B.
+  net_.Cut(*c_, 32, *b_, 23);
+  EXPECT_EQ(b_->net->NodeCount(), 0);
+  EXPECT_EQ(b_->net->RemoteUserCount(), 0);
+  EXPECT_EQ(a_->net->view().FindNode("Q2BBB"), nullptr);
+  EXPECT_EQ(a_->net->RemoteUserCount(), 2);
+}
+
+TEST_F(RingTest, LegacyNeighbourHearsOnlyOfNodesThatAreReallyGone) {
+  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
+  a_->streams.at(15).state = kStateLoggingIn;
+  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
+  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^H25^", "PC20^"}) a_->net->OnLine(15, l);
+  net_.Pump();
+  net_.TakeFrom(*a_, 15);
+  // B is still reached through C: no PC21 for it, nor for what C says of its lost links.
+  net_.Cut(*b_, 21, *a_, 11);
+  std::string sent = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(Count(sent, "PC21^"), 0u) << sent;
+  // The last way to B and C goes: both are gone.
+  net_.Cut(*a_, 13, *c_, 31);
+  sent = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(Count(sent, "PC21^Q2BBB^Gone^"), 1u) << sent;
+  EXPECT_EQ(Count(sent, "PC21^Q3CCC^Gone^"), 1u) << sent;
+  EXPECT_EQ(a_->net->NodeCount(), 1);  // the legacy neighbour itself
 }
 
 TEST_F(RingTest, LegacyNeighbourGetsPc11Pc12AndPc10) {
@@ -801,6 +841,42 @@ TEST_F(NodeNetworkTest, KeepaliveAndFullConfigurationOnTheirTimers) {
   // What the timers send passes the neighbour's checks.
   net_.Pump();
   EXPECT_NE(b.net->view().FindNode("Q1AAA"), nullptr);
+}
+
+TEST_F(NodeNetworkTest, QuietNodeExpiresUnlessItSendsAKeepalive) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}));
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
+  net_.Link(a, 5, b, 7, "Q1AAA");
+  // Two nodes beyond B, each heard once.
+  const auto far = [&](std::string_view call, std::string_view type) {
+    const std::string t = std::to_string(SecondsOfDay(clock_.Now()));
+    a.net->OnLine(5, "PC92^" + std::string(call) + "^" + t + "^" + std::string(type) + "^5" +
+                         std::string(call) + ":5457^1^0^H97^");
+  };
+  far("Q8FAR", "K");
+  far("Q9FAR", "C");
+  ASSERT_EQ(a.net->NodeCount(), 3);
+  // Only A's timers run: B sends no keep-alive of its own but answers A's link checks.
+  const auto hour = [&] {
+    for (int i = 0; i < 12; ++i) {
+      clock_.Advance(300s);
+      a.net->Tick();
+      net_.Pump();
+    }
+  };
+  hour();
+  hour();
+  far("Q9FAR", "K");
+  const int changes = a.counts_changed;
+  hour();
+  EXPECT_EQ(a.net->view().FindNode("Q8FAR"), nullptr);
+  EXPECT_GT(a.counts_changed, changes);
+  ASSERT_NE(a.net->view().FindNode("Q9FAR"), nullptr);
+  EXPECT_EQ(a.net->NodeCount(), 2);
+  for (int i = 0; i < 10; ++i) hour();
+  // The neighbour never goes while its link stands; the other one did.
+  EXPECT_EQ(a.net->view().Nodes(), std::vector<std::string>{"Q2BBB"});
+  EXPECT_TRUE(a.out.closed.empty());
 }
 
 // Outgoing connections, sysop commands, restart -------------------------------------------------
