@@ -454,6 +454,13 @@ void NodeNetwork::LinkGone(int stream) {
   std::unique_ptr<Link> link = std::move(it->second);
   links_.erase(it);
   const bool was_up = link->info.up;
+  // The legacy nodes behind a legacy link were announced to PC9x neighbours as ours.
+  std::vector<std::string> legacy_nodes;
+  if (was_up && !link->info.pc9x) {
+    for (const std::string& call : view().Nodes()) {
+      if (call != link->info.peer && !view().FindNode(call)->pc9x) legacy_nodes.push_back(call);
+    }
+  }
   const std::vector<std::string> gone = processor_.LinkClosed(stream);
   const int64_t now = Now();
   for (Outgoing& o : outgoing_) {
@@ -466,8 +473,13 @@ void NodeNetwork::LinkGone(int stream) {
   if (was_up) {
     // PC9x neighbours hear that the node is no longer ours; whether it is still reachable
     // another way each of them works out from the lists of the others.
-    const Pc92Entry entry{link->info.pc9x ? 5 : 7, link->info.peer, {}};
-    SendToLinks(BuildPc92Delete(options_.our_call, Stamp(), {entry}), 0, true, false);
+    std::vector<Pc92Entry> entries{Pc92Entry{link->info.pc9x ? 5 : 7, link->info.peer, {}}};
+    for (const std::string& call : gone) {
+      if (std::binary_search(legacy_nodes.begin(), legacy_nodes.end(), call)) {
+        entries.push_back(Pc92Entry{7, call, {}});
+      }
+    }
+    SendToLinks(BuildPc92Delete(options_.our_call, Stamp(), entries), 0, true, false);
     // Legacy neighbours know nodes, not links: they hear of the nodes that are gone, and
     // of none that another link still reaches.
     for (const std::string& call : gone) {

@@ -516,6 +516,26 @@ TEST_F(RingTest, LegacyNeighbourHearsOnlyOfNodesThatAreReallyGone) {
   EXPECT_EQ(a_->net->NodeCount(), 1);  // the legacy neighbour itself
 }
 
+TEST_F(RingTest, LostLegacyLinkTakesItsNodesOffThePc9xSide) {
+  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
+  a_->streams.at(15).state = kStateLoggingIn;
+  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
+  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^1^Q6OLD^0^5455^H25^", "PC20^"}) {
+    a_->net->OnLine(15, l);
+  }
+  net_.Pump();
+  ASSERT_NE(b_->net->view().FindNode("Q6OLD"), nullptr);
+  a_->net->OnStreamClosed(15);
+  a_->streams.Reset(15);
+  net_.Pump();
+  EXPECT_EQ(Count(a_->out.To(11), "^D^^7Q7XXX^7Q6OLD^H99^"), 1u) << a_->out.To(11);
+  for (TestNode* n : {a_, b_, c_}) {
+    EXPECT_EQ(n->net->view().FindNode("Q7XXX"), nullptr) << n->call;
+    EXPECT_EQ(n->net->view().FindNode("Q6OLD"), nullptr) << n->call;
+    EXPECT_EQ(n->net->NodeCount(), 2) << n->call;
+  }
+}
+
 TEST_F(RingTest, LegacyNeighbourGetsPc11Pc12AndPc10) {
   // A fourth, legacy neighbour of A on stream 15.
   a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
