@@ -333,6 +333,9 @@ bool NodeProcessor::HandlePc9x(PcSentence& s) {
   const bool is_pc92 = s.number == 92;
   if (is_pc92 && s.fields[3] != "K" && !options_.pc92_topology) return false;
   if (!deps_.clock) return false;
+  // A D from an origin we do not know is dropped before its stamp is remembered: it must
+  // neither create the origin nor hold back that origin's first real sentence.
+  if (is_pc92 && s.fields[3] == "D" && !view_.FindNode(s.fields[1])) return false;
 
   const SysTime now = deps_.clock->Now();
   const Pc9xTimeCheck::Verdict verdict =
@@ -358,9 +361,11 @@ bool NodeProcessor::HandlePc9x(PcSentence& s) {
   // PC93 ^ origin ^ time ^ to ^ from ^ via ^ text ...
   if (s.last() < 6) return false;
   if (dups_.SeenPc93(s.fields[4], s.fields[6], s.fields[1], NowSeconds())) return false;
-  const bool done = deps_.pc93 ? deps_.pc93(s) : true;
+  using Outcome = NodeDeps::Pc93Outcome;
+  const Outcome outcome = deps_.pc93 ? deps_.pc93(s) : Outcome::kDelivered;
+  if (outcome == Outcome::kRepeat) return false;
   if (s.fields[3] != "LOCAL" && s.fields[5] != "LOCAL") RelayWithHops(s);
-  return done;
+  return outcome == Outcome::kDelivered;
 }
 
 bool NodeProcessor::HandlePc41(PcSentence& s) {

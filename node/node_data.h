@@ -58,7 +58,9 @@ struct NodeDeps {
   // decremented in s.fields (send s.Join() + CR LF).
   std::function<void(int from_stream, const PcSentence& s)> relay;
   // A PC93 that passed the time-stamp and duplicate checks (talk/announce/chat delivery).
-  std::function<bool(PcSentence& s)> pc93;
+  // kRepeat (an announcement already seen under another stamp) is neither shown nor passed on.
+  enum class Pc93Outcome { kDelivered, kNotHere, kRepeat };
+  std::function<Pc93Outcome(PcSentence& s)> pc93;
   // The sentences whose processing lives with other parts of the node (talk and announce
   // relay of PC10/PC12, WWV/WCY, mail, remote commands, PC24, PC39).  Unset: not processed.
   std::function<bool(PcSentence& s)> other;

@@ -1146,19 +1146,20 @@ bool NodeNetwork::OnPc12(PcSentence& s) {
   return true;
 }
 
-bool NodeNetwork::OnPc93(PcSentence& s) {
+NodeDeps::Pc93Outcome NodeNetwork::OnPc93(PcSentence& s) {
+  using Outcome = NodeDeps::Pc93Outcome;
   // PC93 ^ origin ^ time ^ to ^ from ^ via ^ text ...
-  if (s.last() < 6 || s.fields[1] == options_.our_call) return false;
+  if (s.last() < 6 || s.fields[1] == options_.our_call) return Outcome::kRepeat;
   const std::string& to = s.fields[3];
   const std::string& from = s.fields[4];
   const std::string& body = s.fields[6];
-  if (to == "LOCAL") return false;  // never taken from another node
+  if (to == "LOCAL") return Outcome::kNotHere;  // never taken from another node
   if (IsAnnounceTarget(to)) {
-    if (processor_.dup_cache().SeenAnnounce(from, to, body, Now())) return false;
+    if (processor_.dup_cache().SeenAnnounce(from, to, body, Now())) return Outcome::kRepeat;
     DeliverAnnounce(from, to, body);
-    return true;
+    return Outcome::kDelivered;
   }
-  return DeliverTalk(from, to, body);
+  return DeliverTalk(from, to, body) ? Outcome::kDelivered : Outcome::kNotHere;
 }
 
 void NodeNetwork::DeliverAnnounce(std::string_view from, std::string_view to,

@@ -202,7 +202,7 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
 
   // Handlers installed into the processor.
   void OnRelay(int from_stream, const PcSentence& s);
-  bool OnPc93(PcSentence& s);
+  NodeDeps::Pc93Outcome OnPc93(PcSentence& s);
   bool OnOther(PcSentence& s);
   bool OnPc10(PcSentence& s);
   bool OnPc12(PcSentence& s);

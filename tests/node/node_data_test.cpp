@@ -52,7 +52,7 @@ class ProcessNodeDataTest : public ::testing::Test {
     deps.relay = [this](int from, const PcSentence& s) { relayed_.push_back(s.Join()); };
     deps.pc93 = [this](PcSentence& s) {
       pc93_.push_back(s.line);
-      return true;
+      return NodeDeps::Pc93Outcome::kDelivered;
     };
     deps.pc41.valid_call = [](std::string_view c) { return c.size() >= 3; };
     deps.counts_changed = [this] { ++counts_changed_; };
@@ -296,9 +296,11 @@ TEST_F(ProcessNodeDataTest, Pc92TopologyEntryFollowsTheOption) {
   EXPECT_FALSE(Feed(kPeer, "PC92^Q6WWW^80729^D^^1Q6USR^H99^"));
   EXPECT_EQ(relayed_.size(), relayed);
   EXPECT_EQ(proc_->view().FindNode("Q6WWW"), nullptr);
+  // ... nor is its stamp kept: that origin's first real sentence, a second older, is taken.
+  EXPECT_TRUE(Feed(kPeer, "PC92^Q6WWW^80728^A^^1Q6USR^H99^"));
   // Our own call as origin is never taken.
-  EXPECT_FALSE(Feed(kPeer, "PC92^Q1AAA^80729^A^^1Q6USR^H99^"));
-  EXPECT_EQ(proc_->view().UserCount(), 1);
+  EXPECT_FALSE(Feed(kPeer, "PC92^Q1AAA^80729^A^^1Q7USR^H99^"));
+  EXPECT_EQ(proc_->view().UserCount(), 2);
 }
 
 TEST_F(ProcessNodeDataTest, Pc92RepeatOverASecondLinkIsRememberedAsARoute) {

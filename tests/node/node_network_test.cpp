@@ -431,6 +431,16 @@ TEST_F(RingTest, AnnouncementReachesEveryUserOnce) {
   net_.Pump();
   EXPECT_EQ(Count(b_->out.To(1), "WX de Q5USR: rain\r\n"), 1u);
   EXPECT_EQ(Count(c_->out.To(2), "rain"), 0u);
+
+  // The same announcement again a minute later (a new stamp, past the 45 s PC93 window):
+  // nobody sees it twice and it does not go round again.
+  clock_.Advance(std::chrono::seconds(60));
+  const size_t b_sent = b_->out.To(23).size();
+  b_->net->OnLine(21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) +
+                          "^*^Q5USR^*^full announcement^^^H99^");
+  net_.Pump();
+  EXPECT_EQ(Count(b_->out.To(1), "full announcement"), 1u);
+  EXPECT_EQ(b_->out.To(23).size(), b_sent);
 }
 
 TEST_F(RingTest, TalkFollowsTheRouteToTheUsersNode) {
