@@ -324,8 +324,10 @@ std::vector<NodeWithUsers> NodeNetwork::RemoteNodesFor(int stream) const {
     if (call == peer || call == options_.our_call || ReachedThrough(call, stream)) continue;
     const NetworkView::Node* n = v.FindNode(call);
     if (!n) continue;
-    out.push_back(NodeWithUsers{call, LegacyVersionOf(call),
-                                std::vector<std::string>(n->users.begin(), n->users.end())});
+    out.push_back(NodeWithUsers{call,
+                                LegacyVersionOf(call),
+                                std::vector<std::string>(n->users.begin(), n->users.end()),
+                                {}});
   }
   return out;
 }
@@ -334,9 +336,13 @@ std::vector<NodeWithUsers> NodeNetwork::LegacyNeighbours() const {
   std::vector<NodeWithUsers> out;
   for (const auto& [stream, link] : links_) {
     if (!link->info.up || link->closing || link->info.pc9x) continue;
-    NodeWithUsers n{link->info.peer, {}, {}};
+    NodeWithUsers n{link->info.peer, {}, {}, {}};
     if (const NetworkView::Node* node = view().FindNode(link->info.peer)) {
       n.users.assign(node->users.begin(), node->users.end());
+      for (const std::string& child : node->child_nodes) {
+        const NetworkView::Node* c = view().FindNode(child);
+        if (c && !c->pc9x && child != options_.our_call) n.nodes.push_back(child);
+      }
     }
     out.push_back(std::move(n));
   }
@@ -704,7 +710,8 @@ void NodeNetwork::SendLegacyConfigs() {
     if (heard != legacy_config_heard_.end() && now - heard->second <= options_.keepalive_interval) {
       continue;
     }
-    SendToLinks(BuildPc92LegacyConfig(options_.our_call, Stamp(), n.call, n.users), 0, true, false);
+    SendToLinks(BuildPc92LegacyConfig(options_.our_call, Stamp(), n.call, n.users, n.nodes), 0,
+                true, false);
   }
   // Forget what was heard of nodes that left the network.
   std::erase_if(legacy_config_heard_, [&](const auto& e) { return !view().FindNode(e.first); });
@@ -1032,20 +1039,33 @@ bool NodeNetwork::OnLegacyTopology(PcSentence& s) {
       SendToLinks(line, s.stream, true, false);
     }
   } else if (s.number == 19 || s.number == 21) {
+    // The nodes a legacy neighbour reports hang under it (slot 1 flagged 7), so that our
+    // own full C, which lists only our neighbours and users, does not take them away again.
+    // The neighbour itself hangs under us and was announced when its link came up.
     std::vector<Pc92Entry> nodes;
+    bool neighbour_gone = false;
     if (s.number == 21) {
-      nodes.push_back(Pc92Entry{7, s.fields[1], {}});
+      if (s.fields[1] == neighbour) {
+        neighbour_gone = true;
+      } else {
+        nodes.push_back(Pc92Entry{7, s.fields[1], {}});
+      }
     } else {
       for (size_t i = 1; i + 3 < s.fields.size(); i += 4) {
         const std::string& call = s.fields[i + 1];
-        if (!call.empty() && call[0] != 'H' && call != options_.our_call) {
+        if (!call.empty() && call[0] != 'H' && call != options_.our_call && call != neighbour) {
           nodes.push_back(Pc92Entry{7, call, {}});
         }
       }
     }
-    if (!nodes.empty()) {
-      const std::string line = s.number == 19 ? BuildPc92Add(options_.our_call, Stamp(), nodes)
-                                              : BuildPc92Delete(options_.our_call, Stamp(), nodes);
+    const Pc92Entry owner{7, neighbour, {}};
+    const Pc92Entry* slot1 = neighbour.empty() ? nullptr : &owner;
+    if (neighbour_gone) {
+      SendToLinks(BuildPc92Delete(options_.our_call, Stamp(), {owner}), s.stream, true, false);
+    } else if (!nodes.empty()) {
+      const std::string line = s.number == 19
+                                   ? BuildPc92Add(options_.our_call, Stamp(), nodes, slot1)
+                                   : BuildPc92Delete(options_.our_call, Stamp(), nodes, slot1);
       SendToLinks(line, s.stream, true, false);
     }
   }

@@ -191,11 +191,13 @@ std::string BuildPc92Config(std::string_view our_call, std::string_view stamp, c
 
 std::string BuildPc92LegacyConfig(std::string_view our_call, std::string_view stamp,
                                   std::string_view legacy_call,
-                                  const std::vector<std::string>& user_calls) {
-  std::vector<Pc92Entry> users;
-  users.reserve(user_calls.size());
-  for (const std::string& u : user_calls) users.push_back(Pc92Entry{1, u, {}});
-  return BuildPc92Config(our_call, stamp, Pc92Entry{7, std::string(legacy_call), {}}, users);
+                                  const std::vector<std::string>& user_calls,
+                                  const std::vector<std::string>& node_calls) {
+  std::vector<Pc92Entry> entries;
+  entries.reserve(node_calls.size() + user_calls.size());
+  for (const std::string& n : node_calls) entries.push_back(Pc92Entry{7, n, {}});
+  for (const std::string& u : user_calls) entries.push_back(Pc92Entry{1, u, {}});
+  return BuildPc92Config(our_call, stamp, Pc92Entry{7, std::string(legacy_call), {}}, entries);
 }
 
 std::string BuildPc92Keepalive(std::string_view our_call, std::string_view stamp,
@@ -251,8 +253,8 @@ std::vector<std::string> BuildOurConfig(const LocalConfig& config, bool pc9x,
                                      static_cast<int>(config.nodes.size()) + 1,
                                      static_cast<int>(config.users.size())));
     for (const NodeWithUsers& n : config.legacy_neighbours) {
-      out.push_back(
-          BuildPc92LegacyConfig(config.our_call, stamps.Next(now_seconds_of_day), n.call, n.users));
+      out.push_back(BuildPc92LegacyConfig(config.our_call, stamps.Next(now_seconds_of_day), n.call,
+                                          n.users, n.nodes));
     }
     return out;
   }

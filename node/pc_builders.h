@@ -79,13 +79,15 @@ class Pc9xStampGenerator;
 // can describe to PC9x nodes (slot 1 flagged as an external node of ours).
 std::string BuildPc92LegacyConfig(std::string_view our_call, std::string_view stamp,
                                   std::string_view legacy_call,
-                                  const std::vector<std::string>& user_calls);
+                                  const std::vector<std::string>& user_calls,
+                                  const std::vector<std::string>& node_calls = {});
 
 // A node other than ours with the users logged in there.
 struct NodeWithUsers {
   std::string call;
   std::string version;  // four digits (PC19)
   std::vector<std::string> users;
+  std::vector<std::string> nodes;  // legacy nodes it reported behind it
 };
 
 // What this node tells a new neighbour about itself and the network beyond it.

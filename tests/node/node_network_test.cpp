@@ -775,6 +775,34 @@ TEST_F(MixedNetworkTest, Pc9xPeersLearnTheUsersBehindOurLegacyNeighbours) {
   EXPECT_EQ(Count(a_->out.To(11), "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 3u);
 }
 
+TEST_F(MixedNetworkTest, NodesBehindALegacyNeighbourHangUnderItAndOutliveOurFullConfiguration) {
+  LinkPc9xChain();
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^1^Q7FAR^0^5455^H25^"});
+  // B hears the far node under the legacy neighbour, not under A.
+  EXPECT_EQ(Count(a_->out.To(11), "^A^7Q7XXX^7Q7FAR^H99^\r\n"), 1u) << a_->out.To(11);
+  const NetworkView::Node* legacy = b_->net->view().FindNode("Q7XXX");
+  ASSERT_NE(legacy, nullptr);
+  EXPECT_EQ(legacy->child_nodes.count("Q7FAR"), 1u);
+
+  // A's full configurations (after the link change, then every few hours) list only A's
+  // neighbours and users; the far node stays in B's view all the same.
+  for (int i = 0; i < 12; ++i) {
+    clock_.Advance(300s);
+    a_->net->OnLine(15, "PC50^Q7XXX^0^H99^");
+    a_->net->Tick();
+    net_.Pump();
+  }
+  ASSERT_GE(Count(a_->out.To(11), "^C^5Q1AAA"), 1u);
+  EXPECT_NE(b_->net->view().FindNode("Q7FAR"), nullptr);
+  EXPECT_NE(c_->net->view().FindNode("Q7FAR"), nullptr);
+
+  // The legacy neighbour loses it: it goes from the PC9x side too.
+  a_->net->OnLine(15, "PC21^Q7FAR^Gone^H25^");
+  net_.Pump();
+  EXPECT_EQ(b_->net->view().FindNode("Q7FAR"), nullptr);
+  EXPECT_NE(b_->net->view().FindNode("Q7XXX"), nullptr);
+}
+
 // Keep-alive -------------------------------------------------------------------------------
 
 TEST_F(NodeNetworkTest, PingsAreAnsweredAndTimed) {

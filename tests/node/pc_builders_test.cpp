@@ -88,8 +88,9 @@ class OurConfigTest : public ::testing::Test {
     config_.build = "1";
     config_.nodes = {{5, "Q8YYY", {}}, {7, "Q7XXX", {}}};
     config_.users = {{1, "Q5USR", {"198.51.100.7"}}, {1, "Q5TWO", {}}};
-    config_.remote_nodes = {{"Q8YYY", "5300", {"Q8USR"}}, {"Q6WWW", "5457", {}}};
-    config_.legacy_neighbours = {{"Q7XXX", "", {"Q7USR", "Q7TWO"}}, {"Q7QUIET", "", {}}};
+    config_.remote_nodes = {{"Q8YYY", "5300", {"Q8USR"}, {}}, {"Q6WWW", "5457", {}, {}}};
+    config_.legacy_neighbours = {{"Q7XXX", "", {"Q7USR", "Q7TWO"}, {"Q7FAR"}},
+                                 {"Q7QUIET", "", {}, {}}};
   }
   LocalConfig config_;
   Pc9xStampGenerator stamps_;
@@ -116,7 +117,8 @@ TEST_F(OurConfigTest, Pc9xLinkHearsOurConfigurationThenOneForEachLegacyNeighbour
             "PC92^Q1AAA^80000^C^5Q1AAA:5457^5Q8YYY^7Q7XXX^1Q5USR:198.51.100.7^1Q5TWO^H99^\r\n");
   EXPECT_EQ(lines[1], "PC92^Q1AAA^80000.01^K^5Q1AAA:5457:1^3^2^H99^\r\n");
   // Each with a stamp of its own, the legacy node flagged as an external node of ours.
-  EXPECT_EQ(lines[2], "PC92^Q1AAA^80000.02^C^7Q7XXX^1Q7USR^1Q7TWO^H99^\r\n");
+  // The nodes it reported behind it come with it, so that this C keeps them.
+  EXPECT_EQ(lines[2], "PC92^Q1AAA^80000.02^C^7Q7XXX^7Q7FAR^1Q7USR^1Q7TWO^H99^\r\n");
   EXPECT_EQ(lines[3], "PC92^Q1AAA^80000.03^C^7Q7QUIET^H99^\r\n");
 }
 
