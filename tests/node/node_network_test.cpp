@@ -443,6 +443,22 @@ TEST_F(RingTest, AnnouncementReachesEveryUserOnce) {
   EXPECT_EQ(b_->out.To(23).size(), b_sent);
 }
 
+TEST_F(RingTest, ReceivedAnnouncementsReachOnlyTheirAudience) {
+  b_->AddUser(2, "Q6SYS");
+  b_->streams.at(2).privilege = 5;
+  net_.Pump();
+  // A sysop announcement is for the sysops only.
+  clock_.Advance(1s);
+  b_->net->OnLine(21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) +
+                          "^SYSOP^Q5USR^*^sysops only^^^H99^");
+  EXPECT_EQ(Count(b_->out.To(2), "To SYSOP de Q5USR: sysops only\r\n"), 1u);
+  EXPECT_EQ(Count(b_->out.To(1), "sysops only"), 0u);
+  // PC9x neighbours announce in PC93: a PC12 from one is not taken.
+  b_->net->OnLine(21, "PC12^Q5USR^*^old style^ ^Q1AAA^0^H99^~");
+  EXPECT_EQ(Count(b_->out.To(1), "old style"), 0u);
+  EXPECT_EQ(Count(b_->out.To(23), "old style"), 0u);
+}
+
 TEST_F(RingTest, TalkFollowsTheRouteToTheUsersNode) {
   ASSERT_TRUE(a_->net->Talk("Q5USR", "Q7USR", "hello there"));
   EXPECT_EQ(Count(a_->out.To(13), "^Q7USR^Q5USR^*^hello there^"), 1u);
