@@ -407,6 +407,12 @@ void ClusterNode::OnStreamLine(int stream, std::string_view line) {
   }
 }
 
+void ClusterNode::OnStreamTimedOut(int stream) {
+  // Once timed out the entry no longer names the user, and its close will not count as a
+  // log-out: the network hears of it now.
+  if (streams_.at(stream).IsUser()) login_->OnLoggedOut(stream);
+}
+
 void ClusterNode::OnStreamClosed(int stream, int previous_state) {
   if (IsUserState(previous_state)) login_->OnLoggedOut(stream);
   network_->OnStreamClosed(stream);

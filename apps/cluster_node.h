@@ -98,6 +98,7 @@ class ClusterNode final : public LinkEvents,
   void OnRecoveryComplete() override;
   void OnOutgoingFailed(std::string_view label, std::string_view reason) override;
   bool OnStreamPartial(int stream, std::string_view text) override;
+  void OnStreamTimedOut(int stream) override;
   void OnHandshakeRecord(int stream, std::string_view record) override;
 
   void Step(std::string_view name);

@@ -436,11 +436,11 @@ void FrontendLink::HandleTimedOut(std::string_view record) {
   const int stream = StreamField(fields_[1], "AA05");
   if (stream == 0) return;
   table_.set_current(stream);
+  events_.OnStreamTimedOut(stream);
   StreamEntry& entry = table_.at(stream);
   entry.call = "T/O";
   ShowConnection(stream, "no call");
   entry.state = kStateTimedOut;
-  events_.OnStreamTimedOut(stream);
 }
 
 void FrontendLink::HandleAnnouncement(std::string_view record) {

@@ -47,7 +47,9 @@ class LinkEvents {
   // The stream closed.  Called while the entry still holds the stream's call and state, so
   // a logged-in user can be announced as gone; the entry is freed afterwards.
   virtual void OnStreamClosed(int stream, int previous_state) {}
-  // The front-end timed the stream out (state 9, call "T/O").
+  // The front-end timed the stream out.  Called while the entry still holds its call and
+  // state, so that a logged-in user can be announced as gone; the entry then becomes state 9
+  // with the call "T/O".
   virtual void OnStreamTimedOut(int stream) {}
   // The front-end reported its open streams ("AA01"): the user lists are to be rebuilt.
   virtual void OnStreamListReported(int count) {}
