@@ -212,8 +212,15 @@ void ClusterNode::StartConsole() {
   }
 }
 
-void ClusterNode::SaveHighestRates() {
-  if (!rates_ || !rates_->TakeHighestChanged()) return;
+void ClusterNode::SaveHighestRates(bool at_stop) {
+  // While the spot rate climbs a new highest comes nearly every second; writing the
+  // configuration (with its fsync, on the node's only thread) that often delays every spot,
+  // so the first rise is saved at once and later ones at most once a minute and at stop.
+  constexpr auto kSaveInterval = std::chrono::seconds(60);
+  const auto now = std::chrono::steady_clock::now();
+  if (!rates_ || (!at_stop && now - rates_saved_at_ < kSaveInterval)) return;
+  if (!rates_->TakeHighestChanged()) return;
+  rates_saved_at_ = now;
   const SpotRates& h = rates_->highest();
   config_.Set("HighestSpotsPerMin", std::to_string(h.per_minute));
   config_.Set("HighestSpotsPerMinPerDx", std::to_string(h.per_dx));
@@ -333,7 +340,7 @@ bool ClusterNode::StartFrontEnd() {
 
 void ClusterNode::OnTimer() {
   if (stopped_) return;
-  SaveHighestRates();
+  SaveHighestRates(/*at_stop=*/false);
   if (network_) network_->Tick();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
@@ -345,6 +352,7 @@ void ClusterNode::Stop() {
   if (stopped_) return;
   stopped_ = true;
   timer_.cancel();
+  SaveHighestRates(/*at_stop=*/true);
   if (link_) link_->Stop();
   if (console_) console_->Stop();
   log_.Write("Shutdown", "Node stopped");

@@ -113,7 +113,7 @@ class ClusterNode final : public LinkEvents,
   void ApplySpotLists();
   // Intake of one spot sentence; an accepted spot is kept, distributed and relayed.
   IntakeResult TakeSpot(const IntakeRequest& request, bool distribute);
-  void SaveHighestRates();
+  void SaveHighestRates(bool at_stop);
   void SetUpNetwork();
 
   boost::asio::io_context& io_;
@@ -144,6 +144,7 @@ class ClusterNode final : public LinkEvents,
   std::unique_ptr<ConsoleModel> console_model_;
   std::unique_ptr<ConsoleServer> console_;
   boost::asio::steady_timer timer_;
+  std::chrono::steady_clock::time_point rates_saved_at_{};
   SysTime started_;
   bool stopped_ = false;
 };
