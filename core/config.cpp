@@ -245,6 +245,16 @@ bool NonEmptyFile(const std::filesystem::path& path) {
 
 size_t CountLines(std::string_view text) { return SplitLines(text).size(); }
 
+// A save writes the configuration and every list file with their backups, each waiting for
+// the disk; the node saves on its one thread (the highest spot rates, every second while they
+// climb), so a file that already holds the text is left alone rather than written again.
+bool WriteIfChanged(const std::filesystem::path& path, std::string_view text) {
+  if (const std::optional<std::string> old = ReadFileText(path); old && *old == text) {
+    return true;
+  }
+  return AtomicWriteFile(path, text);
+}
+
 }  // namespace
 
 bool NodeDefinition::IsLocal() const { return IsTrueText(local); }
@@ -560,14 +570,14 @@ bool WriteListFile(const ProgramDir& dir, std::string_view name, const ConfigLis
   const std::filesystem::path path = ListPath(dir, name);
   const std::filesystem::path bak = WithBak(path);
   const std::string text = FormatListFile(list);
-  if (!AtomicWriteFile(path, text)) return false;
+  if (!WriteIfChanged(path, text)) return false;
 
   bool replace_bak = true;
   if (std::filesystem::exists(bak, ec)) {
     const auto old = ReadFileText(bak);
     replace_bak = !old || CountLines(text) >= CountLines(*old);
   }
-  bool ok = !replace_bak || AtomicWriteFile(bak, text);
+  bool ok = !replace_bak || WriteIfChanged(bak, text);
 
   // The sysop list says who may run sysop commands: keep it away from other local users.
   if (name == "Sysop") {
@@ -579,7 +589,7 @@ bool WriteListFile(const ProgramDir& dir, std::string_view name, const ConfigLis
 
 bool WriteCfgFile(const Config& config, const ProgramDir& dir) {
   const std::string text = FormatCfg(config);
-  if (!AtomicWriteFile(dir.ConfigFile(), text)) return false;
+  if (!WriteIfChanged(dir.ConfigFile(), text)) return false;
 
   bool ok = true;
   const std::filesystem::path bak = dir.ConfigBackup();

@@ -8,14 +8,7 @@
 //
 // --window is the number of lines per client that may be on their way at once; it keeps the
 // front-end's per-connection output below its bound, so nothing is closed for overflow.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -29,9 +22,11 @@
 #include <unordered_map>
 #include <vector>
 
+#include "tools/tool_util.h"
+
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace qx::tools;
 
 struct Options {
   std::string host = "127.0.0.1";
@@ -43,23 +38,11 @@ struct Options {
   int window = 400;
 };
 
-[[noreturn]] void Die(const std::string& why) {
-  std::fprintf(stderr, "relay_load: %s\n", why.c_str());
-  std::exit(1);
-}
-
-int ConnectTo(const std::string& host, int port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) Die(std::string("socket: ") + std::strerror(errno));
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  if (::inet_pton(AF_INET, host.c_str(), &addr.sin_addr) != 1) Die("bad host " + host);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    Die("connect to port " + std::to_string(port) + ": " + std::strerror(errno));
+int MustConnect(const std::string& host, int port) {
+  const int fd = ConnectTo(port, host);
+  if (fd < 0) {
+    Die("connect to " + host + " port " + std::to_string(port) + ": " + std::strerror(errno));
   }
-  int one = 1;
-  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   return fd;
 }
 
@@ -70,12 +53,9 @@ int LocalPort(int fd) {
   return ntohs(addr.sin_port);
 }
 
-void SendAll(int fd, std::string_view data) {
-  while (!data.empty()) {
-    const ssize_t n = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) Die(std::string("send on the link: ") + std::strerror(errno));
-    data.remove_prefix(static_cast<size_t>(n));
+void SendOnLink(int fd, std::string_view data) {
+  if (!SendAll(fd, data, std::chrono::microseconds(50))) {
+    Die(std::string("send on the link: ") + std::strerror(errno));
   }
 }
 
@@ -121,29 +101,24 @@ std::vector<std::string_view> Fields(std::string_view record) {
 
 Options ParseOptions(int argc, char** argv) {
   Options o;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view arg = argv[i];
-    auto value = [&]() -> std::string {
-      if (i + 1 >= argc) Die("missing value after " + std::string(arg));
-      return argv[++i];
-    };
-    if (arg == "--host") {
-      o.host = value();
-    } else if (arg == "--link-port") {
-      o.link_port = std::atoi(value().c_str());
-    } else if (arg == "--user-port") {
-      o.user_port = std::atoi(value().c_str());
-    } else if (arg == "--clients") {
-      o.clients = std::atoi(value().c_str());
-    } else if (arg == "--seconds") {
-      o.seconds = std::atof(value().c_str());
-    } else if (arg == "--line-bytes") {
-      o.line_bytes = std::max(8, std::atoi(value().c_str()));
-    } else if (arg == "--window") {
-      o.window = std::max(1, std::atoi(value().c_str()));
+  Args args(argc, argv);
+  while (args.Next()) {
+    if (args.Is("--host")) {
+      o.host = args.Value();
+    } else if (args.Is("--link-port")) {
+      o.link_port = args.Int();
+    } else if (args.Is("--user-port")) {
+      o.user_port = args.Int();
+    } else if (args.Is("--clients")) {
+      o.clients = args.Int();
+    } else if (args.Is("--seconds")) {
+      o.seconds = args.Double();
+    } else if (args.Is("--line-bytes")) {
+      o.line_bytes = std::max(8, args.Int());
+    } else if (args.Is("--window")) {
+      o.window = std::max(1, args.Int());
     } else {
-      Die("unknown argument " + std::string(arg) +
-          " (--link-port --user-port --host --clients --seconds --line-bytes --window)");
+      args.Unknown("--link-port --user-port --host --clients --seconds --line-bytes --window");
     }
   }
   if (o.clients < 1) Die("--clients must be at least 1");
@@ -153,19 +128,16 @@ Options ParseOptions(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  SetUpTool("relay_load");
   const Options opt = ParseOptions(argc, argv);
-  rlimit lim{};
-  if (getrlimit(RLIMIT_NOFILE, &lim) == 0) {
-    lim.rlim_cur = lim.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &lim);
-  }
+  RaiseFileLimit(0);
 
   // 1. Be the node: greeting, announcement, stream report.
-  const int link = ConnectTo(opt.host, opt.link_port);
+  const int link = MustConnect(opt.host, opt.link_port);
   LinkReader reader(link);
-  SendAll(link, "QX Cluster");
+  SendOnLink(link, "QX Cluster");
   reader.ReadUntil([](const std::string& r) { return r.starts_with("QRV "); });
-  SendAll(link, "8270");
+  SendOnLink(link, "8270");
   size_t reports_left = 0;
   reader.ReadUntil([&](const std::string& r) {
     if (r.starts_with("AA01^")) reports_left = std::strtoul(Fields(r)[1].data(), nullptr, 10);
@@ -186,7 +158,7 @@ int main(int argc, char** argv) {
   std::vector<Client> clients(opt.clients);
   std::unordered_map<std::string, int> by_peer;
   for (int i = 0; i < opt.clients; ++i) {
-    clients[i].fd = ConnectTo(opt.host, opt.user_port);
+    clients[i].fd = MustConnect(opt.host, opt.user_port);
     by_peer["127.0.0.1:" + std::to_string(LocalPort(clients[i].fd))] = i;
   }
   int known = 0;
@@ -205,14 +177,14 @@ int main(int argc, char** argv) {
   // 3. One receiving thread reads every client (and the link, for close reports).
   const int ep = ::epoll_create1(0);
   for (int i = 0; i < opt.clients; ++i) {
-    ::fcntl(clients[i].fd, F_SETFL, ::fcntl(clients[i].fd, F_GETFL) | O_NONBLOCK);
+    SetNonBlocking(clients[i].fd);
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.u64 = static_cast<uint64_t>(i);
     ::epoll_ctl(ep, EPOLL_CTL_ADD, clients[i].fd, &ev);
   }
   {
-    ::fcntl(link, F_SETFL, ::fcntl(link, F_GETFL) | O_NONBLOCK);
+    SetNonBlocking(link);
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.u64 = UINT64_MAX;
@@ -289,17 +261,8 @@ int main(int argc, char** argv) {
       std::this_thread::sleep_for(std::chrono::microseconds(100));
       continue;
     }
-    // The link socket is non-blocking now; wait for room when it is full.
-    std::string_view data = round;
-    while (!data.empty()) {
-      const ssize_t n = ::send(link, data.data(), data.size(), MSG_NOSIGNAL);
-      if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
-        continue;
-      }
-      if (n <= 0) Die(std::string("send on the link: ") + std::strerror(errno));
-      data.remove_prefix(static_cast<size_t>(n));
-    }
+    // The link socket is non-blocking now; SendOnLink waits for room when it is full.
+    SendOnLink(link, round);
     sent += clients.size();
   }
   const uint64_t at_end = received.load(std::memory_order_acquire);

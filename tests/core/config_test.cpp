@@ -1,5 +1,9 @@
 #include "core/config.h"
 
+#include <sys/stat.h>
+
+#include <map>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -343,6 +347,46 @@ TEST_F(ConfigFiles, ListBackupKeepsTheLongerList) {
   l.items = {"X1", "Y2", "Z3", "W4"};  // grew: replaced
   ASSERT_TRUE(WriteListFile(dir_, "LockOuts", l));
   EXPECT_EQ(Read(bak), FormatListFile(l));
+}
+
+// The identity of a file: a rewrite (temp file + rename) gives it a new inode.
+ino_t Inode(const std::filesystem::path& p) {
+  struct stat st {};
+  return ::stat(p.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+TEST_F(ConfigFiles, ASaveRewritesOnlyTheFilesWhoseTextChanged) {
+  Config c;
+  c.Set("HighestSpotsPerMin", "10");
+  c.List("DxNok").Add("XX1BAD");
+  ASSERT_TRUE(WriteCfgFile(c, dir_));
+  std::map<std::string, ino_t> before;
+  for (const auto& f : std::filesystem::directory_iterator(dir_.Data("cfg"))) {
+    before[f.path().filename().string()] = Inode(f.path());
+  }
+  ASSERT_TRUE(before.contains("DxNok.cfg"));
+  const ino_t cfg_before = Inode(dir_.ConfigFile());
+
+  // A new highest rate changes the configuration only: no list file is written again.
+  c.Set("HighestSpotsPerMin", "11");
+  ASSERT_TRUE(WriteCfgFile(c, dir_));
+  EXPECT_NE(Inode(dir_.ConfigFile()), cfg_before);
+  EXPECT_THAT(Read(dir_.ConfigFile()), HasSubstr("HighestSpotsPerMin^11"));
+  for (const auto& [name, inode] : before) {
+    EXPECT_EQ(Inode(dir_.Data("cfg") / name), inode) << name;
+  }
+
+  // A changed list is written with its backup; a list edited by hand is put right again.
+  c.List("DxNok").Add("XX2BAD");
+  AtomicWriteFile(dir_.Data("cfg") / "LockOuts.cfg", "edited by hand\r\n");
+  ASSERT_TRUE(WriteCfgFile(c, dir_));
+  EXPECT_NE(Inode(dir_.Data("cfg") / "DxNok.cfg"), before["DxNok.cfg"]);
+  EXPECT_NE(Inode(dir_.Data("cfg") / "DxNok.cfg.bak"), before["DxNok.cfg.bak"]);
+  EXPECT_EQ(Read(dir_.Data("cfg") / "DxNok.cfg"), FormatListFile(*c.FindList("DxNok")));
+  EXPECT_EQ(Read(dir_.Data("cfg") / "DxNok.cfg.bak"), FormatListFile(*c.FindList("DxNok")));
+  EXPECT_EQ(Read(dir_.Data("cfg") / "LockOuts.cfg"), FormatListFile(ConfigList{}));
+  EXPECT_EQ(Inode(dir_.Data("cfg") / "AnnNok.cfg"), before["AnnNok.cfg"]);
+  EXPECT_THAT(ReadCfgFile(dir_, log_).FindList("DxNok")->items, ElementsAre("XX1BAD", "XX2BAD"));
 }
 
 TEST_F(ConfigFiles, MissingConfigFallsBackToTheBackup) {
