@@ -135,10 +135,11 @@ void ClusterNode::SetUpNetwork() {
     request.source_stream = stream;
     return TakeSpot(request, true).accepted();
   };
-  deps.pc41.valid_call = [](std::string_view call) {
-    static const CallCheckContext kNoLists;
+  deps.pc41.valid_call = [this](std::string_view call) {
+    CallCheckContext context;
+    context.special_calls = &access_.special_calls;
     std::string c(call);
-    return ValidCall(c, /*strict=*/false, kNoLists);
+    return ValidCall(c, /*strict=*/false, context);
   };
   deps.pc41.bad_word = [this](std::string_view value) {
     return !bad_lists_.FindBadWord(value).empty();
@@ -211,8 +212,15 @@ void ClusterNode::StartConsole() {
   }
 }
 
-void ClusterNode::SaveHighestRates() {
-  if (!rates_ || !rates_->TakeHighestChanged()) return;
+void ClusterNode::SaveHighestRates(bool at_stop) {
+  // While the spot rate climbs a new highest comes nearly every second; writing the
+  // configuration (with its fsync, on the node's only thread) that often delays every spot,
+  // so the first rise is saved at once and later ones at most once a minute and at stop.
+  constexpr auto kSaveInterval = std::chrono::seconds(60);
+  const auto now = std::chrono::steady_clock::now();
+  if (!rates_ || (!at_stop && now - rates_saved_at_ < kSaveInterval)) return;
+  if (!rates_->TakeHighestChanged()) return;
+  rates_saved_at_ = now;
   const SpotRates& h = rates_->highest();
   config_.Set("HighestSpotsPerMin", std::to_string(h.per_minute));
   config_.Set("HighestSpotsPerMinPerDx", std::to_string(h.per_dx));
@@ -300,7 +308,7 @@ bool ClusterNode::Start(std::string* error) {
   link_options.debug = options_.debug;
   link_ =
       std::make_unique<FrontendLink>(io_, streams_, log_, monitor_, clock_, *this, link_options);
-  link_->set_on_unreachable([this] { StartFrontEnd(); });
+  link_->set_on_unreachable([this] { return StartFrontEnd(); });
   Step("Starting the web console");
   StartConsole();
   StepDone();
@@ -316,22 +324,23 @@ bool ClusterNode::Start(std::string* error) {
   return true;
 }
 
-void ClusterNode::StartFrontEnd() {
+bool ClusterNode::StartFrontEnd() {
   const std::string& path_text = config_.Get("Winsock App Path");
-  if (path_text.empty()) return;  // the sysop runs the front-end himself
+  if (path_text.empty()) return false;  // the sysop runs the front-end himself
   std::filesystem::path program(path_text);
   if (program.is_relative()) program = options_.program.parent_path() / program;
   std::string error;
   if (LaunchDetached(program, {"--home", dir_.home().string()}, &error)) {
     monitor_.Console("Started the front-end " + program.string());
-  } else {
-    log_.Write("StartFrontEnd", "cannot start " + program.string() + ": " + error);
+    return true;
   }
+  log_.Write("StartFrontEnd", "cannot start " + program.string() + ": " + error);
+  return false;
 }
 
 void ClusterNode::OnTimer() {
   if (stopped_) return;
-  SaveHighestRates();
+  SaveHighestRates(/*at_stop=*/false);
   if (network_) network_->Tick();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
@@ -343,6 +352,7 @@ void ClusterNode::Stop() {
   if (stopped_) return;
   stopped_ = true;
   timer_.cancel();
+  SaveHighestRates(/*at_stop=*/true);
   if (link_) link_->Stop();
   if (console_) console_->Stop();
   log_.Write("Shutdown", "Node stopped");
@@ -391,6 +401,8 @@ void ClusterNode::OnStreamLine(int stream, std::string_view line) {
       login_->OnLine(stream, line);
     } else if (e.IsNode()) {
       network_->OnLine(stream, line);
+    } else if (e.IsFeed()) {
+      network_->OnFeedLine(stream, line);
     } else if (e.IsUser()) {
       if (line.starts_with("PC") && line.find('^') != std::string_view::npos) {
         log_.Write("DataArrival", " User is really a Node, but node not defined " + e.call);
@@ -401,6 +413,12 @@ void ClusterNode::OnStreamLine(int stream, std::string_view line) {
     // One bad line must never take the node down; it is logged and the next line is served.
     log_.Write("DataArrival", std::string(" where = line handling: ") + ex.what());
   }
+}
+
+void ClusterNode::OnStreamTimedOut(int stream) {
+  // Once timed out the entry no longer names the user, and its close will not count as a
+  // log-out: the network hears of it now.
+  if (streams_.at(stream).IsUser()) login_->OnLoggedOut(stream);
 }
 
 void ClusterNode::OnStreamClosed(int stream, int previous_state) {
@@ -432,6 +450,12 @@ void ClusterNode::OnOutgoingFailed(std::string_view label, std::string_view reas
 
 bool ClusterNode::OnStreamPartial(int stream, std::string_view text) {
   return network_ && network_->OnPartialLine(stream, text);
+}
+
+void ClusterNode::OnHandshakeRecord(int stream, std::string_view record) {
+  // A front-end that reports a remote node's prompt in a stream event: the calling side of
+  // a node link answers it like the same prompt arriving as data.
+  if (network_) network_->OnPartialLine(stream, record);
 }
 
 // CommandServices --------------------------------------------------------------------

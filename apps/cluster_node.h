@@ -98,19 +98,22 @@ class ClusterNode final : public LinkEvents,
   void OnRecoveryComplete() override;
   void OnOutgoingFailed(std::string_view label, std::string_view reason) override;
   bool OnStreamPartial(int stream, std::string_view text) override;
+  void OnStreamTimedOut(int stream) override;
+  void OnHandshakeRecord(int stream, std::string_view record) override;
 
   void Step(std::string_view name);
   void StepDone();
   void LoadConfiguration();
   void ApplyLists();
-  void StartFrontEnd();
+  // Starts qxfront beside this program; true when it was started.
+  bool StartFrontEnd();
   void OnTimer();
   ClusterCounts Counts() const;
   void SetUpSpots();
   void ApplySpotLists();
   // Intake of one spot sentence; an accepted spot is kept, distributed and relayed.
   IntakeResult TakeSpot(const IntakeRequest& request, bool distribute);
-  void SaveHighestRates();
+  void SaveHighestRates(bool at_stop);
   void SetUpNetwork();
 
   boost::asio::io_context& io_;
@@ -141,6 +144,7 @@ class ClusterNode final : public LinkEvents,
   std::unique_ptr<ConsoleModel> console_model_;
   std::unique_ptr<ConsoleServer> console_;
   boost::asio::steady_timer timer_;
+  std::chrono::steady_clock::time_point rates_saved_at_{};
   SysTime started_;
   bool stopped_ = false;
 };

@@ -28,6 +28,7 @@ constexpr std::string_view kAlertBox[] = {
 // A line that never ends is handed on once it is this long, so a stream cannot make the
 // node hold unbounded text.
 constexpr size_t kMaxLineCarry = 8192;
+constexpr int kQuickRetries = 20;  // 5 s of quarter-second retries after starting the front-end
 constexpr std::string_view kAwaitingCall = "    *    ";
 constexpr std::string_view kHeading = "DataArrival";
 
@@ -435,11 +436,11 @@ void FrontendLink::HandleTimedOut(std::string_view record) {
   const int stream = StreamField(fields_[1], "AA05");
   if (stream == 0) return;
   table_.set_current(stream);
+  events_.OnStreamTimedOut(stream);
   StreamEntry& entry = table_.at(stream);
   entry.call = "T/O";
   ShowConnection(stream, "no call");
   entry.state = kStateTimedOut;
-  events_.OnStreamTimedOut(stream);
 }
 
 void FrontendLink::HandleAnnouncement(std::string_view record) {
@@ -607,6 +608,7 @@ void FrontendLink::StartConnect() {
 void FrontendLink::OnConnected() {
   state_ = State::kConnected;
   outage_reported_ = false;
+  quick_retries_ = 0;
   overflow_reported_ = false;
   boost::system::error_code ignored;
   socket_.set_option(tcp::no_delay(true), ignored);
@@ -624,7 +626,7 @@ void FrontendLink::OnConnectFailed(const boost::system::error_code& ec) {
     outage_reported_ = true;
     log_.Write("WinsockCluster_Error", ec.message());
     for (std::string_view line : kAlertBox) monitor_.Console(line);
-    if (on_unreachable_) on_unreachable_();
+    if (on_unreachable_ && on_unreachable_()) quick_retries_ = kQuickRetries;
   }
   ScheduleRetry();
 }
@@ -639,7 +641,12 @@ void FrontendLink::LinkLost(const boost::system::error_code& ec) {
 
 void FrontendLink::ScheduleRetry() {
   if (state_ == State::kStopped) return;
-  retry_timer_.expires_after(options_.retry_interval);
+  if (quick_retries_ > 0) {
+    --quick_retries_;
+    retry_timer_.expires_after(std::chrono::milliseconds(250));
+  } else {
+    retry_timer_.expires_after(options_.retry_interval);
+  }
   std::weak_ptr<int> alive = alive_;
   retry_timer_.async_wait([this, alive](const boost::system::error_code& ec) {
     if (ec || alive.expired()) return;

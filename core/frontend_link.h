@@ -47,7 +47,9 @@ class LinkEvents {
   // The stream closed.  Called while the entry still holds the stream's call and state, so
   // a logged-in user can be announced as gone; the entry is freed afterwards.
   virtual void OnStreamClosed(int stream, int previous_state) {}
-  // The front-end timed the stream out (state 9, call "T/O").
+  // The front-end timed the stream out.  Called while the entry still holds its call and
+  // state, so that a logged-in user can be announced as gone; the entry then becomes state 9
+  // with the call "T/O".
   virtual void OnStreamTimedOut(int stream) {}
   // The front-end reported its open streams ("AA01"): the user lists are to be rebuilt.
   virtual void OnStreamListReported(int count) {}
@@ -103,8 +105,10 @@ class FrontendLink : private LinkArrival::Sink {
   FrontendLink& operator=(const FrontendLink&) = delete;
 
   // Called when the first connect of an outage fails, so that the owner can start the
-  // front-end program.  Called again only after the link was up in between.
-  void set_on_unreachable(std::function<void()> handler) { on_unreachable_ = std::move(handler); }
+  // front-end program.  Called again only after the link was up in between.  The handler
+  // returns true when it started the program: the link then tries again every quarter of a
+  // second for a few seconds, since a new front-end listens within moments.
+  void set_on_unreachable(std::function<bool()> handler) { on_unreachable_ = std::move(handler); }
   void set_debug(bool debug) { options_.debug = debug; }
 
   // Opens the link (start-up) and keeps it open from then on.
@@ -214,7 +218,8 @@ class FrontendLink : private LinkArrival::Sink {
   const Clock& clock_;
   LinkEvents& events_;
   FrontendLinkOptions options_;
-  std::function<void()> on_unreachable_;
+  std::function<bool()> on_unreachable_;
+  int quick_retries_ = 0;
 
   LinkArrival arrival_;
   boost::asio::ip::tcp::resolver resolver_;

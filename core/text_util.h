@@ -20,6 +20,7 @@ std::string ToUpper(std::string_view text);
 void ToUpperInPlace(std::string& text);
 bool EqualsIgnoreCase(std::string_view a, std::string_view b);
 bool StartsWithIgnoreCase(std::string_view text, std::string_view prefix);
+bool ContainsIgnoreCase(std::string_view text, std::string_view word);
 std::string_view Trim(std::string_view text);  // blanks, tabs, CR, LF
 std::string Join(const std::vector<std::string_view>& parts, std::string_view sep);
 std::string Join(const std::vector<std::string>& parts, std::string_view sep);

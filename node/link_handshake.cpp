@@ -6,14 +6,6 @@
 namespace qx {
 namespace {
 
-bool ContainsIgnoreCase(std::string_view text, std::string_view word) {
-  if (word.size() > text.size()) return false;
-  for (size_t i = 0; i + word.size() <= text.size(); ++i) {
-    if (EqualsIgnoreCase(text.substr(i, word.size()), word)) return true;
-  }
-  return false;
-}
-
 // The header of a sentence: the text before the first "^" (or the whole line when a peer
 // left the trailer off), without blanks.
 std::string_view Header(std::string_view line) { return Trim(line.substr(0, line.find('^'))); }
@@ -27,6 +19,11 @@ std::string_view Field1(std::string_view line) {
 }
 
 }  // namespace
+
+bool NodeLinkHandshake::IsLoginPrompt(std::string_view text) {
+  return ContainsIgnoreCase(text, "login:") || ContainsIgnoreCase(text, "call:") ||
+         text.find("*** Connected ") != std::string_view::npos;
+}
 
 NodeLinkHandshake::NodeLinkHandshake(Role role, Config config)
     : role_(role),
@@ -48,9 +45,13 @@ NodeLinkHandshake::Step NodeLinkHandshake::OnLine(std::string_view raw) {
   switch (state_) {
     case State::kAwaitPrompt:
       // Banners and stray lines come first; the prompt may arrive without a line end.
-      if (ContainsIgnoreCase(line, "login:") || ContainsIgnoreCase(line, "call:")) {
+      if (IsLoginPrompt(line)) {
         step.send.push_back(config_.our_call + "\r\n");
         state_ = State::kAwaitPc18;
+      } else if (header == "PC18") {
+        // A peer that knows our address may skip the prompt and introduce itself at once.
+        state_ = State::kAwaitPc18;
+        return OnLine(raw);
       }
       break;
 

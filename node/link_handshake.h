@@ -40,6 +40,10 @@ class NodeLinkHandshake {
 
   NodeLinkHandshake(Role role, Config config);
 
+  // True when text holds one of the prompts a remote node shows a caller: "login:", "call:"
+  // (any case) or "*** Connected ".
+  static bool IsLoginPrompt(std::string_view text);
+
   // One line from the peer, without its line end; a prompt without line end may come as is.
   Step OnLine(std::string_view line);
 

@@ -64,11 +64,47 @@ void NetworkView::Touch(Node& n, int stream, int hops) {
   best = std::max(best, hops);
 }
 
-void NetworkView::RemoveNode(std::string_view call) {
-  auto it = nodes_.find(call);
-  if (it == nodes_.end()) return;
-  nodes_.erase(it);
-  for (auto& [name, n] : nodes_) n.child_nodes.erase(std::string(call));
+void NetworkView::RemoveNodes(const std::vector<std::string>& calls) {
+  size_t erased = 0;
+  for (const std::string& call : calls) erased += nodes_.erase(call);
+  if (erased == 0) return;
+  for (auto& [name, n] : nodes_) {
+    for (const std::string& call : calls) n.child_nodes.erase(call);
+  }
+}
+
+void NetworkView::Prune(std::vector<std::string>& removed) {
+  // Walk down from every node with a route of its own; what the walk never reaches goes.
+  std::set<std::string_view> reached;
+  std::vector<const Node*> todo;
+  for (const auto& [call, n] : nodes_) {
+    if (!n.routes.empty()) {
+      reached.insert(call);
+      todo.push_back(&n);
+    }
+  }
+  while (!todo.empty()) {
+    const Node* n = todo.back();
+    todo.pop_back();
+    for (const std::string& child : n->child_nodes) {
+      auto it = nodes_.find(child);
+      if (it == nodes_.end() || !reached.insert(it->first).second) continue;
+      todo.push_back(&it->second);
+    }
+  }
+  std::vector<std::string> gone;
+  for (const auto& [call, n] : nodes_) {
+    if (!reached.count(call)) gone.push_back(call);
+  }
+  RemoveNodes(gone);
+  removed.insert(removed.end(), gone.begin(), gone.end());
+}
+
+bool NetworkView::IsNeighbour(std::string_view call) const {
+  for (const auto& [stream, neighbour] : neighbours_) {
+    if (neighbour == call) return true;
+  }
+  return false;
 }
 
 bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
@@ -91,6 +127,7 @@ bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
       if (!own.v2.empty()) n.build = DigitsOnly(own.v2);
     }
     Touch(n, stream, hops);
+    n.life = kLife;
     return true;
   }
   if (type != 'A' && type != 'D' && type != 'C') return false;
@@ -99,13 +136,14 @@ bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
   Node& from = Ensure(origin);
   from.pc9x = true;
   Touch(from, stream, hops);
-  // Slot 1: empty means the origin itself; otherwise the node the list belongs to.
+  if (type == 'C') from.life = kLife;
+  // Slot 1: empty means the origin itself; otherwise the node the list belongs to (a legacy
+  // node the origin owns, reached through the origin).
   Node* owner = &from;
   const ParsedEntry slot1 = ParseEntry(f[4]);
   if (slot1.flag >= 0 && slot1.call != origin) {
     if (slot1.call == our_call_) return false;
     owner = &Ensure(slot1.call);
-    Touch(*owner, stream, hops);
     from.child_nodes.insert(owner->call);
   }
   if (slot1.flag >= 0 && !slot1.v1.empty()) {
@@ -128,35 +166,49 @@ bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
     }
   }
   const std::string owner_call = owner->call;
+  std::vector<std::string> removed;
   if (type == 'D') {
     for (const std::string& u : users) owner->users.erase(u);
+    std::vector<std::string> gone;
     for (const std::string& n : nodes) {
       if (n == owner_call || n == origin) continue;
-      // Removing a node below may remove others; look the owner up afresh each time.
-      auto owner_it = nodes_.find(owner_call);
-      if (owner_it == nodes_.end()) break;
-      owner_it->second.child_nodes.erase(n);
-      // A node that nobody reports any more, and that is not our own neighbour, is gone.
-      bool still_listed = false;
+      owner->child_nodes.erase(n);
+      // A node that nobody lists any more, and that is not our own neighbour, is gone even
+      // when an old route to it remains: the route ran through the link just reported lost.
+      bool still_listed = IsNeighbour(n);
       for (const auto& [name, other] : nodes_) still_listed |= other.child_nodes.count(n) > 0;
-      for (const auto& [s, call] : neighbours_) still_listed |= (call == n);
-      if (!still_listed) RemoveNode(n);
+      if (!still_listed) gone.push_back(n);
     }
+    RemoveNodes(gone);
+    // What hung only below the nodes removed goes with them.
+    Prune(removed);
     return true;
   }
-  Node& target = nodes_.find(owner_call)->second;
   if (type == 'C') {
-    target.users = users;
-    target.child_nodes.clear();
+    owner->users = users;
+    owner->child_nodes.clear();
   } else {
-    target.users.insert(users.begin(), users.end());
+    owner->users.insert(users.begin(), users.end());
   }
+  // Children have no route of their own: they are reached through their parent.  Ensure may
+  // move no existing node (std::map), so owner stays valid.
   for (const std::string& n : nodes) {
     if (n == owner_call) continue;
-    nodes_.find(owner_call)->second.child_nodes.insert(n);
-    Node& child = Ensure(n);
-    if (child.routes.empty()) Touch(child, stream, hops > 0 ? hops - 1 : 0);
+    owner->child_nodes.insert(n);
+    Ensure(n);
   }
+  // A full list drops the children it no longer names; those reached no other way go.
+  if (type == 'C') Prune(removed);
+  return true;
+}
+
+bool NetworkView::NotePc92Route(const std::vector<std::string>& f, int stream) {
+  if (f.size() < 6 || f[1].empty() || f[3].size() != 1) return false;
+  const char type = f[3][0];
+  if (type != 'A' && type != 'C' && type != 'D' && type != 'K') return false;
+  auto it = nodes_.find(f[1]);
+  if (it == nodes_.end()) return false;
+  Touch(it->second, stream, HopOf(f));
   return true;
 }
 
@@ -212,7 +264,9 @@ bool NetworkView::ApplyPc21(const std::vector<std::string>& f, int stream) {
     if (call == f[1] && s != stream) return false;
   }
   if (nodes_.find(f[1]) == nodes_.end()) return false;
-  RemoveNode(f[1]);
+  RemoveNodes({f[1]});
+  std::vector<std::string> removed;
+  Prune(removed);
   return true;
 }
 
@@ -223,14 +277,33 @@ void NetworkView::LinkUp(int stream, std::string_view neighbour_call, bool pc9x)
   Touch(n, stream, 100);
 }
 
-void NetworkView::LinkDown(int stream) {
+std::vector<std::string> NetworkView::LinkDown(int stream) {
   neighbours_.erase(stream);
-  std::vector<std::string> gone;
+  for (auto& [call, n] : nodes_) n.routes.erase(stream);
+  std::vector<std::string> removed;
+  Prune(removed);
+  return removed;
+}
+
+std::vector<std::string> NetworkView::KeepaliveTick() {
+  std::vector<std::string> quiet;
   for (auto& [call, n] : nodes_) {
-    n.routes.erase(stream);
-    if (n.routes.empty()) gone.push_back(call);
+    if (!n.pc9x) continue;
+    if (IsNeighbour(call)) {
+      n.life = kLife;  // its link's own checks watch a neighbour
+      continue;
+    }
+    if (--n.life <= 0) quiet.push_back(call);
   }
-  for (const std::string& call : gone) RemoveNode(call);
+  RemoveNodes(quiet);
+  std::vector<std::string> removed = quiet;
+  if (!quiet.empty()) Prune(removed);
+  return removed;
+}
+
+void NetworkView::Refresh(std::string_view call) {
+  auto it = nodes_.find(call);
+  if (it != nodes_.end()) it->second.life = kLife;
 }
 
 int NetworkView::UserCount() const {
@@ -267,45 +340,36 @@ std::vector<std::pair<std::string, std::string>> NetworkView::Users() const {
   return out;
 }
 
-int NetworkView::BestRoute(const Node& n, std::set<std::string>& seen) const {
-  int best_stream = 0, best_hops = -1;
+NetworkView::Route NetworkView::BestRoute(const Node& n,
+                                          std::set<std::string, std::less<>>& seen) const {
+  Route best;
   for (const auto& [stream, hops] : n.routes) {
-    if (hops > best_hops) {
-      best_hops = hops;
-      best_stream = stream;
-    }
+    if (hops > best.hops) best = Route{stream, hops};
   }
-  if (best_stream != 0) return best_stream;
-  // No route of its own: go through a node that reported it.
+  if (best.stream != 0) return best;
+  // No route of its own: through the best of the nodes that list it.
   seen.insert(n.call);
   for (const auto& [call, parent] : nodes_) {
-    if (parent.child_nodes.count(n.call) && !seen.count(call)) {
-      const int s = BestRoute(parent, seen);
-      if (s != 0) return s;
-    }
+    if (!parent.child_nodes.count(n.call) || seen.count(call)) continue;
+    const Route r = BestRoute(parent, seen);
+    if (r.stream != 0 && r.hops - 1 > best.hops) best = Route{r.stream, r.hops - 1};
   }
-  return 0;
+  return best;
 }
 
 int NetworkView::RouteTo(std::string_view call) const {
-  std::set<std::string> seen;
-  if (const Node* n = FindNode(call)) return BestRoute(*n, seen);
-  int best_stream = 0, best_hops = -1;
+  std::set<std::string, std::less<>> seen;
+  if (const Node* n = FindNode(call)) return BestRoute(*n, seen).stream;
+  // A user: the best route to any node it is on.
+  Route best;
+  const std::string user(call);
   for (const auto& [node_call, n] : nodes_) {
-    if (!n.users.count(std::string(call))) continue;
-    for (const auto& [stream, hops] : n.routes) {
-      if (hops > best_hops) {
-        best_hops = hops;
-        best_stream = stream;
-      }
-    }
-    if (best_stream == 0) {
-      seen.clear();
-      best_stream = BestRoute(n, seen);
-      if (best_stream != 0) best_hops = 0;
-    }
+    if (!n.users.count(user)) continue;
+    seen.clear();
+    const Route r = BestRoute(n, seen);
+    if (r.stream != 0 && r.hops > best.hops) best = r;
   }
-  return best_stream;
+  return best.stream;
 }
 
 }  // namespace qx

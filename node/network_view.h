@@ -1,6 +1,12 @@
 // What this node knows of the network beyond its own users: the nodes, which users are on
 // them, and through which neighbour stream each is reached.  Fed by PC92 (PC9x peers) and
 // by PC16/17/19/21 (legacy peers).
+//
+// A node is in the view while something reaches it: a route of its own through a neighbour
+// stream that is still up (the highest hop count on which its PC92 came in on that stream),
+// or a parent -- a node that lists it as a child and is itself reached.  When a link drops,
+// only what no remaining stream reaches goes; a PC9x node that sends neither C nor K for
+// three hourly keep-alive ticks goes too.
 #pragma once
 
 #include <map>
@@ -13,6 +19,9 @@ namespace qx {
 
 class NetworkView {
  public:
+  // Hourly keep-alive ticks a PC9x node may stay silent (no C, no K) and remain known.
+  static constexpr int kLife = 3;
+
   struct Node {
     std::string call;
     bool pc9x = false;    // described by its own PC92 or flagged 5
@@ -21,7 +30,8 @@ class NetworkView {
     std::string address;
     std::set<std::string> users;        // users logged in there
     std::set<std::string> child_nodes;  // nodes it reported as its neighbours
-    std::map<int, int> routes;          // neighbour stream -> best hop count seen
+    std::map<int, int> routes;          // neighbour stream -> highest hop count seen
+    int life = kLife;                   // keep-alive ticks left before a quiet node goes
   };
   struct NodeUsers {
     std::string node;
@@ -33,16 +43,28 @@ class NetworkView {
   // A PC92 (fields 0..last) that passed the time-stamp check, received on stream.  False when
   // it was ignored (own call, unknown origin of a D, malformed).
   bool ApplyPc92(const std::vector<std::string>& f, int stream);
+  // A copy of the last PC92 accepted from its origin that came in again (in a meshed network,
+  // over another neighbour): only the route to the origin through stream is remembered; the
+  // lists are not applied again.  False when the origin is unknown or the sentence malformed.
+  bool NotePc92Route(const std::vector<std::string>& f, int stream);
   // Legacy sentences from the neighbour neighbour_call on stream.
   bool ApplyPc16(const std::vector<std::string>& f, int stream);
   bool ApplyPc17(const std::vector<std::string>& f, int stream);
   bool ApplyPc19(const std::vector<std::string>& f, int stream, std::string_view neighbour_call);
   bool ApplyPc21(const std::vector<std::string>& f, int stream);
 
-  // A neighbour link came up (the neighbour itself hangs under us) or went down (every route
-  // learned through it is forgotten, and nodes reached only through it disappear).
+  // A neighbour link came up (the neighbour itself hangs under us) or went down: every route
+  // learned through it is forgotten, and the nodes (with their users) that no remaining
+  // stream reaches, directly or through a parent, disappear.  Returns the calls removed.
   void LinkUp(int stream, std::string_view neighbour_call, bool pc9x);
-  void LinkDown(int stream);
+  std::vector<std::string> LinkDown(int stream);
+
+  // The hourly keep-alive tick: every PC9x node but the neighbours whose links are up loses
+  // one life; a node at none is removed with its users, and so are the nodes that were
+  // reached only through it.  Returns the calls removed.
+  std::vector<std::string> KeepaliveTick();
+  // A sign of life from a node (its neighbour link answered a check): full life again.
+  void Refresh(std::string_view call);
 
   int NodeCount() const { return static_cast<int>(nodes_.size()); }
   int UserCount() const;
@@ -57,10 +79,20 @@ class NetworkView {
   int RouteTo(std::string_view call) const;
 
  private:
+  struct Route {
+    int stream = 0;
+    int hops = -1;
+  };
+
   Node& Ensure(std::string_view call);
   void Touch(Node& n, int stream, int hops);
-  void RemoveNode(std::string_view call);
-  int BestRoute(const Node& n, std::set<std::string>& seen) const;
+  // Removes the nodes and every mention of them as a child.
+  void RemoveNodes(const std::vector<std::string>& calls);
+  // Removes what no route reaches (see the top); the calls removed are appended to removed.
+  void Prune(std::vector<std::string>& removed);
+  bool IsNeighbour(std::string_view call) const;
+  // A node's own best route, or else its best parent's (one hop further).
+  Route BestRoute(const Node& n, std::set<std::string, std::less<>>& seen) const;
 
   std::string our_call_;
   std::map<std::string, Node, std::less<>> nodes_;

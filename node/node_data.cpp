@@ -131,10 +131,18 @@ const NodeLinkHandshake* NodeProcessor::Handshake(int stream) const {
   return it == handshakes_.end() ? nullptr : it->second.get();
 }
 
-void NodeProcessor::LinkClosed(int stream) {
+std::vector<std::string> NodeProcessor::LinkClosed(int stream) {
   handshakes_.erase(stream);
-  view_.LinkDown(stream);
+  std::vector<std::string> gone = view_.LinkDown(stream);
   if (deps_.counts_changed) deps_.counts_changed();
+  return gone;
+}
+
+std::vector<std::string> NodeProcessor::ExpireQuietNodes() {
+  std::vector<std::string> gone = view_.KeepaliveTick();
+  for (const std::string& call : gone) time_check_.Forget(call);
+  if (!gone.empty() && deps_.counts_changed) deps_.counts_changed();
+  return gone;
 }
 
 void NodeProcessor::FeedHandshake(int stream, std::string_view line) {
@@ -325,11 +333,23 @@ bool NodeProcessor::HandlePc9x(PcSentence& s) {
   const bool is_pc92 = s.number == 92;
   if (is_pc92 && s.fields[3] != "K" && !options_.pc92_topology) return false;
   if (!deps_.clock) return false;
+  // A D from an origin we do not know is dropped before its stamp is remembered: it must
+  // neither create the origin nor hold back that origin's first real sentence.
+  if (is_pc92 && s.fields[3] == "D" && !view_.FindNode(s.fields[1])) return false;
 
   const SysTime now = deps_.clock->Now();
   const Pc9xTimeCheck::Verdict verdict =
       time_check_.Check(s.fields[1], s.fields[2], SecondsOfDay(now), is_pc92);
-  if (verdict != Pc9xTimeCheck::Verdict::kAccept) return false;
+  if (verdict != Pc9xTimeCheck::Verdict::kAccept) {
+    // In a meshed network the same PC92 comes in again over another neighbour.  It is not
+    // applied or passed on again, but it shows a second way to its origin.
+    double stamp = 0;
+    if (is_pc92 && verdict == Pc9xTimeCheck::Verdict::kNotNewer &&
+        ParseDouble(s.fields[2], stamp) && stamp == time_check_.Last(s.fields[1])) {
+      view_.NotePc92Route(s.fields, s.stream);
+    }
+    return false;
+  }
 
   if (is_pc92) {
     // What the view refuses (a D for an unknown origin, a malformed list) goes no further.
@@ -341,9 +361,11 @@ bool NodeProcessor::HandlePc9x(PcSentence& s) {
   // PC93 ^ origin ^ time ^ to ^ from ^ via ^ text ...
   if (s.last() < 6) return false;
   if (dups_.SeenPc93(s.fields[4], s.fields[6], s.fields[1], NowSeconds())) return false;
-  const bool done = deps_.pc93 ? deps_.pc93(s) : true;
+  using Outcome = NodeDeps::Pc93Outcome;
+  const Outcome outcome = deps_.pc93 ? deps_.pc93(s) : Outcome::kDelivered;
+  if (outcome == Outcome::kRepeat) return false;
   if (s.fields[3] != "LOCAL" && s.fields[5] != "LOCAL") RelayWithHops(s);
-  return done;
+  return outcome == Outcome::kDelivered;
 }
 
 bool NodeProcessor::HandlePc41(PcSentence& s) {

@@ -58,7 +58,9 @@ struct NodeDeps {
   // decremented in s.fields (send s.Join() + CR LF).
   std::function<void(int from_stream, const PcSentence& s)> relay;
   // A PC93 that passed the time-stamp and duplicate checks (talk/announce/chat delivery).
-  std::function<bool(PcSentence& s)> pc93;
+  // kRepeat (an announcement already seen under another stamp) is neither shown nor passed on.
+  enum class Pc93Outcome { kDelivered, kNotHere, kRepeat };
+  std::function<Pc93Outcome(PcSentence& s)> pc93;
   // The sentences whose processing lives with other parts of the node (talk and announce
   // relay of PC10/PC12, WWV/WCY, mail, remote commands, PC24, PC39).  Unset: not processed.
   std::function<bool(PcSentence& s)> other;
@@ -89,7 +91,12 @@ class NodeProcessor {
                  std::string_view first_line = {}, std::string password = {});
   const NodeLinkHandshake* Handshake(int stream) const;
   // The stream closed: its handshake and the routes learned through it are forgotten.
-  void LinkClosed(int stream);
+  // Returns the nodes that left the view (those no other link reaches).
+  std::vector<std::string> LinkClosed(int stream);
+  // The hourly keep-alive tick: PC9x nodes silent for too long leave the view (see
+  // NetworkView::KeepaliveTick) and their time stamps are forgotten, so they are welcome
+  // back whatever their clock says.  Returns the nodes removed.
+  std::vector<std::string> ExpireQuietNodes();
 
   NodeNetState& state() { return state_; }
   PcCheckFlags& check_flags() { return flags_; }

@@ -26,14 +26,6 @@ constexpr int64_t kHandshakeTimeout = 90;
 constexpr int64_t kOutgoingAnswerTimeout = 45;
 constexpr int64_t kTalkWindow = 45;
 
-bool ContainsNoCase(std::string_view text, std::string_view word) {
-  if (word.size() > text.size()) return false;
-  for (size_t i = 0; i + word.size() <= text.size(); ++i) {
-    if (EqualsIgnoreCase(text.substr(i, word.size()), word)) return true;
-  }
-  return false;
-}
-
 // "ip:port", "[v6]:port" or a bare address -> the address.
 std::string AddressOnly(std::string_view peer) {
   if (peer.empty()) return {};
@@ -92,25 +84,27 @@ NodeNetworkOptions NodeNetworkOptions::FromConfig(const Config& config, std::str
 NodeNetwork::NodeNetwork(NodeNetworkOptions options, NodeNetworkDeps deps)
     : options_(std::move(options)),
       deps_(std::move(deps)),
-      processor_(NodeOptions{options_.our_call, options_.version, 0, true, /*pc92_topology=*/true},
-                 [&] {
-                   NodeDeps d;
-                   d.streams = deps_.streams;
-                   d.monitor = deps_.monitor;
-                   d.output = this;
-                   d.clock = deps_.clock;
-                   d.errors = deps_.errors;
-                   d.spot_intake = [this](const PcSentence& s, int code, int stream) {
-                     return deps_.spot_intake ? deps_.spot_intake(s.line, code, stream) : false;
-                   };
-                   d.pc41 = deps_.pc41;
-                   d.counts_changed = [this] { CountsChanged(); };
-                   d.relay = [this](int from, const PcSentence& s) { OnRelay(from, s); };
-                   d.pc93 = [this](PcSentence& s) { return OnPc93(s); };
-                   d.other = [this](PcSentence& s) { return OnOther(s); };
-                   d.our_config = [this](bool pc9x) { return OurConfig(pc9x); };
-                   return d;
-                 }()) {
+      processor_(
+          NodeOptions{options_.our_call, options_.pc_version, 0, true, /*pc92_topology=*/true},
+          [&] {
+            NodeDeps d;
+            d.streams = deps_.streams;
+            d.monitor = deps_.monitor;
+            d.output = this;
+            d.clock = deps_.clock;
+            d.errors = deps_.errors;
+            d.spot_intake = [this](const PcSentence& s, int code, int stream) {
+              return deps_.spot_intake ? deps_.spot_intake(s.line, code, stream) : false;
+            };
+            d.pc41 = deps_.pc41;
+            d.feed = deps_.feed;
+            d.counts_changed = [this] { CountsChanged(); };
+            d.relay = [this](int from, const PcSentence& s) { OnRelay(from, s); };
+            d.pc93 = [this](PcSentence& s) { return OnPc93(s); };
+            d.other = [this](PcSentence& s) { return OnOther(s); };
+            d.our_config = [this](bool pc9x) { return OurConfig(pc9x); };
+            return d;
+          }()) {
   for (int n : {16, 17, 19, 21}) {
     processor_.SetHandler(n, [this](PcSentence& s) { return OnLegacyTopology(s); });
   }
@@ -281,13 +275,78 @@ std::vector<Pc92Entry> NodeNetwork::NeighbourEntries() const {
 }
 
 std::vector<std::string> NodeNetwork::OurConfig(bool pc9x) {
+  return OurConfigFor(deps_.streams->current(), pc9x);
+}
+
+std::vector<std::string> NodeNetwork::OurConfigFor(int stream, bool pc9x) {
   LocalConfig c;
   c.our_call = options_.our_call;
   c.version = options_.pc_version;
   c.build = options_.build;
   c.nodes = NeighbourEntries();
   c.users = LocalUserEntries();
+  if (pc9x) {
+    c.legacy_neighbours = LegacyNeighbours();
+  } else {
+    c.remote_nodes = RemoteNodesFor(stream);
+  }
   return BuildOurConfig(c, pc9x, processor_.stamps(), NowOfDay());
+}
+
+bool NodeNetwork::ReachedThrough(std::string_view call, int stream) const {
+  if (stream == 0) return false;
+  const NetworkView& v = view();
+  const NetworkView::Node* n = v.FindNode(call);
+  if (!n) return false;
+  return n->routes.count(stream) > 0 || v.RouteTo(call) == stream;
+}
+
+std::string NodeNetwork::LegacyVersionOf(std::string_view call, std::string_view hint) const {
+  const auto usable = [](std::string_view v) {
+    return v.size() == 4 &&
+           std::all_of(v.begin(), v.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
+           v >= "5000";
+  };
+  if (usable(hint)) return std::string(hint);
+  if (const NetworkView::Node* n = view().FindNode(call); n && usable(n->version)) {
+    return n->version;
+  }
+  // Unknown or too old to be believed: legacy peers would drop the node, so it goes with ours.
+  return options_.pc_version;
+}
+
+std::vector<NodeWithUsers> NodeNetwork::RemoteNodesFor(int stream) const {
+  std::vector<NodeWithUsers> out;
+  const Link* link = FindLink(stream);
+  const std::string_view peer = link ? std::string_view(link->info.peer) : std::string_view();
+  const NetworkView& v = view();
+  for (const std::string& call : v.Nodes()) {
+    if (call == peer || call == options_.our_call || ReachedThrough(call, stream)) continue;
+    const NetworkView::Node* n = v.FindNode(call);
+    if (!n) continue;
+    out.push_back(NodeWithUsers{call,
+                                LegacyVersionOf(call),
+                                std::vector<std::string>(n->users.begin(), n->users.end()),
+                                {}});
+  }
+  return out;
+}
+
+std::vector<NodeWithUsers> NodeNetwork::LegacyNeighbours() const {
+  std::vector<NodeWithUsers> out;
+  for (const auto& [stream, link] : links_) {
+    if (!link->info.up || link->closing || link->info.pc9x) continue;
+    NodeWithUsers n{link->info.peer, {}, {}, {}};
+    if (const NetworkView::Node* node = view().FindNode(link->info.peer)) {
+      n.users.assign(node->users.begin(), node->users.end());
+      for (const std::string& child : node->child_nodes) {
+        const NetworkView::Node* c = view().FindNode(child);
+        if (c && !c->pc9x && child != options_.our_call) n.nodes.push_back(child);
+      }
+    }
+    out.push_back(std::move(n));
+  }
+  return out;
 }
 
 bool NodeNetwork::IsPublicAddress(std::string_view address) {
@@ -401,7 +460,14 @@ void NodeNetwork::LinkGone(int stream) {
   std::unique_ptr<Link> link = std::move(it->second);
   links_.erase(it);
   const bool was_up = link->info.up;
-  processor_.LinkClosed(stream);
+  // The legacy nodes behind a legacy link were announced to PC9x neighbours as ours.
+  std::vector<std::string> legacy_nodes;
+  if (was_up && !link->info.pc9x) {
+    for (const std::string& call : view().Nodes()) {
+      if (call != link->info.peer && !view().FindNode(call)->pc9x) legacy_nodes.push_back(call);
+    }
+  }
+  const std::vector<std::string> gone = processor_.LinkClosed(stream);
   const int64_t now = Now();
   for (Outgoing& o : outgoing_) {
     if (o.stream == stream) {
@@ -411,9 +477,20 @@ void NodeNetwork::LinkGone(int stream) {
     }
   }
   if (was_up) {
-    const Pc92Entry entry{link->info.pc9x ? 5 : 7, link->info.peer, {}};
-    SendToLinks(BuildPc92Delete(options_.our_call, Stamp(), {entry}), 0, true, false);
-    SendToLinks(BuildPc21(link->info.peer, "Gone"), 0, false, true);
+    // PC9x neighbours hear that the node is no longer ours; whether it is still reachable
+    // another way each of them works out from the lists of the others.
+    std::vector<Pc92Entry> entries{Pc92Entry{link->info.pc9x ? 5 : 7, link->info.peer, {}}};
+    for (const std::string& call : gone) {
+      if (std::binary_search(legacy_nodes.begin(), legacy_nodes.end(), call)) {
+        entries.push_back(Pc92Entry{7, call, {}});
+      }
+    }
+    SendToLinks(BuildPc92Delete(options_.our_call, Stamp(), entries), 0, true, false);
+    // Legacy neighbours know nodes, not links: they hear of the nodes that are gone, and
+    // of none that another link still reaches.
+    for (const std::string& call : gone) {
+      SendToLinks(BuildPc21(call, "Gone"), 0, false, true);
+    }
     next_config_ =
         std::min(next_config_ == 0 ? kNever : next_config_, now + options_.config_after_change);
   }
@@ -467,8 +544,7 @@ bool NodeNetwork::OnConnectRequest(int stream) {
 bool NodeNetwork::OnPartialLine(int stream, std::string_view text) {
   Link* link = FindLink(stream);
   if (!link || link->info.up || link->closing) return false;
-  if (!ContainsNoCase(text, "login:") && !ContainsNoCase(text, "call:") &&
-      !ContainsNoCase(text, "password:")) {
+  if (!NodeLinkHandshake::IsLoginPrompt(text) && !ContainsIgnoreCase(text, "password:")) {
     return false;
   }
   processor_.ProcessNodeData(stream, text);
@@ -547,8 +623,8 @@ void NodeNetwork::OnStreamRecovered(int stream) {
   }
   processor_.view().LinkUp(stream, l.info.peer, l.info.pc9x);
   // The neighbour hears our introduction again and our current configuration.
-  Send(stream, BuildPc18(options_.version));
-  for (const std::string& line : OurConfig(l.info.pc9x)) Send(stream, line);
+  Send(stream, BuildPc18(options_.pc_version, l.info.pc9x));
+  for (const std::string& line : OurConfigFor(stream, l.info.pc9x)) Send(stream, line);
   if (next_keepalive_ == 0) next_keepalive_ = Now() + options_.keepalive_interval;
   Show("Node link recovered: " + l.info.peer, "orange", stream);
   CountsChanged();
@@ -605,7 +681,12 @@ void NodeNetwork::Tick() {
   if (any_pc9x) {
     if (next_keepalive_ != 0 && now >= next_keepalive_) {
       SendKeepalive();
+      SendLegacyConfigs();
       next_keepalive_ = now + options_.keepalive_interval;
+      // The same hourly tick counts down the nodes that have gone quiet.
+      for (const std::string& call : processor_.ExpireQuietNodes()) {
+        Show("Node " + call + " left the network view: quiet too long", "orange");
+      }
     }
     if (next_config_ != 0 && now >= next_config_) {
       SendConfigAll();
@@ -619,6 +700,22 @@ void NodeNetwork::SendKeepalive() {
   SendToLinks(BuildPc92Keepalive(options_.our_call, Stamp(), own, 1 + NodeCount(),
                                  deps_.streams->CountUsers()),
               0, true, false);
+}
+
+void NodeNetwork::SendLegacyConfigs() {
+  const int64_t now = Now();
+  for (const NodeWithUsers& n : LegacyNeighbours()) {
+    // Another node linked to the same legacy node has just described it for everyone.
+    const auto heard = legacy_config_heard_.find(n.call);
+    if (heard != legacy_config_heard_.end() && now - heard->second <= options_.keepalive_interval) {
+      continue;
+    }
+    SendToLinks(BuildPc92LegacyConfig(options_.our_call, Stamp(), n.call, n.users, n.nodes), 0,
+                true, false);
+  }
+  // Forget what was heard of nodes that left the network.
+  std::erase_if(legacy_config_heard_, [&](const auto& e) { return !view().FindNode(e.first); });
+  std::erase_if(pc92_told_, [&](const auto& e) { return !view().FindNode(e.first); });
 }
 
 void NodeNetwork::SendConfigAll() {
@@ -739,30 +836,11 @@ void NodeNetwork::OnRelay(int from_stream, const PcSentence& s) {
   }
   text += "\r\n";
   switch (s.number) {
-    case 92: {
+    case 92:
       SendToLinks(text, from_stream, true, false, s.fields[1]);
-      // Legacy neighbours hear user changes in their own words.
-      if (s.last() < 5 || s.fields[3].size() != 1) return;
-      const char type = s.fields[3][0];
-      if (type != 'A' && type != 'D') return;
-      std::string owner = s.fields[1];
-      if (s.fields[4].size() > 1) owner = s.fields[4].substr(1, s.fields[4].find(':') - 1);
-      for (int i = 5; i < s.last(); ++i) {
-        const std::string& e = s.fields[size_t(i)];
-        if (e.size() < 2 || e[0] < '0' || e[0] > '7') continue;
-        const std::string call = e.substr(1, e.find(':') - 1);
-        const bool node = ((e[0] - '0') & 4) != 0;
-        std::string line;
-        if (node) {
-          line =
-              type == 'A' ? BuildPc19(call, false, options_.pc_version) : BuildPc21(call, "Gone");
-        } else {
-          line = type == 'A' ? BuildPc16(owner, call) : BuildPc17(call, owner);
-        }
-        SendToLinks(line, from_stream, false, true);
-      }
+      // Legacy neighbours hear topology changes in their own words.
+      TranslatePc92ForLegacy(from_stream, s);
       return;
-    }
     case 93: {
       if (s.last() < 6 || s.fields[1] == options_.our_call) return;
       const std::string& to = s.fields[3];
@@ -795,6 +873,120 @@ void NodeNetwork::OnRelay(int from_stream, const PcSentence& s) {
     default:
       SendToLinks(text, from_stream, false, true);
       return;
+  }
+}
+
+void NodeNetwork::TranslatePc92ForLegacy(int from_stream, const PcSentence& s) {
+  // PC92 ^ origin ^ time ^ type ^ slot1 ^ entries ... ^ H ^
+  if (s.last() < 5 || s.fields[3].size() != 1) return;
+  const char type = s.fields[3][0];
+  if (type != 'A' && type != 'D' && type != 'C') return;
+  const std::string& origin = s.fields[1];
+  // Slot 1: empty is the origin itself; otherwise the node the list belongs to.
+  std::string owner = origin;
+  const std::string& slot1 = s.fields[4];
+  const bool slot1_valid = slot1.size() > 1 && slot1[0] >= '0' && slot1[0] <= '7';
+  if (slot1_valid) owner = slot1.substr(1, slot1.find(':') - 1);
+  if (owner.empty() || owner == options_.our_call) return;
+  const int64_t now = Now();
+  if (type == 'C' && slot1_valid && ((slot1[0] - '0') & 2) != 0 && owner != origin) {
+    legacy_config_heard_[owner] = now;
+  }
+
+  std::vector<std::string> users;
+  std::vector<Pc19Node> nodes;  // version filled where the entry gives one
+  for (int i = 5; i < s.last(); ++i) {
+    const std::string& e = s.fields[size_t(i)];
+    if (e.size() < 2 || e[0] < '0' || e[0] > '7') continue;
+    const size_t colon = e.find(':');
+    std::string call = e.substr(1, colon == std::string::npos ? std::string::npos : colon - 1);
+    if (call.empty() || call == options_.our_call || call == owner) continue;
+    if (((e[0] - '0') & 4) != 0) {
+      std::string_view v1;
+      if (colon != std::string::npos) {
+        v1 = std::string_view(e).substr(colon + 1);
+        v1 = v1.substr(0, v1.find(':'));
+      }
+      std::string version = LegacyVersionOf(call, v1);
+      nodes.push_back(Pc19Node{std::move(call), std::move(version)});
+    } else {
+      users.push_back(std::move(call));
+    }
+  }
+
+  // What the legacy side already holds of the owner's list, unless that came by another way.
+  const Link* from_link = FindLink(from_stream);
+  const int64_t from_created = from_link ? from_link->created : -1;
+  auto [it, inserted] = pc92_told_.try_emplace(owner);
+  Pc92Told& told = it->second;
+  const bool fresh = inserted || told.stream != from_stream || told.link_created != from_created;
+  if (fresh) {
+    told.users.clear();
+    told.nodes.clear();
+  }
+  told.stream = from_stream;
+  told.link_created = from_created;
+
+  std::vector<std::string> add_users, gone_users, gone_nodes;
+  std::vector<Pc19Node> add_nodes;
+  if (fresh && type != 'D') add_nodes.push_back(Pc19Node{owner, LegacyVersionOf(owner)});
+  if (type == 'D') {
+    for (const std::string& u : users) {
+      told.users.erase(u);
+      gone_users.push_back(u);
+    }
+    for (const Pc19Node& n : nodes) {
+      told.nodes.erase(n.call);
+      // Only a node that has left our view is gone; others are still reached another way.
+      if (!view().FindNode(n.call)) gone_nodes.push_back(n.call);
+    }
+  } else {
+    if (type == 'C') {
+      // A full list: what it no longer holds has gone, what it adds is new.
+      std::set<std::string> listed;
+      for (const std::string& u : users) {
+        if (listed.insert(u).second && !told.users.count(u)) add_users.push_back(u);
+      }
+      for (const std::string& u : told.users) {
+        if (!listed.count(u)) gone_users.push_back(u);
+      }
+      told.users = std::move(listed);
+      std::set<std::string> listed_nodes;
+      for (Pc19Node& n : nodes) {
+        if (!listed_nodes.insert(n.call).second) continue;
+        if (!told.nodes.count(n.call)) add_nodes.push_back(std::move(n));
+      }
+      told.nodes = std::move(listed_nodes);
+    } else {
+      for (std::string& u : users) {
+        if (told.users.insert(u).second) add_users.push_back(std::move(u));
+      }
+      for (Pc19Node& n : nodes) {
+        if (told.nodes.insert(n.call).second) add_nodes.push_back(std::move(n));
+      }
+    }
+  }
+  for (const std::string& n : gone_nodes) pc92_told_.erase(n);
+  if (add_users.empty() && gone_users.empty() && add_nodes.empty() && gone_nodes.empty()) return;
+
+  std::vector<Pc19Node> link_nodes;
+  for (auto& [stream, link] : links_) {
+    if (stream == from_stream || !link->info.up || link->closing || link->info.pc9x) continue;
+    const std::string& peer = link->info.peer;
+    if (peer == origin) continue;
+    // Never describe a neighbour to itself, nor what it told us about.
+    const bool owner_for_link = owner != peer && !ReachedThrough(owner, stream);
+    link_nodes.clear();
+    for (const Pc19Node& n : add_nodes) {
+      if (n.call != peer && !ReachedThrough(n.call, stream)) link_nodes.push_back(n);
+    }
+    for (const std::string& line : BuildPc19Lines(link_nodes)) Send(stream, line);
+    for (const std::string& n : gone_nodes) {
+      if (n != peer) Send(stream, BuildPc21(n, "Gone"));
+    }
+    if (!owner_for_link) continue;
+    for (const std::string& line : BuildPc16Lines(owner, add_users)) Send(stream, line);
+    for (const std::string& u : gone_users) Send(stream, BuildPc17(u, owner));
   }
 }
 
@@ -847,20 +1039,33 @@ bool NodeNetwork::OnLegacyTopology(PcSentence& s) {
       SendToLinks(line, s.stream, true, false);
     }
   } else if (s.number == 19 || s.number == 21) {
+    // The nodes a legacy neighbour reports hang under it (slot 1 flagged 7), so that our
+    // own full C, which lists only our neighbours and users, does not take them away again.
+    // The neighbour itself hangs under us and was announced when its link came up.
     std::vector<Pc92Entry> nodes;
+    bool neighbour_gone = false;
     if (s.number == 21) {
-      nodes.push_back(Pc92Entry{7, s.fields[1], {}});
+      if (s.fields[1] == neighbour) {
+        neighbour_gone = true;
+      } else {
+        nodes.push_back(Pc92Entry{7, s.fields[1], {}});
+      }
     } else {
       for (size_t i = 1; i + 3 < s.fields.size(); i += 4) {
         const std::string& call = s.fields[i + 1];
-        if (!call.empty() && call[0] != 'H' && call != options_.our_call) {
+        if (!call.empty() && call[0] != 'H' && call != options_.our_call && call != neighbour) {
           nodes.push_back(Pc92Entry{7, call, {}});
         }
       }
     }
-    if (!nodes.empty()) {
-      const std::string line = s.number == 19 ? BuildPc92Add(options_.our_call, Stamp(), nodes)
-                                              : BuildPc92Delete(options_.our_call, Stamp(), nodes);
+    const Pc92Entry owner{7, neighbour, {}};
+    const Pc92Entry* slot1 = neighbour.empty() ? nullptr : &owner;
+    if (neighbour_gone) {
+      SendToLinks(BuildPc92Delete(options_.our_call, Stamp(), {owner}), s.stream, true, false);
+    } else if (!nodes.empty()) {
+      const std::string line = s.number == 19
+                                   ? BuildPc92Add(options_.our_call, Stamp(), nodes, slot1)
+                                   : BuildPc92Delete(options_.our_call, Stamp(), nodes, slot1);
       SendToLinks(line, s.stream, true, false);
     }
   }
@@ -872,6 +1077,9 @@ bool NodeNetwork::OnPc51(PcSentence& s) {
   StreamEntry& e = deps_.streams->at(s.stream);
   if (LeadingNumber(s.fields[3]) == 0) {
     e.unanswered_pings = 0;
+    if (const Link* link = FindLink(s.stream); link && link->info.up) {
+      processor_.view().Refresh(link->info.peer);
+    }
     if (Link* link = FindLink(s.stream); link && link->ping_outstanding) {
       link->ping_outstanding = false;
       link->info.last_rtt_ms =
@@ -958,19 +1166,20 @@ bool NodeNetwork::OnPc12(PcSentence& s) {
   return true;
 }
 
-bool NodeNetwork::OnPc93(PcSentence& s) {
+NodeDeps::Pc93Outcome NodeNetwork::OnPc93(PcSentence& s) {
+  using Outcome = NodeDeps::Pc93Outcome;
   // PC93 ^ origin ^ time ^ to ^ from ^ via ^ text ...
-  if (s.last() < 6 || s.fields[1] == options_.our_call) return false;
+  if (s.last() < 6 || s.fields[1] == options_.our_call) return Outcome::kRepeat;
   const std::string& to = s.fields[3];
   const std::string& from = s.fields[4];
   const std::string& body = s.fields[6];
-  if (to == "LOCAL") return false;  // never taken from another node
+  if (to == "LOCAL") return Outcome::kNotHere;  // never taken from another node
   if (IsAnnounceTarget(to)) {
-    if (processor_.dup_cache().SeenAnnounce(from, to, body, Now())) return false;
+    if (processor_.dup_cache().SeenAnnounce(from, to, body, Now())) return Outcome::kRepeat;
     DeliverAnnounce(from, to, body);
-    return true;
+    return Outcome::kDelivered;
   }
-  return DeliverTalk(from, to, body);
+  return DeliverTalk(from, to, body) ? Outcome::kDelivered : Outcome::kNotHere;
 }
 
 void NodeNetwork::DeliverAnnounce(std::string_view from, std::string_view to,

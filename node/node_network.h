@@ -15,6 +15,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -62,6 +63,8 @@ struct NodeNetworkDeps {
   std::function<void(std::string_view host, int port, std::string_view label)> open_outgoing;
   // A PC11 or PC61 received from a node, for the spot intake.  True when it was accepted.
   std::function<bool(std::string_view sentence, int source_code, int stream)> spot_intake;
+  // Lines of the skimmer, reverse-beacon and reporter feed streams (feed kind 1, 3, 9).
+  std::function<void(int stream, int feed_kind, std::string_view line)> feed;
   // User information: validity, bad words, the user store (the record line is
   // "PC41^^" + sentence) and the bad-data log.
   Pc41Deps pc41;
@@ -108,6 +111,8 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   bool OnPartialLine(int stream, std::string_view text);
   // One line on a node stream.
   void OnLine(int stream, std::string_view line);
+  // One line on a feed stream: reassembled like node lines, then handed to deps.feed.
+  void OnFeedLine(int stream, std::string_view line) { processor_.ProcessNodeData(stream, line); }
   void OnStreamClosed(int stream);
   void OnOutgoingFailed(std::string_view label, std::string_view reason);
   // A node stream rebuilt after a restart of this node: the link resumes.
@@ -170,7 +175,22 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   // When both nodes call each other at once, the call of the node with the lower call wins.
   bool CallerWins(std::string_view peer) const;
 
+  // The configuration a link start-up sends (asked by the handshake while it reads a line of
+  // that link, so the current stream is the link's).
   std::vector<std::string> OurConfig(bool pc9x);
+  std::vector<std::string> OurConfigFor(int stream, bool pc9x);
+  // Every node of the view, with its users, that the legacy neighbour on stream may learn
+  // through us: neither the neighbour itself nor what is reached through its link.
+  std::vector<NodeWithUsers> RemoteNodesFor(int stream) const;
+  // Our legacy neighbours with their users, for PC92 C sent on their behalf.
+  std::vector<NodeWithUsers> LegacyNeighbours() const;
+  bool ReachedThrough(std::string_view call, int stream) const;
+  // A four-digit version of at least 5000 for a PC19 (legacy peers ignore older ones).
+  std::string LegacyVersionOf(std::string_view call, std::string_view hint = {}) const;
+  // PC92 A/C/D in legacy words (PC16/17/19/21) for the legacy neighbours.
+  void TranslatePc92ForLegacy(int from_stream, const PcSentence& s);
+  // The hourly PC92 C for each legacy neighbour, unless another node sent one lately.
+  void SendLegacyConfigs();
   std::vector<Pc92Entry> LocalUserEntries() const;
   std::vector<Pc92Entry> NeighbourEntries() const;
   // To every established link of the given styles except the stream except and the link to
@@ -182,7 +202,7 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
 
   // Handlers installed into the processor.
   void OnRelay(int from_stream, const PcSentence& s);
-  bool OnPc93(PcSentence& s);
+  NodeDeps::Pc93Outcome OnPc93(PcSentence& s);
   bool OnOther(PcSentence& s);
   bool OnPc10(PcSentence& s);
   bool OnPc12(PcSentence& s);
@@ -209,6 +229,18 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   bool ready_ = false;
   int64_t next_keepalive_ = 0;
   int64_t next_config_ = 0;
+  // What the legacy neighbours have been told, in PC16/PC19, of the lists that PC92 gives for
+  // each node: a PC92 C replaces a list, and only its changes need telling.  A list that came
+  // through another link (or a link since renewed) is told again in full.
+  struct Pc92Told {
+    std::set<std::string> users;
+    std::set<std::string> nodes;
+    int stream = 0;
+    int64_t link_created = -1;
+  };
+  std::map<std::string, Pc92Told, std::less<>> pc92_told_;
+  // Legacy node -> when another node last sent a PC92 C on its behalf.
+  std::map<std::string, int64_t, std::less<>> legacy_config_heard_;
   std::string scratch_;  // the sentence being relayed
   std::string spot_pc11_;
   std::string spot_pc61_;

@@ -47,8 +47,9 @@ std::string Pc92(std::string_view our_call, std::string_view stamp, char type,
 
 }  // namespace
 
-std::string BuildPc18(std::string_view version) {
-  return Cat({"PC18^QX Cluster Version: ", version, " Build: 0.001 pc9x^", version, "^"});
+std::string BuildPc18(std::string_view version, bool pc9x) {
+  return Cat({"PC18^QX Cluster Version: ", version, pc9x ? " Build: 0.001 pc9x^" : " Build: 0.001^",
+              version, "^"});
 }
 
 std::string BuildPc19(std::string_view node_call, bool conference, std::string_view version) {
@@ -57,6 +58,61 @@ std::string BuildPc19(std::string_view node_call, bool conference, std::string_v
 
 std::string BuildPc16(std::string_view node_call, std::string_view user_call) {
   return Cat({"PC16^", node_call, "^", user_call, " - 1^H99^"});
+}
+
+std::vector<std::string> BuildPc19Lines(const std::vector<Pc19Node>& nodes) {
+  std::vector<std::string> out;
+  std::string line;
+  constexpr std::string_view kTail = "^H99^";
+  for (const Pc19Node& n : nodes) {
+    const size_t group = 1 + 2 + n.call.size() + 3 + n.version.size();
+    if (!line.empty() && line.size() + group + kTail.size() > kLegacyLineBudget) {
+      line += kTail;
+      line += kEol;
+      out.push_back(std::move(line));
+      line.clear();
+    }
+    if (line.empty()) line = "PC19";
+    line += n.here ? "^1^" : "^0^";
+    line += n.call;
+    line += n.conference ? "^1^" : "^0^";
+    line += n.version;
+  }
+  if (!line.empty()) {
+    line += kTail;
+    line += kEol;
+    out.push_back(std::move(line));
+  }
+  return out;
+}
+
+std::vector<std::string> BuildPc16Lines(std::string_view node_call,
+                                        const std::vector<std::string>& user_calls) {
+  std::vector<std::string> out;
+  std::string line;
+  constexpr std::string_view kTail = "^H99^";
+  for (const std::string& u : user_calls) {
+    const size_t entry = 1 + u.size() + 4;  // "^CALL - 1"
+    if (!line.empty() && line.size() + entry + kTail.size() > kLegacyLineBudget) {
+      line += kTail;
+      line += kEol;
+      out.push_back(std::move(line));
+      line.clear();
+    }
+    if (line.empty()) {
+      line = "PC16^";
+      line += node_call;
+    }
+    line += '^';
+    line += u;
+    line += " - 1";
+  }
+  if (!line.empty()) {
+    line += kTail;
+    line += kEol;
+    out.push_back(std::move(line));
+  }
+  return out;
 }
 
 std::string BuildPc17(std::string_view user_call, std::string_view node_call) {
@@ -133,6 +189,17 @@ std::string BuildPc92Config(std::string_view our_call, std::string_view stamp, c
   return Pc92(our_call, stamp, 'C', FormatPc92Entry(own), entries);
 }
 
+std::string BuildPc92LegacyConfig(std::string_view our_call, std::string_view stamp,
+                                  std::string_view legacy_call,
+                                  const std::vector<std::string>& user_calls,
+                                  const std::vector<std::string>& node_calls) {
+  std::vector<Pc92Entry> entries;
+  entries.reserve(node_calls.size() + user_calls.size());
+  for (const std::string& n : node_calls) entries.push_back(Pc92Entry{7, n, {}});
+  for (const std::string& u : user_calls) entries.push_back(Pc92Entry{1, u, {}});
+  return BuildPc92Config(our_call, stamp, Pc92Entry{7, std::string(legacy_call), {}}, entries);
+}
+
 std::string BuildPc92Keepalive(std::string_view our_call, std::string_view stamp,
                                const Pc92Entry& own, int nodes, int users, std::string_view address,
                                std::string_view tag) {
@@ -185,10 +252,24 @@ std::vector<std::string> BuildOurConfig(const LocalConfig& config, bool pc9x,
     out.push_back(BuildPc92Keepalive(config.our_call, stamps.Next(now_seconds_of_day), own_k,
                                      static_cast<int>(config.nodes.size()) + 1,
                                      static_cast<int>(config.users.size())));
+    for (const NodeWithUsers& n : config.legacy_neighbours) {
+      out.push_back(BuildPc92LegacyConfig(config.our_call, stamps.Next(now_seconds_of_day), n.call,
+                                          n.users, n.nodes));
+    }
     return out;
   }
-  out.push_back(BuildPc19(config.our_call, false, config.version));
-  for (const Pc92Entry& u : config.users) out.push_back(BuildPc16(config.our_call, u.call));
+  std::vector<Pc19Node> nodes;
+  nodes.reserve(1 + config.remote_nodes.size());
+  nodes.push_back(Pc19Node{config.our_call, config.version});
+  for (const NodeWithUsers& n : config.remote_nodes) nodes.push_back(Pc19Node{n.call, n.version});
+  for (std::string& line : BuildPc19Lines(nodes)) out.push_back(std::move(line));
+  std::vector<std::string> ours;
+  ours.reserve(config.users.size());
+  for (const Pc92Entry& u : config.users) ours.push_back(u.call);
+  for (std::string& line : BuildPc16Lines(config.our_call, ours)) out.push_back(std::move(line));
+  for (const NodeWithUsers& n : config.remote_nodes) {
+    for (std::string& line : BuildPc16Lines(n.call, n.users)) out.push_back(std::move(line));
+  }
   return out;
 }
 

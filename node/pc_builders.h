@@ -7,10 +7,26 @@
 
 namespace qx {
 
-std::string BuildPc18(std::string_view version);
+// The version text is the four-digit protocol version: peers read the second field as a
+// number.  A recovered legacy link gets the form without "pc9x".
+std::string BuildPc18(std::string_view version, bool pc9x = true);
 // here/conference flag: "^0^" or "^1^" after the node call.
 std::string BuildPc19(std::string_view node_call, bool conference, std::string_view version);
 std::string BuildPc16(std::string_view node_call, std::string_view user_call);
+
+// One node of a PC19 group: "here ^ call ^ conference ^ version".
+struct Pc19Node {
+  std::string call;
+  std::string version;  // four digits
+  bool here = true;
+  bool conference = false;
+};
+// Legacy peers take several nodes per PC19 and several users per PC16; both are split so that
+// no line grows past kLegacyLineBudget characters (one group always fits a line of its own).
+constexpr size_t kLegacyLineBudget = 200;
+std::vector<std::string> BuildPc19Lines(const std::vector<Pc19Node>& nodes);
+std::vector<std::string> BuildPc16Lines(std::string_view node_call,
+                                        const std::vector<std::string>& user_calls);
 std::string BuildPc17(std::string_view user_call, std::string_view node_call);
 std::string BuildPc20();
 std::string BuildPc21(std::string_view node_call, std::string_view reason);
@@ -59,17 +75,38 @@ std::string BuildPc93(std::string_view origin, std::string_view stamp, std::stri
 
 class Pc9xStampGenerator;
 
-// What this node tells a new neighbour about itself.
+// "PC92^us^t^C^7LEGACY^1USER...^H99^": the configuration of a legacy neighbour, which only we
+// can describe to PC9x nodes (slot 1 flagged as an external node of ours).
+std::string BuildPc92LegacyConfig(std::string_view our_call, std::string_view stamp,
+                                  std::string_view legacy_call,
+                                  const std::vector<std::string>& user_calls,
+                                  const std::vector<std::string>& node_calls = {});
+
+// A node other than ours with the users logged in there.
+struct NodeWithUsers {
+  std::string call;
+  std::string version;  // four digits (PC19)
+  std::vector<std::string> users;
+  std::vector<std::string> nodes;  // legacy nodes it reported behind it
+};
+
+// What this node tells a new neighbour about itself and the network beyond it.
 struct LocalConfig {
   std::string our_call;
   std::string version;  // four digits, e.g. "5457"
   std::string build;
   std::vector<Pc92Entry> nodes;  // directly connected nodes (flag 5 or 7)
   std::vector<Pc92Entry> users;  // local users (flag 1 here, 0 away)
+  // For a legacy link: every other node it may learn through us.  Legacy peers have no way to
+  // hear of the network beyond us except from our PC19/PC16.
+  std::vector<NodeWithUsers> remote_nodes{};
+  // For a PC9x link: our legacy neighbours, each described in a PC92 C of its own.
+  std::vector<NodeWithUsers> legacy_neighbours{};
 };
 
-// Our configuration for a link start-up: PC92 C and K for a PC9x link (stamps from the
-// node's one generator), or PC19 and one PC16 per local user for a legacy link.
+// Our configuration for a link start-up (stamps from the node's one generator).  PC9x link:
+// our PC92 C and K, then a C for each legacy neighbour.  Legacy link: PC19 for us and every
+// remote node (ours first), then PC16 for our users and for each remote node's users.
 std::vector<std::string> BuildOurConfig(const LocalConfig& config, bool pc9x,
                                         Pc9xStampGenerator& stamps, int now_seconds_of_day);
 

@@ -475,8 +475,7 @@ void CommandInterpreter::SavePersonal(int stream, int type, std::string_view val
                                       std::string_view reply) {
   StreamEntry& e = ctx_.streams.at(stream);
   ctx_.store.SavePersonal(e.call, type, value);
-  ctx_.relay.SendPc41("PC41^" + e.call + "^" + std::to_string(type) + "^" + std::string(value) +
-                      "^H99^~\r\n");
+  ctx_.relay.SendPc41(LocalPc41(e.call, type, value));
   Reply(stream, reply);
 }
 
@@ -637,7 +636,7 @@ void CommandInterpreter::Set(int stream, std::string_view line, std::string_view
       break;
     }
     case SetKind::kName: {
-      const std::string name(Trim(arg));
+      const std::string name = PersonalValue(Trim(arg));
       if (name.empty()) {
         Reply(stream, "Correct syntax: SET/NAME name");
         return;
@@ -647,7 +646,7 @@ void CommandInterpreter::Set(int stream, std::string_view line, std::string_view
       break;
     }
     case SetKind::kQth: {
-      const std::string qth(Trim(arg));
+      const std::string qth = PersonalValue(Trim(arg));
       if (qth.empty()) {
         Reply(stream, CommandError(line));
         return;

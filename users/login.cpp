@@ -161,7 +161,7 @@ void Login::OnName(int stream, std::string_view line) {
   if (name.size() > 9 && ToUpper(name.substr(0, 9)) == "SET/NAME ") {
     name = Trim(name.substr(name.find(' ') + 1));
   }
-  e.pending_name = std::string(name);
+  e.pending_name = PersonalValue(name);
   e.login_stage = LoginStage::kAwaitingNameConfirm;
   ctx_.Send(stream, "Your name is " + e.pending_name + ".  Is this correct? (Y or N) >");
 }
@@ -189,7 +189,7 @@ void Login::Complete(int stream, bool name_was_set) {
   if (name_was_set) {
     ctx_.SendLine(stream, "Name set to " + e.session.name + ".");
     ctx_.store.SavePersonal(e.call, 1, e.session.name);
-    ctx_.relay.SendPc41("PC41^" + e.call + "^1^" + e.session.name + "^H99^~\r\n");
+    ctx_.relay.SendPc41(LocalPc41(e.call, 1, e.session.name));
   }
   ConnectionLog(stream, "Login");
   BuildPromptTemplates(stream);

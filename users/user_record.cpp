@@ -1,5 +1,6 @@
 #include "users/user_record.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <limits>
@@ -276,6 +277,23 @@ std::string ReplacePc41Line(std::string_view text, int type, std::string_view va
     return LineKey(line) == kPc41 && ParseIntOr(Trim(Field(line, 2)), -1) == type;
   };
   return RebuildRecord(text, matches, new_line);
+}
+
+std::string PersonalValue(std::string_view typed) {
+  std::string value(typed);
+  std::replace(value.begin(), value.end(), '^', '~');
+  return value;
+}
+
+std::string LocalPc41(std::string_view call, int type, std::string_view value) {
+  std::string line = "PC41^";
+  line += call;
+  line += '^';
+  line += std::to_string(type);
+  line += '^';
+  line += value;
+  line += "^H99^~\r\n";
+  return line;
 }
 
 UserStore::UserStore(ProgramDir dir) : dir_(std::move(dir)) {}

@@ -63,6 +63,13 @@ std::string ReplaceRecordLine(std::string_view text, std::string_view key, int s
 // The record text with the PC41 line of that information type replaced.
 std::string ReplacePc41Line(std::string_view text, int type, std::string_view value);
 
+// Personal data as typed, made fit for the record and the network: a "^" would split the
+// record line and the PC41 sentence, so it is kept as "~".
+std::string PersonalValue(std::string_view typed);
+// The PC41 this node sends for a local user's personal data (type 1 name ... 5 locator),
+// with its CR LF.
+std::string LocalPc41(std::string_view call, int type, std::string_view value);
+
 struct UserRecordLoad {
   SessionSettings settings;
   bool existed = false;  // a record file was found

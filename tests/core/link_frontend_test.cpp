@@ -46,7 +46,10 @@ class RecordingEvents : public LinkEvents {
     closed.push_back(std::to_string(stream) + "/" + std::to_string(previous_state) + "/" +
                      table_.at(stream).call);
   }
-  void OnStreamTimedOut(int stream) override { timed_out.push_back(stream); }
+  void OnStreamTimedOut(int stream) override {
+    timed_out.push_back(stream);
+    timed_out_calls.push_back(table_.at(stream).call);
+  }
   void OnStreamListReported(int count) override { list_counts.push_back(count); }
   void OnStreamRecovered(int stream) override {
     recovered.push_back(stream);
@@ -64,7 +67,7 @@ class RecordingEvents : public LinkEvents {
   int link_down = 0;
   int recovery_complete = 0;
   std::vector<int> connects, timed_out, list_counts, recovered, current_at_call;
-  std::vector<std::string> lines, closed, handshake, outgoing_failed;
+  std::vector<std::string> lines, closed, handshake, outgoing_failed, timed_out_calls;
   std::function<void(int)> on_connect;
   std::function<void(int, std::string_view)> on_line;
 
@@ -248,6 +251,8 @@ TEST_F(LinkRecordsTest, CallTimeOutAttributeAndCountRecords) {
   EXPECT_EQ(table_.current(), 6);
   EXPECT_EQ(LastConnection(6)->text, "no call");
   EXPECT_EQ(events_.timed_out, std::vector<int>{6});
+  // The owner hears of it while the entry still names the user.
+  EXPECT_EQ(events_.timed_out_calls, std::vector<std::string>{"G4ABC"});
 
   link_->Arrive("AA06^W1AW on port 7300^11^a^b^c^d\x03");
   EXPECT_EQ(table_.high_socket(), 11);
@@ -613,7 +618,10 @@ TEST_F(LinkSocketTest, UnreachableFrontEndIsReportedOncePerOutageAndRetried) {
   options.port = std::to_string(port);
   options.retry_interval = 50ms;
   MakeLink(options);
-  link_->set_on_unreachable([&] { ++unreachable; });
+  link_->set_on_unreachable([&] {
+    ++unreachable;
+    return false;
+  });
   link_->Start();
   RunFor(400ms);  // several retries
   EXPECT_EQ(unreachable, 1);
@@ -645,6 +653,22 @@ TEST_F(LinkSocketTest, UnreachableFrontEndIsReportedOncePerOutageAndRetried) {
   FakeFrontend again(io_, port);
   ASSERT_TRUE(Received(again, "QX Cluster"));
   ASSERT_TRUE(RunUntil([&] { return events_.link_up == 2; }));
+}
+
+TEST_F(LinkSocketTest, FrontEndStartedByTheOwnerIsFoundWithoutTheLongRetry) {
+  const int port = testing::FreePort();
+  FrontendLinkOptions options;
+  options.port = std::to_string(port);
+  options.retry_interval = std::chrono::seconds(30);
+  MakeLink(options);
+  link_->set_on_unreachable([] { return true; });
+  link_->Start();
+  RunFor(300ms);
+  EXPECT_FALSE(link_->connected());
+  // It listens a moment after being started; the link must not wait the 30 s retry.
+  FakeFrontend fe(io_, port);
+  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  EXPECT_TRUE(link_->connected());
 }
 
 TEST_F(LinkSocketTest, CloseOfAnUnknownStreamReconnectsTheLink) {

@@ -15,7 +15,7 @@ namespace {
 using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
-constexpr std::string_view kOurPc18 = "PC18^QX Cluster Version: 0.1.0 Build: 0.001 pc9x^";
+constexpr std::string_view kOurPc18 = "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^";
 
 // Time stamps for the scripted PC9x peer: the seconds of the UTC day, rising.
 class Stamps {

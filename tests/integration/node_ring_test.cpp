@@ -30,6 +30,22 @@ bool WaitUntilListed(LineClient& c, std::string_view call) {
       15s);
 }
 
+// SHOW/CONFIGURATION lists every one of calls (nodes and users); the reply, for messages.
+std::string ConfigurationMissing(LineClient& c, std::initializer_list<std::string_view> calls) {
+  c.Drain(300ms);  // the prompt of an earlier command may still be on its way
+  c.ClearReceived();
+  c.SendLine("SH/C");
+  if (!c.ReadUntil(" users)", 5s) || !c.ReadUntil("QXC >", 5s)) {
+    return "no list and prompt after SH/C: " + c.received();
+  }
+  for (std::string_view call : calls) {
+    if (c.received().find(call) == std::string::npos) {
+      return std::string(call) + " missing from:\n" + c.received();
+    }
+  }
+  return {};
+}
+
 // The node's logs, for the failure messages.
 std::string Logs(const NodeSite& s) {
   std::string all;
@@ -76,6 +92,8 @@ TEST_F(NodeRingTest, TwoNodesShareSpotsAnnouncementsTalkAndUserInformation) {
 
   auto ua = a.LogIn("W1AAA");
   auto ub = b.LogIn("W2BBB");
+  ASSERT_TRUE(WaitUntilListed(*ub, "W1AAA")) << ub->received();
+  ub->ClearReceived();
   // The greeting counts the other node and its user.
   auto probe = b.Connect();
   probe->SendLine("W2CCC");
@@ -84,10 +102,6 @@ TEST_F(NodeRingTest, TwoNodesShareSpotsAnnouncementsTalkAndUserInformation) {
   ASSERT_TRUE(probe->ReadUntil("(Y or N) >")) << probe->received();
   probe->SendLine("y");
   ASSERT_TRUE(probe->ReadUntil("Cluster: 2 nodes  2 Locals  3 Total users")) << probe->received();
-
-  ub->SendLine("SHOW/USERS");
-  ASSERT_TRUE(ub->ReadUntil("W1AAA")) << ub->received();
-  ub->ClearReceived();
 
   ua->SendLine("DX 14025.0 JA1ABC loopback test");
   ASSERT_TRUE(ub->ReadUntil("JA1ABC"))
@@ -122,6 +136,8 @@ TEST_F(NodeRingTest, TwoNodesShareSpotsAnnouncementsTalkAndUserInformation) {
 TEST_F(NodeRingTest, ThreeNodesInARingDeliverOnceAndHealAfterADisconnect) {
   NodeSite a("K1QXA"), b("K2QXB"), c("K3QXC");
   DefineAll({&a, &b, &c});
+  // A calls B again only after a few seconds: time to look at the network without that link.
+  a.Setting("Connection Retry", "6");
   a.Outgoing(b.call(), b.user_port());
   b.Outgoing(c.call(), c.user_port());
   c.Outgoing(a.call(), a.user_port());
@@ -163,6 +179,19 @@ TEST_F(NodeRingTest, ThreeNodesInARingDeliverOnceAndHealAfterADisconnect) {
   sysop->SendLine("DISCONNECT K2QXB");
   ASSERT_TRUE(sysop->ReadUntil("Disconnecting K2QXB")) << sysop->received();
   ASSERT_TRUE(a.WaitOutput("Node link closed: K2QXB")) << a.node().Output();
+  ASSERT_TRUE(b.WaitOutput("Node link closed: K1QXA")) << b.node().Output();
+  // At once, with no full configuration sent since: every node still knows every node and
+  // user, the ones behind the lost link through the third node.
+  for (LineClient* u : {ua.get(), ub.get(), uc.get()}) {
+    EXPECT_EQ(ConfigurationMissing(*u, {"K1QXA", "K2QXB", "K3QXC", "W1AAA", "W2BBB", "W3CCC"}), "");
+  }
+  // The talk between the nodes that lost their link goes round.
+  ub->SendLine("TALK W1AAA the long way");
+  ASSERT_TRUE(ua->ReadUntil("W1AAA de W2BBB: the long way")) << ua->received();
+  const std::string so_far = a.node().Output();
+  EXPECT_EQ(so_far.find("Node link up: K2QXB", so_far.find("Node link closed: K2QXB")),
+            std::string::npos)
+      << "the link came back before the checks";
   ASSERT_TRUE(a.WaitOutput("Node link up: K2QXB", 2)) << a.node().Output();
 
   // After the reconnect B sees A's user again and messages still arrive once.

@@ -1,3 +1,6 @@
+#include <cstdlib>
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -97,6 +100,30 @@ TEST_F(SpotsSystemTest, ShowDxListsNewestFirstAndBeepSettingSurvivesReconnect) {
   ASSERT_TRUE(again->ReadUntil("DX de"));
   EXPECT_TRUE(again->ReadUntil("QXC >"));
   EXPECT_THAT(again->received(), Not(HasSubstr("\a")));
+}
+
+// The highest spot rate is kept across restarts, but a climbing rate must not rewrite the
+// configuration every second: the first rise is saved at once, the rest at the latest at stop.
+TEST_F(SpotsSystemTest, HighestSpotRateIsSavedAtOnceThenAtStop) {
+  StartAll();
+  auto a = LogIn("DL1ABC", "Hans");
+  const auto saved = [&] {
+    const std::string cfg = ReadFile(home() / "cluster.cfg");
+    const size_t at = cfg.find("HighestSpotsPerMin^");
+    return at == std::string::npos ? -1 : std::atoi(cfg.c_str() + at + 19);
+  };
+  a->SendLine("DX 14025 K1ABC first");
+  ASSERT_TRUE(a->ReadUntil("QXC >"));
+  ASSERT_TRUE(WaitFor([&] { return saved() == 1; }, std::chrono::seconds(5))) << saved();
+  for (const char* call : {"K1ABD", "K1ABE"}) {
+    a->ClearReceived();
+    a->SendLine(std::string("DX 14026 ") + call + " more");
+    ASSERT_TRUE(a->ReadUntil("QXC >"));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  EXPECT_EQ(saved(), 1);  // not rewritten within the minute
+  ASSERT_EQ(node_->Stop(), 0);
+  EXPECT_GE(saved(), 2);  // 3, or 2 when a new minute began between the spots
 }
 
 }  // namespace

@@ -132,5 +132,26 @@ TEST(NodeLinkHandshake, CallerAnswersAPasswordPromptOnce) {
   EXPECT_EQ(d.sent[2], "PC19^1^Q8YYY^0^5457^H99^\r\n");
 }
 
+// Remote nodes prompt in several ways, and some introduce themselves without a prompt.
+TEST(NodeLinkHandshake, CallerAnswersEveryPromptFormAndAPc18WithoutPrompt) {
+  for (std::string_view prompt : {"login: ", "LOGIN:", "Your call: ", "*** Connected to Q7XXX"}) {
+    Driver d(NodeLinkHandshake(Role::kCall, MakeConfig("Q8YYY", "Q7XXX")));
+    d.Feed({"Connected", prompt});
+    EXPECT_EQ(d.sent, std::vector<std::string>{"Q8YYY\r\n"}) << prompt;
+  }
+  // "Connected" alone (no stars) is a banner, not a prompt.
+  EXPECT_FALSE(NodeLinkHandshake::IsLoginPrompt("Connected to the node"));
+
+  Driver d(NodeLinkHandshake(Role::kCall, MakeConfig("Q8YYY", "Q9ZZZ-2")));
+  d.Feed({"Welcome", "PC18^ExampleNode Version: 2.3 Build: 120 pc9x 91^5300^"});
+  ASSERT_EQ(d.sent.size(), 3u);
+  EXPECT_EQ(d.sent[0].substr(0, 18), "PC92^Q8YYY^80562^C");
+  EXPECT_EQ(d.sent[2], "PC20^\r\n");
+  EXPECT_EQ(d.hs.state(), State::kAwaitPc22);
+  d.Feed({"PC92^Q9ZZZ-2^80562^A^^5Q8YYY^H99^", "PC22^"});
+  EXPECT_TRUE(d.hs.up());
+  EXPECT_TRUE(d.hs.peer_pc9x());
+}
+
 }  // namespace
 }  // namespace qx

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <string>
+#include <vector>
+
 #include "tests/node/node_test_util.h"
 
 namespace qx {
@@ -48,6 +52,9 @@ TEST_F(NetworkViewTest, Pc92ConfigAddAndDelete) {
   EXPECT_EQ(who[0], (std::pair<std::string, std::string>{"Q7USR", "Q7XXX"}));
   EXPECT_EQ(who[1], (std::pair<std::string, std::string>{"Q9USR", "Q9ZZZ-2"}));
   EXPECT_EQ(view_.FindNode("Q9ZZZ-2")->child_nodes.count("Q8YYY"), 0u);
+  // Nothing else reached Q8YYY: it left with the list that dropped it.
+  EXPECT_EQ(view_.FindNode("Q8YYY"), nullptr);
+  EXPECT_NE(view_.FindNode("Q7XXX"), nullptr);
 }
 
 TEST_F(NetworkViewTest, Pc92IgnoresWhatItMustNotTake) {
@@ -93,6 +100,116 @@ TEST_F(NetworkViewTest, RoutesThroughTheNodeAUserIsOn) {
   view_.LinkDown(kOther);
   EXPECT_EQ(view_.RouteTo("Q6USR"), 0);
   EXPECT_EQ(view_.NodeCount(), 0);
+}
+
+// Healing: what another link still reaches stays when one goes ------------------------------
+
+TEST_F(NetworkViewTest, RepeatOnASecondLinkKeepsTheOriginWhenTheFirstGoes) {
+  view_.LinkUp(kPeer, "Q9ZZZ-2", true);
+  view_.LinkUp(kOther, "Q8YYY", true);
+  EXPECT_TRUE(Pc92("PC92^Q6WWW^100^C^5Q6WWW:5457^7Q5OLD^1Q6USR^H97^", kPeer));
+  EXPECT_TRUE(Pc92("PC92^Q6WWW^101^A^7Q5OLD^1Q5USR^H97^", kPeer));
+  // The same sentence over the other neighbour: a second route, nothing applied twice.
+  EXPECT_TRUE(view_.NotePc92Route(
+      test::MakeSentence("PC92^Q6WWW^101^A^7Q5OLD^1Q5USR^H95^", kOther).fields, kOther));
+  const NetworkView::Node* origin = view_.FindNode("Q6WWW");
+  ASSERT_NE(origin, nullptr);
+  EXPECT_EQ(origin->routes, (std::map<int, int>{{kPeer, 97}, {kOther, 95}}));
+  // The legacy node hangs under its owner and has no route of its own.
+  EXPECT_TRUE(view_.FindNode("Q5OLD")->routes.empty());
+  EXPECT_EQ(view_.RouteTo("Q5USR"), kPeer);
+  // An unknown origin is not created by a repeat.
+  EXPECT_FALSE(view_.NotePc92Route(
+      test::MakeSentence("PC92^Q4VVV^101^K^5Q4VVV^1^1^H95^", kOther).fields, kOther));
+  EXPECT_EQ(view_.FindNode("Q4VVV"), nullptr);
+
+  EXPECT_EQ(view_.LinkDown(kPeer), std::vector<std::string>{"Q9ZZZ-2"});
+  ASSERT_NE(view_.FindNode("Q6WWW"), nullptr);
+  ASSERT_NE(view_.FindNode("Q5OLD"), nullptr);
+  EXPECT_EQ(view_.UserCount(), 2);
+  EXPECT_EQ(view_.RouteTo("Q6USR"), kOther);
+  EXPECT_EQ(view_.RouteTo("Q5USR"), kOther);
+  EXPECT_EQ(view_.RouteTo("Q5OLD"), kOther);
+
+  EXPECT_EQ(view_.LinkDown(kOther), (std::vector<std::string>{"Q5OLD", "Q6WWW", "Q8YYY"}));
+  EXPECT_EQ(view_.NodeCount(), 0);
+  EXPECT_EQ(view_.UserCount(), 0);
+}
+
+TEST_F(NetworkViewTest, ChildStaysWhileOneOfItsParentsIsReached) {
+  view_.LinkUp(kPeer, "Q9ZZZ-2", true);
+  view_.LinkUp(kOther, "Q8YYY", true);
+  // Q5OLD is reported by two owners, each reached over one link only.
+  EXPECT_TRUE(Pc92("PC92^Q4VVV^100^A^^7Q5OLD^H97^", kPeer));
+  EXPECT_TRUE(Pc92("PC92^Q6WWW^100^A^^7Q5OLD^H96^", kOther));
+  EXPECT_TRUE(Pc92("PC92^Q6WWW^101^A^7Q5OLD^1Q5USR^H96^", kOther));
+  EXPECT_EQ(view_.LinkDown(kPeer), (std::vector<std::string>{"Q4VVV", "Q9ZZZ-2"}));
+  ASSERT_NE(view_.FindNode("Q5OLD"), nullptr);
+  EXPECT_EQ(view_.RouteTo("Q5USR"), kOther);
+}
+
+TEST_F(NetworkViewTest, NeighbourListedByAnotherNeighbourOutlivesItsLink) {
+  view_.LinkUp(kPeer, "Q9ZZZ-2", true);
+  view_.LinkUp(kOther, "Q8YYY", true);
+  // A ring: each neighbour lists the other.
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^100^C^5Q9ZZZ-2^5Q8YYY^5Q1AAA^1Q9USR^H99^", kPeer));
+  EXPECT_TRUE(Pc92("PC92^Q8YYY^100^C^5Q8YYY^5Q9ZZZ-2^5Q1AAA^1Q8USR^H99^", kOther));
+  EXPECT_TRUE(view_.LinkDown(kPeer).empty());
+  ASSERT_NE(view_.FindNode("Q9ZZZ-2"), nullptr);
+  EXPECT_EQ(view_.RouteTo("Q9USR"), kOther);
+  EXPECT_EQ(view_.UserCount(), 2);
+  // Listing each other keeps nothing alive once no link reaches either.
+  EXPECT_EQ(view_.LinkDown(kOther), (std::vector<std::string>{"Q8YYY", "Q9ZZZ-2"}));
+  EXPECT_EQ(view_.NodeCount(), 0);
+}
+
+TEST_F(NetworkViewTest, DeleteKeepsANodeSomebodyElseStillLists) {
+  view_.LinkUp(kPeer, "Q9ZZZ-2", true);
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^100^C^5Q9ZZZ-2^5Q6WWW^H99^"));
+  EXPECT_TRUE(Pc92("PC92^Q8YYY^100^C^5Q8YYY^5Q6WWW^H98^"));
+  EXPECT_TRUE(Pc92("PC92^Q6WWW^100^C^5Q6WWW^7Q5OLD^1Q6USR^H97^"));
+  EXPECT_TRUE(Pc92("PC92^Q6WWW^101^A^7Q5OLD^1Q5USR^H97^"));
+  // Q9ZZZ-2 lost its link to Q6WWW; Q8YYY still has one.
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^101^D^^5Q6WWW^H99^"));
+  ASSERT_NE(view_.FindNode("Q6WWW"), nullptr);
+  EXPECT_EQ(view_.UserCount(), 2);
+  // Now nobody lists it: it goes although its old route remains, and so does what it owned.
+  EXPECT_TRUE(Pc92("PC92^Q8YYY^101^D^^5Q6WWW^H98^"));
+  EXPECT_EQ(view_.FindNode("Q6WWW"), nullptr);
+  EXPECT_EQ(view_.FindNode("Q5OLD"), nullptr);
+  EXPECT_EQ(view_.UserCount(), 0);
+  EXPECT_EQ(view_.Nodes(), (std::vector<std::string>{"Q8YYY", "Q9ZZZ-2"}));
+}
+
+// Expiry ----------------------------------------------------------------------------------------
+
+TEST_F(NetworkViewTest, QuietNodesExpireAfterThreeKeepaliveTicks) {
+  view_.LinkUp(kPeer, "Q9ZZZ-2", true);
+  view_.LinkUp(kLegacy, "Q7XXX", false);
+  EXPECT_TRUE(Pc92("PC92^Q6WWW^100^C^5Q6WWW^7Q5OLD^1Q6USR^H97^"));
+  EXPECT_TRUE(Pc92("PC92^Q8YYY^100^K^5Q8YYY:5457:1^1^0^H98^"));
+  EXPECT_EQ(view_.FindNode("Q6WWW")->life, NetworkView::kLife);
+  EXPECT_TRUE(view_.KeepaliveTick().empty());
+  EXPECT_TRUE(view_.KeepaliveTick().empty());
+  EXPECT_EQ(view_.FindNode("Q6WWW")->life, 1);
+  // A K from one of them in between, and a sign of life, give back the full count.
+  EXPECT_TRUE(Pc92("PC92^Q8YYY^200^K^5Q8YYY:5457:1^1^0^H98^"));
+  EXPECT_EQ(view_.FindNode("Q8YYY")->life, NetworkView::kLife);
+  // The third silent tick: the node goes with its users and the legacy node it owned.
+  EXPECT_EQ(view_.KeepaliveTick(), (std::vector<std::string>{"Q6WWW", "Q5OLD"}));
+  EXPECT_EQ(view_.UserCount(), 0);
+  ASSERT_NE(view_.FindNode("Q8YYY"), nullptr);
+  EXPECT_EQ(view_.FindNode("Q8YYY")->life, 2);
+  view_.Refresh("Q8YYY");
+  EXPECT_EQ(view_.FindNode("Q8YYY")->life, NetworkView::kLife);
+  // A C counts as well as a K.
+  EXPECT_TRUE(view_.KeepaliveTick().empty());
+  EXPECT_TRUE(Pc92("PC92^Q8YYY^300^C^5Q8YYY^H98^"));
+  EXPECT_EQ(view_.FindNode("Q8YYY")->life, NetworkView::kLife);
+  // Neighbours on a live link and legacy nodes never run out.
+  for (int i = 0; i < 3; ++i) view_.KeepaliveTick();
+  EXPECT_EQ(view_.Nodes(), (std::vector<std::string>{"Q7XXX", "Q9ZZZ-2"}));
+  EXPECT_EQ(view_.FindNode("Q9ZZZ-2")->life, NetworkView::kLife);
 }
 
 TEST_F(NetworkViewTest, LegacySentences) {

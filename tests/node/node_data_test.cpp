@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
 
 #include "core/stream_table.h"
@@ -51,9 +52,10 @@ class ProcessNodeDataTest : public ::testing::Test {
     deps.relay = [this](int from, const PcSentence& s) { relayed_.push_back(s.Join()); };
     deps.pc93 = [this](PcSentence& s) {
       pc93_.push_back(s.line);
-      return true;
+      return NodeDeps::Pc93Outcome::kDelivered;
     };
     deps.pc41.valid_call = [](std::string_view c) { return c.size() >= 3; };
+    deps.counts_changed = [this] { ++counts_changed_; };
     proc_ = std::make_unique<NodeProcessor>(std::move(options), std::move(deps));
   }
 
@@ -70,6 +72,7 @@ class ProcessNodeDataTest : public ::testing::Test {
   std::vector<std::pair<int, std::string>> spots_;
   std::vector<std::string> relayed_;
   std::vector<std::string> pc93_;
+  int counts_changed_ = 0;
   std::unique_ptr<NodeProcessor> proc_;
 };
 
@@ -293,9 +296,56 @@ TEST_F(ProcessNodeDataTest, Pc92TopologyEntryFollowsTheOption) {
   EXPECT_FALSE(Feed(kPeer, "PC92^Q6WWW^80729^D^^1Q6USR^H99^"));
   EXPECT_EQ(relayed_.size(), relayed);
   EXPECT_EQ(proc_->view().FindNode("Q6WWW"), nullptr);
+  // ... nor is its stamp kept: that origin's first real sentence, a second older, is taken.
+  EXPECT_TRUE(Feed(kPeer, "PC92^Q6WWW^80728^A^^1Q6USR^H99^"));
   // Our own call as origin is never taken.
-  EXPECT_FALSE(Feed(kPeer, "PC92^Q1AAA^80729^A^^1Q6USR^H99^"));
-  EXPECT_EQ(proc_->view().UserCount(), 1);
+  EXPECT_FALSE(Feed(kPeer, "PC92^Q1AAA^80729^A^^1Q7USR^H99^"));
+  EXPECT_EQ(proc_->view().UserCount(), 2);
+}
+
+TEST_F(ProcessNodeDataTest, Pc92RepeatOverASecondLinkIsRememberedAsARoute) {
+  Build(NodeOptions{"Q1AAA", "0.1", 0, true, true});
+  constexpr int kSecond = 4;  // a second PC9x link, to Q8YYY
+  streams_.at(kSecond).call = "Q8YYY";
+  streams_.at(kSecond).state = kStateNodePc9x;
+  proc_->view().LinkUp(kPeer, "Q9ZZZ-2", true);
+  proc_->view().LinkUp(kSecond, "Q8YYY", true);
+  clock_.Set(MakeUtc(2026, 11, 21, 22, 25, 28));  // 80728
+  EXPECT_TRUE(Feed(kPeer, "PC92^Q6WWW^80728^C^5Q6WWW:5457^7Q5OLD^1Q6USR^H97^"));
+  // An older sentence of the origin that arrives late says nothing about the way it came.
+  EXPECT_TRUE(Feed(kPeer, "PC92^Q6WWW^80729^A^7Q5OLD^1Q5USR^H97^"));
+  EXPECT_FALSE(Feed(kSecond, "PC92^Q6WWW^80728^C^5Q6WWW:5457^7Q5OLD^1Q6USR^H96^"));
+  EXPECT_EQ(proc_->view().FindNode("Q6WWW")->routes.count(kSecond), 0u);
+  // The copy of the last one does, and is neither applied nor passed on again.
+  EXPECT_FALSE(Feed(kSecond, "PC92^Q6WWW^80729^A^7Q5OLD^1Q5USR^H96^"));
+  EXPECT_EQ(relayed_.size(), 2u);
+  EXPECT_EQ(proc_->view().FindNode("Q6WWW")->routes,
+            (std::map<int, int>{{kPeer, 97}, {kSecond, 96}}));
+
+  // The first link goes: the origin, what it owns and their users stay, now behind Q8YYY.
+  EXPECT_EQ(proc_->LinkClosed(kPeer), std::vector<std::string>{"Q9ZZZ-2"});
+  EXPECT_EQ(proc_->view().Nodes(), (std::vector<std::string>{"Q5OLD", "Q6WWW", "Q8YYY"}));
+  EXPECT_EQ(proc_->view().UserCount(), 2);
+  EXPECT_EQ(proc_->view().RouteTo("Q6USR"), kSecond);
+  EXPECT_EQ(proc_->view().RouteTo("Q5USR"), kSecond);
+}
+
+TEST_F(ProcessNodeDataTest, QuietNodeIsForgottenWithItsTimeStamp) {
+  Build(NodeOptions{"Q1AAA", "0.1", 0, true, true});
+  proc_->view().LinkUp(kPeer, "Q9ZZZ-2", true);
+  clock_.Set(MakeUtc(2026, 11, 21, 22, 25, 28));  // 80728
+  EXPECT_TRUE(Feed(kPeer, "PC92^Q6WWW^80728^K^5Q6WWW:5457:1^1^0^H97^"));
+  for (int i = 0; i < NetworkView::kLife - 1; ++i) EXPECT_TRUE(proc_->ExpireQuietNodes().empty());
+  const int changes = counts_changed_;
+  EXPECT_EQ(proc_->ExpireQuietNodes(), std::vector<std::string>{"Q6WWW"});
+  EXPECT_EQ(counts_changed_, changes + 1);
+  EXPECT_EQ(proc_->view().FindNode("Q6WWW"), nullptr);
+  EXPECT_EQ(proc_->time_check().Last("Q6WWW"), -1);
+  EXPECT_NE(proc_->view().FindNode("Q9ZZZ-2"), nullptr);
+  // Back the next day, earlier in the day than the last stamp it sent: welcome all the same.
+  clock_.Set(MakeUtc(2026, 11, 22, 19, 0, 0));  // 68400
+  EXPECT_TRUE(Feed(kPeer, "PC92^Q6WWW^68400^K^5Q6WWW:5457:1^1^0^H97^"));
+  EXPECT_NE(proc_->view().FindNode("Q6WWW"), nullptr);
 }
 
 TEST_F(ProcessNodeDataTest, HandlerFaultCostsOneLine) {

@@ -82,6 +82,7 @@ struct TestNode {
     d.pc41.store = [this](std::string_view c, std::string_view line) {
       stored_pc41.push_back(std::string(c) + "|" + std::string(line));
     };
+    d.counts_changed = [this] { ++counts_changed; };
     net = std::make_unique<NodeNetwork>(o, std::move(d));
     net->Configure(cfg);
     streams.EnsureCapacity(32);
@@ -105,6 +106,7 @@ struct TestNode {
   std::vector<std::string> intake;
   std::set<std::string> seen_spots;
   std::vector<std::string> stored_pc41;
+  int counts_changed = 0;
 };
 
 // Joins nodes: lines sent by one end of a wire arrive at the other.
@@ -224,7 +226,7 @@ TEST_F(NodeNetworkTest, TwoNodesLinkInBothRolesAndSeeEachOther) {
   EXPECT_EQ(a.out.identity[5], (std::pair<std::string, int>{"Q2BBB", kStateNodePc9x}));
   EXPECT_EQ(b.out.identity[7], (std::pair<std::string, int>{"Q1AAA", kStateNodePc9x}));
   // Only the acceptor introduced itself with PC18.
-  EXPECT_EQ(Count(a.out.To(5), "PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^"), 1u);
+  EXPECT_EQ(Count(a.out.To(5), "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^"), 1u);
   EXPECT_EQ(Count(b.out.To(7), "PC18"), 0u);
   ASSERT_NE(a.net->view().FindNode("Q2BBB"), nullptr);
   ASSERT_NE(b.net->view().FindNode("Q1AAA"), nullptr);
@@ -271,7 +273,7 @@ TEST_F(NodeNetworkTest, AcceptsALegacyPeerWithStrayLinesAndMissingTrailers) {
   a.AddUser(1, "Q5USR");
   a.streams.at(4).state = kStateLoggingIn;
   ASSERT_TRUE(a.net->OnNodeLogin(4, "Q7XXX"));
-  EXPECT_EQ(net_.TakeFrom(a, 4), "PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^0.1^\r\n");
+  EXPECT_EQ(net_.TakeFrom(a, 4), "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^\r\n");
   for (std::string_view l :
        {"0", "PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7USR - 1^H25^", "PC20"}) {
     a.net->OnLine(4, l);
@@ -429,6 +431,32 @@ TEST_F(RingTest, AnnouncementReachesEveryUserOnce) {
   net_.Pump();
   EXPECT_EQ(Count(b_->out.To(1), "WX de Q5USR: rain\r\n"), 1u);
   EXPECT_EQ(Count(c_->out.To(2), "rain"), 0u);
+
+  // The same announcement again a minute later (a new stamp, past the 45 s PC93 window):
+  // nobody sees it twice and it does not go round again.
+  clock_.Advance(std::chrono::seconds(60));
+  const size_t b_sent = b_->out.To(23).size();
+  b_->net->OnLine(21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) +
+                          "^*^Q5USR^*^full announcement^^^H99^");
+  net_.Pump();
+  EXPECT_EQ(Count(b_->out.To(1), "full announcement"), 1u);
+  EXPECT_EQ(b_->out.To(23).size(), b_sent);
+}
+
+TEST_F(RingTest, ReceivedAnnouncementsReachOnlyTheirAudience) {
+  b_->AddUser(2, "Q6SYS");
+  b_->streams.at(2).privilege = 5;
+  net_.Pump();
+  // A sysop announcement is for the sysops only.
+  clock_.Advance(1s);
+  b_->net->OnLine(21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) +
+                          "^SYSOP^Q5USR^*^sysops only^^^H99^");
+  EXPECT_EQ(Count(b_->out.To(2), "To SYSOP de Q5USR: sysops only\r\n"), 1u);
+  EXPECT_EQ(Count(b_->out.To(1), "sysops only"), 0u);
+  // PC9x neighbours announce in PC93: a PC12 from one is not taken.
+  b_->net->OnLine(21, "PC12^Q5USR^*^old style^ ^Q1AAA^0^H99^~");
+  EXPECT_EQ(Count(b_->out.To(1), "old style"), 0u);
+  EXPECT_EQ(Count(b_->out.To(23), "old style"), 0u);
 }
 
 TEST_F(RingTest, TalkFollowsTheRouteToTheUsersNode) {
@@ -461,19 +489,77 @@ TEST_F(RingTest, LinkCheckForAnotherNodeGoesTowardsIt) {
   EXPECT_EQ(Count(b_->out.To(23), "PC51^Q3CCC^Q1AAA^1^\r\n"), 1u);
 }
 
-TEST_F(RingTest, LostLinkIsAnnouncedAndTheViewHeals) {
+TEST_F(RingTest, LostLinkIsAnnouncedAndTheViewHealsAtOnce) {
+  // C heard A's sentences over both links: first through B, then the copy straight from A.
+  EXPECT_EQ(c_->net->view().FindNode("Q1AAA")->routes, (std::map<int, int>{{31, 100}, {32, 98}}));
   net_.Cut(*b_, 21, *a_, 11);
+  // The neighbours hear that the link is gone ...
   EXPECT_EQ(Count(b_->out.To(23), "^D^^5Q1AAA^H99^"), 1u);
+  EXPECT_EQ(Count(a_->out.To(13), "^D^^5Q2BBB^H99^"), 1u);
   EXPECT_EQ(b_->net->Links().size(), 1u);
-  // A's next full configuration, due soon after its link change, reaches B through C.
-  clock_.Advance(900s);
-  for (TestNode* n : {a_, b_, c_}) n->net->Tick();
-  net_.Pump();
-  ASSERT_NE(b_->net->view().FindNode("Q1AAA"), nullptr);
+  // ... but nobody loses a node or a user: the way round the ring is known already.
+  for (TestNode* n : {a_, b_, c_}) {
+    EXPECT_EQ(n->net->NodeCount(), 2) << n->call;
+    EXPECT_EQ(n->net->view().UserCount(), n == c_ ? 2 : 3) << n->call;
+  }
   EXPECT_EQ(b_->net->view().RouteTo("Q5USR"), 23);
+  EXPECT_EQ(a_->net->view().RouteTo("Q6USR"), 13);
   ASSERT_TRUE(b_->net->Talk("Q6USR", "Q5USR", "around"));
   net_.Pump();
   EXPECT_EQ(Count(a_->out.To(1), "Q5USR de Q6USR: around\r\n"), 1u);
+
+  // A's next full configuration, due soon after its link change, changes nothing of that.
+  clock_.Advance(900s);
+  for (TestNode* n : {a_, b_, c_}) n->net->Tick();
+  net_.Pump();
+  EXPECT_EQ(b_->net->NodeCount(), 2);
+  EXPECT_EQ(b_->net->view().RouteTo("Q5USR"), 23);
+
+  // The second link of B goes too: now A, C and their users are gone for B.
+  net_.Cut(*c_, 32, *b_, 23);
+  EXPECT_EQ(b_->net->NodeCount(), 0);
+  EXPECT_EQ(b_->net->RemoteUserCount(), 0);
+  EXPECT_EQ(a_->net->view().FindNode("Q2BBB"), nullptr);
+  EXPECT_EQ(a_->net->RemoteUserCount(), 2);
+}
+
+TEST_F(RingTest, LegacyNeighbourHearsOnlyOfNodesThatAreReallyGone) {
+  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
+  a_->streams.at(15).state = kStateLoggingIn;
+  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
+  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^H25^", "PC20^"}) a_->net->OnLine(15, l);
+  net_.Pump();
+  net_.TakeFrom(*a_, 15);
+  // B is still reached through C: no PC21 for it, nor for what C says of its lost links.
+  net_.Cut(*b_, 21, *a_, 11);
+  std::string sent = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(Count(sent, "PC21^"), 0u) << sent;
+  // The last way to B and C goes: both are gone.
+  net_.Cut(*a_, 13, *c_, 31);
+  sent = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(Count(sent, "PC21^Q2BBB^Gone^"), 1u) << sent;
+  EXPECT_EQ(Count(sent, "PC21^Q3CCC^Gone^"), 1u) << sent;
+  EXPECT_EQ(a_->net->NodeCount(), 1);  // the legacy neighbour itself
+}
+
+TEST_F(RingTest, LostLegacyLinkTakesItsNodesOffThePc9xSide) {
+  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
+  a_->streams.at(15).state = kStateLoggingIn;
+  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
+  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^1^Q6OLD^0^5455^H25^", "PC20^"}) {
+    a_->net->OnLine(15, l);
+  }
+  net_.Pump();
+  ASSERT_NE(b_->net->view().FindNode("Q6OLD"), nullptr);
+  a_->net->OnStreamClosed(15);
+  a_->streams.Reset(15);
+  net_.Pump();
+  EXPECT_EQ(Count(a_->out.To(11), "^D^^7Q7XXX^7Q6OLD^H99^"), 1u) << a_->out.To(11);
+  for (TestNode* n : {a_, b_, c_}) {
+    EXPECT_EQ(n->net->view().FindNode("Q7XXX"), nullptr) << n->call;
+    EXPECT_EQ(n->net->view().FindNode("Q6OLD"), nullptr) << n->call;
+    EXPECT_EQ(n->net->NodeCount(), 2) << n->call;
+  }
 }
 
 TEST_F(RingTest, LegacyNeighbourGetsPc11Pc12AndPc10) {
@@ -513,6 +599,224 @@ TEST_F(RingTest, LegacyNeighbourGetsPc11Pc12AndPc10) {
   ASSERT_TRUE(c_->net->Talk("Q7USR", "Q7OLD", "hi back"));
   net_.Pump();
   EXPECT_EQ(Count(net_.TakeFrom(*a_, 15), "PC10^Q7USR^Q7OLD^hi back^*^ ^Q3CCC^~"), 1u);
+}
+
+// Legacy and PC9x neighbours learn the whole network through us ------------------------------
+
+// A (Q1AAA) with a PC9x chain behind it: B (Q2BBB, A's stream 11) and C (Q3CCC, behind B), and
+// room for scripted legacy neighbours (Q7XXX on stream 15, Q4OLD on stream 16).
+class MixedNetworkTest : public NodeNetworkTest {
+ protected:
+  void SetUp() override {
+    a_ = &net_.Add("Q1AAA", Cfg({"Q2BBB", "Q7XXX", "Q4OLD"}));
+    b_ = &net_.Add("Q2BBB", Cfg({"Q1AAA", "Q3CCC"}, {"Q1AAA"}));
+    c_ = &net_.Add("Q3CCC", Cfg({"Q2BBB"}, {"Q2BBB"}));
+    b_->AddUser(1, "Q6USR");
+    c_->AddUser(1, "Q3USR");
+  }
+  void LinkPc9xChain() {
+    net_.Link(*a_, 11, *b_, 21, "Q1AAA");
+    net_.Link(*b_, 23, *c_, 32, "Q2BBB");
+  }
+  // A scripted legacy neighbour logs in to A and sends its configuration and PC20; A's answer.
+  std::string LinkLegacy(int stream, const std::string& call,
+                         std::initializer_list<std::string> config) {
+    a_->streams.at(stream).state = kStateLoggingIn;
+    EXPECT_TRUE(a_->net->OnNodeLogin(stream, call));
+    EXPECT_EQ(Count(net_.TakeFrom(*a_, stream), "PC18^"), 1u);
+    for (const std::string& line : config) a_->net->OnLine(stream, line);
+    a_->net->OnLine(stream, "PC20^");
+    EXPECT_EQ(a_->streams.at(stream).state, kStateNodeLegacy);
+    const std::string reply = net_.TakeFrom(*a_, stream);
+    net_.Pump();
+    return reply;
+  }
+  std::string Stamp(int ahead = 0) const {
+    return std::to_string((SecondsOfDay(clock_.Now()) + ahead) % 86400);
+  }
+  TestNode* a_;
+  TestNode* b_;
+  TestNode* c_;
+};
+
+TEST_F(MixedNetworkTest, LegacyPeersLinkingLaterLearnEveryNodeAndUserButNeverThemselves) {
+  LinkPc9xChain();
+  ASSERT_NE(a_->net->view().FindNode("Q3CCC"), nullptr);
+  a_->AddUser(1, "Q5USR");
+
+  const std::string first = LinkLegacy(
+      15, "Q7XXX",
+      {"PC19^1^Q7XXX^0^5455^1^Q7FAR^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^Q7TWO - 1^H25^"});
+  // Our node first, then everything beyond us in the same sentence; users per node.
+  EXPECT_NE(first.find("PC19^1^Q1AAA^0^5457^1^Q2BBB^0^5457^1^Q3CCC^0^5457^H99^\r\n"),
+            std::string::npos)
+      << first;
+  EXPECT_NE(first.find("PC16^Q1AAA^Q5USR - 1^H99^\r\n"), std::string::npos) << first;
+  EXPECT_NE(first.find("PC16^Q2BBB^Q6USR - 1^H99^\r\n"), std::string::npos) << first;
+  EXPECT_NE(first.find("PC16^Q3CCC^Q3USR - 1^H99^\r\n"), std::string::npos) << first;
+  // Its own node, the node behind it and its users, which it has just told us, are not
+  // described back to it.
+  EXPECT_EQ(Count(first, "Q7XXX"), 0u) << first;
+  EXPECT_EQ(Count(first, "Q7FAR"), 0u) << first;
+  EXPECT_EQ(Count(first, "Q7OLD"), 0u) << first;
+  EXPECT_EQ(first.substr(first.size() - 7), "PC22^\r\n");
+
+  // A second legacy neighbour hears of the first and its users too.
+  const std::string second = LinkLegacy(16, "Q4OLD", {"PC19^1^Q4OLD^0^5455^H25^"});
+  EXPECT_NE(second.find("^1^Q7XXX^0^5455^"), std::string::npos) << second;
+  EXPECT_NE(second.find("PC16^Q7XXX^Q7OLD - 1^Q7TWO - 1^H99^\r\n"), std::string::npos) << second;
+  EXPECT_EQ(Count(second, "Q4OLD"), 0u) << second;
+  // Meanwhile nothing about the first came back on its own link.
+  const std::string to_first = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(Count(to_first, "Q7XXX"), 0u) << to_first;
+  EXPECT_EQ(Count(to_first, "Q7OLD"), 0u) << to_first;
+  EXPECT_NE(to_first.find("PC19^1^Q4OLD^0^"), std::string::npos) << to_first;
+}
+
+TEST_F(MixedNetworkTest, LegacyCallerLearnsTheNetworkBeyondTheNodeItCalls) {
+  LinkPc9xChain();
+  // This time A calls the legacy node, which answers with a status-text PC18.
+  Config cfg = ParseCfg(Cfg({"Q2BBB"}, {"Q7XXX"}));
+  a_->net->Configure(cfg);
+  a_->streams.at(6).state = kStateLoggingIn;
+  a_->streams.at(6).connection_label = "Q7XXX";
+  ASSERT_TRUE(a_->net->OnConnectRequest(6));
+  a_->net->OnPartialLine(6, "login: ");
+  net_.TakeFrom(*a_, 6);
+  a_->net->OnLine(6, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
+  const std::string config = net_.TakeFrom(*a_, 6);
+  EXPECT_NE(config.find("PC19^1^Q1AAA^0^5457^1^Q2BBB^0^5457^1^Q3CCC^0^5457^H99^\r\n"),
+            std::string::npos)
+      << config;
+  EXPECT_NE(config.find("PC16^Q3CCC^Q3USR - 1^H99^\r\n"), std::string::npos) << config;
+  EXPECT_EQ(config.substr(config.size() - 7), "PC20^\r\n");
+}
+
+TEST_F(MixedNetworkTest, Pc9xConfigurationsReachLinkedLegacyPeersAsTheirChanges) {
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^H25^"});
+  LinkLegacy(16, "Q4OLD", {"PC19^1^Q4OLD^0^5455^H25^"});
+  net_.TakeFrom(*a_, 15);
+  net_.TakeFrom(*a_, 16);
+  b_->AddUser(2, "Q6TWO");
+  // B's link-up configuration and C's, relayed by B, arrive as the nodes and their users.
+  LinkPc9xChain();
+  const std::string heard = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(Count(heard, "PC16^Q2BBB^Q6USR - 1^Q6TWO - 1^H99^\r\n"), 1u) << heard;
+  EXPECT_EQ(Count(heard, "PC16^Q3CCC^Q3USR - 1^H99^\r\n"), 1u) << heard;
+  // Each node is known before its users (legacy peers drop users of unknown nodes).
+  EXPECT_LT(heard.find("PC19^1^Q2BBB^0^5457^"), heard.find("PC16^Q2BBB")) << heard;
+  EXPECT_LT(heard.find("PC19^1^Q3CCC^0^5457^"), heard.find("PC16^Q3CCC")) << heard;
+  EXPECT_EQ(Count(net_.TakeFrom(*a_, 16), "PC16^Q3CCC^Q3USR - 1^"), 1u);
+
+  // A later full configuration tells only what changed: a new user, a user gone, a new node.
+  clock_.Advance(30s);
+  a_->net->OnLine(
+      11, "PC92^Q2BBB^" + Stamp() + "^C^5Q2BBB:5457^5Q1AAA^5Q3CCC^5Q6NEW:5460^1Q6USR^1Q6LATE^H99^");
+  const std::string change = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(change,
+            "PC19^1^Q6NEW^0^5460^H99^\r\nPC16^Q2BBB^Q6LATE - 1^H99^\r\nPC17^Q6TWO^Q2BBB^H99^\r\n");
+  EXPECT_EQ(net_.TakeFrom(*a_, 16), change);
+  // The same list again changes nothing.
+  clock_.Advance(30s);
+  a_->net->OnLine(
+      11, "PC92^Q2BBB^" + Stamp() + "^C^5Q2BBB:5457^5Q1AAA^5Q3CCC^5Q6NEW:5460^1Q6USR^1Q6LATE^H99^");
+  EXPECT_EQ(net_.TakeFrom(*a_, 15), "");
+
+  // B speaks for Q7XXX (linked to it as well): the other legacy neighbour hears it, Q7XXX
+  // itself hears nothing of itself.
+  clock_.Advance(30s);
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^7Q7XXX^1Q7OLD^1Q7NEW^H99^");
+  EXPECT_EQ(net_.TakeFrom(*a_, 15), "");
+  const std::string to_second = net_.TakeFrom(*a_, 16);
+  EXPECT_NE(to_second.find("PC16^Q7XXX^Q7OLD - 1^Q7NEW - 1^H99^\r\n"), std::string::npos)
+      << to_second;
+  // And nothing ever went back to B in legacy words.
+  EXPECT_EQ(Count(a_->out.To(11), "PC16^"), 0u);
+  EXPECT_EQ(Count(a_->out.To(11), "PC19^"), 0u);
+}
+
+TEST_F(MixedNetworkTest, DeparturesReachLegacyPeersOnlyForWhatHasReallyGone) {
+  LinkPc9xChain();
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^H25^"});
+  LinkLegacy(16, "Q4OLD", {"PC19^1^Q4OLD^0^5455^H25^"});
+  net_.TakeFrom(*a_, 15);
+  net_.TakeFrom(*a_, 16);
+  b_->net->UserLoggedInOut("Q6USR", 1, false);
+  net_.Pump();
+  EXPECT_EQ(net_.TakeFrom(*a_, 15), "PC17^Q6USR^Q2BBB^H99^\r\n");
+  EXPECT_EQ(net_.TakeFrom(*a_, 16), "PC17^Q6USR^Q2BBB^H99^\r\n");
+  // B loses C, which A reached only through B: the node is gone for the legacy side too.
+  net_.Cut(*b_, 23, *c_, 32);
+  EXPECT_EQ(a_->net->view().FindNode("Q3CCC"), nullptr);
+  EXPECT_EQ(Count(net_.TakeFrom(*a_, 15), "PC21^Q3CCC^Gone^H99^\r\n"), 1u);
+  EXPECT_EQ(Count(net_.TakeFrom(*a_, 16), "PC21^Q3CCC^Gone^H99^\r\n"), 1u);
+  // B drops a link to Q7XXX, which is still our own neighbour: nobody hears it has gone.
+  clock_.Advance(10s);
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^D^^7Q7XXX^H99^");
+  EXPECT_EQ(net_.TakeFrom(*a_, 15), "");
+  EXPECT_EQ(net_.TakeFrom(*a_, 16), "");
+  ASSERT_NE(a_->net->view().FindNode("Q7XXX"), nullptr);
+}
+
+TEST_F(MixedNetworkTest, Pc9xPeersLearnTheUsersBehindOurLegacyNeighbours) {
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^Q7TWO - 1^H25^"});
+  LinkPc9xChain();
+  // At link-up B hears a configuration for the legacy node, on its behalf and with its users.
+  const std::string to_b = a_->out.To(11);
+  EXPECT_EQ(Count(to_b, "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 1u) << to_b;
+  EXPECT_EQ(b_->net->view().RouteTo("Q7OLD"), 21);
+  // Nothing of it goes back to the legacy node.
+  EXPECT_EQ(Count(a_->out.To(15), "Q7OLD"), 0u);
+
+  // Then hourly, with the keep-alive.  The legacy neighbour keeps the link alive with PC50.
+  const auto hour = [&] {
+    for (int i = 0; i < 12; ++i) {
+      clock_.Advance(300s);
+      a_->net->OnLine(15, "PC50^Q7XXX^2^H99^");
+      a_->net->Tick();
+      net_.Pump();
+    }
+  };
+  hour();
+  EXPECT_EQ(Count(a_->out.To(11), "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 2u);
+  EXPECT_TRUE(a_->out.closed.empty());
+  // Relayed by B, it reaches C, which linked after A's link-up.
+  EXPECT_EQ(c_->net->view().RouteTo("Q7TWO"), 32);
+  // Another node that is linked to the same legacy node described it lately: A leaves it.
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^");
+  hour();
+  EXPECT_EQ(Count(a_->out.To(11), "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 2u);
+  EXPECT_GE(Count(a_->out.To(11), "^K^5Q1AAA"), 2u);
+  hour();
+  EXPECT_EQ(Count(a_->out.To(11), "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 3u);
+}
+
+TEST_F(MixedNetworkTest, NodesBehindALegacyNeighbourHangUnderItAndOutliveOurFullConfiguration) {
+  LinkPc9xChain();
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^1^Q7FAR^0^5455^H25^"});
+  // B hears the far node under the legacy neighbour, not under A.
+  EXPECT_EQ(Count(a_->out.To(11), "^A^7Q7XXX^7Q7FAR^H99^\r\n"), 1u) << a_->out.To(11);
+  const NetworkView::Node* legacy = b_->net->view().FindNode("Q7XXX");
+  ASSERT_NE(legacy, nullptr);
+  EXPECT_EQ(legacy->child_nodes.count("Q7FAR"), 1u);
+
+  // A's full configurations (after the link change, then every few hours) list only A's
+  // neighbours and users; the far node stays in B's view all the same.
+  for (int i = 0; i < 12; ++i) {
+    clock_.Advance(300s);
+    a_->net->OnLine(15, "PC50^Q7XXX^0^H99^");
+    a_->net->Tick();
+    net_.Pump();
+  }
+  ASSERT_GE(Count(a_->out.To(11), "^C^5Q1AAA"), 1u);
+  EXPECT_NE(b_->net->view().FindNode("Q7FAR"), nullptr);
+  EXPECT_NE(c_->net->view().FindNode("Q7FAR"), nullptr);
+
+  // The legacy neighbour loses it: it goes from the PC9x side too.
+  a_->net->OnLine(15, "PC21^Q7FAR^Gone^H25^");
+  net_.Pump();
+  EXPECT_EQ(b_->net->view().FindNode("Q7FAR"), nullptr);
+  EXPECT_NE(b_->net->view().FindNode("Q7XXX"), nullptr);
 }
 
 // Keep-alive -------------------------------------------------------------------------------
@@ -613,6 +917,42 @@ TEST_F(NodeNetworkTest, KeepaliveAndFullConfigurationOnTheirTimers) {
   EXPECT_NE(b.net->view().FindNode("Q1AAA"), nullptr);
 }
 
+TEST_F(NodeNetworkTest, QuietNodeExpiresUnlessItSendsAKeepalive) {
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}));
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
+  net_.Link(a, 5, b, 7, "Q1AAA");
+  // Two nodes beyond B, each heard once.
+  const auto far = [&](std::string_view call, std::string_view type) {
+    const std::string t = std::to_string(SecondsOfDay(clock_.Now()));
+    a.net->OnLine(5, "PC92^" + std::string(call) + "^" + t + "^" + std::string(type) + "^5" +
+                         std::string(call) + ":5457^1^0^H97^");
+  };
+  far("Q8FAR", "K");
+  far("Q9FAR", "C");
+  ASSERT_EQ(a.net->NodeCount(), 3);
+  // Only A's timers run: B sends no keep-alive of its own but answers A's link checks.
+  const auto hour = [&] {
+    for (int i = 0; i < 12; ++i) {
+      clock_.Advance(300s);
+      a.net->Tick();
+      net_.Pump();
+    }
+  };
+  hour();
+  hour();
+  far("Q9FAR", "K");
+  const int changes = a.counts_changed;
+  hour();
+  EXPECT_EQ(a.net->view().FindNode("Q8FAR"), nullptr);
+  EXPECT_GT(a.counts_changed, changes);
+  ASSERT_NE(a.net->view().FindNode("Q9FAR"), nullptr);
+  EXPECT_EQ(a.net->NodeCount(), 2);
+  for (int i = 0; i < 10; ++i) hour();
+  // The neighbour never goes while its link stands; the other one did.
+  EXPECT_EQ(a.net->view().Nodes(), std::vector<std::string>{"Q2BBB"});
+  EXPECT_TRUE(a.out.closed.empty());
+}
+
 // Outgoing connections, sysop commands, restart -------------------------------------------------
 
 TEST_F(NodeNetworkTest, OutgoingConnectionIsRetriedAfterTheInterval) {
@@ -699,7 +1039,7 @@ TEST_F(NodeNetworkTest, RecoveredNodeStreamResumesWithItsIntroduction) {
   e.connection_label = "Q2BBB";
   a.net->OnStreamRecovered(9);
   const std::string sent = net_.TakeFrom(a, 9);
-  EXPECT_EQ(sent.substr(0, 47), "PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^");
+  EXPECT_EQ(sent.substr(0, 55), "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^\r\n");
   ASSERT_EQ(a.net->Links().size(), 1u);
   EXPECT_TRUE(a.net->Links()[0].up);
   EXPECT_TRUE(a.net->Links()[0].outgoing);
@@ -707,6 +1047,15 @@ TEST_F(NodeNetworkTest, RecoveredNodeStreamResumesWithItsIntroduction) {
   a.net->SetReady(true);
   a.net->Tick();
   EXPECT_TRUE(a.opened.empty());
+  // A legacy link gets the introduction without "pc9x" and legacy sentences, not PC92.
+  StreamEntry& g = a.streams.at(11);
+  g.call = "Q2BBB";
+  g.state = kStateNodeLegacy;
+  a.net->OnStreamRecovered(11);
+  const std::string legacy = net_.TakeFrom(a, 11);
+  EXPECT_EQ(legacy.substr(0, 50), "PC18^QX Cluster Version: 5457 Build: 0.001^5457^\r\n");
+  EXPECT_EQ(Count(legacy, "PC19^1^Q1AAA^"), 1u);
+  EXPECT_EQ(Count(legacy, "PC92"), 0u);
   // A stream caught in its handshake cannot resume.
   StreamEntry& f = a.streams.at(10);
   f.call = "Q3CCC";

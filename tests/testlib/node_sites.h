@@ -19,6 +19,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/testlib/program_site.h"
 #include "tests/testlib/test_util.h"
 
 namespace qx::testing {
@@ -26,17 +27,9 @@ namespace qx::testing {
 // The country file the nodes need: spots from spotters of no known country are refused.
 inline constexpr const char* kSystemCountryFile = "/usr/share/hamradio-files/cty.dat";
 
-class NodeSite {
+class NodeSite : public ProgramSite {
  public:
-  explicit NodeSite(std::string call)
-      : call_(std::move(call)),
-        link_port_(FreePort()),
-        user_port_(FreePort()),
-        console_port_(FreePort()) {}
-  ~NodeSite() {
-    node_.reset();
-    front_.reset();
-  }
+  explicit NodeSite(std::string call) : ProgramSite(std::move(call)) {}
 
   // Configuration lines added to cluster.cfg.
   void Define(std::string_view node_call, std::string_view type = "QXC") {
@@ -57,27 +50,12 @@ class NodeSite {
   }
 
   void Write() {
-    std::string cfg = "Cluster Call^" + call_ + "\r\nWinsock IP^127.0.0.1\r\n";
-    cfg += "Winsock Port^" + std::to_string(link_port_) + "\r\n";
-    cfg += "Winsock App Path^\r\n";
-    cfg += "Frontend Ports^" + std::to_string(user_port_) + "\r\n";
-    cfg += "Console Port^" + std::to_string(console_port_) + "\r\n";
-    cfg += extra_;
-    WriteFile(home() / "cluster.cfg", cfg);
+    WriteConfig(extra_);
     std::filesystem::create_directories(home() / "data/files");
     std::error_code ec;
     std::filesystem::copy_file(kSystemCountryFile, home() / "data/files/cty_wt_mod.dat",
                                std::filesystem::copy_options::overwrite_existing, ec);
     if (!passwords_.empty()) WriteFile(home() / "data/files/passwords.dat", passwords_);
-  }
-  void StartFront() {
-    front_ = std::make_unique<ChildProcess>(
-        QX_FRONT_BIN, std::vector<std::string>{"--home", home().string()}, home(), "qxfront");
-  }
-  void StartNode() {
-    node_ = std::make_unique<ChildProcess>(QX_CLUSTER_BIN,
-                                           std::vector<std::string>{"--home", home().string()},
-                                           home(), "qxcluster-" + std::to_string(++starts_));
   }
   // Starts both programs and waits until the node has its link to the front-end (a
   // connection made before that is reported to the node as an existing stream, with no
@@ -95,39 +73,8 @@ class NodeSite {
     return WaitFor([&] { return Occurrences(node_->Output(), needle) >= size_t(count); }, limit);
   }
 
-  std::unique_ptr<LineClient> Connect() {
-    auto c = std::make_unique<LineClient>();
-    EXPECT_TRUE(c->Connect(user_port_));
-    EXPECT_TRUE(c->ReadUntil("login: ", std::chrono::seconds(15))) << c->received();
-    c->ClearReceived();
-    return c;
-  }
-  // Logs a user in (answering the password and name questions); returns it at its prompt.
   std::unique_ptr<LineClient> LogIn(std::string_view call, std::string_view password = {}) {
-    auto c = Connect();
-    c->SendLine(call);
-    if (!password.empty()) {
-      EXPECT_TRUE(c->ReadUntil("password: ")) << c->received();
-      c->SendLine(password);
-    }
-    EXPECT_TRUE(WaitFor(
-        [&] {
-          c->Drain(std::chrono::milliseconds(50));
-          return c->received().find("Please enter your name") != std::string::npos ||
-                 c->received().find("QXC >") != std::string::npos;
-        },
-        std::chrono::seconds(10)))
-        << c->received();
-    if (c->received().find("Please enter your name") != std::string::npos) {
-      c->ClearReceived();
-      c->SendLine("Ann");
-      EXPECT_TRUE(c->ReadUntil("(Y or N) >")) << c->received();
-      c->ClearReceived();
-      c->SendLine("y");
-    }
-    EXPECT_TRUE(c->ReadUntil("QXC >", std::chrono::seconds(10))) << c->received();
-    c->ClearReceived();
-    return c;
+    return LogInAs(call, password, "Ann");
   }
 
   static size_t Occurrences(std::string_view text, std::string_view what) {
@@ -138,23 +85,9 @@ class NodeSite {
     return n;
   }
 
-  const std::string& call() const { return call_; }
-  std::filesystem::path home() const { return dir_.path(); }
-  int user_port() const { return user_port_; }
-  ChildProcess& node() { return *node_; }
-  ChildProcess& front() { return *front_; }
-
  private:
-  std::string call_;
-  TempDir dir_;
-  int link_port_;
-  int user_port_;
-  int console_port_;
-  int starts_ = 0;
   std::string extra_;
   std::string passwords_;
-  std::unique_ptr<ChildProcess> front_;
-  std::unique_ptr<ChildProcess> node_;
 };
 
 // A scripted peer's end of a connection that a node opened to it.

@@ -146,6 +146,13 @@ TEST_F(InterpreterTest, PersonalSettingsProducePc41) {
   EXPECT_EQ(relay_.events[2].a, "PC41^K1ABC^5^FN42AA^H99^~\r\n");
   EXPECT_EQ(relay_.events[3].a, "PC41^K1ABC^4^K1NODE-2^H99^~\r\n");
   EXPECT_EQ(store_.Load("K1ABC", kStateUser).settings.qth, "Boston");
+
+  // A caret would split the sentence and the record line: it is kept as "~".
+  relay_.events.clear();
+  EXPECT_EQ(Run("SET/QTH Bad^Town"), "QTH set to Bad~Town\r\n");
+  ASSERT_EQ(relay_.events.size(), 1u);
+  EXPECT_EQ(relay_.events[0].a, "PC41^K1ABC^2^Bad~Town^H99^~\r\n");
+  EXPECT_EQ(store_.Load("K1ABC", kStateUser).settings.qth, "Bad~Town");
 }
 
 TEST_F(InterpreterTest, SysopListCommands) {
