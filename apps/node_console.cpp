@@ -341,6 +341,19 @@ ConsoleResult NodeConsoleModel::DisconnectLink(std::string_view name) {
   return ConsoleResult{true, reply};
 }
 
+int NodeConsoleModel::MonitorView() const {
+  return node_.network_ ? node_.network_->processor().options().monitor_view : kMonitorViewAll;
+}
+
+ConsoleResult NodeConsoleModel::SetMonitorView(int view) {
+  if (view != kMonitorViewAll && view != kMonitorViewNodes) {
+    return ConsoleResult::Fail("the monitor view is 0 (all traffic) or 1 (node traffic)");
+  }
+  if (!node_.network_) return ConsoleResult::Fail("the node network is not running yet");
+  node_.network_->processor().set_monitor_view(view);
+  return ConsoleResult::Ok();
+}
+
 ConsoleStats NodeConsoleModel::Statistics() const {
   ConsoleStats s;
   const SysTime now = node_.clock_.Now();

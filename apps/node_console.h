@@ -40,6 +40,9 @@ class NodeConsoleModel final : public ConsoleModel {
   ConsoleResult ConnectLink(std::string_view name) override;
   ConsoleResult DisconnectLink(std::string_view name) override;
 
+  int MonitorView() const override;
+  ConsoleResult SetMonitorView(int view) override;
+
   ConsoleStats Statistics() const override;
   ConsoleMetrics Metrics() const override;
 

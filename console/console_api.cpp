@@ -1,6 +1,7 @@
 #include "console/console_api.h"
 
 #include <chrono>
+#include <climits>
 
 #include "core/text_util.h"
 
@@ -169,6 +170,7 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
                            {"uptime", UptimeText(std::chrono::seconds(s.uptime_seconds))},
                            {"history", s.spots_per_minute_history}});
   }
+  if (path == "monitor/view") return Reply(200, json{{"view", model_.MonitorView()}});
   if (path == "logs") return Reply(200, json{{"files", model_.LogFiles()}});
   if (path == "logs/tail") {
     const int lines = std::clamp(ParseIntOr(QueryValue(query, "lines"), 200), 1, 5000);
@@ -247,6 +249,22 @@ ApiReply ConsoleApi::Post(std::string_view path, const json& body) {
   if (path == "links/connect") return FromResult(model_.ConnectLink(StringField(body, "name")));
   if (path == "links/disconnect") {
     return FromResult(model_.DisconnectLink(StringField(body, "name")));
+  }
+  // The monitor view is a setting of the running console, like the selector beside the
+  // desktop monitor: it changes what the node shows from now on and is not saved anywhere,
+  // so a restarted node shows all traffic again.
+  if (path == "monitor/view") {
+    const auto it = body.find("view");
+    if (it == body.end() || !it->is_number_integer()) {
+      return Error(400, "view needed: 0 (all traffic) or 1 (node traffic)");
+    }
+    const long long view = it->get<long long>();
+    if (view < INT_MIN || view > INT_MAX) {
+      return Error(400, "the monitor view is 0 (all traffic) or 1 (node traffic)");
+    }
+    const ConsoleResult r = model_.SetMonitorView(int(view));
+    if (!r.ok) return Error(400, r.error);
+    return Reply(200, json{{"ok", true}, {"view", model_.MonitorView()}});
   }
   if (path == "shutdown") {
     const auto it = body.find("confirm");

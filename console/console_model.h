@@ -143,6 +143,14 @@ class ConsoleModel {
   virtual ConsoleResult ConnectLink(std::string_view name) = 0;
   virtual ConsoleResult DisconnectLink(std::string_view name) = 0;
 
+  // The sysop's monitor view selector: 0 shows all traffic, 1 node traffic (some findings on
+  // node links, such as a PC11 that lacks its last field, are shown only on this view).  Any
+  // other value is refused.  A view setting of the running node, never saved.
+  static constexpr int kMonitorViewAll = 0;
+  static constexpr int kMonitorViewNodes = 1;
+  virtual int MonitorView() const = 0;
+  virtual ConsoleResult SetMonitorView(int view) = 0;
+
   // Statistics and metrics.
   virtual ConsoleStats Statistics() const = 0;
   virtual ConsoleMetrics Metrics() const = 0;

@@ -68,6 +68,7 @@ function colourClass(c) {
 // ---- Pages -------------------------------------------------------------------------------
 
 const pageLoaders = {
+  monitor: () => loadMonitorView(),
   connections: () => renderStreams(),
   lists: () => loadLists(),
   settings: () => loadSettings(),
@@ -128,6 +129,26 @@ function setFollow(stream) {
   $('monitor-follow').value = state.follow;
   monitorMarker(state.follow === '' ? '--- all streams ---' : '--- following stream ' + state.follow + ' ---');
   renderStreams();
+}
+
+// The node's monitor view (all traffic or node traffic) lives in the running node, not in
+// the page: every console sees and changes the same one, and a restart goes back to all.
+async function loadMonitorView() {
+  const data = await api('monitor/view');
+  $('monitor-view').value = String(data.view);
+}
+
+async function changeMonitorView() {
+  const select = $('monitor-view');
+  $('monitor-view-error').textContent = '';
+  try {
+    const data = await api('monitor/view', {view: Number(select.value)});
+    select.value = String(data.view);
+    monitorMarker(data.view === 1 ? '--- view: node traffic ---' : '--- view: all traffic ---');
+  } catch (e) {
+    $('monitor-view-error').textContent = e.message;
+    await loadMonitorView().catch(showError);
+  }
 }
 
 // ---- Connections -------------------------------------------------------------------------
@@ -533,6 +554,8 @@ async function start() {
     if (held.length >= kMaxPaused) monitorMarker('... lines held while paused were cut ...');
   });
   $('monitor-follow').addEventListener('change', () => setFollow($('monitor-follow').value));
+  $('monitor-view').addEventListener('change', changeMonitorView);
+  loadMonitorView().catch(showError);
   $('spots-clear').addEventListener('click', () => $('spots-table').tBodies[0].replaceChildren());
   $('spots-pause').addEventListener('change', () => {
     if ($('spots-pause').checked) return;

@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "console/console_server.h"
+#include "tests/console/console_client.h"
 #include "tests/console/fake_console_model.h"
 #include "tests/testlib/test_util.h"
 
@@ -32,75 +33,11 @@ using nlohmann::json;
 using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
-using Reply = http::response<http::string_body>;
+using Reply = qx::testing::ConsoleReply;
 
-struct Login {
-  std::string cookie;  // "qxsid=<id>"
-  std::string csrf;
-};
-
-class WsClient {
- public:
-  // Connects and upgrades; the handshake's HTTP status (101 when accepted).
-  int Connect(int port, const std::string& cookie, const std::string& origin = "",
-              int receive_buffer = 0) {
-    tcp::socket& s = ws_.next_layer();
-    s.open(tcp::v4());
-    if (receive_buffer > 0) s.set_option(asio::socket_base::receive_buffer_size(receive_buffer));
-    s.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), uint16_t(port)));
-    ws_.set_option(websocket::stream_base::decorator([cookie, origin](websocket::request_type& r) {
-      if (!cookie.empty()) r.set(http::field::cookie, cookie);
-      if (!origin.empty()) r.set(http::field::origin, origin);
-    }));
-    websocket::response_type res;
-    beast::error_code ec;
-    ws_.handshake(res, "127.0.0.1:" + std::to_string(port), "/ws", ec);
-    return int(res.result_int());
-  }
-
-  // The next message, or nullopt when none came within limit.  A read that is still waiting
-  // when the time is up stays pending for the next call (cancelling it would end the stream).
-  std::optional<json> Next(std::chrono::milliseconds limit = 5s) {
-    if (!reading_) {
-      reading_ = true;
-      done_ = false;
-      buffer_.clear();
-      ws_.async_read(buffer_, [this](beast::error_code e, size_t) {
-        ec_ = e;
-        done_ = true;
-      });
-    }
-    io_.restart();
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done_ && std::chrono::steady_clock::now() < end) io_.run_one_until(end);
-    if (!done_) return std::nullopt;
-    reading_ = false;
-    if (ec_) return std::nullopt;
-    return json::parse(beast::buffers_to_string(buffer_.data()));
-  }
-
-  bool closed() const { return done_ && ec_; }
-
-  // Reads until a message of type t arrives.
-  std::optional<json> NextOfType(std::string_view t, std::chrono::milliseconds limit = 5s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-      auto m = Next(std::chrono::duration_cast<std::chrono::milliseconds>(
-          end - std::chrono::steady_clock::now()));
-      if (!m) return std::nullopt;
-      if ((*m)["t"] == t) return m;
-    }
-    return std::nullopt;
-  }
-
- private:
-  asio::io_context io_;
-  websocket::stream<tcp::socket> ws_{io_};
-  beast::flat_buffer buffer_;
-  beast::error_code ec_;
-  bool reading_ = false;
-  bool done_ = false;
-};
+using qx::testing::ConsoleClient;
+using qx::testing::WsClient;
+using Login = qx::testing::ConsoleLogin;
 
 class ConsoleServerTest : public ::testing::Test {
  protected:
@@ -150,48 +87,16 @@ class ConsoleServerTest : public ::testing::Test {
 
   Reply Fetch(http::verb method, const std::string& target, const std::string& body = "",
               const std::vector<std::pair<std::string, std::string>>& headers = {}) {
-    asio::io_context io;
-    beast::tcp_stream stream(io);
-    stream.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), uint16_t(port_)));
-    http::request<http::string_body> req{method, target, 11};
-    req.set(http::field::host, "127.0.0.1:" + std::to_string(port_));
-    for (const auto& [k, v] : headers) req.set(k, v);
-    req.body() = body;
-    req.prepare_payload();
-    http::write(stream, req);
-    beast::flat_buffer buffer;
-    Reply res;
-    beast::error_code ec;
-    http::read(stream, buffer, res, ec);
-    EXPECT_FALSE(ec) << ec.message();
-    return res;
+    return ConsoleClient(port_).Fetch(method, target, body, headers);
   }
-
   Reply Get(const std::string& target, const Login* login = nullptr) {
-    std::vector<std::pair<std::string, std::string>> h;
-    if (login) h.emplace_back("Cookie", login->cookie);
-    return Fetch(http::verb::get, target, "", h);
+    return ConsoleClient(port_).Get(target, login);
   }
-
   Reply Post(const std::string& target, const json& body, const Login* login,
              bool with_csrf = true) {
-    std::vector<std::pair<std::string, std::string>> h{{"Content-Type", "application/json"}};
-    if (login) {
-      h.emplace_back("Cookie", login->cookie);
-      if (with_csrf) h.emplace_back("X-CSRF-Token", login->csrf);
-    }
-    return Fetch(http::verb::post, target, body.dump(), h);
+    return ConsoleClient(port_).Post(target, body, login, with_csrf);
   }
-
-  Login LogIn() {
-    const Reply r = Post("/api/login", json{{"password", password_}}, nullptr);
-    EXPECT_EQ(r.result_int(), 200u) << r.body();
-    const std::string set_cookie(r[http::field::set_cookie]);
-    Login login;
-    login.cookie = set_cookie.substr(0, set_cookie.find(';'));
-    login.csrf = json::parse(r.body()).value("csrf", "");
-    return login;
-  }
+  Login LogIn() { return ConsoleClient(port_).LogIn(password_); }
 
   // Sends raw bytes and returns what comes back until the server closes or limit passes.
   std::string Raw(std::string_view bytes, std::chrono::milliseconds limit = 3s) {
@@ -345,6 +250,46 @@ TEST_F(ConsoleServerTest, RightPasswordGivesASessionCookieAndChangesNeedTheCsrfT
     return 0;
   });
   EXPECT_FALSE(ws.Next(3s));
+}
+
+TEST_F(ConsoleServerTest, MonitorViewIsReadAndChangedWithTheSessionAndItsToken) {
+  auto view = [this](const Login& login) {
+    const Reply r = Get("/api/monitor/view", &login);
+    EXPECT_EQ(r.result_int(), 200u) << r.body();
+    return json::parse(r.body(), nullptr, false).value("view", -1);
+  };
+  EXPECT_EQ(Get("/api/monitor/view").result_int(), 401u);
+  EXPECT_EQ(Post("/api/monitor/view", json{{"view", 1}}, nullptr).result_int(), 401u);
+
+  const Login login = LogIn();
+  EXPECT_EQ(view(login), 0);
+
+  // Without the token, or with a wrong one, the view stays as it is.
+  EXPECT_EQ(Post("/api/monitor/view", json{{"view", 1}}, &login, false).result_int(), 403u);
+  Login wrong = login;
+  wrong.csrf = std::string(32, 'f');
+  EXPECT_EQ(Post("/api/monitor/view", json{{"view", 1}}, &wrong).result_int(), 403u);
+  EXPECT_EQ(OnIo([this] { return model_.MonitorView(); }), 0);
+
+  const Reply set = Post("/api/monitor/view", json{{"view", 1}}, &login);
+  ASSERT_EQ(set.result_int(), 200u) << set.body();
+  EXPECT_EQ(json::parse(set.body())["view"], 1);
+  EXPECT_EQ(OnIo([this] { return model_.MonitorView(); }), 1);
+  EXPECT_EQ(view(login), 1);
+
+  // Values that are no view are refused with a reason, and the node's view is kept.
+  for (const json& bad : {json{{"view", 2}}, json{{"view", -1}}, json{{"view", "1"}},
+                          json{{"view", 1.5}}, json{{"view", 4294967297LL}}, json::object()}) {
+    const Reply r = Post("/api/monitor/view", bad, &login);
+    EXPECT_EQ(r.result_int(), 400u) << bad.dump();
+    EXPECT_THAT(json::parse(r.body()).value("error", ""),
+                HasSubstr("0 (all traffic) or 1 (node traffic)"))
+        << bad.dump();
+  }
+  EXPECT_EQ(view(login), 1);
+
+  EXPECT_EQ(Post("/api/monitor/view", json{{"view", 0}}, &login).result_int(), 200u);
+  EXPECT_EQ(view(login), 0);
 }
 
 TEST_F(ConsoleServerTest, PasswordCanBeChanged) {

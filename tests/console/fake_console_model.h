@@ -49,6 +49,7 @@ class FakeConsoleModel : public ConsoleModel {
   std::vector<std::string> events;
   std::vector<int> disconnected;
   bool shutdown_called = false;
+  int monitor_view = 0;
   ConsoleMetrics metrics;
   ConsoleStats stats;
   std::map<std::string, std::vector<std::string>> log_files;  // name -> lines
@@ -177,6 +178,15 @@ class FakeConsoleModel : public ConsoleModel {
       }
     }
     return ConsoleResult::Fail("no such connection");
+  }
+
+  int MonitorView() const override { return monitor_view; }
+  ConsoleResult SetMonitorView(int view) override {
+    if (view != kMonitorViewAll && view != kMonitorViewNodes) {
+      return ConsoleResult::Fail("the monitor view is 0 (all traffic) or 1 (node traffic)");
+    }
+    monitor_view = view;
+    return ConsoleResult::Ok();
   }
 
   ConsoleStats Statistics() const override { return stats; }

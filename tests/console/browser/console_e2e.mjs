@@ -2,8 +2,9 @@
 // node console_e2e.mjs <build/bin> <node|--demo> <chromium>
 //
 // node:   qxcluster (which starts qxfront) in a fresh program directory; a telnet user logs
-//         in, a lock-out made in the browser refuses a call at log-in, a spot typed by the
-//         user shows in the spot list, a setting saved in the browser lands in cluster.cfg.
+//         in, the monitor view is switched, a lock-out made in the browser refuses a call at
+//         log-in, a spot typed by the user shows in the spot list, a setting saved in the
+//         browser lands in cluster.cfg.
 // --demo: console_demo's fake node, driven through its standard input instead of telnet.
 import { chromium } from 'playwright-core';
 import { spawn } from 'node:child_process';
@@ -173,6 +174,20 @@ try {
   await tab('monitor');
   check(await waitFor(async () => (await page.textContent('#monitor-pane')).trim().length > 0),
         'the monitor pane shows live lines');
+
+  // The monitor view selector changes the node's view, which a fresh page load reads back.
+  check(await page.inputValue('#monitor-view') === '0', 'the monitor view starts on all traffic');
+  await page.selectOption('#monitor-view', '1');
+  check(await visible(page.locator('#monitor-pane span', {hasText: '--- view: node traffic ---'})),
+        'choosing node traffic is confirmed in the monitor pane');
+  const viewNow = async () => page.evaluate(async () =>
+    (await (await fetch('/api/monitor/view', {credentials: 'same-origin'})).json()).view);
+  check(await waitFor(async () => (await viewNow()) === 1), 'the node is on the node-traffic view');
+  await page.reload();
+  check(await waitFor(async () => (await page.inputValue('#monitor-view')) === '1'),
+        'a reloaded page shows the node-traffic view');
+  await page.selectOption('#monitor-view', '0');
+  check(await waitFor(async () => (await viewNow()) === 0), 'back on the all-traffic view');
 
   // A call added to the lock-out list is saved in its side file ...
   await tab('lists');

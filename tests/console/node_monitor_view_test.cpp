@@ -1,0 +1,103 @@
+// The monitor view selector end to end: the real node and front-end, a scripted legacy peer
+// on a node link, the view changed through the web console's API, and the monitor lines read
+// from the console's WebSocket as the page reads them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "core/time_text.h"
+#include "tests/console/console_client.h"
+#include "tests/testlib/node_sites.h"
+
+namespace qx::testing {
+namespace {
+
+using nlohmann::json;
+using namespace std::chrono_literals;
+
+constexpr std::string_view kPasswordLine = "Console password: ";
+
+// The first live line whose text is exactly text, within limit; every line read on the way
+// is added to seen.
+std::optional<json> LineWithText(WsClient& ws, std::string_view text, std::vector<json>& seen,
+                                 std::chrono::milliseconds limit = 15s) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < end) {
+    auto m = ws.Next(std::chrono::duration_cast<std::chrono::milliseconds>(
+        end - std::chrono::steady_clock::now()));
+    if (!m) return std::nullopt;
+    if ((*m)["t"] != "line") continue;
+    seen.push_back(*m);
+    if ((*m)["x"] == text) return m;
+  }
+  return std::nullopt;
+}
+
+TEST(NodeMonitorViewTest, NineFieldPc11IsShownAsAViolationOnlyOnTheNodeTrafficView) {
+  NodeSite node("K1QXA");
+  node.Define("K7LEG", "ARC");
+  node.Start();
+  ASSERT_TRUE(node.WaitOutput(kPasswordLine)) << node.node().Output();
+  const std::string output = node.node().Output();
+  const size_t at = output.find(kPasswordLine) + kPasswordLine.size();
+  const std::string password = output.substr(at, output.find('\n', at) - at);
+
+  ConsoleClient console(node.console_port());
+  const ConsoleLogin login = console.LogIn(password);
+  ASSERT_FALSE(login.csrf.empty());
+  const ConsoleReply initial = console.Get("/api/monitor/view", &login);
+  ASSERT_EQ(initial.result_int(), 200u) << initial.body();
+  EXPECT_EQ(json::parse(initial.body())["view"], 0);  // a started node shows all traffic
+  WsClient ws;
+  ASSERT_EQ(ws.Connect(node.console_port(), login.cookie), 101);
+
+  auto peer = node.Connect();
+  peer->SendLine("K7LEG");
+  ASSERT_TRUE(peer->ReadUntil("PC18^")) << peer->received();
+  peer->SendLine("PC19^1^K7LEG^0^5455^H25^");
+  peer->SendLine("PC20^");
+  ASSERT_TRUE(peer->ReadUntil("PC22^\r\n")) << peer->received();
+  ASSERT_TRUE(node.WaitOutput("Node link up: K7LEG (legacy)")) << node.node().Output();
+  int peer_stream = 0;
+  const json streams = json::parse(console.Get("/api/streams", &login).body());
+  for (const json& st : streams["streams"]) {
+    if (st["call"] == "K7LEG") peer_stream = st["number"];
+  }
+  ASSERT_GT(peer_stream, 0);
+
+  // On the all-traffic view the short PC11 is only kept as the start of a longer line; the
+  // "^~" that follows completes it, and its spot in the spot list tells that the node has
+  // dealt with both lines.
+  const SysTime now = SystemClock().Now();
+  const std::string stamp = DateText(now) + "^" + TimeHHnnZ(now);
+  peer->SendLine("PC11^14025.0^JA1AAA^" + stamp + "^short^W7OLD^K7LEG^H24");
+  peer->SendLine("^~");
+  std::vector<json> seen;
+  bool spot_seen = false;
+  while (!spot_seen) {
+    const auto m = ws.Next(15s);
+    ASSERT_TRUE(m) << "the completed spot never reached the spot list";
+    if ((*m)["t"] != "line") continue;
+    seen.push_back(*m);
+    spot_seen =
+        (*m)["ch"] == "spots" && (*m)["x"].get<std::string>().find("JA1AAA") != std::string::npos;
+  }
+  for (const json& m : seen) EXPECT_NE(m["x"], " Protocol Violation") << m.dump();
+
+  // The sysop switches to the node-traffic view; the next short PC11 is reported at once.
+  const ConsoleReply set = console.Post("/api/monitor/view", json{{"view", 1}}, &login);
+  ASSERT_EQ(set.result_int(), 200u) << set.body();
+  EXPECT_EQ(json::parse(console.Get("/api/monitor/view", &login).body())["view"], 1);
+  peer->SendLine("PC11^14026.0^JA1BBB^" + stamp + "^short^W7OLD^K7LEG^H24");
+  const auto violation = LineWithText(ws, " Protocol Violation", seen);
+  ASSERT_TRUE(violation) << "no violation line on the node-traffic view";
+  EXPECT_EQ((*violation)["c"], "blue");
+  EXPECT_EQ((*violation)["ch"], "raw");
+  EXPECT_EQ((*violation)["s"], peer_stream);
+}
+
+}  // namespace
+}  // namespace qx::testing
