@@ -95,6 +95,16 @@ void NodeProcessor::Show(std::string_view text, std::string_view colour, int str
 }
 
 void NodeProcessor::StoreCarry(int stream, std::string_view line) {
+  // A kept fragment is joined to the next line, and a peer whose sentences never pass the
+  // trailer check would make it grow with every line.  No sentence is this long: past the
+  // bound the text is dropped, so the link starts afresh with its next line.
+  if (line.size() > kMaxNodeCarry) {
+    state_.Error(0, "ProcessNodeData ",
+                 "fragment of " + std::to_string(line.size()) + " characters dropped from " +
+                     StreamCall(stream) + " where = " + std::string(line.substr(0, 80)));
+    deps_.streams->at(stream).node_carry.clear();
+    return;
+  }
   deps_.streams->at(stream).node_carry.assign(line);
 }
 

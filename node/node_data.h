@@ -108,6 +108,9 @@ class NodeProcessor {
   const NodeOptions& options() const { return options_; }
   void set_monitor_view(int v) { options_.monitor_view = v; }
 
+  // The longest fragment kept for joining with a stream's next line.
+  static constexpr size_t kMaxNodeCarry = 16384;
+
  private:
   void InstallHandlers();
   void Show(std::string_view text, std::string_view colour, int stream);

@@ -123,6 +123,28 @@ TEST_F(ProcessNodeDataTest, BadHopFieldsAreKeptAsFragmentsSilently) {
   EXPECT_EQ(proc_->view().UserCount(), 0);
 }
 
+// A peer whose sentences never pass the trailer check (PC11 without any trailer) must not
+// make the kept fragment grow without end: past its bound it is dropped and logged, and the
+// next well-formed sentence is taken again.
+TEST_F(ProcessNodeDataTest, EndlessFragmentsAreBoundedAndTheLinkRecovers) {
+  const std::string bare = "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24";
+  size_t longest = 0;
+  for (int i = 0; i < 400; ++i) {
+    EXPECT_FALSE(Feed(kLegacy, bare));
+    longest = std::max(longest, Carry(kLegacy).size());
+  }
+  EXPECT_LE(longest, NodeProcessor::kMaxNodeCarry);
+  ASSERT_FALSE(errors_.empty());
+  EXPECT_EQ(errors_.back().tag, "ProcessNodeData ");
+  EXPECT_NE(errors_.back().text.find("dropped from"), std::string::npos) << errors_.back().text;
+  // The first complete sentence ends whatever fragment is kept; the one after it stands alone.
+  Feed(kLegacy, bare + "^~");
+  EXPECT_TRUE(Carry(kLegacy).empty());
+  EXPECT_TRUE(Feed(kLegacy, bare + "^~"));
+  ASSERT_FALSE(spots_.empty());
+  EXPECT_EQ(spots_.back().second, bare + "^~");
+}
+
 TEST_F(ProcessNodeDataTest, EmptyLastFieldOfTerminatedSentenceIsAViolation) {
   const std::string line = "PC10^Q5USR^Q7USR^hello^*^ ^Q9ZZZ-2^";
   EXPECT_FALSE(Feed(kPeer, line));
