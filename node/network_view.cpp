@@ -340,34 +340,54 @@ std::vector<std::pair<std::string, std::string>> NetworkView::Users() const {
   return out;
 }
 
-NetworkView::Route NetworkView::BestRoute(const Node& n,
-                                          std::set<std::string, std::less<>>& seen) const {
-  Route best;
-  for (const auto& [stream, hops] : n.routes) {
-    if (hops > best.hops) best = Route{stream, hops};
+NetworkView::ParentIndex NetworkView::Parents() const {
+  ParentIndex parents;
+  for (const auto& [call, n] : nodes_) {
+    for (const std::string& child : n.child_nodes) parents[child].push_back(&n);
   }
-  if (best.stream != 0) return best;
-  // No route of its own: through the best of the nodes that list it.
-  seen.insert(n.call);
-  for (const auto& [call, parent] : nodes_) {
-    if (!parent.child_nodes.count(n.call) || seen.count(call)) continue;
-    const Route r = BestRoute(parent, seen);
-    if (r.stream != 0 && r.hops - 1 > best.hops) best = Route{r.stream, r.hops - 1};
+  return parents;
+}
+
+NetworkView::Route NetworkView::BestRoute(const Node& start, const ParentIndex& parents) const {
+  Route best;
+  bool found = false;
+  std::set<std::string_view> seen{start.call};
+  std::vector<const Node*> level{&start};
+  std::vector<const Node*> next;
+  for (int depth = 0; !level.empty(); ++depth) {
+    // A node with a route of its own ends that branch; the highest remaining hop count over
+    // all branches wins, a hop less per level climbed.
+    next.clear();
+    for (const Node* n : level) {
+      for (const auto& [stream, hops] : n->routes) {
+        if (!found || hops - depth > best.hops) best = Route{stream, hops - depth};
+        found = true;
+      }
+      if (!n->routes.empty()) continue;
+      const auto it = parents.find(n->call);
+      if (it == parents.end()) continue;
+      for (const Node* p : it->second) {
+        if (seen.insert(p->call).second) next.push_back(p);
+      }
+    }
+    level.swap(next);
   }
   return best;
 }
 
 int NetworkView::RouteTo(std::string_view call) const {
-  std::set<std::string, std::less<>> seen;
-  if (const Node* n = FindNode(call)) return BestRoute(*n, seen).stream;
+  const Node* node = FindNode(call);
+  // Most lookups end at a node's own route; the parent index is built only when needed.
+  if (node && !node->routes.empty()) return BestRoute(*node, {}).stream;
+  const ParentIndex parents = Parents();
+  if (node) return BestRoute(*node, parents).stream;
   // A user: the best route to any node it is on.
   Route best;
   const std::string user(call);
   for (const auto& [node_call, n] : nodes_) {
     if (!n.users.count(user)) continue;
-    seen.clear();
-    const Route r = BestRoute(n, seen);
-    if (r.stream != 0 && r.hops > best.hops) best = r;
+    const Route r = BestRoute(n, parents);
+    if (r.stream != 0 && (best.stream == 0 || r.hops > best.hops)) best = r;
   }
   return best.stream;
 }

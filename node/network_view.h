@@ -91,8 +91,13 @@ class NetworkView {
   // Removes what no route reaches (see the top); the calls removed are appended to removed.
   void Prune(std::vector<std::string>& removed);
   bool IsNeighbour(std::string_view call) const;
-  // A node's own best route, or else its best parent's (one hop further).
-  Route BestRoute(const Node& n, std::set<std::string, std::less<>>& seen) const;
+  // For each node, the nodes that list it as a child.
+  using ParentIndex = std::map<std::string_view, std::vector<const Node*>>;
+  ParentIndex Parents() const;
+  // A node's own best route, or else the best route of the nearest nodes above it that have
+  // one (a hop less per level).  Searched level by level, so a long or looping chain of
+  // parents costs one visit per node, never a deep recursion.
+  Route BestRoute(const Node& n, const ParentIndex& parents) const;
 
   std::string our_call_;
   std::map<std::string, Node, std::less<>> nodes_;

@@ -108,8 +108,9 @@ class NodeProcessor {
   const NodeOptions& options() const { return options_; }
   void set_monitor_view(int v) { options_.monitor_view = v; }
 
-  // The longest fragment kept for joining with a stream's next line.
-  static constexpr size_t kMaxNodeCarry = 16384;
+  // The longest fragment kept for joining with a stream's next line: room for the PC92 C of a
+  // node with thousands of users, which may arrive in several pieces.
+  static constexpr size_t kMaxNodeCarry = 256 * 1024;
 
  private:
   void InstallHandlers();

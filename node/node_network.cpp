@@ -443,6 +443,7 @@ void NodeNetwork::LinkEstablished(Link& link) {
   next_config_ =
       std::min(next_config_ == 0 ? kNever : next_config_, now + options_.config_after_change);
   if (next_keepalive_ == 0) next_keepalive_ = now + options_.keepalive_interval;
+  if (next_expiry_ == 0) next_expiry_ = now + kQuietCountdownInterval;
   CountsChanged();
 }
 
@@ -626,6 +627,7 @@ void NodeNetwork::OnStreamRecovered(int stream) {
   Send(stream, BuildPc18(options_.pc_version, l.info.pc9x));
   for (const std::string& line : OurConfigFor(stream, l.info.pc9x)) Send(stream, line);
   if (next_keepalive_ == 0) next_keepalive_ = Now() + options_.keepalive_interval;
+  if (next_expiry_ == 0) next_expiry_ = Now() + kQuietCountdownInterval;
   Show("Node link recovered: " + l.info.peer, "orange", stream);
   CountsChanged();
 }
@@ -683,7 +685,11 @@ void NodeNetwork::Tick() {
       SendKeepalive();
       SendLegacyConfigs();
       next_keepalive_ = now + options_.keepalive_interval;
-      // The same hourly tick counts down the nodes that have gone quiet.
+    }
+    // Quiet nodes are counted down hourly, the pace at which peers send their K, whatever
+    // our own K interval is set to: a shorter one must not expire nodes that are well.
+    if (next_expiry_ != 0 && now >= next_expiry_) {
+      next_expiry_ = now + kQuietCountdownInterval;
       for (const std::string& call : processor_.ExpireQuietNodes()) {
         Show("Node " + call + " left the network view: quiet too long", "orange");
       }

@@ -228,6 +228,8 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   std::map<int, std::unique_ptr<Link>> links_;
   bool ready_ = false;
   int64_t next_keepalive_ = 0;
+  int64_t next_expiry_ = 0;
+  static constexpr int64_t kQuietCountdownInterval = 3600;
   int64_t next_config_ = 0;
   // What the legacy neighbours have been told, in PC16/PC19, of the lists that PC92 gives for
   // each node: a PC92 C replaces a list, and only its changes need telling.  A list that came

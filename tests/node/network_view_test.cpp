@@ -102,6 +102,24 @@ TEST_F(NetworkViewTest, RoutesThroughTheNodeAUserIsOn) {
   EXPECT_EQ(view_.NodeCount(), 0);
 }
 
+// A peer can describe a chain of nodes, each under the one before, as long as it likes, and
+// loops in it: finding a route must neither recurse that deep nor go round.
+TEST_F(NetworkViewTest, RoutesThroughLongChainsAndLoopsOfParents) {
+  view_.LinkUp(kPeer, "Q9ZZZ-2", true);
+  constexpr int kChain = 20000;
+  const auto name = [](int k) { return "Q" + std::to_string(k) + "AA"; };
+  ASSERT_TRUE(Pc92("PC92^Q9ZZZ-2^100^A^^7" + name(0) + "^H99^"));
+  for (int k = 0; k < kChain; ++k) {
+    ASSERT_TRUE(Pc92("PC92^Q9ZZZ-2^100^A^7" + name(k) + "^7" + name(k + 1) + "^H99^"));
+  }
+  ASSERT_TRUE(Pc92("PC92^Q9ZZZ-2^100^A^7" + name(kChain) + "^1Q5END^H99^"));
+  // The last node closes a loop back to the first.
+  ASSERT_TRUE(Pc92("PC92^Q9ZZZ-2^100^A^7" + name(kChain) + "^7" + name(0) + "^H99^"));
+  EXPECT_EQ(view_.RouteTo(name(kChain)), kPeer);
+  EXPECT_EQ(view_.RouteTo("Q5END"), kPeer);
+  EXPECT_EQ(view_.RouteTo("Q0NOBODY"), 0);
+}
+
 // Healing: what another link still reaches stays when one goes ------------------------------
 
 TEST_F(NetworkViewTest, RepeatOnASecondLinkKeepsTheOriginWhenTheFirstGoes) {

@@ -953,6 +953,28 @@ TEST_F(NodeNetworkTest, QuietNodeExpiresUnlessItSendsAKeepalive) {
   EXPECT_TRUE(a.out.closed.empty());
 }
 
+// Peers send K hourly: a node whose own K interval is shorter must not expire them sooner.
+TEST_F(NodeNetworkTest, QuietCountdownIsHourlyWhateverOurKeepaliveInterval) {
+  NodeNetworkOptions o;
+  o.keepalive_interval = 600;
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
+  net_.Link(a, 5, b, 7, "Q1AAA");
+  const auto far_k = [&] {
+    const std::string t = std::to_string(SecondsOfDay(clock_.Now()));
+    a.net->OnLine(5, "PC92^Q8FAR^" + t + "^K^5Q8FAR:5457^1^0^H97^");
+  };
+  for (int hour = 0; hour < 5; ++hour) {
+    far_k();
+    for (int i = 0; i < 12; ++i) {
+      clock_.Advance(300s);
+      a.net->Tick();
+      net_.Pump();
+    }
+    ASSERT_NE(a.net->view().FindNode("Q8FAR"), nullptr) << "hour " << hour;
+  }
+}
+
 // Outgoing connections, sysop commands, restart -------------------------------------------------
 
 TEST_F(NodeNetworkTest, OutgoingConnectionIsRetriedAfterTheInterval) {
