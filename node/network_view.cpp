@@ -143,6 +143,11 @@ bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
   const ParsedEntry slot1 = ParseEntry(f[4]);
   if (slot1.flag >= 0 && slot1.call != origin) {
     if (slot1.call == our_call_) return false;
+    // A node speaks only for the legacy nodes it owns (flag 2) ...
+    if ((slot1.flag & 2) == 0) return false;
+    // ... and never for one of our own neighbours, which we describe ourselves: the origin's
+    // route still counts, its list about the neighbour does not.
+    if (IsNeighbour(slot1.call)) return true;
     owner = &Ensure(slot1.call);
     from.child_nodes.insert(owner->call);
   }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -118,6 +119,22 @@ TEST_F(NetworkViewTest, RoutesThroughLongChainsAndLoopsOfParents) {
   EXPECT_EQ(view_.RouteTo(name(kChain)), kPeer);
   EXPECT_EQ(view_.RouteTo("Q5END"), kPeer);
   EXPECT_EQ(view_.RouteTo("Q0NOBODY"), 0);
+}
+
+// A node may speak for the legacy nodes it owns, not for other PC9x nodes nor for our own
+// neighbours.
+TEST_F(NetworkViewTest, ListsOnBehalfOfOthersAreTakenOnlyForTheirLegacyNodes) {
+  view_.LinkUp(kPeer, "Q9ZZZ-2", true);
+  view_.LinkUp(kLegacy, "Q7XXX", false);
+  ASSERT_TRUE(
+      view_.ApplyPc16(test::MakeSentence("PC16^Q7XXX^Q7USR - 1^H25^", kLegacy).fields, kLegacy));
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^100^C^7Q7XXX^1Q7FAKE^H99^"));
+  EXPECT_EQ(view_.FindNode("Q7XXX")->users, std::set<std::string>{"Q7USR"});
+  EXPECT_FALSE(Pc92("PC92^Q9ZZZ-2^101^A^5Q8YYY^1Q8FAKE^H99^"));
+  EXPECT_EQ(view_.RouteTo("Q8FAKE"), 0);
+  // Its own legacy node is fine.
+  EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^102^A^7Q6OLD^1Q6USR^H99^"));
+  EXPECT_EQ(view_.RouteTo("Q6USR"), kPeer);
 }
 
 // Healing: what another link still reaches stays when one goes ------------------------------
