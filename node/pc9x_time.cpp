@@ -1,7 +1,9 @@
 #include "node/pc9x_time.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <vector>
 
 #include "core/text_util.h"
 
@@ -19,7 +21,7 @@ Pc9xTimeCheck::Verdict Pc9xTimeCheck::Check(std::string_view origin, std::string
 
   auto it = last_.find(std::string(origin));
   if (it != last_.end()) {
-    const double last = it->second;
+    const double last = it->second.stamp;
     if (t > last) {
       // Just before the last one, yesterday: "t" sits shortly before midnight while the last
       // accepted stamp came shortly after it.
@@ -28,16 +30,27 @@ Pc9xTimeCheck::Verdict Pc9xTimeCheck::Check(std::string_view origin, std::string
       // Smaller (or equal): only a new day when the step forward across midnight is short.
       if (t + kDay - last >= kWrapWindow) return Verdict::kNotNewer;
     }
-    it->second = t;
+    it->second = Heard{t, ++accepts_};
   } else {
-    last_.emplace(std::string(origin), t);
+    if (last_.size() >= kMaxOrigins) EvictOldest();
+    last_.emplace(std::string(origin), Heard{t, ++accepts_});
   }
   return Verdict::kAccept;
 }
 
+void Pc9xTimeCheck::EvictOldest() {
+  std::vector<uint64_t> used;
+  used.reserve(last_.size());
+  for (const auto& [origin, l] : last_) used.push_back(l.used);
+  const auto quarter = used.begin() + static_cast<std::ptrdiff_t>(used.size() / 4);
+  std::nth_element(used.begin(), quarter, used.end());
+  const uint64_t limit = *quarter;
+  std::erase_if(last_, [limit](const auto& e) { return e.second.used <= limit; });
+}
+
 double Pc9xTimeCheck::Last(std::string_view origin) const {
   auto it = last_.find(std::string(origin));
-  return it == last_.end() ? -1 : it->second;
+  return it == last_.end() ? -1 : it->second.stamp;
 }
 
 std::string Pc9xStampGenerator::Next(int now_seconds_of_day) {

@@ -2,6 +2,7 @@
 // stamps must rise) and the generator of the stamps this node writes.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -31,10 +32,22 @@ class Pc9xTimeCheck {
   // The last accepted stamp of origin, or -1.
   double Last(std::string_view origin) const;
   void Forget(std::string_view origin) { last_.erase(std::string(origin)); }
+  size_t size() const { return last_.size(); }
+
+  // Origins remembered at most; past it the quarter heard from longest ago is forgotten, so a
+  // peer inventing origin calls cannot make the table grow without end.
+  static constexpr size_t kMaxOrigins = 50000;
 
  private:
+  struct Heard {
+    double stamp = 0;
+    uint64_t used = 0;  // when it was last accepted, in accepts
+  };
+  void EvictOldest();
+
   std::string our_call_;
-  std::unordered_map<std::string, double> last_;
+  std::unordered_map<std::string, Heard> last_;
+  uint64_t accepts_ = 0;
 };
 
 // Stamps for the PC92/PC93 this node creates: the seconds of the day, then ".01", ".02" ...

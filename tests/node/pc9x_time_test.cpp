@@ -21,6 +21,24 @@ TEST(Pc9xTimeCheck, StampsOfAnOriginMustRise) {
   EXPECT_DOUBLE_EQ(check.Last("nobody"), -1);
 }
 
+// Origins that come and go (or that a peer invents) must not fill memory; the ones heard
+// lately are kept.
+TEST(Pc9xTimeCheck, TableOfOriginsIsBoundedAndKeepsTheRecentOnes) {
+  Pc9xTimeCheck check("Q1AAA");
+  const size_t n = Pc9xTimeCheck::kMaxOrigins + 1000;
+  for (size_t i = 0; i < n; ++i) {
+    ASSERT_EQ(check.Check("Q" + std::to_string(i) + "X", "80000", 80000, true), V::kAccept);
+    if (i % 1000 == 0) {
+      ASSERT_EQ(check.Check("Q0KEEP", std::to_string(80000 + i / 1000 + 1), 80000, true),
+                V::kAccept);
+    }
+  }
+  EXPECT_LE(check.size(), Pc9xTimeCheck::kMaxOrigins);
+  EXPECT_GT(check.Last("Q0KEEP"), 80000);
+  EXPECT_DOUBLE_EQ(check.Last("Q1X"), -1);  // among the first heard: forgotten
+  EXPECT_DOUBLE_EQ(check.Last("Q" + std::to_string(n - 1) + "X"), 80000);
+}
+
 TEST(Pc9xTimeCheck, BadStampsAndClockSkew) {
   Pc9xTimeCheck check("Q1AAA");
   EXPECT_EQ(check.Check("Q9ZZZ-2", "abc", 100, true), V::kBadStamp);
