@@ -108,6 +108,7 @@ bool NetworkView::IsNeighbour(std::string_view call) const {
 }
 
 bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
+  last_removed_.clear();
   // PC92 ^ origin ^ time ^ type ^ slot1 ^ entries ... ^ H99 ^
   if (f.size() < 6 || f[1].empty() || f[3].size() != 1) return false;
   const std::string_view origin = f[1];
@@ -160,18 +161,20 @@ bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
     }
   }
 
-  std::set<std::string> users, nodes;
+  std::set<std::string> users, nodes, pc9x_nodes;
   for (size_t i = 5; i < end; ++i) {
     const ParsedEntry e = ParseEntry(f[i]);
     if (e.flag < 0 || e.call == our_call_) continue;
     if (IsNodeFlag(e.flag)) {
       nodes.insert(std::string(e.call));
+      // Not flagged external: a node that speaks PC92 itself.
+      if ((e.flag & 2) == 0) pc9x_nodes.insert(std::string(e.call));
     } else {
       users.insert(std::string(e.call));
     }
   }
   const std::string owner_call = owner->call;
-  std::vector<std::string> removed;
+  std::vector<std::string>& removed = last_removed_;
   if (type == 'D') {
     for (const std::string& u : users) owner->users.erase(u);
     std::vector<std::string> gone;
@@ -185,6 +188,7 @@ bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
       if (!still_listed) gone.push_back(n);
     }
     RemoveNodes(gone);
+    removed = gone;
     // What hung only below the nodes removed goes with them.
     Prune(removed);
     return true;
@@ -200,7 +204,8 @@ bool NetworkView::ApplyPc92(const std::vector<std::string>& f, int stream) {
   for (const std::string& n : nodes) {
     if (n == owner_call) continue;
     owner->child_nodes.insert(n);
-    Ensure(n);
+    Node& child = Ensure(n);
+    if (pc9x_nodes.count(n)) child.pc9x = true;
   }
   // A full list drops the children it no longer names; those reached no other way go.
   if (type == 'C') Prune(removed);
@@ -236,12 +241,12 @@ bool NetworkView::ApplyPc17(const std::vector<std::string>& f, int stream) {
   // PC17 ^ user ^ node ^ hops ^
   if (f.size() < 4 || f[2] == our_call_) return false;
   auto it = nodes_.find(f[2]);
-  if (it == nodes_.end()) return false;
+  if (it == nodes_.end() || it->second.pc9x) return false;
   return it->second.users.erase(f[1]) > 0;
 }
 
 bool NetworkView::ApplyPc19(const std::vector<std::string>& f, int stream,
-                            std::string_view neighbour_call) {
+                            std::string_view neighbour_call, std::vector<std::string>* added) {
   // PC19 ^ (here ^ node ^ conf ^ version) ... ^ hops ^
   const int hops = HopOf(f);
   bool any = false;
@@ -250,12 +255,17 @@ bool NetworkView::ApplyPc19(const std::vector<std::string>& f, int stream,
     if (call.empty() || call == our_call_ || call[0] == 'H') continue;
     const int version = LeadingNumber(f[i + 3]);
     if (version < 5000) continue;  // very old versions describe themselves unreliably
+    const auto known = nodes_.find(call);
+    if (known != nodes_.end() && known->second.pc9x) continue;
+    const bool created = known == nodes_.end();
     Node& n = Ensure(call);
-    if (!n.pc9x) n.version = DigitsOnly(f[i + 3]);
+    n.version = DigitsOnly(f[i + 3]);
     Touch(n, stream, hops);
+    bool hung = false;
     if (!neighbour_call.empty() && call != neighbour_call) {
-      Ensure(neighbour_call).child_nodes.insert(call);
+      hung = Ensure(neighbour_call).child_nodes.insert(call).second;
     }
+    if (added && (created || hung)) added->push_back(call);
     any = true;
   }
   return any;
@@ -268,9 +278,23 @@ bool NetworkView::ApplyPc21(const std::vector<std::string>& f, int stream) {
   for (const auto& [s, call] : neighbours_) {
     if (call == f[1] && s != stream) return false;
   }
-  if (nodes_.find(f[1]) == nodes_.end()) return false;
-  RemoveNodes({f[1]});
+  auto it = nodes_.find(f[1]);
+  if (it == nodes_.end()) return false;
   std::vector<std::string> removed;
+  const auto own = neighbours_.find(stream);
+  if (own != neighbours_.end() && own->second == f[1]) {
+    RemoveNodes({f[1]});
+    Prune(removed);
+    return true;
+  }
+  if (it->second.pc9x) return false;
+  // Only the way through this neighbour is gone; another may still reach the node.
+  bool changed = it->second.routes.erase(stream) > 0;
+  if (own != neighbours_.end()) {
+    auto neighbour = nodes_.find(own->second);
+    if (neighbour != nodes_.end()) changed |= neighbour->second.child_nodes.erase(f[1]) > 0;
+  }
+  if (!changed) return false;
   Prune(removed);
   return true;
 }

@@ -43,14 +43,22 @@ class NetworkView {
   // A PC92 (fields 0..last) that passed the time-stamp check, received on stream.  False when
   // it was ignored (own call, unknown origin of a D, malformed).
   bool ApplyPc92(const std::vector<std::string>& f, int stream);
+  // The calls the last ApplyPc92 took out of the view: the nodes it named and those reached
+  // only through them.
+  const std::vector<std::string>& LastRemoved() const { return last_removed_; }
   // A copy of the last PC92 accepted from its origin that came in again (in a meshed network,
   // over another neighbour): only the route to the origin through stream is remembered; the
   // lists are not applied again.  False when the origin is unknown or the sentence malformed.
   bool NotePc92Route(const std::vector<std::string>& f, int stream);
-  // Legacy sentences from the neighbour neighbour_call on stream.
+  // Legacy sentences from the neighbour neighbour_call on stream.  A node described by PC92
+  // is not the legacy side's to describe: PC17/19/21 about it are ignored (they are our own
+  // PC92 coming back in legacy words, and would give it a way that never goes).  ApplyPc19
+  // appends to added the nodes it created or newly hung under the neighbour.  A PC21 for
+  // another node than the neighbour takes away only the way through that neighbour.
   bool ApplyPc16(const std::vector<std::string>& f, int stream);
   bool ApplyPc17(const std::vector<std::string>& f, int stream);
-  bool ApplyPc19(const std::vector<std::string>& f, int stream, std::string_view neighbour_call);
+  bool ApplyPc19(const std::vector<std::string>& f, int stream, std::string_view neighbour_call,
+                 std::vector<std::string>* added = nullptr);
   bool ApplyPc21(const std::vector<std::string>& f, int stream);
 
   // A neighbour link came up (the neighbour itself hangs under us) or went down: every route
@@ -102,6 +110,7 @@ class NetworkView {
   std::string our_call_;
   std::map<std::string, Node, std::less<>> nodes_;
   std::map<int, std::string> neighbours_;  // stream -> neighbour call
+  std::vector<std::string> last_removed_;
 };
 
 }  // namespace qx

@@ -366,6 +366,9 @@ bool NodeProcessor::HandlePc9x(PcSentence& s) {
     if (!view_.ApplyPc92(s.fields, s.stream)) return false;
     if (deps_.counts_changed) deps_.counts_changed();
     RelayWithHops(s);
+    if (deps_.nodes_left && !view_.LastRemoved().empty()) {
+      deps_.nodes_left(s.stream, view_.LastRemoved());
+    }
     return true;
   }
   // PC93 ^ origin ^ time ^ to ^ from ^ via ^ text ...

@@ -57,6 +57,8 @@ struct NodeDeps {
   // An accepted sentence to pass on to the other node links; its hop field is already
   // decremented in s.fields (send s.Join() + CR LF).
   std::function<void(int from_stream, const PcSentence& s)> relay;
+  // An accepted PC92 took these nodes out of the view (also when it is not passed on).
+  std::function<void(int from_stream, const std::vector<std::string>& calls)> nodes_left;
   // A PC93 that passed the time-stamp and duplicate checks (talk/announce/chat delivery).
   // kRepeat (an announcement already seen under another stamp) is neither shown nor passed on.
   enum class Pc93Outcome { kDelivered, kNotHere, kRepeat };

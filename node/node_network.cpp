@@ -100,6 +100,9 @@ NodeNetwork::NodeNetwork(NodeNetworkOptions options, NodeNetworkDeps deps)
             d.feed = deps_.feed;
             d.counts_changed = [this] { CountsChanged(); };
             d.relay = [this](int from, const PcSentence& s) { OnRelay(from, s); };
+            d.nodes_left = [this](int from, const std::vector<std::string>& calls) {
+              NodesLeft(calls, from);
+            };
             d.pc93 = [this](PcSentence& s) { return OnPc93(s); };
             d.other = [this](PcSentence& s) { return OnOther(s); };
             d.our_config = [this](bool pc9x) { return OurConfig(pc9x); };
@@ -489,14 +492,22 @@ void NodeNetwork::LinkGone(int stream) {
     SendToLinks(BuildPc92Delete(options_.our_call, Stamp(), entries), 0, true, false);
     // Legacy neighbours know nodes, not links: they hear of the nodes that are gone, and
     // of none that another link still reaches.
-    for (const std::string& call : gone) {
-      SendToLinks(BuildPc21(call, "Gone"), 0, false, true);
-    }
+    NodesLeft(gone, stream);
     next_config_ =
         std::min(next_config_ == 0 ? kNever : next_config_, now + options_.config_after_change);
   }
   Show("Node link closed: " + link->info.peer, "", stream);
   CountsChanged();
+}
+
+void NodeNetwork::NodesLeft(const std::vector<std::string>& calls, int except_stream) {
+  for (const std::string& call : calls) {
+    SendToLinks(BuildPc21(call, "Gone"), except_stream, false, true, call);
+    pc92_told_.erase(call);
+    legacy_config_heard_.erase(call);
+    // Should it come back, the lists that held it tell it again.
+    for (auto& [owner, told] : pc92_told_) told.nodes.erase(call);
+  }
 }
 
 bool NodeNetwork::OnNodeLogin(int stream, std::string_view call) {
@@ -690,9 +701,11 @@ void NodeNetwork::Tick() {
     // our own K interval is set to: a shorter one must not expire nodes that are well.
     if (next_expiry_ != 0 && now >= next_expiry_) {
       next_expiry_ = now + kQuietCountdownInterval;
-      for (const std::string& call : processor_.ExpireQuietNodes()) {
+      const std::vector<std::string> expired = processor_.ExpireQuietNodes();
+      for (const std::string& call : expired) {
         Show("Node " + call + " left the network view: quiet too long", "orange");
       }
+      NodesLeft(expired, 0);
     }
     if (next_config_ != 0 && now >= next_config_) {
       SendConfigAll();
@@ -920,20 +933,12 @@ void NodeNetwork::TranslatePc92ForLegacy(int from_stream, const PcSentence& s) {
     }
   }
 
-  // What the legacy side already holds of the owner's list, unless that came by another way.
-  const Link* from_link = FindLink(from_stream);
-  const int64_t from_created = from_link ? from_link->created : -1;
-  auto [it, inserted] = pc92_told_.try_emplace(owner);
+  // What the legacy side already holds of the owner's list, whichever link brought it.  Nodes
+  // that leave the view are told by NodesLeft.
+  auto [it, fresh] = pc92_told_.try_emplace(owner);
   Pc92Told& told = it->second;
-  const bool fresh = inserted || told.stream != from_stream || told.link_created != from_created;
-  if (fresh) {
-    told.users.clear();
-    told.nodes.clear();
-  }
-  told.stream = from_stream;
-  told.link_created = from_created;
 
-  std::vector<std::string> add_users, gone_users, gone_nodes;
+  std::vector<std::string> add_users, gone_users;
   std::vector<Pc19Node> add_nodes;
   if (fresh && type != 'D') add_nodes.push_back(Pc19Node{owner, LegacyVersionOf(owner)});
   if (type == 'D') {
@@ -941,11 +946,7 @@ void NodeNetwork::TranslatePc92ForLegacy(int from_stream, const PcSentence& s) {
       told.users.erase(u);
       gone_users.push_back(u);
     }
-    for (const Pc19Node& n : nodes) {
-      told.nodes.erase(n.call);
-      // Only a node that has left our view is gone; others are still reached another way.
-      if (!view().FindNode(n.call)) gone_nodes.push_back(n.call);
-    }
+    for (const Pc19Node& n : nodes) told.nodes.erase(n.call);
   } else {
     if (type == 'C') {
       // A full list: what it no longer holds has gone, what it adds is new.
@@ -972,8 +973,7 @@ void NodeNetwork::TranslatePc92ForLegacy(int from_stream, const PcSentence& s) {
       }
     }
   }
-  for (const std::string& n : gone_nodes) pc92_told_.erase(n);
-  if (add_users.empty() && gone_users.empty() && add_nodes.empty() && gone_nodes.empty()) return;
+  if (add_users.empty() && gone_users.empty() && add_nodes.empty()) return;
 
   std::vector<Pc19Node> link_nodes;
   for (auto& [stream, link] : links_) {
@@ -987,9 +987,6 @@ void NodeNetwork::TranslatePc92ForLegacy(int from_stream, const PcSentence& s) {
       if (n.call != peer && !ReachedThrough(n.call, stream)) link_nodes.push_back(n);
     }
     for (const std::string& line : BuildPc19Lines(link_nodes)) Send(stream, line);
-    for (const std::string& n : gone_nodes) {
-      if (n != peer) Send(stream, BuildPc21(n, "Gone"));
-    }
     if (!owner_for_link) continue;
     for (const std::string& line : BuildPc16Lines(owner, add_users)) Send(stream, line);
     for (const std::string& u : gone_users) Send(stream, BuildPc17(u, owner));
@@ -1003,6 +1000,7 @@ bool NodeNetwork::OnLegacyTopology(PcSentence& s) {
   if (processor_.dup_cache().SeenLegacy(s.line, Now())) return false;
   NetworkView& view = processor_.view();
   const std::string neighbour = link ? link->info.peer : std::string();
+  std::vector<std::string> added;  // PC19: the nodes it brought
   bool applied = false;
   switch (s.number) {
     case 16:
@@ -1012,7 +1010,7 @@ bool NodeNetwork::OnLegacyTopology(PcSentence& s) {
       applied = view.ApplyPc17(s.fields, s.stream);
       break;
     case 19:
-      applied = view.ApplyPc19(s.fields, s.stream, neighbour);
+      applied = view.ApplyPc19(s.fields, s.stream, neighbour, &added);
       break;
     case 21:
       applied = view.ApplyPc21(s.fields, s.stream);
@@ -1057,11 +1055,9 @@ bool NodeNetwork::OnLegacyTopology(PcSentence& s) {
         nodes.push_back(Pc92Entry{7, s.fields[1], {}});
       }
     } else {
-      for (size_t i = 1; i + 3 < s.fields.size(); i += 4) {
-        const std::string& call = s.fields[i + 1];
-        if (!call.empty() && call[0] != 'H' && call != options_.our_call && call != neighbour) {
-          nodes.push_back(Pc92Entry{7, call, {}});
-        }
+      // Only what the PC19 added: nodes described by PC92 are not the legacy side's.
+      for (const std::string& call : added) {
+        if (call != options_.our_call && call != neighbour) nodes.push_back(Pc92Entry{7, call, {}});
       }
     }
     const Pc92Entry owner{7, neighbour, {}};

@@ -171,6 +171,9 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   void LinkEstablished(Link& link);
   void DropLink(Link& link, std::string_view reason, bool send_pc39);
   void LinkGone(int stream);
+  // Nodes that left the view: the legacy neighbours (but the one on except_stream), which
+  // keep a node until told, hear PC21 for each, and what they were told of them is forgotten.
+  void NodesLeft(const std::vector<std::string>& calls, int except_stream);
   void TryOutgoing(Outgoing& o);
   // When both nodes call each other at once, the call of the node with the lower call wins.
   bool CallerWins(std::string_view peer) const;
@@ -232,13 +235,11 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   static constexpr int64_t kQuietCountdownInterval = 3600;
   int64_t next_config_ = 0;
   // What the legacy neighbours have been told, in PC16/PC19, of the lists that PC92 gives for
-  // each node: a PC92 C replaces a list, and only its changes need telling.  A list that came
-  // through another link (or a link since renewed) is told again in full.
+  // each node: a PC92 C replaces a list, and only its changes need telling, whichever link
+  // brought it.  A node that leaves the view is forgotten here (NodesLeft).
   struct Pc92Told {
     std::set<std::string> users;
     std::set<std::string> nodes;
-    int stream = 0;
-    int64_t link_created = -1;
   };
   std::map<std::string, Pc92Told, std::less<>> pc92_told_;
   // Legacy node -> when another node last sent a PC92 C on its behalf.

@@ -275,5 +275,35 @@ TEST_F(NetworkViewTest, LegacySentences) {
   EXPECT_FALSE(view_.ApplyPc16(test::MakeSentence("PC16^Q1AAA^Q1USR - 1^H24^").fields, kLegacy));
 }
 
+TEST_F(NetworkViewTest, LegacyWordsNeverOverrideAPc92Node) {
+  constexpr int kLegacy2 = 4;
+  view_.LinkUp(kPeer, "Q9ZZZ-2", true);
+  view_.LinkUp(kLegacy, "Q7XXX", false);
+  view_.LinkUp(kLegacy2, "Q4OLD", false);
+  ASSERT_TRUE(Pc92("PC92^Q9ZZZ-2^81598^C^5Q9ZZZ-2:5300^5Q8YYY^7Q7LEG^1Q5USR^H99^"));
+  // A node flagged PC9x in a list is described by PC92, a legacy one is not.
+  EXPECT_TRUE(view_.FindNode("Q8YYY")->pc9x);
+  EXPECT_FALSE(view_.FindNode("Q7LEG")->pc9x);
+  EXPECT_FALSE(
+      view_.ApplyPc19(test::MakeSentence("PC19^1^Q8YYY^0^5457^H14^").fields, kLegacy, "Q7XXX"));
+  EXPECT_EQ(view_.FindNode("Q8YYY")->routes.count(kLegacy), 0u);
+  EXPECT_EQ(view_.FindNode("Q7XXX")->child_nodes.count("Q8YYY"), 0u);
+  EXPECT_FALSE(view_.ApplyPc21(test::MakeSentence("PC21^Q9ZZZ-2^Gone^H14^").fields, kLegacy));
+  EXPECT_NE(view_.FindNode("Q9ZZZ-2"), nullptr);
+  EXPECT_FALSE(view_.ApplyPc17(test::MakeSentence("PC17^Q5USR^Q9ZZZ-2^H14^").fields, kLegacy));
+  EXPECT_EQ(view_.UserCount(), 1);
+
+  // A legacy node reported by two legacy neighbours: one losing it leaves the other's way.
+  const auto f19 = test::MakeSentence("PC19^1^Q6WWW^0^5455^H14^");
+  EXPECT_TRUE(view_.ApplyPc19(f19.fields, kLegacy, "Q7XXX"));
+  EXPECT_TRUE(view_.ApplyPc19(f19.fields, kLegacy2, "Q4OLD"));
+  EXPECT_TRUE(view_.ApplyPc21(test::MakeSentence("PC21^Q6WWW^Gone^H14^").fields, kLegacy));
+  ASSERT_NE(view_.FindNode("Q6WWW"), nullptr);
+  EXPECT_EQ(view_.RouteTo("Q6WWW"), kLegacy2);
+  EXPECT_EQ(view_.FindNode("Q7XXX")->child_nodes.count("Q6WWW"), 0u);
+  EXPECT_TRUE(view_.ApplyPc21(test::MakeSentence("PC21^Q6WWW^Gone^H14^").fields, kLegacy2));
+  EXPECT_EQ(view_.FindNode("Q6WWW"), nullptr);
+}
+
 }  // namespace
 }  // namespace qx

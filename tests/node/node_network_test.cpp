@@ -819,6 +819,91 @@ TEST_F(MixedNetworkTest, NodesBehindALegacyNeighbourHangUnderItAndOutliveOurFull
   EXPECT_NE(b_->net->view().FindNode("Q7XXX"), nullptr);
 }
 
+TEST_F(MixedNetworkTest, LegacyPeersHearOfEveryNodeThatLeavesTheView) {
+  LinkPc9xChain();
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^"});
+  net_.TakeFrom(*a_, 15);
+  // B reports a new neighbour, which describes a node of its own.
+  clock_.Advance(10s);
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^5Q2BBB:5457^5Q1AAA^5Q3CCC^5Q6NEW^1Q6USR^H99^");
+  a_->net->OnLine(11, "PC92^Q6NEW^" + Stamp() + "^C^5Q6NEW:5457^5Q6FAR^H98^");
+  std::string sent = net_.TakeFrom(*a_, 15);
+  ASSERT_NE(sent.find("^Q6FAR^"), std::string::npos) << sent;
+  // B loses it: the node named goes, and so does the one that hung below it.
+  clock_.Advance(10s);
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^D^^5Q6NEW^H99^");
+  sent = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(Count(sent, "PC21^Q6NEW^Gone^"), 1u) << sent;
+  EXPECT_EQ(Count(sent, "PC21^Q6FAR^Gone^"), 1u) << sent;
+  EXPECT_EQ(a_->net->view().FindNode("Q6FAR"), nullptr);
+
+  // A full list that no longer names a node, even one whose hops ran out (not passed on).
+  clock_.Advance(10s);
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^5Q2BBB:5457^5Q1AAA^5Q3CCC^5Q6TWO^H99^");
+  ASSERT_NE(net_.TakeFrom(*a_, 15).find("^Q6TWO^"), std::string::npos);
+  clock_.Advance(10s);
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^5Q2BBB:5457^5Q1AAA^5Q3CCC^H1^");
+  EXPECT_EQ(a_->net->view().FindNode("Q6TWO"), nullptr);
+  EXPECT_EQ(Count(net_.TakeFrom(*a_, 15), "PC21^Q6TWO^Gone^"), 1u);
+  // The node comes back: the legacy side hears of it again.
+  clock_.Advance(10s);
+  a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^5Q2BBB:5457^5Q1AAA^5Q3CCC^5Q6TWO^H99^");
+  EXPECT_NE(net_.TakeFrom(*a_, 15).find("^Q6TWO^"), std::string::npos);
+
+  // C sends no keep-alive (only A's timers run): after three hours it expires, and the
+  // legacy neighbour, which keeps nodes until told, hears so.
+  for (int i = 0; i < 36; ++i) {
+    clock_.Advance(300s);
+    a_->net->OnLine(15, "PC50^Q7XXX^0^H99^");
+    a_->net->Tick();
+    net_.Pump();
+  }
+  EXPECT_EQ(a_->net->view().FindNode("Q3CCC"), nullptr);
+  EXPECT_EQ(Count(a_->out.To(15), "PC21^Q3CCC^Gone^"), 1u);
+}
+
+TEST_F(MixedNetworkTest, LegacyPeersHearRemovalsWhicheverLinkBroughtTheList) {
+  // A second PC9x neighbour of A, beyond which lies the same far node.
+  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q7XXX", "Q4OLD", "Q3CCC"})));
+  c_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q1AAA"}, {"Q2BBB", "Q1AAA"})));
+  LinkPc9xChain();
+  net_.Link(*a_, 13, *c_, 31, "Q1AAA");
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^"});
+  net_.TakeFrom(*a_, 15);
+  clock_.Advance(10s);
+  const std::string first = Stamp();
+  clock_.Advance(10s);
+  const std::string second = Stamp();
+  // The far node's next full list comes over the other link.
+  a_->net->OnLine(11, "PC92^Q8FAR^" + first + "^C^5Q8FAR:5457^1Q8ONE^1Q8TWO^H90^");
+  ASSERT_NE(net_.TakeFrom(*a_, 15).find("Q8TWO - 1"), std::string::npos);
+  a_->net->OnLine(13, "PC92^Q8FAR^" + second + "^C^5Q8FAR:5457^1Q8ONE^H90^");
+  const std::string sent = net_.TakeFrom(*a_, 15);
+  EXPECT_EQ(sent, "PC17^Q8TWO^Q8FAR^H99^\r\n");
+}
+
+TEST_F(MixedNetworkTest, LegacyEchoOfAPc9xNodeMakesNoGhost) {
+  LinkPc9xChain();
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^"});
+  net_.TakeFrom(*a_, 15);
+  // The legacy neighbour is also linked to B and passes on what B told it of C.
+  a_->net->OnLine(15, "PC19^1^Q3CCC^0^5457^H14^");
+  a_->net->OnLine(15, "PC17^Q3USR^Q3CCC^H14^");
+  a_->net->OnLine(15, "PC21^Q3CCC^Gone^H14^");
+  net_.Pump();
+  EXPECT_EQ(Count(a_->out.To(11), "7Q3CCC"), 0u) << a_->out.To(11);
+  const NetworkView::Node* c = a_->net->view().FindNode("Q3CCC");
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(c->routes.count(15), 0u);
+  EXPECT_EQ(c->users.count("Q3USR"), 1u);
+  EXPECT_EQ(a_->net->view().FindNode("Q7XXX")->child_nodes.count("Q3CCC"), 0u);
+  // When C really goes, A forgets it.
+  a_->net->OnLine(15, "PC19^1^Q3CCC^0^5457^H13^");
+  net_.Cut(*b_, 23, *c_, 32);
+  EXPECT_EQ(a_->net->view().FindNode("Q3CCC"), nullptr);
+  EXPECT_EQ(b_->net->view().FindNode("Q3CCC"), nullptr);
+}
+
 // Keep-alive -------------------------------------------------------------------------------
 
 TEST_F(NodeNetworkTest, PingsAreAnsweredAndTimed) {
