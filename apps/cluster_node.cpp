@@ -299,8 +299,9 @@ bool ClusterNode::Start(std::string* error) {
   interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
   interpreter_->set_help_address(config_.Get("Help Address"));
   login_->set_interpreter([this](int s, std::string_view l) { interpreter_->Execute(s, l); });
-  login_->set_node_login(
-      [this](int s, const std::string& call) { return network_->OnNodeLogin(s, call); });
+  login_->set_node_hooks(
+      {[this](std::string_view call) { return network_->NodeAddresses(call); },
+       [this](int s, const std::string& call) { network_->OnNodeLogin(s, call); }});
 
   FrontendLinkOptions link_options;
   link_options.host = config_.Get("Winsock IP");

@@ -169,6 +169,7 @@ constexpr std::string_view kNodeBoth = "Node Call & Node Type";
 constexpr std::string_view kNodeCall = "Node Call";
 constexpr std::string_view kNodeType = "Node Type";
 constexpr std::string_view kLocalNode = "Local Node";
+constexpr std::string_view kNodeAddress = "Node Address";
 constexpr std::string_view kOutName = "Outgoing Cluster";
 constexpr std::string_view kOutRemote = "RemoteNodeIs";
 constexpr std::string_view kOutIp = "IP Address";
@@ -177,6 +178,7 @@ constexpr std::string_view kOutActive = "Cluster Active";
 
 bool IsGroupKey(std::string_view key) {
   return key == kNodeBoth || key == kNodeCall || key == kNodeType || key == kLocalNode ||
+         key == kNodeAddress ||
          key == kOutName || key == kOutRemote || key == kOutIp || key == kOutPort ||
          key == kOutActive;
 }
@@ -378,6 +380,7 @@ std::string FormatCfg(const Config& config) {
           AppendLine(out, kNodeCall, node.call);
           AppendLine(out, kNodeType, node.type);
           AppendLine(out, kLocalNode, node.local);
+          if (!node.addresses.empty()) AppendLine(out, kNodeAddress, node.addresses);
         }
         break;
       case EntryKind::kOutgoingGroup:
@@ -402,7 +405,7 @@ Config ParseCfg(std::string_view text) {
   // Which fields the last group element already has: a field seen twice starts a new one,
   // so a file without the combined "Node Call & Node Type" line still reads correctly.
   struct NodeSeen {
-    bool call = false, type = false, local = false;
+    bool call = false, type = false, local = false, address = false;
   } node_seen;
   struct OutSeen {
     bool remote = false, ip = false, port = false, active = false;
@@ -440,6 +443,10 @@ Config ParseCfg(std::string_view text) {
       if (nodes.empty() || node_seen.local) new_node();
       nodes.back().local = std::string(value);
       node_seen.local = true;
+    } else if (key == kNodeAddress) {
+      if (nodes.empty() || node_seen.address) new_node();
+      nodes.back().addresses = std::string(value);
+      node_seen.address = true;
     } else if (key == kOutName) {
       new_out();
       outgoing.back().name = std::string(value);

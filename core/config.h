@@ -18,13 +18,16 @@
 
 namespace qx {
 
-// One defined node: the lines "Node Call & Node Type", "Node Call", "Node Type" and
-// "Local Node" in the main file.  Flags keep the text the file holds so that a value this
+// One defined node: the lines "Node Call & Node Type", "Node Call", "Node Type",
+// "Local Node" and, when set, "Node Address" in the main file.  Flags keep the text the file holds so that a value this
 // code does not know survives a save unchanged.
 struct NodeDefinition {
   std::string call;
   std::string type;  // "QXC", "DXS", "ARC", "SUM", ...
   std::string local = "False";
+  // "Node Address": where the node may log in from (addresses and networks, comma-separated);
+  // empty when only its password (or nothing) admits it.
+  std::string addresses;
 
   bool IsLocal() const;
   bool operator==(const NodeDefinition&) const = default;

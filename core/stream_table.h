@@ -41,6 +41,7 @@ inline bool IsFeedState(int s) {
 enum class LoginStage : uint8_t {
   kAwaitingCall,
   kAwaitingPassword,
+  kAwaitingNodePassword,  // a neighbour node's call was typed; its password comes next
   kAwaitingName,
   kAwaitingNameConfirm,
   kLoggedIn,

@@ -37,8 +37,10 @@ constexpr size_t kKeepCapacity = 256 * 1024;
 constexpr auto kLingerAfterClose = std::chrono::seconds(5);
 constexpr auto kAcceptRetry = std::chrono::milliseconds(200);
 
+// "192.0.2.7:4000", "[2001:db8::7]:4000": the node takes the address part for its lists.
 std::string PeerText(const tcp::endpoint& ep) {
-  return ep.address().to_string() + ":" + std::to_string(ep.port());
+  const std::string address = ep.address().to_string();
+  return (ep.address().is_v6() ? "[" + address + "]" : address) + ":" + std::to_string(ep.port());
 }
 
 // A few occurrences of a repeated fault are logged, then only every 10,000th.
@@ -168,7 +170,13 @@ class FrontendServer::Impl {
   uint64_t link_sessions_ = 0;
   StreamNumbers numbers_;
   std::vector<ConnectionPtr> by_stream_{nullptr};
-  uint64_t next_tag_ = 0;
+  // Tags start from the start time (milliseconds, times 1024), so a front-end that was killed
+  // and started again never hands out a tag that the node still holds for an old connection
+  // on the same stream number: the node tells a new connection from a survivor by its tag.
+  uint64_t next_tag_ = uint64_t(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                    std::chrono::system_clock::now().time_since_epoch())
+                                    .count())
+                       << 10;
   std::vector<ConnectionPtr> dirty_;
   std::vector<ConnectionPtr> paused_;
   bool flush_scheduled_ = false;

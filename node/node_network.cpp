@@ -128,8 +128,16 @@ NodeNetwork::Style NodeNetwork::StyleOfType(std::string_view type) {
 
 void NodeNetwork::Configure(const Config& config) {
   defined_.clear();
+  node_addresses_.clear();
   for (const NodeDefinition& n : config.nodes()) {
-    if (!Trim(n.call).empty()) defined_[ToUpper(Trim(n.call))] = StyleOfType(n.type);
+    if (Trim(n.call).empty()) continue;
+    const std::string call = ToUpper(Trim(n.call));
+    defined_[call] = StyleOfType(n.type);
+    std::string bad;
+    if (!node_addresses_[call].Add(n.addresses, &bad)) {
+      Show("Node " + call + ": \"Node Address\" entries that are not addresses are ignored: " + bad,
+           "red");
+    }
   }
   // List items are "CALL" or "CALL TYPE".
   for (const char* list : {"Nodes", "LocalNodes"}) {
@@ -160,6 +168,9 @@ void NodeNetwork::Configure(const Config& config) {
         o.next_attempt = old.next_attempt;
       }
     }
+    // The node we call may also call us from the address we call it at (a name is not looked
+    // up: a sysop who calls a node by name lists its address with the node).
+    node_addresses_[o.peer].Add(c.ip_address);
     // An outgoing connection names a node even when the node group forgot it.
     if (!defined_.count(o.peer)) {
       defined_[o.peer] =
@@ -172,6 +183,14 @@ void NodeNetwork::Configure(const Config& config) {
 
 bool NodeNetwork::IsDefinedNode(std::string_view call) const {
   return defined_.find(ToUpper(Trim(call))) != defined_.end();
+}
+
+const AddressList* NodeNetwork::NodeAddresses(std::string_view call) const {
+  const std::string upper = ToUpper(Trim(call));
+  if (!defined_.count(upper)) return nullptr;
+  static const AddressList kNone;
+  const auto it = node_addresses_.find(upper);
+  return it == node_addresses_.end() ? &kNone : &it->second;
 }
 
 // Helpers -------------------------------------------------------------------------------

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "core/config.h"
+#include "core/net_address.h"
 #include "core/time_text.h"
 #include "node/node_data.h"
 #include "node/pc_builders.h"
@@ -96,12 +97,16 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   void Configure(const Config& config);
   static Style StyleOfType(std::string_view type);
   bool IsDefinedNode(std::string_view call) const;
+  // The addresses a defined node may log in from (empty when none is configured); null when
+  // the call is not a defined node.
+  const AddressList* NodeAddresses(std::string_view call) const;
 
   // The front-end link is ready (its stream report is complete): outgoing links may start.
   void SetReady(bool ready) { ready_ = ready; }
 
-  // The call typed at the log-in prompt of an accepted connection.  True when it is a
-  // defined node: the stream becomes a node link and the handshake starts.
+  // A defined node has logged in on an accepted connection and passed the log-in's checks
+  // (password, address): the stream becomes a node link and the handshake starts.  False
+  // when the call is not a defined node.
   bool OnNodeLogin(int stream, std::string_view call);
   // A new stream; true when it is one of our outgoing connections (the calling handshake
   // starts and the log-in dialogue must leave it alone).
@@ -227,6 +232,9 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   NodeNetworkDeps deps_;
   NodeProcessor processor_;
   std::map<std::string, Style, std::less<>> defined_;  // upper-case call -> expected style
+  // Where each defined node may log in from: its "Node Address" entries and the address of
+  // our outgoing connection to it.
+  std::map<std::string, AddressList, std::less<>> node_addresses_;
   std::vector<Outgoing> outgoing_;
   std::map<int, std::unique_ptr<Link>> links_;
   bool ready_ = false;

@@ -62,7 +62,8 @@ std::string OutgoingTo(std::string_view call, int port) {
 }
 
 std::string DefineNode(std::string_view call) {
-  return "Node Call & Node Type^" + std::string(call) + " QXC\r\n";
+  // Neighbours on this machine are admitted by their loopback address.
+  return "Node Call & Node Type^" + std::string(call) + " QXC\r\nNode Address^127.0.0.1\r\n";
 }
 
 std::string ReadText(const fs::path& file) {

@@ -32,6 +32,15 @@ bool ReplaceFirst(std::string& s, std::string_view from, std::string_view to) {
 
 }  // namespace
 
+NodeAdmission DecideNodeAdmission(bool on_password_list, const AddressList& addresses,
+                                  std::string_view peer) {
+  if (!addresses.empty() && !addresses.Contains(PeerHost(peer))) {
+    return NodeAdmission::kWrongAddress;
+  }
+  if (on_password_list) return NodeAdmission::kAskPassword;
+  return addresses.empty() ? NodeAdmission::kNotConfigured : NodeAdmission::kAdmit;
+}
+
 Login::Login(UserContext& ctx) : ctx_(ctx) {}
 
 void Login::OnConnectRequest(int stream) {
@@ -56,6 +65,9 @@ void Login::OnLine(int stream, std::string_view line) {
       break;
     case LoginStage::kAwaitingPassword:
       OnPassword(stream, line);
+      break;
+    case LoginStage::kAwaitingNodePassword:
+      OnNodePassword(stream, line);
       break;
     case LoginStage::kAwaitingName:
       OnName(stream, line);
@@ -84,6 +96,15 @@ void Login::OnCall(int stream, std::string_view line) {
   }
   if (Trim(call).empty()) return;  // an empty line at the prompt: keep waiting
 
+  // A neighbour's call is looked at before the user call rules, which a node call need not
+  // pass (and must never be refused by).
+  if (node_hooks_.addresses) {
+    const std::string upper = ToUpper(Trim(call));
+    if (const AddressList* addresses = node_hooks_.addresses(upper)) {
+      OnNodeCall(stream, upper, *addresses);
+      return;
+    }
+  }
   CallCheckContext check;
   check.special_calls = &ctx_.access.special_calls;
   check.locked_out = &ctx_.access.locked_out;
@@ -100,7 +121,6 @@ void Login::OnCall(int stream, std::string_view line) {
     Refuse(stream);
     return;
   }
-  if (node_login_ && node_login_(stream, call)) return;
   e.call = call;
   ctx_.monitor.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
   if (ctx_.access.IsLockedOut(call)) {
@@ -144,6 +164,51 @@ void Login::OnPassword(int stream, std::string_view line) {
     return;
   }
   ctx_.SendLine(stream, "password: ");
+}
+
+void Login::OnNodeCall(int stream, const std::string& call, const AddressList& addresses) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  e.call = call;
+  switch (DecideNodeAdmission(ctx_.access.NeedsPassword(call), addresses, e.peer_address)) {
+    case NodeAdmission::kAdmit:
+      ctx_.log.Write("Login", "Node " + call + " admitted by its address " + e.peer_address);
+      node_hooks_.admit(stream, call);
+      return;
+    case NodeAdmission::kAskPassword:
+      e.login_stage = LoginStage::kAwaitingNodePassword;
+      ctx_.SendLine(stream, "password: ");
+      return;
+    case NodeAdmission::kWrongAddress:
+      RefuseNode(stream, "not one of the addresses configured for it");
+      return;
+    case NodeAdmission::kNotConfigured:
+      RefuseNode(stream, "no password and no address are configured for this node");
+      return;
+  }
+}
+
+void Login::OnNodePassword(int stream, std::string_view line) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  if (!ctx_.access.CheckPassword(e.call, Trim(line))) {
+    // A node gets one try: its connect script sends the password it has, and a stranger
+    // trying passwords gets nothing but a closed connection.
+    RefuseNode(stream, "wrong password");
+    return;
+  }
+  ctx_.log.Write("Login", "Node " + e.call + " gave its password from " + e.peer_address);
+  e.login_stage = LoginStage::kAwaitingCall;  // the node link takes the stream over
+  node_hooks_.admit(stream, e.call);
+}
+
+void Login::RefuseNode(int stream, std::string_view why) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  const std::string text = "Node log-in refused: " + e.call + " from " + e.peer_address + ": " +
+                           std::string(why);
+  ctx_.log.Write("Login", text);
+  ctx_.monitor.Write(MonitorChannel::kConsole, text, "red", stream);
+  ++ctx_.node_logins_refused;
+  ctx_.SendLine(stream, "Login refused.");
+  Refuse(stream);
 }
 
 void Login::AskName(int stream) {

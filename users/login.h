@@ -6,9 +6,20 @@
 #include <string>
 #include <string_view>
 
+#include "core/net_address.h"
 #include "users/user_context.h"
 
 namespace qx {
+
+// What a neighbour node that logs in at our prompt must do to be let in.
+enum class NodeAdmission {
+  kAdmit,             // it comes from one of its configured addresses and needs no password
+  kAskPassword,       // it is on the password list (and, where addresses are set, from one)
+  kWrongAddress,      // addresses are configured for it and the peer is not among them
+  kNotConfigured,     // neither a password nor an address: nothing proves who it is
+};
+NodeAdmission DecideNodeAdmission(bool on_password_list, const AddressList& addresses,
+                                  std::string_view peer);
 
 class Login {
  public:
@@ -19,11 +30,17 @@ class Login {
     interpret_ = std::move(f);
   }
 
-  // Asked with every call that passed the call check at the prompt: true when the call is a
-  // defined node that takes the stream over as a node link (the dialogue ends there).
-  void set_node_login(std::function<bool(int stream, const std::string& call)> f) {
-    node_login_ = std::move(f);
-  }
+  // How a call typed at the prompt is known as a neighbour node, and where an admitted node
+  // goes.  A node call is checked before the user call rules: it must pass the password list
+  // (its password sent after the call, as peers' connect scripts do) and, when addresses are
+  // configured for it, come from one of them; a node with neither is refused.
+  struct NodeHooks {
+    // The addresses the call may log in from (possibly none); null when it is no node.
+    std::function<const AddressList*(std::string_view call)> addresses;
+    // The node passed: the stream becomes a node link.
+    std::function<void(int stream, const std::string& call)> admit;
+  };
+  void set_node_hooks(NodeHooks hooks) { node_hooks_ = std::move(hooks); }
 
   // A new connection: the pre-log-in banner, ending in "login: " without a line end.
   void OnConnectRequest(int stream);
@@ -49,6 +66,10 @@ class Login {
  private:
   void OnCall(int stream, std::string_view line);
   void OnPassword(int stream, std::string_view line);
+  // A defined node's call at the prompt, and its password.
+  void OnNodeCall(int stream, const std::string& call, const AddressList& addresses);
+  void OnNodePassword(int stream, std::string_view line);
+  void RefuseNode(int stream, std::string_view why);
   void AskName(int stream);
   void OnName(int stream, std::string_view line);
   void OnNameConfirm(int stream, std::string_view line);
@@ -58,7 +79,7 @@ class Login {
 
   UserContext& ctx_;
   std::function<void(int, std::string_view)> interpret_;
-  std::function<bool(int, const std::string&)> node_login_;
+  NodeHooks node_hooks_;
 
   // Node-wide reconnect guard.
   std::string last_dupe_call_;

@@ -2,6 +2,7 @@
 // wiring owns every object; this bundle only refers to them.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -43,6 +44,7 @@ struct UserContext {
   std::string ssid_help_address;
   SysTime started{};
   std::function<ClusterCounts()> counts;
+  uint64_t node_logins_refused = 0;  // neighbour calls that failed their password or address
 
   // Sends to a stream (the current stream is left alone).
   void Send(int stream, std::string_view text) { out.SendToStream(stream, text); }

@@ -59,7 +59,7 @@ TEST(ConfigDefaults, NewInstallationHasAWorkingSetup) {
 
 TEST(FormatCfg, FollowsTheKeyTableOrder) {
   Config c;
-  c.nodes().push_back({"XX9NOD-2", "QXC", "True"});
+  c.nodes().push_back({"XX9NOD-2", "QXC", "True", ""});
   c.outgoing().push_back({"Link", "DXS", "10.0.0.1", "7300", "True"});
   c.Set("Zeta Unknown", "z");
   const auto lines = Lines(FormatCfg(c));
@@ -129,8 +129,8 @@ TEST(ParseCfg, RoundTripsEveryKeyGroup) {
   c.Set("Help Address", "http://h/x^y");  // a caret inside a value survives
   c.Set("LocalBadIp", "10.1.1.1,10.2.2.2");
   c.Set("Last Version Reported", "");
-  c.nodes().push_back({"XX9NOD-2", "QXC", "True"});
-  c.nodes().push_back({"XX8ABC", "DXS", "False"});
+  c.nodes().push_back({"XX9NOD-2", "QXC", "True", ""});
+  c.nodes().push_back({"XX8ABC", "DXS", "False", "192.0.2.0/24, 2001:db8::7"});
   c.outgoing().push_back({"First", "QXC", "10.0.0.1", "7300", "True"});
   c.outgoing().push_back({"Second", "ARC", "host.example", "23", "False"});
   c.List("DxNok").items = {"XX1BAD", "XX2BAD"};
@@ -277,7 +277,7 @@ class ConfigFiles : public ::testing::Test {
 TEST_F(ConfigFiles, WriteThenReadGivesTheSameSettings) {
   Config c;
   c.Set("Cluster Call", "XX9QX-3");
-  c.nodes().push_back({"XX9NOD", "QXC", "False"});
+  c.nodes().push_back({"XX9NOD", "QXC", "False", ""});
   c.List("Sysop").Add("XX9OP");
   c.List("DxNok").Add("XX1BAD");
   ASSERT_TRUE(WriteCfgFile(c, dir_));

@@ -31,9 +31,12 @@ class NodeSite : public ProgramSite {
  public:
   explicit NodeSite(std::string call) : ProgramSite(std::move(call)) {}
 
-  // Configuration lines added to cluster.cfg.
-  void Define(std::string_view node_call, std::string_view type = "QXC") {
+  // Configuration lines added to cluster.cfg.  A neighbour must prove who it is: by the
+  // address it logs in from (loopback here) or, with addresses empty, by a password.
+  void Define(std::string_view node_call, std::string_view type = "QXC",
+              std::string_view addresses = "127.0.0.1") {
     extra_ += "Node Call & Node Type^" + std::string(node_call) + " " + std::string(type) + "\r\n";
+    if (!addresses.empty()) extra_ += "Node Address^" + std::string(addresses) + "\r\n";
   }
   void Outgoing(std::string_view node_call, int port, bool active = true,
                 std::string_view kind = "QXC") {
