@@ -445,6 +445,12 @@ void ClusterNode::OnStreamRecovered(int stream) {
 
 void ClusterNode::OnRecoveryComplete() { network_->SetReady(true); }
 
+void ClusterNode::OnStreamListReported(int count) {
+  // The front-end may be a new one whose connections are all new: neighbours we call that
+  // are not linked now are called again at once rather than after the retry interval.
+  network_->RedialNow();
+}
+
 void ClusterNode::OnOutgoingFailed(std::string_view label, std::string_view reason) {
   network_->OnOutgoingFailed(label, reason);
 }

@@ -96,6 +96,7 @@ class ClusterNode final : public LinkEvents,
   void OnStreamClosed(int stream, int previous_state) override;
   void OnStreamRecovered(int stream) override;
   void OnRecoveryComplete() override;
+  void OnStreamListReported(int count) override;
   void OnOutgoingFailed(std::string_view label, std::string_view reason) override;
   bool OnStreamPartial(int stream, std::string_view text) override;
   void OnStreamTimedOut(int stream) override;

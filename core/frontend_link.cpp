@@ -287,12 +287,7 @@ void FrontendLink::HandleClosed(std::string_view record) {
   }
   const int stream = int(n);
   GrowTo(stream);  // the table may have grown without the link's per-stream columns
-  table_.set_current(stream);
-  ShowConnection(stream, {});
-  const int previous_state = table_.at(stream).state;
-  events_.OnStreamClosed(stream, previous_state);
-  table_.Reset(stream);
-  ended_in_cr_[size_t(stream)] = 0;
+  StreamGone(stream);
   const auto it = std::find(recovery_expected_.begin(), recovery_expected_.end(), stream);
   if (it != recovery_expected_.end()) {
     recovery_expected_.erase(it);
@@ -302,6 +297,15 @@ void FrontendLink::HandleClosed(std::string_view record) {
       events_.OnRecoveryComplete();
     }
   }
+}
+
+void FrontendLink::StreamGone(int stream) {
+  table_.set_current(stream);
+  ShowConnection(stream, {});
+  const int previous_state = table_.at(stream).state;
+  events_.OnStreamClosed(stream, previous_state);
+  table_.Reset(stream);
+  ended_in_cr_[size_t(stream)] = 0;
 }
 
 void FrontendLink::HandleStreamList(std::string_view record) {
@@ -329,11 +333,21 @@ void FrontendLink::HandleStreamList(std::string_view record) {
       }
     }
   }
+  std::sort(streams.begin(), streams.end());
+  streams.erase(std::unique(streams.begin(), streams.end()), streams.end());
+  // What this node still holds and the front-end does not report is gone: the front-end was
+  // restarted (its connections died with it) or the stream closed while the link was down.
+  // Each goes the way of a closed stream, with its log-out told to the network.
+  for (int stream = 1; stream <= table_.high_socket(); ++stream) {
+    if (table_.at(stream).state == kStateFree) continue;
+    if (std::binary_search(streams.begin(), streams.end(), stream)) continue;
+    log_.Write(kHeading, "Stream " + std::to_string(stream) + " (" + table_.at(stream).call +
+                             ") is no longer open at the front-end");
+    StreamGone(stream);
+  }
   events_.OnStreamListReported(count);
   log_.Write(kHeading, "Finished Dimensioning " + elapsed() + " secs");
   reported_streams_ = count;
-  std::sort(streams.begin(), streams.end());
-  streams.erase(std::unique(streams.begin(), streams.end()), streams.end());
   for (int stream : streams) {
     GrowTo(stream);
     const StreamEntry& entry = table_.at(stream);
@@ -392,11 +406,16 @@ void FrontendLink::HandleRecovery(std::string_view record) {
   const auto field = [&](size_t i) { return i < fields_.size() ? fields_[i] : std::string_view{}; };
   const int stream = StreamField(fields_[2], "AA38");
   if (stream == 0) return;
+  long long tag = 0;
+  ParseInt(field(1), tag);
+  if (table_.at(stream).state != kStateFree && table_.at(stream).tag != tag) {
+    // The number now belongs to another connection: the one this node knew is gone.
+    StreamGone(stream);
+    SplitInto(record, '^', fields_);  // the handlers above may have used the scratch
+  }
   table_.Reset(stream);
   ended_in_cr_[size_t(stream)] = 0;
   StreamEntry& entry = table_.at(stream);
-  long long tag = 0;
-  ParseInt(field(1), tag);
   entry.tag = tag;
   entry.peer_address.assign(field(3));
   entry.port_index = ParseIntOr(field(4), 0);

@@ -194,6 +194,9 @@ class FrontendLink : private LinkArrival::Sink {
   void DeliverLine(int stream, std::string_view line);
   void ShowConnection(int stream, std::string_view caption, std::string_view colour = {});
   void StreamRecovered(int stream);
+  // The stream closed (or is known to be gone): the layers above hear it as closed while the
+  // entry still holds its call and state; then the entry is freed.
+  void StreamGone(int stream);
 
   // Connection.
   void StartConnect();

@@ -74,13 +74,13 @@ bool AddressList::Contains(std::string_view text) const {
   if (!ParseAddress(PeerHost(text), address)) return false;
   for (const Entry& entry : entries_) {
     if (const auto* n4 = std::get_if<ip::network_v4>(&entry)) {
-      if (address.is_v4() && ip::network_v4(address.to_v4(), n4->prefix_length()).canonical() ==
-                                 *n4) {
+      if (address.is_v4() &&
+          ip::network_v4(address.to_v4(), n4->prefix_length()).canonical() == *n4) {
         return true;
       }
     } else if (const auto* n6 = std::get_if<ip::network_v6>(&entry)) {
-      if (address.is_v6() && ip::network_v6(address.to_v6(), n6->prefix_length()).canonical() ==
-                                 *n6) {
+      if (address.is_v6() &&
+          ip::network_v6(address.to_v6(), n6->prefix_length()).canonical() == *n6) {
         return true;
       }
     }

@@ -59,6 +59,7 @@ bool ParseV4(std::string_view text, uint8_t out[4]) {
 
 struct NodeNetwork::Link {
   LinkInfo info;
+  int64_t tag = 0;  // the front-end's tag of the stream when the link began
   int64_t created = 0;
   int64_t next_ping = kNever;
   int64_t next_pc50 = kNever;
@@ -243,10 +244,18 @@ void NodeNetwork::CountsChanged() {
 
 void NodeNetwork::Send(int stream, std::string_view text) {
   if (text.empty()) return;
-  if (Link* link = FindLink(stream)) {
-    if (link->closing) return;
-    ++link->info.lines_out;
+  // Node traffic goes only to the connection the link began on: never to a stream that is
+  // no link, nor to a new connection that got the number of a link that is gone.
+  Link* link = FindLink(stream);
+  const StreamTable& t = *deps_.streams;
+  if (!link || link->closing || !t.InRange(stream) || t.at(stream).tag != link->tag) {
+    if (link && !link->closing) {
+      Show("Node link " + link->info.peer + " lost its connection; sentence not sent", "red",
+           stream);
+    }
+    return;
   }
+  ++link->info.lines_out;
   deps_.out->SendToStream(stream, text);
 }
 
@@ -421,6 +430,7 @@ void NodeNetwork::StartLink(int stream, std::string_view peer, bool outgoing,
   StreamTable& t = *deps_.streams;
   t.EnsureCapacity(stream);
   StreamEntry& e = t.at(stream);
+  l.tag = e.tag;
   e.call = l.info.peer;
   e.login_stage = LoginStage::kLoggedIn;
   processor_.StartLink(stream,
@@ -634,6 +644,7 @@ void NodeNetwork::OnStreamRecovered(int stream) {
   }
   auto link = std::make_unique<Link>();
   link->info.stream = stream;
+  link->tag = e.tag;
   link->info.peer = ToUpper(e.call);
   link->info.outgoing = !e.connection_label.empty();
   link->info.up = true;
@@ -660,6 +671,16 @@ void NodeNetwork::OnStreamRecovered(int stream) {
   if (next_expiry_ == 0) next_expiry_ = Now() + kQuietCountdownInterval;
   Show("Node link recovered: " + l.info.peer, "orange", stream);
   CountsChanged();
+}
+
+void NodeNetwork::RedialNow() {
+  const int64_t now = Now();
+  for (Outgoing& o : outgoing_) {
+    if (o.stream == 0) {
+      o.pending = false;
+      o.next_attempt = now;
+    }
+  }
 }
 
 void NodeNetwork::TryOutgoing(Outgoing& o) {

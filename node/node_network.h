@@ -122,6 +122,10 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   void OnOutgoingFailed(std::string_view label, std::string_view reason);
   // A node stream rebuilt after a restart of this node: the link resumes.
   void OnStreamRecovered(int stream);
+  // The front-end came back (perhaps a new one, whose connections are all new): every
+  // outgoing connection that is not linked is tried at the next tick, not after the retry
+  // interval.
+  void RedialNow();
   // Once a second: outgoing attempts, pings, drops, PC50 and PC92 K/C.
   void Tick();
 

@@ -69,8 +69,8 @@ TEST_F(NodeAdmissionTest, APasswordNodeMustGiveItAndStrangersLeaveTheLiveLinkAlo
 
 TEST_F(NodeAdmissionTest, AddressesAdmitANodeAndNothingConfiguredAdmitsNone) {
   node_.Define("K8ADR", "QXC", "192.0.2.0/24");  // not where the test connects from
-  node_.Define("K7NON", "QXC", "");               // neither a password nor an address
-  node_.Define("K6NODE1");                        // loopback; a call no user could have
+  node_.Define("K7NON", "QXC", "");              // neither a password nor an address
+  node_.Define("K6NODE1");                       // loopback; a call no user could have
   node_.Start();
 
   for (std::string_view call : {"K8ADR", "K7NON"}) {

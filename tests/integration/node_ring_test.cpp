@@ -12,53 +12,6 @@ namespace {
 using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
-// Counts what a client has received after draining for a moment: a second copy of anything
-// would have arrived by then.
-size_t CountAfterDrain(LineClient& c, std::string_view what) {
-  c.Drain(1500ms);
-  return NodeSite::Occurrences(c.received(), what);
-}
-
-// Nodes tell each other of users on their own time: asks SHOW/USERS until the call is listed.
-bool WaitUntilListed(LineClient& c, std::string_view call) {
-  return WaitFor(
-      [&] {
-        c.ClearReceived();
-        c.SendLine("SHOW/USERS");
-        return c.ReadUntil("QXC >", 3s) && c.received().find(call) != std::string::npos;
-      },
-      15s);
-}
-
-// SHOW/CONFIGURATION lists every one of calls (nodes and users); the reply, for messages.
-std::string ConfigurationMissing(LineClient& c, std::initializer_list<std::string_view> calls) {
-  c.Drain(300ms);  // the prompt of an earlier command may still be on its way
-  c.ClearReceived();
-  c.SendLine("SH/C");
-  if (!c.ReadUntil(" users)", 5s) || !c.ReadUntil("QXC >", 5s)) {
-    return "no list and prompt after SH/C: " + c.received();
-  }
-  for (std::string_view call : calls) {
-    if (c.received().find(call) == std::string::npos) {
-      return std::string(call) + " missing from:\n" + c.received();
-    }
-  }
-  return {};
-}
-
-// The node's logs, for the failure messages.
-std::string Logs(const NodeSite& s) {
-  std::string all;
-  for (const auto& f : std::filesystem::recursive_directory_iterator(s.home() / "data")) {
-    const std::string name = f.path().string();
-    if (f.is_regular_file() &&
-        (name.find("/log/") != std::string::npos || name.find("/bad") != std::string::npos)) {
-      all += name + ":\n" + ReadFile(f.path());
-    }
-  }
-  return all;
-}
-
 class NodeRingTest : public ::testing::Test {
  protected:
   void SetUp() override {

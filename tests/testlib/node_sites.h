@@ -19,6 +19,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/file_util.h"
 #include "tests/testlib/program_site.h"
 #include "tests/testlib/test_util.h"
 
@@ -168,5 +169,58 @@ class PeerListener {
   bool bound_ = false;
   std::string received_;
 };
+
+// Helpers for linked nodes.
+
+// Counts what a client has received after draining for a moment: a second copy of anything
+// would have arrived by then.
+inline size_t CountAfterDrain(LineClient& c, std::string_view what) {
+  c.Drain(std::chrono::milliseconds(1500));
+  return NodeSite::Occurrences(c.received(), what);
+}
+
+// Nodes tell each other of users on their own time: asks SHOW/USERS until the call is listed.
+inline bool WaitUntilListed(LineClient& c, std::string_view call) {
+  return WaitFor(
+      [&] {
+        c.ClearReceived();
+        c.SendLine("SHOW/USERS");
+        return c.ReadUntil("QXC >", std::chrono::seconds(3)) &&
+               c.received().find(call) != std::string::npos;
+      },
+      std::chrono::seconds(15));
+}
+
+// SHOW/CONFIGURATION lists every one of calls (nodes and users); the reply, for messages.
+inline std::string ConfigurationMissing(LineClient& c,
+                                        std::initializer_list<std::string_view> calls) {
+  c.Drain(
+      std::chrono::milliseconds(300));  // the prompt of an earlier command may still be on its way
+  c.ClearReceived();
+  c.SendLine("SH/C");
+  if (!c.ReadUntil(" users)", std::chrono::seconds(5)) ||
+      !c.ReadUntil("QXC >", std::chrono::seconds(5))) {
+    return "no list and prompt after SH/C: " + c.received();
+  }
+  for (std::string_view call : calls) {
+    if (c.received().find(call) == std::string::npos) {
+      return std::string(call) + " missing from:\n" + c.received();
+    }
+  }
+  return {};
+}
+
+// The node's logs, for the failure messages.
+inline std::string Logs(const NodeSite& s) {
+  std::string all;
+  for (const auto& f : std::filesystem::recursive_directory_iterator(s.home() / "data")) {
+    const std::string name = f.path().string();
+    if (f.is_regular_file() &&
+        (name.find("/log/") != std::string::npos || name.find("/bad") != std::string::npos)) {
+      all += name + ":\n" + ReadFile(f.path());
+    }
+  }
+  return all;
+}
 
 }  // namespace qx::testing
