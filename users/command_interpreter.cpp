@@ -236,6 +236,28 @@ bool ValidGrid(std::string_view g) {
   return true;
 }
 
+// What a sysop list may hold: a call (with or without SSID), or a call prefix ending in "*".
+// A command typed by mistake ("SH/DX") or two words are refused rather than stored.
+bool ListItemIsCall(std::string_view item) {
+  const bool pattern = item.ends_with('*');
+  if (pattern) item.remove_suffix(1);
+  if (item.empty() || item.size() > 20) return false;
+  bool digit = false, letter = false;
+  for (const char c : item) {
+    if (c >= '0' && c <= '9') {
+      digit = true;
+    } else if (c >= 'A' && c <= 'Z') {
+      letter = true;
+    } else if (c != '/' && c != '-') {
+      return false;
+    }
+  }
+  if (pattern) return true;
+  if (!digit || !letter) return false;
+  const std::string_view head = item.substr(0, item.find('/'));
+  return head != "SH" && head != "SHOW" && head != "SET";
+}
+
 }  // namespace
 
 CommandInterpreter::CommandInterpreter(UserContext& ctx, Login& login, CommandServices& services)
@@ -247,6 +269,8 @@ std::string CommandInterpreter::CommandError(std::string_view line) {
 }
 
 void CommandInterpreter::OnLine(int stream, std::string_view line) {
+  // A logging program's keep-alive gets neither a reply nor a prompt.
+  if (EqualsIgnoreCase(Trim(line), "KeepAlive")) return;
   Execute(stream, line);
   // No prompt for a user who has just logged out or been taken over by a new connection.
   if (ctx_.streams.InRange(stream) && ctx_.streams.at(stream).IsUser() &&
@@ -395,8 +419,12 @@ void CommandInterpreter::Bye(int stream) {
   text += "73 " + e.call + " de " + ctx_.node_call + "\r\n";
   ctx_.Send(stream, text);
   ctx_.out.CloseStream(stream);
-  e.login_stage = LoginStage::kRefused;  // nothing more is sent; the state stays until closed
-  // The log-out is announced when the front-end reports the stream closed.
+  // The user is gone now, not when the client gets round to closing: the log-out is told at
+  // once, and the stream leaves WHO, the counts and the dupe check (a new log-in right after
+  // is no dupe).  The front-end's close report then finds no user to announce.
+  login_.OnLoggedOut(stream);
+  e.state = kStateTimedOut;
+  e.login_stage = LoginStage::kRefused;  // nothing more is sent
 }
 
 void CommandInterpreter::Who(int stream) {
@@ -674,9 +702,17 @@ void CommandInterpreter::Set(int stream, std::string_view line, std::string_view
         Reply(stream, std::string(line) + " - sysop command error");
         return;
       }
-      const std::string item = ToUpper(Trim(arg));
+      std::string item = ToUpper(CollapseBlanks(Trim(arg)));
       if (item.empty()) {
         Reply(stream, "* Command Incomplete *");
+        return;
+      }
+      // "EQUALS <call>" asks for exact matching, which is what an entry without "*" means.
+      if (std::string_view(entry->list) == "DxNok" && item.starts_with("EQUALS ")) {
+        item = std::string(Trim(std::string_view(item).substr(7)));
+      }
+      if (!ListItemIsCall(item)) {
+        Reply(stream, item + " is not a call sign; nothing changed.");
         return;
       }
       const bool add = entry->kind == SetKind::kListAdd;

@@ -41,6 +41,36 @@ NodeAdmission DecideNodeAdmission(bool on_password_list, const AddressList& addr
   return addresses.empty() ? NodeAdmission::kNotConfigured : NodeAdmission::kAdmit;
 }
 
+bool IsCommandNotName(std::string_view reply) {
+  const std::string upper = ToUpper(Trim(reply));
+  const size_t end = upper.find_first_of("/ ");
+  if (end == std::string::npos || end == 0) return false;
+  const std::string_view word = std::string_view(upper).substr(0, end);
+  if (upper[end] == '/') {
+    // "SET/PAGE 0", "SH/DX", "ACC/SPOT ...": command words that take a qualifier.
+    for (const auto& [keyword, min] : {std::pair<std::string_view, size_t>{"SHOW", 2},
+                                       {"SET", 3},
+                                       {"UNSET", 4},
+                                       {"ACCEPT", 3},
+                                       {"REJECT", 3},
+                                       {"CLEAR", 3},
+                                       {"DX", 2},
+                                       {"ANNOUNCE", 2},
+                                       {"DIRECTORY", 3},
+                                       {"READ", 4},
+                                       {"SEND", 4}}) {
+      if (MatchAbbrev(keyword, min, word)) return true;
+    }
+    return false;
+  }
+  // A blank after the word: only words no name begins with, so "Ann Marie" stays a name.
+  for (std::string_view keyword :
+       {"SET", "SH", "SHOW", "UNSET", "DX", "ACCEPT", "REJECT", "DIR", "DIRECTORY", "TALK"}) {
+    if (word == keyword) return true;
+  }
+  return false;
+}
+
 Login::Login(UserContext& ctx) : ctx_(ctx) {}
 
 void Login::OnConnectRequest(int stream) {
@@ -202,8 +232,8 @@ void Login::OnNodePassword(int stream, std::string_view line) {
 
 void Login::RefuseNode(int stream, std::string_view why) {
   StreamEntry& e = ctx_.streams.at(stream);
-  const std::string text = "Node log-in refused: " + e.call + " from " + e.peer_address + ": " +
-                           std::string(why);
+  const std::string text =
+      "Node log-in refused: " + e.call + " from " + e.peer_address + ": " + std::string(why);
   ctx_.log.Write("Login", text);
   ctx_.monitor.Write(MonitorChannel::kConsole, text, "red", stream);
   ++ctx_.node_logins_refused;
@@ -225,6 +255,17 @@ void Login::OnName(int stream, std::string_view line) {
   }
   if (name.size() > 9 && ToUpper(name.substr(0, 9)) == "SET/NAME ") {
     name = Trim(name.substr(name.find(' ') + 1));
+  } else if (IsCommandNotName(name)) {
+    // A logging program that logs in by itself sends its start-up commands straight after
+    // the call.  Asking it for a name would trap it in the question for good: the log-in
+    // completes without a name and the command runs as if typed at the prompt.
+    const std::string command(name);
+    Complete(stream, /*name_was_set=*/false);
+    if (e.login_stage != LoginStage::kLoggedIn || !e.IsUser()) return;
+    ctx_.SendLine(stream, "Your name is not set yet: send SET/NAME <your name> to set it.");
+    if (interpret_) interpret_(stream, command);
+    if (e.login_stage == LoginStage::kLoggedIn && e.IsUser()) BuildPrompt(stream);
+    return;
   }
   e.pending_name = PersonalValue(name);
   e.login_stage = LoginStage::kAwaitingNameConfirm;

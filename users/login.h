@@ -13,13 +13,17 @@ namespace qx {
 
 // What a neighbour node that logs in at our prompt must do to be let in.
 enum class NodeAdmission {
-  kAdmit,             // it comes from one of its configured addresses and needs no password
-  kAskPassword,       // it is on the password list (and, where addresses are set, from one)
-  kWrongAddress,      // addresses are configured for it and the peer is not among them
-  kNotConfigured,     // neither a password nor an address: nothing proves who it is
+  kAdmit,          // it comes from one of its configured addresses and needs no password
+  kAskPassword,    // it is on the password list (and, where addresses are set, from one)
+  kWrongAddress,   // addresses are configured for it and the peer is not among them
+  kNotConfigured,  // neither a password nor an address: nothing proves who it is
 };
 NodeAdmission DecideNodeAdmission(bool on_password_list, const AddressList& addresses,
                                   std::string_view peer);
+
+// True when a reply to the name question is a command a logging program sent unasked
+// ("set/page 0", "sh/dx", "SET QTH x"), not a name.
+bool IsCommandNotName(std::string_view reply);
 
 class Login {
  public:

@@ -73,5 +73,50 @@ TEST_F(LoginSystemTest, NodeRestartKeepsTheUserConnected) {
   EXPECT_TRUE(c->ReadUntil("Name is Ann")) << c->received();
 }
 
+// A logging program logs a new user in by itself: the call before the prompt has arrived,
+// its start-up commands straight after, LF-only line ends, bare CRs and "KeepAlive" later.
+TEST_F(LoginSystemTest, ALoggingProgramThatLogsInByItselfGetsSpotsAtOnce) {
+  StartAll();
+  auto spotter = LogIn("K1SPT");
+  LineClient program;
+  ASSERT_TRUE(program.Connect(user_port_));
+  program.Send("W1LOG\nset/page 0\nsh/dx\nset/name Jim\nset/qth Boston\n");
+  ASSERT_TRUE(program.ReadUntil("QTH set to Boston")) << program.received();
+  EXPECT_THAT(program.received(), HasSubstr("Your name is not set yet"));
+  EXPECT_THAT(program.received(), ::testing::Not(HasSubstr("Is this correct?")));
+  spotter->SendLine("DX 14025.0 JA1ABC logging program test");
+  EXPECT_TRUE(program.ReadUntil("JA1ABC")) << program.received();
+  program.Send("\r");
+  program.SendLine("KeepAlive");
+  program.SendLine("SH/NAME");
+  ASSERT_TRUE(program.ReadUntil("Name is Jim")) << program.received();
+  EXPECT_THAT(program.received(), ::testing::Not(HasSubstr("KeepAlive")));
+
+  // A name that merely begins like a command word is still a name.
+  auto person = Connect();
+  person->SendLine("W1PER");
+  ASSERT_TRUE(person->ReadUntil("Please enter your name"));
+  person->SendLine("Ann Marie");
+  EXPECT_TRUE(person->ReadUntil("Your name is Ann Marie.  Is this correct? (Y or N) >"));
+}
+
+// BYE ends the session at once: gone from the user list before the client closes, and a
+// log-in right after is no dupe.
+TEST_F(LoginSystemTest, ByeEndsTheSessionAtOnce) {
+  StartAll();
+  auto watcher = LogIn("K1WAT");
+  auto leaving = LogIn("W1BYE");
+  leaving->SendLine("BYE");
+  ASSERT_TRUE(leaving->ReadUntil("73 W1BYE de XX0QX-1")) << leaving->received();
+  watcher->SendLine("SHOW/USERS");
+  ASSERT_TRUE(watcher->ReadUntil("QXC >"));
+  EXPECT_THAT(watcher->received(), ::testing::Not(HasSubstr("W1BYE")));
+  auto back = LogIn("W1BYE");
+  back->SendLine("SHOW/USERS");
+  ASSERT_TRUE(back->ReadUntil("QXC >"));
+  EXPECT_THAT(back->received(), HasSubstr("W1BYE"));
+  EXPECT_THAT(back->received(), ::testing::Not(HasSubstr("Dupe call")));
+}
+
 }  // namespace
 }  // namespace qx::testing

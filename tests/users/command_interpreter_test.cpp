@@ -80,12 +80,13 @@ TEST_F(InterpreterTest, EveryCommandIsFollowedByThePrompt) {
   EXPECT_THAT(Take(1), EndsWith("QXC >\r\n"));
 }
 
-TEST_F(InterpreterTest, ByeClosesTheStreamWithoutAnotherPrompt) {
+TEST_F(InterpreterTest, ByeClosesTheStreamAtOnceWithoutAnotherPrompt) {
   Type(1, "B");
   const std::string text = Take(1);
   EXPECT_THAT(text, HasSubstr("73 K1ABC de XX0QX-1\r\n"));
   EXPECT_THAT(text, ::testing::Not(HasSubstr("QXC >")));
   EXPECT_THAT(out_.closed, ElementsAre(1));
+  EXPECT_FALSE(streams_.at(1).IsUser());  // out of WHO and the counts before the close report
 }
 
 TEST_F(InterpreterTest, SwitchesPersistInTheRecord) {
@@ -163,7 +164,13 @@ TEST_F(InterpreterTest, SysopListCommands) {
   EXPECT_EQ(Run("SET/NOLOCKOUTS K1BAD"), "K1BAD not in list.\r\n");
   EXPECT_EQ(Run("SET/BADDX"), "* Command Incomplete *\r\n");
   EXPECT_EQ(Run("SET/BADDX K9XX"), "K9XX added to list.\r\n");
-  EXPECT_THAT(services_.lists["DxNok"], ElementsAre("K9XX"));
+  EXPECT_EQ(Run("SET/DXNOK EQUALS k9yy"), "K9YY added to list.\r\n");
+  EXPECT_EQ(Run("SET/DXNOK XX9*"), "XX9* added to list.\r\n");
+  EXPECT_THAT(services_.lists["DxNok"], ElementsAre("K9XX", "K9YY", "XX9*"));
+  for (const char* junk :
+       {"SET/LOCKOUTS SH/DX", "SET/LOCKOUTS two words", "SET/BADDX K9X^Y", "SET/ANNOK HELLO"}) {
+    EXPECT_THAT(Run(junk), HasSubstr("is not a call sign; nothing changed.")) << junk;
+  }
   Run("SHUTDOWN");
   EXPECT_TRUE(services_.shutdown);
 }
@@ -204,6 +211,8 @@ TEST_F(InterpreterTest, TalkBetweenLocalUsers) {
 
 TEST_F(InterpreterTest, ClientTokensAreNotCommands) {
   EXPECT_EQ(Run("KeepAlive"), "");
+  Type(1, "KeepAlive");
+  EXPECT_EQ(Take(1), "");  // no prompt either
   Run("/CTCP DXS QXU 1.2");
   EXPECT_EQ(streams_.at(1).client_type, "QXU 1.2");
   EXPECT_EQ(Run("Send Enhanced DX Spots"), "Send Enhanced DX Spots QXC >\r\n");

@@ -171,5 +171,15 @@ TEST_F(LoginTest, ConnectionLogRecordsLoginAndLogout) {
   EXPECT_EQ(relay_.events.back().kind, "logout");
 }
 
+TEST(IsCommandNotName, TellsLoggingProgramCommandsFromNames) {
+  for (const char* command : {"set/page 0", "sh/dx", "SH/DX 30", "set/qth Boston", "SET QTH x",
+                              "dir", "accept/spots on hf", "unset/beep", "sh dx"}) {
+    EXPECT_EQ(IsCommandNotName(command), std::string_view(command) != "dir") << command;
+  }
+  for (const char* name : {"Ann", "Ann Marie", "Set", "Sharon", "Bob/Rob", "Di Set"}) {
+    EXPECT_FALSE(IsCommandNotName(name)) << name;
+  }
+}
+
 }  // namespace
 }  // namespace qx::testing
