@@ -818,14 +818,16 @@ void NodeNetwork::SendPc41(std::string_view sentence) {
   SendToLinks(line, 0, true, true);
 }
 
-void NodeNetwork::Announce(std::string_view from, std::string_view to, std::string_view text) {
+void NodeNetwork::Announce(std::string_view from, std::string_view to, std::string_view text,
+                           int hops) {
   const int64_t now = Now();
   RelayDupCache& dups = processor_.dup_cache();
   dups.SeenAnnounce(from, to, text, now);
   dups.SeenPc93(from, text, options_.our_call, now);
-  SendToLinks(BuildPc93(options_.our_call, Stamp(), to, from, "*", text), 0, true, false);
-  SendToLinks(BuildPc12(from, "*", text, to == "SYSOP", options_.our_call, to == "WX"), 0, false,
-              true);
+  SendToLinks(BuildPc93(options_.our_call, Stamp(), to, from, "*", text, {}, {}, hops), 0, true,
+              false);
+  SendToLinks(BuildPc12(from, "*", text, to == "SYSOP", options_.our_call, to == "WX", hops), 0,
+              false, true);
 }
 
 bool NodeNetwork::Talk(std::string_view from, std::string_view to, std::string_view text) {

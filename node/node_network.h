@@ -147,7 +147,8 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   // NodeRelay
   void UserLoggedInOut(std::string_view call, int stream, bool in) override;
   void SendPc41(std::string_view sentence) override;
-  void Announce(std::string_view from, std::string_view to, std::string_view text) override;
+  void Announce(std::string_view from, std::string_view to, std::string_view text,
+                int hops = 99) override;
   bool Talk(std::string_view from, std::string_view to, std::string_view text) override;
 
   // True when address is a public IPv4 or IPv6 address (not private, loopback, link-local

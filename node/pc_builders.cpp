@@ -158,10 +158,11 @@ std::string BuildPc10(std::string_view from, std::string_view to_call, std::stri
 }
 
 std::string BuildPc12(std::string_view from, std::string_view to, std::string_view text, bool sysop,
-                      std::string_view origin_node, bool wx) {
+                      std::string_view origin_node, bool wx, int hops) {
   const std::string body = CaretFree(text);
+  const std::string hop = "^H" + std::to_string(hops) + "^~";
   return Cat({"PC12^", from, "^", to, "^", body, sysop ? "^*^" : "^ ^", origin_node,
-              wx ? "^1^H99^~" : "^0^H99^~"});
+              wx ? "^1" : "^0", hop});
 }
 
 std::string FormatPc92Entry(const Pc92Entry& e) {
@@ -226,18 +227,19 @@ std::string BuildPc92Keepalive(std::string_view our_call, std::string_view stamp
 
 std::string BuildPc93(std::string_view origin, std::string_view stamp, std::string_view to,
                       std::string_view from, std::string_view via, std::string_view text,
-                      std::string_view on_behalf, std::string_view address) {
+                      std::string_view on_behalf, std::string_view address, int hops) {
   const std::string body = CaretFree(text);
+  const std::string hop = "^H" + std::to_string(hops) + "^";
   std::string ip(address);
   for (char& c : ip) {
     if (c == ':') c = ',';
   }
   if (ip.empty()) {
     return Cat({"PC93^", origin, "^", stamp, "^", to, "^", from, "^", via, "^", body, "^",
-                on_behalf, "^H99^"});
+                on_behalf, hop});
   }
   return Cat({"PC93^", origin, "^", stamp, "^", to, "^", from, "^", via, "^", body, "^", on_behalf,
-              "^", ip, "^H99^"});
+              "^", ip, hop});
 }
 
 std::vector<std::string> BuildOurConfig(const LocalConfig& config, bool pc9x,

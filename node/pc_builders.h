@@ -43,7 +43,7 @@ std::string BuildPc10(std::string_view from, std::string_view to_call, std::stri
                       std::string_view origin_node, std::string_view via_node = {});
 // Announcement to a legacy node; to "*" is everyone; sysop sets the "*" sysop flag.
 std::string BuildPc12(std::string_view from, std::string_view to, std::string_view text, bool sysop,
-                      std::string_view origin_node, bool wx = false);
+                      std::string_view origin_node, bool wx = false, int hops = 99);
 
 // One PC92 slot: "<flag><CALL>[:v1[:v2[:v3]]]".  Flags: 1 user here, 0 user away,
 // 5 PC9x node, 7 legacy node.
@@ -71,7 +71,8 @@ std::string BuildPc92Keepalive(std::string_view our_call, std::string_view stamp
 // becomes "~".
 std::string BuildPc93(std::string_view origin, std::string_view stamp, std::string_view to,
                       std::string_view from, std::string_view via, std::string_view text,
-                      std::string_view on_behalf = {}, std::string_view address = {});
+                      std::string_view on_behalf = {}, std::string_view address = {},
+                      int hops = 99);
 
 class Pc9xStampGenerator;
 

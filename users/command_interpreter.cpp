@@ -439,14 +439,14 @@ void CommandInterpreter::Announce(int stream, std::string_view line, std::string
                                   bool wx) {
   StreamEntry& e = ctx_.streams.at(stream);
   std::string_view text = rest;
-  bool full = wx;  // weather goes to the network like a full announcement
+  // Every announcement reaches the network; LOCAL only as far as the neighbours' users.
+  int hops = 99;
   std::string_view first, tail;
   SplitArg(text, first, tail);
   if (EqualsIgnoreCase(first, "FULL")) {
-    full = true;
     text = tail;
   } else if (EqualsIgnoreCase(first, "LOCAL")) {
-    full = false;
+    hops = 1;
     text = tail;
   }
   if (Trim(text).empty()) {
@@ -461,7 +461,7 @@ void CommandInterpreter::Announce(int stream, std::string_view line, std::string
     const StreamEntry& u = ctx_.streams.at(s);
     if (u.IsUser() && u.session.Has(bit)) ctx_.Send(s, shown);
   }
-  if (full) ctx_.relay.Announce(from, wx ? "WX" : "*", Trim(text));
+  ctx_.relay.Announce(from, wx ? "WX" : "*", Trim(text), hops);
 }
 
 void CommandInterpreter::Talk(int stream, std::string_view line, std::string_view rest) {

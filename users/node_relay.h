@@ -16,7 +16,9 @@ class NodeRelay {
   // A PC41 sentence this node originates (with its CR LF).
   virtual void SendPc41(std::string_view sentence) = 0;
   // An announcement to the whole network ("*"), the sysops ("SYSOP") or as weather ("WX").
-  virtual void Announce(std::string_view from, std::string_view to, std::string_view text) = 0;
+  // hops: how far it travels; 1 reaches the neighbours' users only (ANNOUNCE LOCAL).
+  virtual void Announce(std::string_view from, std::string_view to, std::string_view text,
+                        int hops = 99) = 0;
   // Talk to a user who is not on this node; false when no route to the call is known.
   virtual bool Talk(std::string_view from, std::string_view to, std::string_view text) = 0;
 };
@@ -33,8 +35,10 @@ class RecordingNodeRelay final : public NodeRelay {
   void SendPc41(std::string_view sentence) override {
     events.push_back({"pc41", std::string(sentence), "", ""});
   }
-  void Announce(std::string_view from, std::string_view to, std::string_view text) override {
-    events.push_back({"announce", std::string(from), std::string(to), std::string(text)});
+  void Announce(std::string_view from, std::string_view to, std::string_view text,
+                int hops = 99) override {
+    events.push_back({hops == 99 ? "announce" : "announce/H" + std::to_string(hops),
+                      std::string(from), std::string(to), std::string(text)});
   }
   bool Talk(std::string_view from, std::string_view to, std::string_view text) override {
     events.push_back({"talk", std::string(from), std::string(to), std::string(text)});

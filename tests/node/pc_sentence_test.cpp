@@ -151,6 +151,11 @@ TEST(Builders, TalkAndAnnounceReplaceCarets) {
             "PC93^Q1AAA^80736^Q8USR^Q5USR^*^#873 a~b^^2001,db8,,1^H99^\r\n");
   EXPECT_EQ(BuildPc93("Q1AAA", "80597", "Q8USR", "Q7USR", "*", "talk", "Q7XXX"),
             "PC93^Q1AAA^80597^Q8USR^Q7USR^*^talk^Q7XXX^H99^\r\n");
+  // A local announcement travels one hop.
+  EXPECT_EQ(BuildPc93("Q1AAA", "80598", "*", "Q7USR", "*", "near", {}, {}, 1),
+            "PC93^Q1AAA^80598^*^Q7USR^*^near^^H1^\r\n");
+  EXPECT_EQ(BuildPc12("Q5USR", "*", "near", false, "Q1AAA", false, 1),
+            "PC12^Q5USR^*^near^ ^Q1AAA^0^H1^~\r\n");
 }
 
 TEST(Builders, Pc92Family) {

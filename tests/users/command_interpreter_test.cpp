@@ -193,11 +193,16 @@ TEST_F(InterpreterTest, AnnouncementsReachLocalUsersWhoWantThem) {
   Run("ANNOUNCE hello all");
   EXPECT_THAT(Take(2), HasSubstr("To ALL de K1ABC: hello all\r\n"));
   EXPECT_THAT(Take(3), ::testing::Not(HasSubstr("hello all")));
-  EXPECT_TRUE(relay_.events.empty());  // a local announcement stays local
   Run("ANNOUNCE FULL to the world");
-  ASSERT_EQ(relay_.events.size(), 1u);
+  Run("ANNOUNCE LOCAL to the neighbours");
+  // Every form reaches the network; LOCAL goes one hop only.
+  ASSERT_EQ(relay_.events.size(), 3u);
   EXPECT_EQ(relay_.events[0].kind, "announce");
-  EXPECT_EQ(relay_.events[0].c, "to the world");
+  EXPECT_EQ(relay_.events[0].c, "hello all");
+  EXPECT_EQ(relay_.events[1].kind, "announce");
+  EXPECT_EQ(relay_.events[1].c, "to the world");
+  EXPECT_EQ(relay_.events[2].kind, "announce/H1");
+  EXPECT_EQ(relay_.events[2].c, "to the neighbours");
 }
 
 TEST_F(InterpreterTest, TalkBetweenLocalUsers) {
