@@ -47,7 +47,8 @@ class ConsoleServerTest : public ::testing::Test {
     options_.password_file = dir_ / "data/cfg/console.pw";
     options_.kdf_iterations = 1000;
     options_.failed_login_delay = 300ms;
-    options_.request_timeout = 700ms;
+    options_.header_timeout = 700ms;
+    options_.body_timeout = 700ms;
     options_.ws_queue_limit = 16;
   }
 
