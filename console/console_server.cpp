@@ -367,23 +367,24 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   // Waits for the first bytes of the next request; until they come the connection is idle.
   void WaitForRequest() {
     if (buffer_.size() > 0) return ReadHeader();  // pipelined after the last request
-    stream_.socket().async_read_some(
-        buffer_.prepare(4096), [self = shared_from_this()](beast::error_code ec, size_t n) {
-          if (self->finishing_) return;
-          self->buffer_.commit(n);
-          if (self->server_->stopped()) return self->Finish();
-          if (self->timed_out_) {
-            // Bytes that came just as the time ran out are a request that did not finish.
-            if (self->buffer_.size() > 0) {
-              self->server_->stats().closed_header_timeout++;
-              return self->Refuse(http::status::request_timeout);
-            }
-            self->server_->stats().closed_idle_timeout++;
-            return self->Finish();
-          }
-          if (ec) return self->Finish();
-          self->ReadHeader();
-        });
+    stream_.socket().async_read_some(buffer_.prepare(4096),
+                                     [self = shared_from_this()](beast::error_code ec, size_t n) {
+                                       if (self->finishing_) return;
+                                       self->buffer_.commit(n);
+                                       if (self->server_->stopped()) return self->Finish();
+                                       if (self->timed_out_) {
+                                         // Bytes that came just as the time ran out are a request
+                                         // that did not finish.
+                                         if (self->buffer_.size() > 0) {
+                                           self->server_->stats().closed_header_timeout++;
+                                           return self->Refuse(http::status::request_timeout);
+                                         }
+                                         self->server_->stats().closed_idle_timeout++;
+                                         return self->Finish();
+                                       }
+                                       if (ec) return self->Finish();
+                                       self->ReadHeader();
+                                     });
   }
 
   void ReadHeader() {
@@ -809,10 +810,9 @@ void ConsoleServer::Impl::Handle(Request req, const ConsolePeer& peer,
   if (*path == "/metrics" && read_only) {
     stats_.http = http_.size();
     stats_.live_views = ws_.size() + ws_opening_;
-    return done(
-        Basic(req, http::status::ok,
-              FormatMetrics(model_.Metrics()) + FormatConnectionMetrics(stats_),
-              "text/plain; version=0.0.4; charset=utf-8"));
+    return done(Basic(req, http::status::ok,
+                      FormatMetrics(model_.Metrics()) + FormatConnectionMetrics(stats_),
+                      "text/plain; version=0.0.4; charset=utf-8"));
   }
   if (*path == "/login" || *path == "/login.html" || *path == "/login.js" ||
       *path == "/style.css") {
@@ -942,9 +942,8 @@ void ConsoleServer::Impl::Login(Request req, const ConsolePeer& peer,
     return done(Json(req, http::status::bad_request, json{{"error", "password needed"}}));
   }
   const auto forwarded = req.find("X-Forwarded-For");
-  const asio::ip::address client =
-      ClientAddress(peer.address, forwarded == req.end() ? "" : forwarded->value(),
-                    options_.trust_forwarded_for);
+  const asio::ip::address client = ClientAddress(
+      peer.address, forwarded == req.end() ? "" : forwarded->value(), options_.trust_forwarded_for);
   const std::string who =
       client == peer.address ? peer.text : client.to_string() + " via " + peer.text;
   if (logins_in_flight_ >= kMaxLoginsInFlight) {
@@ -963,15 +962,15 @@ void ConsoleServer::Impl::Login(Request req, const ConsolePeer& peer,
   ++logins_in_flight_;
   const std::string password = body["password"];
   const PasswordHash hash = *password_;
-  asio::post(*kdf_pool_, [self = shared_from_this(), req = std::move(req), who, key, password,
-                          hash, done = std::move(done)]() mutable {
+  asio::post(*kdf_pool_, [self = shared_from_this(), req = std::move(req), who, key, password, hash,
+                          done = std::move(done)]() mutable {
     const bool ok = VerifyPassword(hash, password);
-    asio::post(self->io_, [self, req = std::move(req), who, key, ok,
-                           done = std::move(done)]() mutable {
-      if (self->stopped_) return;
-      --self->logins_in_flight_;
-      self->FinishLogin(req, who, key, ok, std::move(done));
-    });
+    asio::post(self->io_,
+               [self, req = std::move(req), who, key, ok, done = std::move(done)]() mutable {
+                 if (self->stopped_) return;
+                 --self->logins_in_flight_;
+                 self->FinishLogin(req, who, key, ok, std::move(done));
+               });
   });
 }
 

@@ -123,9 +123,9 @@ class ConsoleServerTest : public ::testing::Test {
     std::vector<std::pair<std::string, std::string>> headers{{"Content-Type", "application/json"}};
     if (!forwarded.empty()) headers.emplace_back("X-Forwarded-For", forwarded);
     const auto start = std::chrono::steady_clock::now();
-    const Reply r = ConsoleClient(port_, source)
-                        .Fetch(http::verb::post, "/api/login",
-                               json{{"password", "not it"}}.dump(), headers);
+    const Reply r =
+        ConsoleClient(port_, source)
+            .Fetch(http::verb::post, "/api/login", json{{"password", "not it"}}.dump(), headers);
     return {r.result_int(), std::chrono::duration_cast<std::chrono::milliseconds>(
                                 std::chrono::steady_clock::now() - start)};
   }
@@ -506,8 +506,8 @@ TEST_F(ConsoleServerTest, SlowHeadersAndIdleKeptAliveConnectionsAreClosedInTime)
   dribble.Send("HEAD /login HTTP/1.1\r\nHost: x\r\n\r\n");
   ASSERT_TRUE(dribble.ReadUntil("\r\n\r\n", 3s));
   dribble.ClearReceived();
-  const std::string header = "GET /api/streams HTTP/1.1\r\nHost: x\r\nX-Pad: " +
-                             std::string(200, 'a') + "\r\n\r\n";
+  const std::string header =
+      "GET /api/streams HTTP/1.1\r\nHost: x\r\nX-Pad: " + std::string(200, 'a') + "\r\n\r\n";
   const auto start = std::chrono::steady_clock::now();
   bool closed = false;
   for (char c : header) {
