@@ -90,7 +90,8 @@ std::string FormatConnectionMetrics(const ConsoleConnectionStats& s) {
                {"header_timeout", s.closed_header_timeout},
                {"body_timeout", s.closed_body_timeout}});
   Header(out, "qx_console_logins_refused_total", "counter",
-         "Console log-ins refused with 429: one from the same address under way, or too many at once.");
+         "Console log-ins refused with 429: one from the same address under way, or too many "
+         "at once.");
   fmt::format_to(std::back_inserter(out), "qx_console_logins_refused_total {}\n", s.logins_refused);
   return out;
 }
