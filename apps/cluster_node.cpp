@@ -195,6 +195,7 @@ void ClusterNode::StartConsole() {
   ConsoleServerOptions o;
   o.address = config_.Get("Console Address");
   o.port = config_.GetInt("Console Port", 7380);
+  o.trust_forwarded_for = EqualsIgnoreCase(Trim(config_.Get("Console Trusted Proxy")), "True");
   o.password_file = dir_.Data("cfg") / "console.pw";
   console_model_ = std::make_unique<NodeConsoleModel>(*this);
   console_ = std::make_unique<ConsoleServer>(io_, *console_model_, o);

@@ -32,6 +32,9 @@ const std::vector<GroupInfo>& Groups() {
         {"Frontend Ports", "ports for users and nodes, comma-separated, index 0-8"},
         {"Console Address", "address of this console (restart to apply)"},
         {"Console Port", "port of this console (restart to apply)"},
+        {"Console Trusted Proxy",
+         "True only behind your own reverse proxy on loopback that sets X-Forwarded-For "
+         "(restart to apply)"},
         {"Help Address", "web page that HELP points to"},
         {"SSID Help Address", "web page about SSIDs, shown on duplicate log-ins"}}},
       {"Spot history and display",

@@ -1,5 +1,9 @@
 #include "console/console_metrics.h"
 
+#include <string_view>
+#include <utility>
+#include <vector>
+
 #include <fmt/format.h>
 
 namespace qx {
@@ -65,6 +69,30 @@ std::string FormatMetrics(const ConsoleMetrics& m) {
                  "qx_spot_delivery_delay_seconds_sum {}\n"
                  "qx_spot_delivery_delay_seconds_count {}\n",
                  m.delay_count, m.delay_sum_seconds, m.delay_count);
+  return out;
+}
+
+std::string FormatConnectionMetrics(const ConsoleConnectionStats& s) {
+  std::string out;
+  Labelled(out, "qx_console_connections", "gauge", "Console connections open, by kind.", "kind",
+           std::vector<std::pair<std::string_view, uint64_t>>{{"http", s.http},
+                                                              {"websocket", s.live_views}});
+  Labelled(out, "qx_console_connections_refused_total", "counter",
+           "Console connections refused, by reason.", "reason",
+           std::vector<std::pair<std::string_view, uint64_t>>{
+               {"full", s.refused_full}, {"live_views", s.refused_live_views}});
+  Labelled(out, "qx_console_connections_closed_total", "counter",
+           "Console connections the server closed, by reason.", "reason",
+           std::vector<std::pair<std::string_view, uint64_t>>{
+               {"idle_evicted", s.closed_idle_evicted},
+               {"stalled_header_evicted", s.closed_stalled_evicted},
+               {"idle_timeout", s.closed_idle_timeout},
+               {"header_timeout", s.closed_header_timeout},
+               {"body_timeout", s.closed_body_timeout}});
+  Header(out, "qx_console_logins_refused_total", "counter",
+         "Console log-ins refused with 429: one from the same address under way, or too many "
+         "at once.");
+  fmt::format_to(std::back_inserter(out), "qx_console_logins_refused_total {}\n", s.logins_refused);
   return out;
 }
 

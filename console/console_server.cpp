@@ -16,6 +16,7 @@
 #include "console/console_api.h"
 #include "console/console_metrics.h"
 #include "console/console_web_assets.h"
+#include "console/login_throttle.h"
 #include "console/sha256.h"
 #include "core/text_util.h"
 
@@ -98,6 +99,12 @@ std::string CookieValue(std::string_view header, std::string_view name) {
   return {};
 }
 
+// Who sent a request: the TCP peer, and how it is written in the log.
+struct ConsolePeer {
+  asio::ip::address address;
+  std::string text;  // "address:port"
+};
+
 std::string SessionId(const Request& req) {
   const auto it = req.find(http::field::cookie);
   return it == req.end() ? std::string() : CookieValue(it->value(), kCookieName);
@@ -116,7 +123,10 @@ class ConsoleServer::Impl : public std::enable_shared_from_this<ConsoleServer::I
         options_(std::move(options)),
         acceptor_(io),
         api_(model),
-        snapshot_timer_(io) {}
+        snapshot_timer_(io),
+        accept_timer_(io),
+        throttle_(LoginThrottleOptions{options_.failed_login_delay, 3, options_.login_table_size,
+                                       std::chrono::seconds(3600)}) {}
 
   StartResult Start();
   void Stop();
@@ -127,7 +137,7 @@ class ConsoleServer::Impl : public std::enable_shared_from_this<ConsoleServer::I
   bool stopped() const { return stopped_; }
 
   // Builds the answer to one plain HTTP request; done() receives it, maybe later (log-in).
-  void Handle(Request req, const std::string& peer, std::function<void(Response)> done);
+  void Handle(Request req, const ConsolePeer& peer, std::function<void(Response)> done);
   // A WebSocket upgrade: the response to send when it is refused, nothing when accepted.
   std::optional<Response> CheckUpgrade(const Request& req);
 
@@ -135,7 +145,10 @@ class ConsoleServer::Impl : public std::enable_shared_from_this<ConsoleServer::I
   void RemoveHttp(HttpConnection* c);
   void AddWs(const std::shared_ptr<WsConnection>& c);
   void RemoveWs(WsConnection* c);
-  size_t connection_count() const { return http_.size() + ws_.size(); }
+  void WsOpening() { ++ws_opening_; }
+  void WsOpened() { --ws_opening_; }
+  size_t connection_count() const { return http_.size() + ws_.size() + ws_opening_; }
+  ConsoleConnectionStats& stats() { return stats_; }
 
  private:
   struct AuthSession {
@@ -150,9 +163,10 @@ class ConsoleServer::Impl : public std::enable_shared_from_this<ConsoleServer::I
   Response Json(const Request& req, http::status status, const json& j) {
     return Basic(req, status, JsonText(j), "application/json");
   }
-  void Login(Request req, const std::string& peer, std::function<void(Response)> done);
-  void FinishLogin(const Request& req, const std::string& peer, bool ok,
+  void Login(Request req, const ConsolePeer& peer, std::function<void(Response)> done);
+  void FinishLogin(const Request& req, const std::string& who, const std::string& key, bool ok,
                    std::function<void(Response)> done);
+  void MakeRoom();
   void OnMonitorLine(const MonitorLine& line);
   void Broadcast(const std::shared_ptr<const std::string>& msg);
   void ScheduleStreamsSnapshot();
@@ -163,14 +177,17 @@ class ConsoleServer::Impl : public std::enable_shared_from_this<ConsoleServer::I
   tcp::acceptor acceptor_;
   ConsoleApi api_;
   asio::steady_timer snapshot_timer_;
+  asio::steady_timer accept_timer_;
   bool snapshot_pending_ = false;
   int bound_port_ = 0;
   bool stopped_ = false;
   std::optional<PasswordHash> password_;
   // Password checks are slow on purpose; they run here, never on the node's thread.
   std::unique_ptr<asio::thread_pool> kdf_pool_;
-  int logins_in_flight_ = 0;
-  int failures_in_a_row_ = 0;
+  int logins_in_flight_ = 0;  // passwords being checked on the helper thread
+  LoginThrottle throttle_;
+  ConsoleConnectionStats stats_;
+  size_t ws_opening_ = 0;  // WebSockets in their handshake, already holding a slot
   std::unordered_map<std::string, AuthSession> sessions_;
   std::unordered_map<HttpConnection*, std::weak_ptr<HttpConnection>> http_;
   std::unordered_map<WsConnection*, std::weak_ptr<WsConnection>> ws_;
@@ -195,7 +212,9 @@ class WsConnection : public std::enable_shared_from_this<WsConnection> {
     ws_.set_option(websocket::stream_base::decorator(
         [](websocket::response_type& res) { res.set(http::field::server, "qxcluster"); }));
     ws_.async_accept(req, [self = shared_from_this()](beast::error_code ec) {
-      if (ec || self->server_->stopped()) return;
+      if (self->server_->stopped()) return;
+      self->server_->WsOpened();
+      if (ec) return;
       self->server_->AddWs(self);
       self->Read();
     });
@@ -276,17 +295,32 @@ class WsConnection : public std::enable_shared_from_this<WsConnection> {
   uint64_t dropped_ = 0;
 };
 
-// One HTTP connection: requests one at a time, each with a deadline for its arrival.
+// One HTTP connection: requests one at a time.  Each phase has its own deadline: the wait for
+// a request on a kept-alive connection (idle time-out), the header from its first byte (or
+// from the connection's opening) and the body.  The server looks at the phase to choose
+// connections to close when slots run low.
 class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
  public:
+  using Clock = std::chrono::steady_clock;
+  enum class Phase { kIdle, kHeader, kBody, kBusy, kClosing };
+
   HttpConnection(tcp::socket socket, std::shared_ptr<ConsoleServer::Impl> server)
       : stream_(std::move(socket)), server_(std::move(server)), deadline_(stream_.get_executor()) {
     beast::error_code ec;
     const auto ep = stream_.socket().remote_endpoint(ec);
-    peer_ = ec ? "?" : ep.address().to_string() + ":" + std::to_string(ep.port());
+    if (!ec) peer_ = ep.address();
+    peer_text_ = ec ? "?" : ep.address().to_string() + ":" + std::to_string(ep.port());
   }
 
-  void Start() { Read(); }
+  Phase phase() const { return phase_; }
+  Clock::time_point phase_since() const { return phase_since_; }
+
+  void Start() {
+    // A new connection has the header time for its first request, waiting included.
+    SetPhase(Phase::kIdle);
+    Arm(server_->options().header_timeout);
+    WaitForRequest();
+  }
 
   void Close() {
     beast::error_code ec;
@@ -295,61 +329,126 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     stream_.socket().close(ec);
   }
 
+  // Closed at once to free its slot for a new connection.
+  void Evict() {
+    if (finishing_) return Done();
+    finishing_ = true;
+    SetPhase(Phase::kClosing);
+    Done();
+  }
+
  private:
-  void Read() {
-    parser_.emplace();
-    parser_->header_limit(uint32_t(server_->options().header_limit));
-    parser_->body_limit(server_->options().body_limit);
+  void SetPhase(Phase p) {
+    phase_ = p;
+    phase_since_ = Clock::now();
+  }
+
+  // One deadline at a time; when it passes, the pending read is cancelled and its handler
+  // sees timed_out_.
+  void Arm(std::chrono::milliseconds limit) {
     timed_out_ = false;
-    reading_ = true;
-    // The first request must arrive whole within the request time-out; on a kept-alive
-    // connection the wait for the next one and its arrival share the idle time-out.
-    deadline_.expires_after(first_request_ ? server_->options().request_timeout
-                                           : std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                 server_->options().idle_connection_timeout));
-    first_request_ = false;
-    const uint64_t generation = ++read_generation_;
+    deadline_.expires_after(limit);
+    const uint64_t generation = ++deadline_generation_;
     deadline_.async_wait([weak = weak_from_this(), generation](beast::error_code ec) {
       auto self = weak.lock();
       // A deadline that fired just as its read completed must not touch what came after.
-      if (ec || !self || !self->reading_ || generation != self->read_generation_) return;
+      if (ec || !self || self->finishing_ || generation != self->deadline_generation_) return;
       self->timed_out_ = true;
       beast::error_code ignored;
       self->stream_.socket().cancel(ignored);
     });
-    http::async_read(
-        stream_, buffer_, *parser_,
-        [self = shared_from_this()](beast::error_code ec, size_t) { self->OnRead(ec); });
   }
 
-  void OnRead(beast::error_code ec) {
-    reading_ = false;
+  void Disarm() {
+    ++deadline_generation_;
     deadline_.cancel();
+  }
+
+  // Waits for the first bytes of the next request; until they come the connection is idle.
+  void WaitForRequest() {
+    if (buffer_.size() > 0) return ReadHeader();  // pipelined after the last request
+    stream_.socket().async_read_some(buffer_.prepare(4096),
+                                     [self = shared_from_this()](beast::error_code ec, size_t n) {
+                                       if (self->finishing_) return;
+                                       self->buffer_.commit(n);
+                                       if (self->server_->stopped()) return self->Finish();
+                                       if (self->timed_out_) {
+                                         // Bytes that came just as the time ran out are a request
+                                         // that did not finish.
+                                         if (self->buffer_.size() > 0) {
+                                           self->server_->stats().closed_header_timeout++;
+                                           return self->Refuse(http::status::request_timeout);
+                                         }
+                                         self->server_->stats().closed_idle_timeout++;
+                                         return self->Finish();
+                                       }
+                                       if (ec) return self->Finish();
+                                       self->ReadHeader();
+                                     });
+  }
+
+  void ReadHeader() {
+    if (!fresh_) Arm(server_->options().header_timeout);
+    fresh_ = false;
+    SetPhase(Phase::kHeader);
+    parser_.emplace();
+    parser_->header_limit(uint32_t(server_->options().header_limit));
+    parser_->body_limit(server_->options().body_limit);
+    http::async_read_header(
+        stream_, buffer_, *parser_,
+        [self = shared_from_this()](beast::error_code ec, size_t) { self->OnHeader(ec); });
+  }
+
+  void OnHeader(beast::error_code ec) {
+    if (finishing_) return;
     if (server_->stopped()) return Finish();
     if (timed_out_) {
-      // A request that started but never finished gets 408; an idle keep-alive just ends.
-      if (buffer_.size() > 0 || parser_->got_some()) return Refuse(http::status::request_timeout);
-      return Finish();
+      server_->stats().closed_header_timeout++;
+      return Refuse(http::status::request_timeout);
     }
+    if (ec) return OnReadError(ec);
+    if (parser_->is_done()) return Dispatch();
+    SetPhase(Phase::kBody);
+    Arm(server_->options().body_timeout);
+    http::async_read(stream_, buffer_, *parser_,
+                     [self = shared_from_this()](beast::error_code ec, size_t) {
+                       if (self->finishing_) return;
+                       if (self->server_->stopped()) return self->Finish();
+                       if (self->timed_out_) {
+                         self->server_->stats().closed_body_timeout++;
+                         return self->Refuse(http::status::request_timeout);
+                       }
+                       if (ec) return self->OnReadError(ec);
+                       self->Dispatch();
+                     });
+  }
+
+  void OnReadError(beast::error_code ec) {
     if (ec == http::error::end_of_stream || ec == asio::error::connection_reset ||
-        ec == asio::error::eof) {
+        ec == asio::error::eof || ec == asio::error::operation_aborted) {
       return Finish();
     }
     if (ec == http::error::body_limit) return Refuse(http::status::payload_too_large);
     if (ec == http::error::header_limit) {
       return Refuse(http::status::request_header_fields_too_large);
     }
-    if (ec) return Refuse(http::status::bad_request);
+    Refuse(http::status::bad_request);
+  }
 
+  void Dispatch() {
+    Disarm();
+    SetPhase(Phase::kBusy);
     Request req = parser_->release();
     if (websocket::is_upgrade(req)) {
       if (auto refusal = server_->CheckUpgrade(req)) return Send(std::move(*refusal));
       auto ws = std::make_shared<WsConnection>(stream_.release_socket(), server_, SessionId(req));
+      finishing_ = true;
+      server_->WsOpening();
       server_->RemoveHttp(this);
       ws->Start(std::move(req));
       return;
     }
-    server_->Handle(std::move(req), peer_,
+    server_->Handle(std::move(req), ConsolePeer{peer_, peer_text_},
                     [self = shared_from_this()](Response res) { self->Send(std::move(res)); });
   }
 
@@ -364,27 +463,36 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   }
 
   void Send(Response res) {
+    if (finishing_) return;
     if (server_->stopped()) return Finish();
+    Disarm();
+    SetPhase(Phase::kBusy);
     response_ = std::make_shared<Response>(std::move(res));
     stream_.expires_after(std::chrono::seconds(10));
     http::async_write(stream_, *response_,
                       [self = shared_from_this()](beast::error_code ec, size_t) {
                         self->stream_.expires_never();
+                        if (self->finishing_) return;
                         if (ec || !self->response_->keep_alive()) return self->Finish();
                         self->response_.reset();
-                        self->Read();
+                        self->SetPhase(Phase::kIdle);
+                        self->Arm(self->server_->options().idle_timeout);
+                        self->WaitForRequest();
                       });
   }
 
   void Finish() {
     if (finishing_) return;
     finishing_ = true;
+    SetPhase(Phase::kClosing);
     // Close gently: stop sending, then read and drop what the client still sends for a
     // moment.  Closing at once with unread bytes would reset the connection, and the client
-    // could lose the refusal it was just sent.
+    // could lose the refusal it was just sent.  The slot stays taken meanwhile, but a closing
+    // connection is the first the server closes outright when it needs room.
     beast::error_code ec;
     stream_.socket().shutdown(tcp::socket::shutdown_send, ec);
     if (ec || server_->stopped()) return Done();
+    ++deadline_generation_;
     deadline_.expires_after(std::chrono::seconds(2));
     deadline_.async_wait([weak = weak_from_this()](beast::error_code e) {
       auto self = weak.lock();
@@ -414,12 +522,14 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   beast::flat_buffer buffer_{8192};
   std::optional<http::request_parser<http::string_body>> parser_;
   std::shared_ptr<Response> response_;
-  std::string peer_;
+  asio::ip::address peer_;
+  std::string peer_text_;
+  Phase phase_ = Phase::kIdle;
+  Clock::time_point phase_since_ = Clock::now();
   bool timed_out_ = false;
-  bool first_request_ = true;
+  bool fresh_ = true;
   bool finishing_ = false;
-  bool reading_ = false;
-  uint64_t read_generation_ = 0;
+  uint64_t deadline_generation_ = 0;
   std::array<char, 4096> drain_;
 };
 
@@ -476,6 +586,7 @@ void ConsoleServer::Impl::Stop() {
   beast::error_code ec;
   acceptor_.close(ec);
   snapshot_timer_.cancel();
+  accept_timer_.cancel();
   if (monitor_subscription_ != 0) {
     model_.monitor().Unsubscribe(monitor_subscription_);
     monitor_subscription_ = 0;
@@ -496,18 +607,65 @@ void ConsoleServer::Impl::Stop() {
 void ConsoleServer::Impl::Accept() {
   acceptor_.async_accept([self = shared_from_this()](beast::error_code ec, tcp::socket socket) {
     if (self->stopped_) return;
-    if (!ec) {
-      if (self->connection_count() >= self->options_.max_connections) {
-        beast::error_code ignored;
-        socket.close(ignored);
-      } else {
-        auto c = std::make_shared<HttpConnection>(std::move(socket), self);
-        self->AddHttp(c);
-        c->Start();
-      }
+    if (ec) {
+      // Out of file descriptors, most likely: try again shortly rather than spin.
+      self->accept_timer_.expires_after(std::chrono::milliseconds(100));
+      self->accept_timer_.async_wait([self](beast::error_code e) {
+        if (!e && !self->stopped_) self->Accept();
+      });
+      return;
+    }
+    self->MakeRoom();
+    if (self->connection_count() >= self->options_.max_connections) {
+      ++self->stats_.refused_full;
+      beast::error_code ignored;
+      socket.close(ignored);
+    } else {
+      auto c = std::make_shared<HttpConnection>(std::move(socket), self);
+      self->AddHttp(c);
+      c->Start();
     }
     self->Accept();
   });
+}
+
+// Called for each new connection.  Keeps a quarter of the slots free by closing connections
+// that are doing nothing: those already closing, then idle ones (the longest idle first).
+// With no slot at all left, a header that has been arriving for longer than the grace time is
+// given up too (oldest first): a browser sends its header at once, so that is a client
+// holding a slot on purpose.  Busy connections and WebSockets are never closed here.
+void ConsoleServer::Impl::MakeRoom() {
+  using Phase = HttpConnection::Phase;
+  const size_t max = options_.max_connections;
+  const size_t keep_free = max / 4;
+  const auto now = std::chrono::steady_clock::now();
+  while (connection_count() + 1 + keep_free > max) {
+    const bool full = connection_count() >= max;
+    std::shared_ptr<HttpConnection> victim;
+    int victim_rank = 0;
+    for (auto& [p, weak] : http_) {
+      auto c = weak.lock();
+      if (!c) continue;
+      int rank = 0;
+      if (c->phase() == Phase::kClosing) {
+        rank = 3;
+      } else if (c->phase() == Phase::kIdle) {
+        rank = 2;
+      } else if (full && c->phase() == Phase::kHeader &&
+                 now - c->phase_since() > options_.stalled_header_grace) {
+        rank = 1;
+      }
+      if (rank == 0) continue;
+      if (rank > victim_rank || (rank == victim_rank && c->phase_since() < victim->phase_since())) {
+        victim = std::move(c);
+        victim_rank = rank;
+      }
+    }
+    if (!victim) return;
+    if (victim_rank == 2) ++stats_.closed_idle_evicted;
+    if (victim_rank == 1) ++stats_.closed_stalled_evicted;
+    victim->Evict();
+  }
 }
 
 void ConsoleServer::Impl::AddHttp(const std::shared_ptr<HttpConnection>& c) { http_[c.get()] = c; }
@@ -630,10 +788,15 @@ std::optional<Response> ConsoleServer::Impl::CheckUpgrade(const Request& req) {
       (host == req.end() || origin->value() != "http://" + std::string(host->value()))) {
     return Json(req, http::status::forbidden, json{{"error", "origin not allowed"}});
   }
+  if (ws_.size() + ws_opening_ >= options_.max_live_views) {
+    ++stats_.refused_live_views;
+    return Json(req, http::status::service_unavailable,
+                json{{"error", "too many live views open; close one"}});
+  }
   return std::nullopt;
 }
 
-void ConsoleServer::Impl::Handle(Request req, const std::string& peer,
+void ConsoleServer::Impl::Handle(Request req, const ConsolePeer& peer,
                                  std::function<void(Response)> done) {
   std::string query;
   const auto path = CleanPath(req.target(), &query);
@@ -645,7 +808,10 @@ void ConsoleServer::Impl::Handle(Request req, const std::string& peer,
 
   // Open to all: the log-in page and what it needs, and the metrics.
   if (*path == "/metrics" && read_only) {
-    return done(Basic(req, http::status::ok, FormatMetrics(model_.Metrics()),
+    stats_.http = http_.size();
+    stats_.live_views = ws_.size() + ws_opening_;
+    return done(Basic(req, http::status::ok,
+                      FormatMetrics(model_.Metrics()) + FormatConnectionMetrics(stats_),
                       "text/plain; version=0.0.4; charset=utf-8"));
   }
   if (*path == "/login" || *path == "/login.html" || *path == "/login.js" ||
@@ -763,7 +929,7 @@ void ConsoleServer::Impl::Handle(Request req, const std::string& peer,
   return done(Basic(req, http::status::ok, std::string(f->data), ContentType(asset)));
 }
 
-void ConsoleServer::Impl::Login(Request req, const std::string& peer,
+void ConsoleServer::Impl::Login(Request req, const ConsolePeer& peer,
                                 std::function<void(Response)> done) {
   // A form on another site cannot send JSON without the browser asking first, so insisting
   // on it keeps log-in requests to this page.
@@ -775,28 +941,45 @@ void ConsoleServer::Impl::Login(Request req, const std::string& peer,
   if (!body.is_object() || !body.contains("password") || !body["password"].is_string()) {
     return done(Json(req, http::status::bad_request, json{{"error", "password needed"}}));
   }
+  const auto forwarded = req.find("X-Forwarded-For");
+  const asio::ip::address client = ClientAddress(
+      peer.address, forwarded == req.end() ? "" : forwarded->value(), options_.trust_forwarded_for);
+  const std::string who =
+      client == peer.address ? peer.text : client.to_string() + " via " + peer.text;
   if (logins_in_flight_ >= kMaxLoginsInFlight) {
-    model_.LogEvent("Console", "too many log-in attempts at once, refused from " + peer);
+    ++stats_.logins_refused;
+    model_.LogEvent("Console", "too many log-in attempts at once, refused from " + who);
+    return done(Json(req, http::status::too_many_requests, json{{"error", "try again later"}}));
+  }
+  // One log-in at a time per address, its slow-down included: guesses from one place cannot
+  // run side by side, and they take no turn from anybody else.
+  const std::string key = ThrottleKey(client);
+  if (!throttle_.Begin(key, std::chrono::steady_clock::now())) {
+    ++stats_.logins_refused;
+    model_.LogEvent("Console", "log-in while another is under way, refused from " + who);
     return done(Json(req, http::status::too_many_requests, json{{"error", "try again later"}}));
   }
   ++logins_in_flight_;
   const std::string password = body["password"];
   const PasswordHash hash = *password_;
-  asio::post(*kdf_pool_, [self = shared_from_this(), req = std::move(req), peer, password, hash,
+  asio::post(*kdf_pool_, [self = shared_from_this(), req = std::move(req), who, key, password, hash,
                           done = std::move(done)]() mutable {
     const bool ok = VerifyPassword(hash, password);
-    asio::post(self->io_, [self, req = std::move(req), peer, ok, done = std::move(done)]() mutable {
-      if (self->stopped_) return;
-      self->FinishLogin(req, peer, ok, std::move(done));
-    });
+    asio::post(self->io_,
+               [self, req = std::move(req), who, key, ok, done = std::move(done)]() mutable {
+                 if (self->stopped_) return;
+                 --self->logins_in_flight_;
+                 self->FinishLogin(req, who, key, ok, std::move(done));
+               });
   });
 }
 
-void ConsoleServer::Impl::FinishLogin(const Request& req, const std::string& peer, bool ok,
+void ConsoleServer::Impl::FinishLogin(const Request& req, const std::string& who,
+                                      const std::string& key, bool ok,
                                       std::function<void(Response)> done) {
+  const auto delay = throttle_.Result(key, ok, std::chrono::steady_clock::now());
   if (ok) {
-    --logins_in_flight_;
-    failures_in_a_row_ = 0;
+    throttle_.End(key);
     const std::string id = HexEncode(RandomBytes(16));
     const std::string csrf = HexEncode(RandomBytes(16));
     if (id.size() != 32 || csrf.size() != 32) {
@@ -814,23 +997,21 @@ void ConsoleServer::Impl::FinishLogin(const Request& req, const std::string& pee
       sessions_.erase(oldest);
     }
     sessions_[id] = AuthSession{csrf, now};
-    model_.LogEvent("Console", "sysop logged in from " + peer);
+    model_.LogEvent("Console", "sysop logged in from " + who);
     Response res = Json(req, http::status::ok, json{{"ok", true}, {"csrf", csrf}});
     res.set(http::field::set_cookie,
             std::string(kCookieName) + "=" + id + "; Path=/; HttpOnly; SameSite=Strict");
     return done(std::move(res));
   }
-  ++failures_in_a_row_;
-  model_.LogEvent("Console", "wrong console password from " + peer);
-  const int doublings = std::min(failures_in_a_row_ - 1, 3);
+  model_.LogEvent("Console", "wrong console password from " + who);
   auto timer = std::make_shared<asio::steady_timer>(io_);
-  timer->expires_after(options_.failed_login_delay * (1 << doublings));
-  timer->async_wait(
-      [self = shared_from_this(), timer, req, done = std::move(done)](beast::error_code) mutable {
-        --self->logins_in_flight_;
-        if (self->stopped_) return;
-        done(self->Json(req, http::status::unauthorized, json{{"error", "wrong password"}}));
-      });
+  timer->expires_after(delay);
+  timer->async_wait([self = shared_from_this(), timer, req, key,
+                     done = std::move(done)](beast::error_code) mutable {
+    if (self->stopped_) return;
+    self->throttle_.End(key);
+    done(self->Json(req, http::status::unauthorized, json{{"error", "wrong password"}}));
+  });
 }
 
 ConsoleServer::ConsoleServer(asio::io_context& io, ConsoleModel& model,

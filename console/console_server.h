@@ -28,16 +28,33 @@ struct ConsoleServerOptions {
   int port = 7380;                                  // `Console Port`; 0 picks a free one
   std::filesystem::path password_file;              // data/cfg/console.pw
   uint32_t kdf_iterations = kDefaultKdfIterations;  // for a password made at start
-  // A failed log-in is answered after this delay, doubled for each failure in a row up to
-  // eight times; a good log-in resets the count.
+  // A failed log-in is answered after this delay, doubled for each failure in a row from the
+  // same client address up to eight times; a good log-in resets that address's count.
   std::chrono::milliseconds failed_login_delay{1000};
-  // A request whose header and body have not arrived within this time gets 408.
-  std::chrono::milliseconds request_timeout{15000};
-  std::chrono::seconds idle_connection_timeout{120};
+  size_t login_table_size = 1024;  // client addresses whose failures are remembered
+  // Behind a reverse proxy on loopback every request comes from the proxy's address.  With
+  // this set, a request from loopback is counted against the last address of its
+  // X-Forwarded-For header instead.  Only for a proxy that sets that header itself.
+  bool trust_forwarded_for = false;  // `Console Trusted Proxy`
+  // A connection must deliver a whole request header within header_timeout (counted from
+  // its opening, or on a kept-alive connection from the request's first byte) and then the
+  // body within body_timeout; otherwise it gets 408 and is closed.
+  std::chrono::milliseconds header_timeout{10000};
+  std::chrono::milliseconds body_timeout{10000};
+  // A kept-alive connection with no request for this long is closed.
+  std::chrono::milliseconds idle_timeout{30000};
   std::chrono::hours session_lifetime{12};  // idle time after which a log-in expires
   size_t header_limit = 8 * 1024;
   size_t body_limit = 64 * 1024;
+  // Connection slots, WebSockets included.  When fewer than a quarter are free, idle
+  // connections (oldest idle first) are closed to make room; when none is free, a header that
+  // has been arriving for longer than stalled_header_grace is given up.  A new connection is
+  // refused only when nothing can be closed.
   size_t max_connections = 64;
+  std::chrono::milliseconds stalled_header_grace{2000};
+  // WebSockets (live views) are never closed to make room; they have their own cap instead,
+  // below max_connections so that pages and API calls always find a slot.
+  size_t max_live_views = 8;
   size_t ws_queue_limit = 2000;  // messages waiting per WebSocket before lines are dropped
 };
 

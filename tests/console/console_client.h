@@ -101,23 +101,30 @@ class WsClient {
 // Requests to a console on a loopback port.
 class ConsoleClient {
  public:
-  explicit ConsoleClient(int port) : port_(port) {}
+  // source: the loopback address to connect from (127.0.0.2 and so on), to act as another
+  // client; empty for the system's choice.
+  explicit ConsoleClient(int port, std::string source = "")
+      : port_(port), source_(std::move(source)) {}
 
   ConsoleReply Fetch(http::verb method, const std::string& target, const std::string& body = "",
                      const std::vector<std::pair<std::string, std::string>>& headers = {}) {
     asio::io_context io;
     beast::tcp_stream stream(io);
+    if (!source_.empty()) {
+      stream.socket().open(tcp::v4());
+      stream.socket().bind(tcp::endpoint(asio::ip::make_address(source_), 0));
+    }
     stream.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), uint16_t(port_)));
     http::request<http::string_body> req{method, target, 11};
     req.set(http::field::host, "127.0.0.1:" + std::to_string(port_));
     for (const auto& [k, v] : headers) req.set(k, v);
     req.body() = body;
     req.prepare_payload();
-    http::write(stream, req);
     beast::flat_buffer buffer;
     ConsoleReply res;
     beast::error_code ec;
-    http::read(stream, buffer, res, ec);
+    http::write(stream, req, ec);
+    if (!ec) http::read(stream, buffer, res, ec);
     EXPECT_FALSE(ec) << ec.message();
     return res;
   }
@@ -150,6 +157,7 @@ class ConsoleClient {
 
  private:
   int port_;
+  std::string source_;
 };
 
 }  // namespace console_client

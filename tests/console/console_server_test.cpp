@@ -47,7 +47,9 @@ class ConsoleServerTest : public ::testing::Test {
     options_.password_file = dir_ / "data/cfg/console.pw";
     options_.kdf_iterations = 1000;
     options_.failed_login_delay = 300ms;
-    options_.request_timeout = 700ms;
+    options_.header_timeout = 700ms;
+    options_.body_timeout = 700ms;
+    options_.idle_timeout = 1000ms;
     options_.ws_queue_limit = 16;
   }
 
@@ -105,6 +107,27 @@ class ConsoleServerTest : public ::testing::Test {
     c.Send(bytes);
     c.WaitClosed(limit);
     return c.received();
+  }
+
+  // A number from /metrics, or -1 when the line is missing.
+  double Metric(const std::string& line_start) {
+    const std::string body = Get("/metrics").body();
+    const size_t at = body.find("\n" + line_start + " ");
+    if (at == std::string::npos) return -1;
+    return std::stod(body.substr(at + line_start.size() + 2));
+  }
+
+  // A wrong log-in from source (empty: 127.0.0.1); its status and how long the answer took.
+  std::pair<unsigned, std::chrono::milliseconds> WrongLogin(const std::string& source,
+                                                            const std::string& forwarded = "") {
+    std::vector<std::pair<std::string, std::string>> headers{{"Content-Type", "application/json"}};
+    if (!forwarded.empty()) headers.emplace_back("X-Forwarded-For", forwarded);
+    const auto start = std::chrono::steady_clock::now();
+    const Reply r =
+        ConsoleClient(port_, source)
+            .Fetch(http::verb::post, "/api/login", json{{"password", "not it"}}.dump(), headers);
+    return {r.result_int(), std::chrono::duration_cast<std::chrono::milliseconds>(
+                                std::chrono::steady_clock::now() - start)};
   }
 
   qx::testing::TempDir dir_;
@@ -473,6 +496,155 @@ TEST_F(ConsoleServerTest, AReaderThatStopsReadingLosesLinesNotTheNodesTime) {
   EXPECT_EQ(delivered + dropped, uint64_t(kLines + attempts));
   EXPECT_TRUE(in_order);
   EXPECT_THAT(marker_text, ::testing::MatchesRegex("\\.\\.\\. [0-9]+ lines dropped \\.\\.\\."));
+}
+
+TEST_F(ConsoleServerTest, SlowHeadersAndIdleKeptAliveConnectionsAreClosedInTime) {
+  // A kept-alive connection whose next header comes a byte at a time gets 408 once the header
+  // time has passed since its first byte, however long each byte keeps it alive.
+  qx::testing::LineClient dribble;
+  ASSERT_TRUE(dribble.Connect(port_));
+  dribble.Send("HEAD /login HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_TRUE(dribble.ReadUntil("\r\n\r\n", 3s));
+  dribble.ClearReceived();
+  const std::string header =
+      "GET /api/streams HTTP/1.1\r\nHost: x\r\nX-Pad: " + std::string(200, 'a') + "\r\n\r\n";
+  const auto start = std::chrono::steady_clock::now();
+  bool closed = false;
+  for (char c : header) {
+    if (!dribble.Send(std::string_view(&c, 1))) break;
+    if ((closed = dribble.WaitClosed(50ms))) break;
+  }
+  EXPECT_TRUE(closed);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2500ms);
+  EXPECT_THAT(dribble.received(), ::testing::StartsWith("HTTP/1.1 408"));
+
+  // A kept-alive connection that sends nothing more is closed after the idle time, quietly.
+  qx::testing::LineClient idle;
+  ASSERT_TRUE(idle.Connect(port_));
+  idle.Send("HEAD /login HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_TRUE(idle.ReadUntil("\r\n\r\n", 3s));
+  idle.ClearReceived();
+  const auto idle_start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(idle.WaitClosed(5s));
+  EXPECT_GE(std::chrono::steady_clock::now() - idle_start, 900ms);
+  EXPECT_EQ(idle.received(), "");
+
+  EXPECT_EQ(Metric("qx_console_connections_closed_total{reason=\"header_timeout\"}"), 1);
+  EXPECT_EQ(Metric("qx_console_connections_closed_total{reason=\"idle_timeout\"}"), 1);
+}
+
+TEST_F(ConsoleServerTest, WrongPasswordsFromOneAddressNeitherSlowNorLockOutAnother) {
+  // 127.0.0.2 guesses; its header claims another address, which counts for nothing here.
+  EXPECT_EQ(WrongLogin("127.0.0.2", "10.9.9.9").first, 401u);
+  EXPECT_EQ(WrongLogin("127.0.0.2", "10.9.9.9").first, 401u);
+  auto third = std::async(std::launch::async, [&] { return WrongLogin("127.0.0.2"); });
+  std::this_thread::sleep_for(150ms);
+  // One log-in at a time per address: its guesses cannot run side by side.
+  EXPECT_EQ(WrongLogin("127.0.0.2").first, 429u);
+
+  // Meanwhile the sysop's own mistake from elsewhere costs only the first delay, and the
+  // right password is taken at once.
+  const auto [status, took] = WrongLogin("127.0.0.1");
+  EXPECT_EQ(status, 401u);
+  EXPECT_LT(took, 600ms);
+  const auto start = std::chrono::steady_clock::now();
+  ConsoleClient(port_, "127.0.0.1").LogIn(password_);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 300ms);
+  EXPECT_EQ(third.wait_for(0s), std::future_status::timeout);
+  EXPECT_GE(third.get().second, 1200ms) << "the guesser's own delay keeps growing";
+
+  const auto events = OnIo([this] { return model_.events; });
+  EXPECT_THAT(events, ::testing::Contains(HasSubstr("wrong console password from 127.0.0.2:")));
+  EXPECT_THAT(events, ::testing::Not(::testing::Contains(HasSubstr("10.9.9.9"))));
+  EXPECT_EQ(Metric("qx_console_logins_refused_total"), 1);
+}
+
+class TrustedProxyTest : public ConsoleServerTest {
+ protected:
+  TrustedProxyTest() { options_.trust_forwarded_for = true; }
+};
+
+TEST_F(TrustedProxyTest, ClientsBehindTheProxyAreCountedByTheirForwardedAddress) {
+  // The proxy appends the client's address; what the client wrote before it is not believed.
+  EXPECT_GE(WrongLogin("", "10.0.0.8, 10.0.0.9").second, 300ms);
+  EXPECT_GE(WrongLogin("", "10.0.0.9").second, 600ms);
+  EXPECT_LT(WrongLogin("", "10.0.0.8").second, 600ms);
+  EXPECT_LT(WrongLogin("", "").second, 600ms);
+  const auto events = OnIo([this] { return model_.events; });
+  ASSERT_EQ(events.size(), 4u);
+  EXPECT_THAT(events[0], HasSubstr("from 10.0.0.9 via 127.0.0.1:"));
+  EXPECT_THAT(events[2], HasSubstr("from 10.0.0.8 via 127.0.0.1:"));
+}
+
+// Eight slots, two of them at most for live views.
+class ConsoleSlotsTest : public ConsoleServerTest {
+ protected:
+  ConsoleSlotsTest() {
+    options_.max_connections = 8;
+    options_.max_live_views = 2;
+    options_.header_timeout = 3s;
+    options_.idle_timeout = 30s;
+    options_.stalled_header_grace = 300ms;
+  }
+
+  // count connections that each sent `bytes`, read the answer if want_answer.
+  std::vector<std::unique_ptr<qx::testing::LineClient>> Open(int count, std::string_view bytes,
+                                                             bool want_answer) {
+    std::vector<std::unique_ptr<qx::testing::LineClient>> clients;
+    for (int i = 0; i < count; ++i) {
+      clients.push_back(std::make_unique<qx::testing::LineClient>());
+      EXPECT_TRUE(clients.back()->Connect(port_));
+      clients.back()->Send(bytes);
+      if (want_answer) {
+        EXPECT_TRUE(clients.back()->ReadUntil("\r\n\r\n", 3s));
+      }
+    }
+    return clients;
+  }
+};
+
+TEST_F(ConsoleSlotsTest, IdleConnectionsMakeRoomOldestFirstAndLiveViewsHaveTheirOwnCap) {
+  const Login login = LogIn();
+  WsClient views[3];
+  EXPECT_EQ(views[0].Connect(port_, login.cookie), 101);
+  EXPECT_EQ(views[1].Connect(port_, login.cookie), 101);
+  EXPECT_EQ(views[2].Connect(port_, login.cookie), 503);
+  EXPECT_TRUE(views[0].NextOfType("streams"));
+
+  // Idle kept-alive connections take the other slots.  Once fewer than a quarter would be
+  // free, each newcomer closes the connection idle longest: the fifth and sixth here, and
+  // then a request that would have been refused when every slot was held.
+  auto idle = Open(6, "HEAD /login HTTP/1.1\r\nHost: x\r\n\r\n", true);
+  EXPECT_EQ(Get("/login").result_int(), 200u);
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(idle[i]->WaitClosed(2s)) << i;
+  for (int i = 3; i < 6; ++i) EXPECT_FALSE(idle[i]->WaitClosed(100ms)) << i;
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(Get("/login").result_int(), 200u);
+
+  // The live views were busy, not idle: they are still there.
+  OnIo([this] {
+    model_.monitor_obj.Console("still watching");
+    return 0;
+  });
+  const auto line = views[1].NextOfType("line");
+  ASSERT_TRUE(line);
+  EXPECT_EQ((*line)["x"], "still watching");
+  EXPECT_GE(Metric("qx_console_connections_closed_total{reason=\"idle_evicted\"}"), 3);
+  EXPECT_EQ(Metric("qx_console_connections_refused_total{reason=\"live_views\"}"), 1);
+  EXPECT_EQ(Metric("qx_console_connections{kind=\"websocket\"}"), 2);
+}
+
+TEST_F(ConsoleSlotsTest, HeadersThatStallGiveWayOnlyWhenNoSlotIsLeft) {
+  auto stalled = Open(8, "GET / HTTP/1.1\r\nHost: x\r\n", false);
+  // Within the grace time they might be slow browsers: the newcomer is refused.
+  EXPECT_EQ(Raw("HEAD /login HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n", 1s), "");
+  std::this_thread::sleep_for(400ms);
+  // Past it, the oldest stalled header gives up its slot, without an answer.
+  EXPECT_EQ(Get("/login").result_int(), 200u);
+  EXPECT_TRUE(stalled[0]->WaitClosed(1s));
+  EXPECT_EQ(stalled[0]->received(), "");
+  EXPECT_FALSE(stalled[7]->WaitClosed(100ms));
+  EXPECT_EQ(Metric("qx_console_connections_refused_total{reason=\"full\"}"), 1);
+  EXPECT_GE(Metric("qx_console_connections_closed_total{reason=\"stalled_header_evicted\"}"), 1);
 }
 
 }  // namespace
