@@ -319,9 +319,9 @@ bool NodeProcessor::SpotHopsOk(const PcSentence& s, size_t index) {
   if (index >= s.fields.size()) return true;
   const std::string& hop = s.fields[index];
   if (IsHopCount(hop)) return true;
-  state_.Error(0, "HopsOk",
-               "spot dropped, hop field = " + hop + " from " + StreamCall(s.stream) +
-                   " where = " + s.line);
+  state_.Error(
+      0, "HopsOk",
+      "spot dropped, hop field = " + hop + " from " + StreamCall(s.stream) + " where = " + s.line);
   return false;
 }
 
