@@ -25,6 +25,18 @@ void SplitInto(std::string_view text, char sep, std::vector<std::string_view>& o
   }
 }
 
+size_t StripControlChars(std::string& text) {
+  size_t out = 0;
+  const size_t n = text.size();
+  while (out < n && !IsControlChar(text[out])) ++out;
+  if (out == n) return 0;
+  for (size_t in = out + 1; in < n; ++in) {
+    if (!IsControlChar(text[in])) text[out++] = text[in];
+  }
+  text.resize(out);
+  return n - out;
+}
+
 std::vector<std::string_view> SplitLimit(std::string_view text, char sep, size_t max_parts) {
   std::vector<std::string_view> out;
   size_t start = 0;

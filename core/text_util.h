@@ -22,6 +22,15 @@ bool EqualsIgnoreCase(std::string_view a, std::string_view b);
 bool StartsWithIgnoreCase(std::string_view text, std::string_view prefix);
 bool ContainsIgnoreCase(std::string_view text, std::string_view word);
 std::string_view Trim(std::string_view text);  // blanks, tabs, CR, LF
+// Control characters: the bytes below 32 and DEL (127).  Text from another node or typed by a
+// user must not carry them to a terminal (BEL, ESC sequences, backspace) nor into the link to
+// the front-end, whose messages end with Chr 4.
+inline bool IsControlChar(char c) {
+  return static_cast<unsigned char>(c) < 32 || static_cast<unsigned char>(c) == 127;
+}
+// Removes every control character from text in place and returns how many were removed.
+// Text without any is only scanned: nothing is moved or allocated.
+size_t StripControlChars(std::string& text);
 std::string Join(const std::vector<std::string_view>& parts, std::string_view sep);
 std::string Join(const std::vector<std::string>& parts, std::string_view sep);
 // Replaces runs of two or more blanks by one blank.

@@ -117,6 +117,60 @@ int MonthFromAbbrev(std::string_view text) {
   return 0;
 }
 
+namespace {
+
+// The value of text when it is one or two decimal digits, -1 otherwise.
+int SmallNumber(std::string_view text) {
+  if (text.empty() || text.size() > 2) return -1;
+  int v = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return -1;
+    v = v * 10 + (c - '0');
+  }
+  return v;
+}
+
+}  // namespace
+
+bool ParseSpotDate(std::string_view text, SpotDate& out) {
+  if (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  const size_t dash = text.find('-');
+  if (dash == std::string_view::npos || text.size() != dash + 9 || text[dash + 4] != '-') {
+    return false;
+  }
+  const int day = SmallNumber(text.substr(0, dash));
+  const int month = MonthFromAbbrev(text.substr(dash + 1, 3));
+  int year = 0;
+  for (char c : text.substr(dash + 5)) {
+    if (c < '0' || c > '9') return false;
+    year = year * 10 + (c - '0');
+  }
+  if (day < 1 || month == 0 || year < 1970) return false;
+  const std::chrono::year_month_day ymd{std::chrono::year{year},
+                                        std::chrono::month{unsigned(month)},
+                                        std::chrono::day{unsigned(day)}};
+  if (!ymd.ok()) return false;
+  out = SpotDate{year, month, day};
+  return true;
+}
+
+bool ParseSpotTime(std::string_view text, int& hour, int& minute) {
+  if (text.size() != 5 || text[4] != 'Z') return false;
+  const int h = SmallNumber(text.substr(0, 2));
+  const int m = SmallNumber(text.substr(2, 2));
+  if (h < 0 || h > 23 || m < 0 || m > 59) return false;
+  hour = h;
+  minute = m;
+  return true;
+}
+
+bool IsSpotDateTime(std::string_view date, std::string_view time) {
+  SpotDate d;
+  int hour = 0;
+  int minute = 0;
+  return ParseSpotDate(date, d) && ParseSpotTime(time, hour, minute);
+}
+
 std::string UptimeText(std::chrono::seconds up) {
   const long long total = up.count() < 0 ? 0 : up.count();
   const long long d = total / 86400;

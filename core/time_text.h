@@ -56,6 +56,24 @@ std::string_view MonthAbbrev(int month);
 // 1..12 for "Jan".."Dec" (case-insensitive), 0 when unknown.
 int MonthFromAbbrev(std::string_view text);
 
+// A calendar date read from a spot's date text.
+struct SpotDate {
+  int year = 0;
+  int month = 0;  // 1..12
+  int day = 0;
+};
+
+// Reads the date of a spot: the day as one or two digits ("5" or "05"; peers that print the
+// day space-padded send " 5"), "-", the English month abbreviation, "-", a four-digit year
+// from 1970 on.  False for anything else, and for days the month does not have
+// ("31-Feb-2026", "29-Feb-2026").
+bool ParseSpotDate(std::string_view text, SpotDate& out);
+// Reads the time of a spot, "HHnnZ" with hours 00-23 and minutes 00-59.
+bool ParseSpotTime(std::string_view text, int& hour, int& minute);
+// Whether a spot's date and time texts are both real; what intake asks of every spot, from
+// a user, another node or the day file, before it is shown or kept.
+bool IsSpotDateTime(std::string_view date, std::string_view time);
+
 // Uptime as the node shows it: "2d 03:14" style ("0d 00:05" minimum).
 std::string UptimeText(std::chrono::seconds up);
 

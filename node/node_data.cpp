@@ -14,6 +14,10 @@ namespace {
 
 constexpr int kSpotSourcePc11 = 111;
 constexpr int kSpotSourcePc61 = 161;
+// Where the hop count of a spot sentence stands; a PC61 has it there whether or not the
+// sender kept the trailer behind it.
+constexpr size_t kSpotHopFieldPc11 = 8;
+constexpr size_t kSpotHopFieldPc61 = 9;
 
 int FeedKind(int state) {
   switch (state) {
@@ -59,9 +63,11 @@ void NodeProcessor::InstallHandlers() {
     return done;
   });
   SetHandler(11, [this](PcSentence& s) {
+    if (!SpotHopsOk(s, kSpotHopFieldPc11)) return false;
     return deps_.spot_intake ? deps_.spot_intake(s, kSpotSourcePc11, s.stream) : false;
   });
   SetHandler(61, [this](PcSentence& s) {
+    if (!SpotHopsOk(s, kSpotHopFieldPc61)) return false;
     return deps_.spot_intake ? deps_.spot_intake(s, kSpotSourcePc61, s.stream) : false;
   });
   SetHandler(16, [this](PcSentence& s) { return HandlePc16(s); });
@@ -188,6 +194,11 @@ bool NodeProcessor::ProcessNodeData(int stream, std::string_view line) {
   }
   if (!work_.empty() && work_.front() == '\n') work_.erase(0, 1);
   if (!work_.empty() && work_.back() == '\r') work_.pop_back();
+  // Nothing a neighbour sends may carry control characters on: not into a user's terminal
+  // (a bell, an escape sequence, a backspace in a comment or a talk), not into a stored
+  // record, not to the next node.  The front-end removes them as well; the node does not
+  // rely on it.
+  StripControlChars(work_);
 
   if (entry.IsFeed()) {
     state_.current_feed_kind = FeedKind(entry.state);
@@ -297,6 +308,20 @@ bool NodeProcessor::HopeCheckEtc(const PcSentence& s) {
     state_.Error(2000, "HopeCheckEtc ",
                  "line = " + s.line + " field = " + end + " from " + StreamCall(s.stream));
   }
+  return false;
+}
+
+bool NodeProcessor::SpotHopsOk(const PcSentence& s, size_t index) {
+  // The trailer check lets every PC61 through, so the spot sentences are held to their hop
+  // count here: a spot with no hops left, with more than any node gives, or with something
+  // else where its count belongs is neither shown nor passed on.  A sentence too short to
+  // reach that field goes on to intake, whose field count refuses it.
+  if (index >= s.fields.size()) return true;
+  const std::string& hop = s.fields[index];
+  if (IsHopCount(hop)) return true;
+  state_.Error(
+      0, "HopsOk",
+      "spot dropped, hop field = " + hop + " from " + StreamCall(s.stream) + " where = " + s.line);
   return false;
 }
 

@@ -122,6 +122,7 @@ class NodeProcessor {
   void FeedHandshake(int stream, std::string_view line);
   int64_t NowSeconds() const;
 
+  bool SpotHopsOk(const PcSentence& s, size_t index);
   bool HandlePc16(PcSentence& s);
   bool HandlePc18(PcSentence& s);
   bool HandlePc51(PcSentence& s);

@@ -853,9 +853,9 @@ void NodeNetwork::SendTalkOn(int stream, std::string_view from, std::string_view
 
 void NodeNetwork::RelaySpot(const Spot& spot, int source_stream) {
   // A local spot comes from the DX command with "H100", which the decrement makes the "H99"
-  // of a sentence we originate; a node's spot loses one hop here.
+  // of a sentence we originate; a node's spot loses one hop here.  A hop field that is no
+  // count is refused (and logged) by the decrement; it never starts afresh as "H99".
   std::string hop(spot.hops());
-  if (hop.empty() || hop[0] != 'H') hop = "H100";
   if (!processor_.state().HopsOk(hop)) return;
   // The two forms are built in buffers that live with the manager: no allocation per spot
   // once they have grown.

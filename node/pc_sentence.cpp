@@ -46,6 +46,14 @@ int LeadingNumber(std::string_view text) {
   return static_cast<int>(negative ? -value : value);
 }
 
+bool IsHopCount(std::string_view field) {
+  if (field.size() < 2 || field.size() > 3 || field[0] != 'H') return false;
+  for (char c : field.substr(1)) {
+    if (c < '0' || c > '9') return false;
+  }
+  return LeadingNumber(field.substr(1)) >= 1;
+}
+
 PcCheckFlags::PcCheckFlags() {
   constexpr int kBoth = kHopField | kTerminator;
   struct Entry {

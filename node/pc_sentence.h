@@ -35,6 +35,10 @@ void SplitFields(std::string_view line, std::vector<std::string>& fields);
 // are none.  Large values saturate instead of overflowing.
 int LeadingNumber(std::string_view text);
 
+// Whether field is a hop count as a node may send it: "H" and one or two digits, 1 to 99.
+// Anything else ("H0", "H100", "h5") would end or reset the count if it were passed on.
+bool IsHopCount(std::string_view field);
+
 // Per sentence number (10..99): bit 1 = carries a hop field, bit 2 = ends with "~".
 class PcCheckFlags {
  public:

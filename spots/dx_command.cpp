@@ -76,7 +76,11 @@ DxCommandResult Reply(std::string_view a, std::string_view b = {}) {
 
 DxCommandResult DxCommand(std::string_view line, std::string_view user_call,
                           std::string_view node_call, std::string_view user_ip, SysTime now) {
-  const std::string_view typed = Trim(line);
+  // The line reaches every user as the spot's comment: control characters (a bell, an
+  // escape sequence) are left out here even where the front-end did not remove them.
+  std::string cleaned(line);
+  StripControlChars(cleaned);
+  const std::string_view typed = Trim(cleaned);
   const std::string collapsed = CollapseBlanks(typed);
   const std::vector<std::string_view> words = SplitLimit(collapsed, ' ', 4);
   if (words.size() < 3) return Reply("Error - ", typed);

@@ -68,6 +68,8 @@ std::string_view VerdictName(SpotVerdict verdict) {
       return "double question mark";
     case SpotVerdict::kFieldCount:
       return "field count";
+    case SpotVerdict::kBadDateTime:
+      return "bad date or time";
     case SpotVerdict::kRefusedAddress:
       return "refused address";
     case SpotVerdict::kTorAddress:
@@ -174,6 +176,7 @@ bool SpotFromFields(Fields& f, size_t n, Spot& spot) {
     spot.slots[kSlotHops].assign(f[9]);
     spot.slots[kSlotTrailer].assign(n > 10 ? f[10] : std::string_view("~"));
   }
+  for (std::string& slot : spot.slots) StripControlChars(slot);
   // The frequency: decimal point or comma; the slot then holds the value as text again, so
   // "14025" and "14025,0" both become "14025.0".
   const std::string_view raw = f[1];
@@ -303,6 +306,12 @@ IntakeResult SpotIntake::Process(const IntakeRequest& req) {
   // 2. Field count (and 4., the copy into the slots).
   if (!SpotFromFields(f, n, s)) return Refuse(SpotVerdict::kFieldCount);
   const bool pc11 = s.type() == "PC11";
+  // A date or time that cannot be would stand in the time column of every line the spot
+  // makes; such a spot is no report of anything heard.
+  if (!IsSpotDateTime(s.date(), s.time())) {
+    WriteRejection("Bad Date/Time^", sentence);
+    return Refuse(SpotVerdict::kBadDateTime);
+  }
 
   // 3. The spotter's address.
   const std::string_view address = pc11 ? req.known_address : s.address();

@@ -28,6 +28,7 @@ enum class SpotVerdict : uint8_t {
   kAccepted,
   kDoubleQuestionMark,  // "??" in the comment
   kFieldCount,          // not 10 to 13 fields
+  kBadDateTime,         // a date or time that does not exist ("31-Feb-2026", "2561Z")
   kRefusedAddress,      // spotter address in ipnotok.dat
   kTorAddress,          // spotter address in torlist.dat
   kInvalidDxCall,       // the call check refused the DX call
@@ -145,8 +146,10 @@ bool IsBeaconSpot(std::string_view dx_call, std::string_view upper_comment);
 bool IsIpAddress(std::string_view text);
 
 // Fills the slots of spot from a "PC11"/"PC61"-shaped sentence (10 to 13 fields) and sets
-// FrequencyKHz (decimal point or comma) with the frequency slot as its rounded text.  False
-// when the field count is wrong.  Used by intake and by the history loader.
+// FrequencyKHz (decimal point or comma) with the frequency slot as its rounded text.  Control
+// characters are left out of every slot, so whatever a sender or an old file held, no slot
+// can carry them to a user's terminal.  False when the field count is wrong.  Used by intake
+// and by the history loader.
 bool SpotFromSentence(std::string_view sentence, Spot& spot);
 
 }  // namespace qx

@@ -12,21 +12,15 @@ namespace qx {
 
 namespace {
 
-// The receive time of a stored spot from its date and time texts ("22-Nov-2026", "0315Z").
-SysTime TimeOfSpot(const Spot& s, SysTime fallback) {
-  const std::string_view d = s.date();
-  const std::string_view t = s.time();
-  if (d.size() != 11 || t.size() < 4) return fallback;
-  const int day = ParseIntOr(d.substr(0, 2), 0);
-  const int month = MonthFromAbbrev(d.substr(3, 3));
-  const int year = ParseIntOr(d.substr(7, 4), 0);
-  const int hour = ParseIntOr(t.substr(0, 2), -1);
-  const int minute = ParseIntOr(t.substr(2, 2), -1);
-  if (day < 1 || day > 31 || month == 0 || year < 1970 || hour < 0 || hour > 23 || minute < 0 ||
-      minute > 59) {
-    return fallback;
-  }
-  return MakeUtc(year, month, day, hour, minute);
+// The receive time of a stored spot from its date and time texts ("22-Nov-2026", "0315Z");
+// false when they are no real date and time.
+bool TimeOfSpot(const Spot& s, SysTime& out) {
+  SpotDate d;
+  int hour = 0;
+  int minute = 0;
+  if (!ParseSpotDate(s.date(), d) || !ParseSpotTime(s.time(), hour, minute)) return false;
+  out = MakeUtc(d.year, d.month, d.day, hour, minute);
+  return true;
 }
 
 }  // namespace
@@ -64,11 +58,13 @@ size_t SpotHistory::LoadToday(SysTime now, const BandTable& bands, Monitor* moni
       Spot spot;
       std::string upper;
       for (std::string_view line : SplitLines(*text)) {
-        if (!SpotFromSentence(Trim(line), spot)) continue;
+        // A line an older version wrote, or one edited by hand, may hold anything: it is
+        // held to what intake asks of a new spot (SpotFromSentence leaves control
+        // characters out; a date or time that cannot be is not taken).
+        if (!SpotFromSentence(Trim(line), spot) || !TimeOfSpot(spot, spot.received)) continue;
         upper = ToUpper(spot.comment());
         spot.ModeFlags = bands.BandBit(spot.FrequencyKHz) | ClassifyMode(upper);
         spot.IsBeacon = IsBeaconSpot(spot.dx_call(), upper);
-        spot.received = TimeOfSpot(spot, now);
         Keep(spot);
         ++loaded;
       }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "core/error_log.h"
+#include "core/text_util.h"
 
 namespace qx {
 namespace {
@@ -35,6 +36,59 @@ TEST(TimeText, MonthNamesParseBack) {
   EXPECT_EQ(MonthFromAbbrev("nov"), 11);
   EXPECT_EQ(MonthFromAbbrev("Nox"), 0);
   EXPECT_EQ(UptimeText(std::chrono::seconds(2 * 86400 + 3 * 3600 + 14 * 60 + 5)), "2d 03:14");
+}
+
+TEST(SpotDateTime, RealDatesAndTimesOnly) {
+  const struct {
+    const char* date;
+    bool ok;
+  } kDates[] = {
+      {"05-Nov-2026", true},   {"5-Nov-2026", true},   {" 5-Nov-2026", true},
+      {"31-Dec-2026", true},   {"29-Feb-2028", true},  {"31-Feb-2026", false},
+      {"29-Feb-2026", false},  {"31-Apr-2026", false}, {"00-Nov-2026", false},
+      {"32-Jan-2026", false},  {"99-Foo-9999", false}, {"05-Nox-2026", false},
+      {"005-Nov-2026", false}, {"05-Nov-26", false},   {"05-Nov-20260", false},
+      {"05-Nov-1969", false},  {"5/Nov/2026", false},  {"05-Nov-2O26", false},
+      {"  5-Nov-2026", false}, {"-Nov-2026", false},   {"", false},
+  };
+  for (const auto& c : kDates) {
+    SpotDate d;
+    EXPECT_EQ(ParseSpotDate(c.date, d), c.ok) << '"' << c.date << '"';
+  }
+  SpotDate d;
+  ASSERT_TRUE(ParseSpotDate(" 5-Nov-2026", d));
+  EXPECT_EQ(d.year * 10000 + d.month * 100 + d.day, 20261105);
+
+  const struct {
+    const char* time;
+    bool ok;
+  } kTimes[] = {
+      {"0000Z", true},  {"2359Z", true},   {"1423Z", true},   {"2400Z", false},
+      {"2561Z", false}, {"1260Z", false},  {"99999Z", false}, {"1423", false},
+      {"1423z", false}, {"14:23Z", false}, {"-123Z", false},  {"", false},
+  };
+  for (const auto& c : kTimes) {
+    int hour = -1;
+    int minute = -1;
+    EXPECT_EQ(ParseSpotTime(c.time, hour, minute), c.ok) << '"' << c.time << '"';
+    EXPECT_EQ(IsSpotDateTime("05-Nov-2026", c.time), c.ok) << c.time;
+  }
+  EXPECT_FALSE(IsSpotDateTime("31-Feb-2026", "1423Z"));
+}
+
+TEST(TextUtil, ControlCharactersAreStrippedInPlace) {
+  std::string clean = "DX de K1ABC: 14025.0 ~^|{}";
+  const char* before = clean.data();
+  EXPECT_EQ(StripControlChars(clean), 0u);
+  EXPECT_EQ(clean, "DX de K1ABC: 14025.0 ~^|{}");
+  EXPECT_EQ(clean.data(), before);
+
+  std::string dirty = "\x01ring\a the\x1b[2J bell\x04\x7f\t\r\n\xe9";
+  EXPECT_EQ(StripControlChars(dirty), 8u);
+  EXPECT_EQ(dirty, "ring the[2J bell\xe9");  // bytes above DEL (Latin-1) stay
+  std::string all(31, '\x01');
+  EXPECT_EQ(StripControlChars(all), 31u);
+  EXPECT_TRUE(all.empty());
 }
 
 TEST(ErrorLog, LineIsDateTimeHeadingMessage) {

@@ -8,6 +8,7 @@
 
 #include "core/monitor.h"
 #include "core/stream_table.h"
+#include "core/text_util.h"
 #include "core/time_text.h"
 #include "node/node_data.h"
 
@@ -42,7 +43,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   deps.clock = &clock;
   deps.errors = [](int, std::string_view, std::string_view) {};
   deps.feed = [](int, int, std::string_view) {};
-  deps.spot_intake = [](const qx::PcSentence& s, int, int) { return s.fields.size() > 8; };
+  // What a neighbour sent reaches intake without control characters and with a real count.
+  deps.spot_intake = [](const qx::PcSentence& s, int, int) {
+    for (char c : s.line) {
+      if (qx::IsControlChar(c)) __builtin_trap();
+    }
+    const size_t hop = s.number == 61 ? 9 : 8;
+    if (hop < s.fields.size() && !qx::IsHopCount(s.fields[hop])) __builtin_trap();
+    return s.fields.size() > 8;
+  };
   deps.relay = [](int, const qx::PcSentence& s) { (void)s.Join(); };
   deps.pc41.valid_call = [](std::string_view c) { return c.size() >= 3 && c.size() < 12; };
   deps.pc41.bad_word = [](std::string_view v) { return v.find("BAD") != std::string_view::npos; };

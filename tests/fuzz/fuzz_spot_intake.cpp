@@ -8,6 +8,7 @@
 
 #include "core/stream_table.h"
 #include "core/text_util.h"
+#include "core/time_text.h"
 #include "spots/bad_lists.h"
 #include "spots/bands.h"
 #include "spots/distribution.h"
@@ -107,6 +108,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string sent = r.spot->Sentence();
     Spot again;
     if (!SpotFromSentence(sent, again)) __builtin_trap();  // what intake accepts reloads
+    // Nothing accepted shows an impossible time or carries a control character to a user.
+    if (!IsSpotDateTime(r.spot->date(), r.spot->time())) __builtin_trap();
+    for (char c : sent) {
+      if (IsControlChar(c)) __builtin_trap();
+    }
   }
   return 0;
 }

@@ -177,6 +177,70 @@ TEST_F(ProcessNodeDataTest, Pc61NeedsNoTrailerEvenIfTheTableSaysSo) {
   EXPECT_EQ(proc_->check_flags().Get(61), 0);
 }
 
+// A hop count the network never gives (none left, more than 99, lower case, another letter,
+// nothing where the count belongs) would end or restart a spot's travel.  The trailer check
+// lets every PC61 through, so the spot handler refuses it, with a "HopsOk" entry, before
+// intake; a PC11 never gets past the trailer check with one.
+TEST_F(ProcessNodeDataTest, SpotsNeedARealHopCount) {
+  const std::string pc61 = "PC61^14074.0^Q3DX^21-Nov-2026^2225Z^ft8^Q5USR^Q9ZZZ-2^198.51.100.7^";
+  const std::string pc11 = "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^";
+  const struct {
+    std::string line;
+    bool taken;
+    bool logged;
+  } kCases[] = {
+      {pc61 + "H1^~", true, false},    {pc61 + "H99^~", true, false},
+      {pc61 + "H07", true, false},     {pc11 + "H1^~", true, false},
+      {pc11 + "H99^~", true, false},   {pc61 + "H0^~", false, true},
+      {pc61 + "H100^~", false, true},  {pc61 + "H999^~", false, true},
+      {pc61 + "h5^~", false, true},    {pc61 + "X5^~", false, true},
+      {pc61 + "H5x^~", false, true},   {pc61 + "~", false, true},
+      {pc61 + "^~", false, true},      {pc11 + "H0^~", false, false},
+      {pc11 + "H100^~", false, false}, {pc11 + "h5^~", false, false},
+      {pc11 + "~", false, false},
+  };
+  for (const auto& c : kCases) {
+    spots_.clear();
+    errors_.clear();
+    streams_.at(kPeer).node_carry.clear();
+    Feed(kPeer, c.line);
+    EXPECT_EQ(spots_.size(), c.taken ? 1u : 0u) << c.line;
+    EXPECT_TRUE(relayed_.empty()) << c.line;
+    ASSERT_EQ(errors_.size(), c.logged ? 1u : 0u) << c.line;
+    if (c.logged) {
+      EXPECT_EQ(errors_[0].tag, "HopsOk");
+      EXPECT_NE(errors_[0].text.find("from Q9ZZZ-2 where = " + c.line), std::string::npos)
+          << errors_[0].text;
+    }
+  }
+}
+
+// Control characters from a neighbour never get further than the line they came in: not to
+// intake, not to users (talk and announcements), not to the next node.
+TEST_F(ProcessNodeDataTest, ControlCharactersFromANeighbourAreLeftOut) {
+  EXPECT_TRUE(Feed(kPeer,
+                   "PC61^14074.0^Q3D\x01X^21-Nov-2026^2225Z^\aft8\x1b[2J \x04"
+                   "cq\b\x7f^"
+                   "Q5USR^Q9ZZZ-2^198.51.100.7^H30^~"));
+  ASSERT_EQ(spots_.size(), 1u);
+  EXPECT_EQ(spots_[0].second,
+            "PC61^14074.0^Q3DX^21-Nov-2026^2225Z^ft8[2J cq^Q5USR^Q9ZZZ-2^198.51.100.7^H30^~");
+
+  clock_.Set(MakeUtc(2026, 11, 21, 22, 25, 30));  // 80730
+  EXPECT_TRUE(Feed(kPeer, "PC93^Q9ZZZ-2^80730^*^Q5\tUSR^*^ring\a\a the\r bell^^^H99^"));
+  ASSERT_EQ(pc93_.size(), 1u);
+  EXPECT_EQ(pc93_[0], "PC93^Q9ZZZ-2^80730^*^Q5USR^*^ring the bell^^^H99^");
+  ASSERT_EQ(relayed_.size(), 1u);
+  EXPECT_EQ(relayed_[0], "PC93^Q9ZZZ-2^80730^*^Q5USR^*^ring the bell^^^H98^");
+
+  EXPECT_TRUE(Feed(kPeer,
+                   "PC41^Q5USR^1^Fr\x1b"
+                   "ed^H30^~"));
+  EXPECT_EQ(proc_->pc41_lists().Count(1), 1u);
+  ASSERT_EQ(relayed_.size(), 2u);
+  EXPECT_EQ(relayed_[1], "PC41^Q5USR^1^Fred^H11^~");
+}
+
 TEST_F(ProcessNodeDataTest, LowerCaseHeadersAreDroppedWithAnError) {
   EXPECT_FALSE(Feed(kPeer, "pc11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24^~"));
   EXPECT_FALSE(Feed(kPeer, "pc92^Q9ZZZ-2^80562^K^5Q9ZZZ-2:5300:^1^0^H99^"));

@@ -83,6 +83,9 @@ struct TestNode {
       stored_pc41.push_back(std::string(c) + "|" + std::string(line));
     };
     d.counts_changed = [this] { ++counts_changed; };
+    d.errors = [this](int, std::string_view tag, std::string_view text) {
+      errors.push_back(std::string(tag) + ": " + std::string(text));
+    };
     net = std::make_unique<NodeNetwork>(o, std::move(d));
     net->Configure(cfg);
     streams.EnsureCapacity(32);
@@ -106,6 +109,7 @@ struct TestNode {
   std::vector<std::string> intake;
   std::set<std::string> seen_spots;
   std::vector<std::string> stored_pc41;
+  std::vector<std::string> errors;
   int counts_changed = 0;
 };
 
@@ -418,6 +422,34 @@ TEST_F(RingTest, SpotWithItsLastHopIsUsedButNotPassedOn) {
   b_->net->OnLine(21, "PC11^7010.0^Q4LAST^21-Nov-2026^2200Z^last hop^Q5USR^Q1AAA^H1^~");
   EXPECT_EQ(b_->seen_spots.size(), 1u);
   EXPECT_EQ(Count(b_->out.To(23), "Q4LAST"), 0u);
+}
+
+// A hop field that is no count never starts a spot afresh: neither what a neighbour sends
+// nor a spot in hand whose field went bad is passed on, and the decrement logs it.  A
+// neighbour's control characters do not travel on either.
+TEST_F(RingTest, SpotsTravelOnOnlyWithARealHopCountAndClean) {
+  for (const char* hop : {"h5", "H0", "H100", "~"}) {
+    b_->net->OnLine(21, std::string("PC61^7010.0^Q4BAD^21-Nov-2026^2200Z^x^Q5USR^Q1AAA^"
+                                    "198.51.100.7^") +
+                            hop + "^~");
+  }
+  Spot in_hand = LocalSpot("198.51.100.7");
+  in_hand.slots[kSlotHops] = "h5";
+  a_->net->RelaySpot(in_hand, 1);
+  EXPECT_TRUE(b_->intake.empty());
+  EXPECT_EQ(Count(b_->out.To(23), "Q4BAD"), 0u);
+  EXPECT_EQ(Count(a_->out.To(11) + a_->out.To(13), "Q4DX"), 0u);
+  EXPECT_EQ(b_->errors.size(), 4u);
+  ASSERT_EQ(a_->errors.size(), 1u);
+  EXPECT_EQ(a_->errors[0], "HopsOk: hop field = h5");
+
+  b_->net->OnLine(21,
+                  "PC61^7010.0^Q4OK^21-Nov-2026^2200Z^\a\x1b[5m cq\x04^Q5USR^Q1AAA^"
+                  "198.51.100.7^H5^~");
+  EXPECT_NE(b_->out.To(23).find("PC61^7010.0^Q4OK^21-Nov-2026^2200Z^[5m cq^Q5USR^Q1AAA^"
+                                "198.51.100.7^H4^~\r\n"),
+            std::string::npos)
+      << b_->out.To(23);
 }
 
 TEST_F(RingTest, AnnouncementReachesEveryUserOnce) {

@@ -12,6 +12,7 @@
 #include "spots/bad_lists.h"
 #include "spots/bands.h"
 #include "spots/dupes.h"
+#include "spots/dx_command.h"
 #include "spots/rate_limit.h"
 #include "tests/testlib/test_util.h"
 
@@ -166,6 +167,17 @@ TEST_F(IntakeTest, EachRefusalHasItsReasonLogAndMarker) {
       {"fields", nullptr, "PC61^14025.0^K1ABC^22-Nov-2026^0315Z^x^DL1XYZ^DB0SUE", false,
        SpotVerdict::kFieldCount, "", "", ""},
       {"fields14", nullptr, g + "^a^b^c", false, SpotVerdict::kFieldCount, "", "", ""},
+      {"nodate", nullptr, With(g, 3, "99-Foo-9999"), false, SpotVerdict::kBadDateTime,
+       "badspots/bad-22-Nov-2026.txt", "Bad Date/Time^" + With(g, 3, "99-Foo-9999"), ""},
+      {"feb31", nullptr, With(g, 3, "31-Feb-2026"), false, SpotVerdict::kBadDateTime,
+       "badspots/bad-22-Nov-2026.txt", "Bad Date/Time^" + With(g, 3, "31-Feb-2026"), ""},
+      {"longtime", nullptr, With(g, 4, "99999Z"), false, SpotVerdict::kBadDateTime,
+       "badspots/bad-22-Nov-2026.txt", "Bad Date/Time^" + With(g, 4, "99999Z"), ""},
+      {"hour25", nullptr, With(g, 4, "2561Z"), false, SpotVerdict::kBadDateTime,
+       "badspots/bad-22-Nov-2026.txt", "Bad Date/Time^" + With(g, 4, "2561Z"), ""},
+      {"pc11time", nullptr, "PC11^14025.0^K1ABC^22-Nov-2026^1260Z^x^DL1XYZ^DB0SUE^H5^~", false,
+       SpotVerdict::kBadDateTime, "badspots/bad-22-Nov-2026.txt",
+       "Bad Date/Time^PC11^14025.0^K1ABC^22-Nov-2026^1260Z^x^DL1XYZ^DB0SUE^H5^~", ""},
       {"badip", [](BadLists& l) { l.AddRefusedAddress("192.0.2.1"); }, g, false,
        SpotVerdict::kRefusedAddress, "badspotsIP/Bad-22-Nov-2026", g + " DB0SUE", "### Bad IP ###"},
       {"tor", [](BadLists& l) { l.AddTorAddress("192.0.2.1"); }, g, false, SpotVerdict::kTorAddress,
@@ -234,6 +246,23 @@ TEST_F(IntakeTest, EachRefusalHasItsReasonLogAndMarker) {
       EXPECT_NE(spot_list_.find(c.marker), std::string::npos) << spot_list_;
     }
   }
+}
+
+// Whatever path a spot took, no slot keeps a control character: a bell or an escape
+// sequence never reaches a terminal, Chr 4 never cuts a message to the front-end.
+TEST_F(IntakeTest, ControlCharactersNeverReachTheSpot) {
+  const IntakeResult r = Run(With(With(kGood, 5, "\a\x1b[2Jcq\x04 up\b\x7f"), 6, "DL1\x01XYZ"));
+  ASSERT_TRUE(r.accepted()) << VerdictName(r.verdict);
+  EXPECT_EQ(r.spot->Sentence(), With(kGood, 5, "[2Jcq up"));
+
+  const DxCommandResult dx = DxCommand(
+      "DX 7005 K2ABC \x07\x07 loud\x1b[5m \x04"
+      "cq",
+      "DL1ABC", "DB0QX", "192.0.2.7", clock_.Now());
+  ASSERT_TRUE(dx.ok);
+  EXPECT_EQ(dx.text,
+            "PC61^7005.0^K2ABC^22-Nov-2026^0315Z^loud[5m cq^DL1ABC^DB0QX^192.0.2.7^H100^~");
+  EXPECT_TRUE(Run(dx.text, true).accepted());
 }
 
 TEST_F(IntakeTest, LocalUserIsToldOnlyAboutAnInvalidDxCall) {
