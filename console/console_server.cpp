@@ -16,7 +16,7 @@
 #include "console/console_api.h"
 #include "console/console_metrics.h"
 #include "console/console_web_assets.h"
-#include "console/sha256.h"
+#include "core/sha256.h"
 #include "core/text_util.h"
 
 namespace qx {
