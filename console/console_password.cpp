@@ -6,8 +6,8 @@
 
 #include <cstdio>
 
-#include "core/sha256.h"
 #include "core/file_util.h"
+#include "core/sha256.h"
 #include "core/text_util.h"
 
 namespace qx {

@@ -253,8 +253,8 @@ class FrontendLink : private LinkArrival::Sink {
   boost::asio::steady_timer qrv_timer_;
   boost::asio::steady_timer watchdog_timer_;
   boost::asio::steady_timer proof_timer_;
-  std::string challenge_;   // the front-end's nonce from AA39
-  std::string our_nonce_;   // the nonce sent with our proof; empty until then
+  std::string challenge_;                // the front-end's nonce from AA39
+  std::string our_nonce_;                // the nonce sent with our proof; empty until then
   bool proof_failure_reported_ = false;  // once per run of failures
   // False from a connect until the front-end's proof has arrived.  True before the first
   // connect, so that tests and benchmarks can hand records to Arrive() without a socket.

@@ -57,8 +57,7 @@ LinkSecret ReadExisting(const std::filesystem::path& file) {
   }
   if ((st.st_mode & 077) != 0) {
     if (::fchmod(fd, 0600) != 0) {
-      s.error = file.string() + " may be read by others and cannot be made private: " +
-                ErrnoText();
+      s.error = file.string() + " may be read by others and cannot be made private: " + ErrnoText();
       ::close(fd);
       return s;
     }
@@ -100,8 +99,7 @@ LinkSecret LoadOrCreateLinkSecret(const std::filesystem::path& dir) {
   // Exclusive creation decides a race between the two programs: exactly one creates the
   // file, the other sees it exist and reads it.  O_NOFOLLOW and O_EXCL refuse a symbolic
   // link planted in its place.
-  const int fd =
-      ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) {
     if (errno == EEXIST) return ReadExisting(file);
     LinkSecret s;

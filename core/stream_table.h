@@ -50,8 +50,8 @@ enum class LoginStage : uint8_t {
 struct StreamEntry {
   std::string call;  // set by the log-in or "AA16"; "T/O" after a time-out
   int state = kStateFree;
-  int64_t tag = 0;               // the front-end's tag, echoed in every message to the stream
-  std::string attribute;         // "AA04" text
+  int64_t tag = 0;        // the front-end's tag, echoed in every message to the stream
+  std::string attribute;  // "AA04" text
   // What the node gave the front-end to keep with the stream (SetStreamAttributes), as the
   // front-end reported it back after a node restart ("AA38").
   std::string frontend_attributes;

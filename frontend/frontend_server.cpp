@@ -728,9 +728,8 @@ void FrontendServer::Impl::ReportStreams(const NodeLinkPtr& link) {
   AppendStreamList(link->queued, streams);
   for (int s : streams) {
     Connection& c = *by_stream_[s];
-    AppendStreamReport(
-        link->queued,
-        StreamReport{c.tag, c.stream, c.peer, c.port_index, c.call, c.state, c.kind, c.attributes});
+    AppendStreamReport(link->queued, StreamReport{c.tag, c.stream, c.peer, c.port_index, c.call,
+                                                  c.state, c.kind, c.attributes});
     c.announced_session = link->session;
   }
   const bool first = !link->ready;
@@ -754,8 +753,7 @@ void FrontendServer::Impl::ReportStreams(const NodeLinkPtr& link) {
   ScheduleFlush();
 }
 
-void FrontendServer::Impl::HandleCandidateMessage(const NodeLinkPtr& link,
-                                                  const NodeMessage& m) {
+void FrontendServer::Impl::HandleCandidateMessage(const NodeLinkPtr& link, const NodeMessage& m) {
   if (m.kind == NodeMessageKind::kGreeting && link->challenge.empty()) {
     link->challenge = MakeLinkNonce();
     if (link->challenge.empty()) {
@@ -779,10 +777,10 @@ void FrontendServer::Impl::HandleCandidateMessage(const NodeLinkPtr& link,
     PromoteCandidate(link, m.text);
     return;
   }
-  RefuseCandidate(link, m.kind == NodeMessageKind::kMalformed
-                            ? "unreadable message before proving itself (" +
-                                  std::string(m.error) + ")"
-                            : std::string("unexpected message before proving itself"));
+  RefuseCandidate(link,
+                  m.kind == NodeMessageKind::kMalformed
+                      ? "unreadable message before proving itself (" + std::string(m.error) + ")"
+                      : std::string("unexpected message before proving itself"));
 }
 
 void FrontendServer::Impl::PromoteCandidate(const NodeLinkPtr& link, std::string_view node_nonce) {
@@ -819,8 +817,7 @@ void FrontendServer::Impl::LogRefusal(std::string_view peer, std::string_view re
 
 void FrontendServer::Impl::CloseLink(const NodeLinkPtr& link, std::string_view reason) {
   if (!link->proven) {
-    RefuseCandidate(link, reason == "closed by the node" ? "closed before proving itself"
-                                                         : reason);
+    RefuseCandidate(link, reason == "closed by the node" ? "closed before proving itself" : reason);
     return;
   }
   if (link->closed) return;

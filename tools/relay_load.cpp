@@ -151,8 +151,8 @@ int main(int argc, char** argv) {
     return !challenge.empty();
   });
   const std::string nonce = qx::MakeLinkNonce();
-  SendOnLink(link, "4\x03" + nonce + "\x03" + qx::NodeLinkProof(secret.key, challenge, nonce) +
-                       "\x04");
+  SendOnLink(link,
+             "4\x03" + nonce + "\x03" + qx::NodeLinkProof(secret.key, challenge, nonce) + "\x04");
   reader.ReadUntil([](const std::string& r) { return r.starts_with("QRV "); });
   SendOnLink(link, "8270");
   size_t reports_left = 0;

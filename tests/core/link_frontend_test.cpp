@@ -639,9 +639,20 @@ TEST_F(LinkSocketTest, StreamTextCannotEndItsMessageEarlyAndAttributesAreFramed)
   link_->SendToStreamNo(5, "x\x04y\x03z\r\n");
   link_->SetStreamAttributes(5, "priv^9\x04\r\n" + std::string(300, 'a'));
   link_->SetStreamAttributes(6, "free stream");
-  const std::string expected = std::string("0\x03" "5\x03" "xy\x03z\r\n\x03" "17\x04") +
-                               "5\x03" "5\x03" "priv9" + std::string(251, 'a') + "\x03" "17\x04";
-  ASSERT_TRUE(Received(fe, "17\x04" "5"));
+  const std::string expected = std::string(
+                                   "0\x03"
+                                   "5\x03"
+                                   "xy\x03z\r\n\x03"
+                                   "17\x04") +
+                               "5\x03"
+                               "5\x03"
+                               "priv9" +
+                               std::string(251, 'a') +
+                               "\x03"
+                               "17\x04";
+  ASSERT_TRUE(Received(fe,
+                       "17\x04"
+                       "5"));
   ASSERT_TRUE(Received(fe, expected));
   RunFor(50ms);
   EXPECT_EQ(fe.received(), expected);

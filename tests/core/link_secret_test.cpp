@@ -80,8 +80,8 @@ TEST(LinkSecretTest, AFileBeingWrittenIsWaitedForAndABadOneRefused) {
   writer.join();
   EXPECT_EQ(s.key, std::string(32, '\xaa'));
 
-  for (const char* bad : {"not a key at all, but long enough to be one if it were hex....\n",
-                          "abcd\n"}) {
+  for (const char* bad :
+       {"not a key at all, but long enough to be one if it were hex....\n", "abcd\n"}) {
     testing::WriteFile(file, bad);
     const LinkSecret b = LoadOrCreateLinkSecret(dir.path());
     EXPECT_FALSE(b.usable());

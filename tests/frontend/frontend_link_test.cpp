@@ -246,9 +246,9 @@ TEST_F(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
 
   LineClient node2;
   EXPECT_EQ(ConnectNode(node2), "AA01^1^1");
-  EXPECT_EQ(WaitRecord(node2, "AA38^"),
-            "AA38^" + tag + "^1^127.0.0.1:" + std::to_string(LocalPort(client)) +
-                "^0^G4ABC^5^in^priv=9");
+  EXPECT_EQ(
+      WaitRecord(node2, "AA38^"),
+      "AA38^" + tag + "^1^127.0.0.1:" + std::to_string(LocalPort(client)) + "^0^G4ABC^5^in^priv=9");
   EXPECT_EQ(WaitRecord(node2, "AA00^"), "AA00^1^sh/dx\r\n");
   // The order is fixed: challenge, announcement, list, reports, then held input.
   const auto records = Records(node2.received());
