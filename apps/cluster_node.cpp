@@ -8,6 +8,7 @@
 
 #include "apps/node_console.h"
 #include "core/file_util.h"
+#include "core/link_secret.h"
 #include "core/process_launcher.h"
 #include "core/text_util.h"
 #include "spots/call_sign.h"
@@ -308,6 +309,17 @@ bool ClusterNode::Start(std::string* error) {
   link_options.host = config_.Get("Winsock IP");
   link_options.port = config_.Get("Winsock Port");
   link_options.debug = options_.debug;
+  // The secret both programs prove at link-up; whichever starts first creates it.
+  LinkSecret secret = LoadOrCreateLinkSecret(dir_.home());
+  for (const std::string& note : secret.notes) {
+    log_.Write("LinkSecret", note);
+    monitor_.Console(note);
+  }
+  if (!secret.usable()) {
+    log_.Write("LinkSecret", secret.error);
+    monitor_.Console("No usable link secret, the front-end link cannot come up: " + secret.error);
+  }
+  link_options.secret = std::move(secret.key);
   link_ =
       std::make_unique<FrontendLink>(io_, streams_, log_, monitor_, clock_, *this, link_options);
   link_->set_on_unreachable([this] { return StartFrontEnd(); });
@@ -384,6 +396,10 @@ void ClusterNode::CloseStream(int stream) {
 
 void ClusterNode::SetStreamIdentity(int stream, std::string_view call, int state) {
   if (link_) link_->SetStreamIdentity(stream, call, state);
+}
+
+void ClusterNode::SetStreamAttributes(int stream, std::string_view text) {
+  if (link_) link_->SetStreamAttributes(stream, text);
 }
 
 // LinkEvents -------------------------------------------------------------------------

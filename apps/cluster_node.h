@@ -69,6 +69,7 @@ class ClusterNode final : public LinkEvents,
   void SendToStream(int stream, std::string_view text) override;
   void CloseStream(int stream) override;
   void SetStreamIdentity(int stream, std::string_view call, int state) override;
+  void SetStreamAttributes(int stream, std::string_view text) override;
 
   // CommandServices
   std::string EnterSpot(int stream, std::string_view line, bool test_only) override;

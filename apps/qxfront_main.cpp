@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "core/file_util.h"
+#include "core/link_secret.h"
 #include "core/text_util.h"
 #include "frontend/front_log.h"
 #include "frontend/frontend_server.h"
@@ -27,7 +28,8 @@ constexpr std::string_view kUsage =
     "\n"
     "Reads DIR/cluster.cfg (keys \"Winsock IP\", \"Winsock Port\", \"Frontend Ports\",\n"
     "\"Station Text\"), waits for the node's link on Winsock IP:Port and accepts users and\n"
-    "nodes on every Frontend Ports port.\n"
+    "nodes on every Frontend Ports port.  Only a node that proves it knows the secret in\n"
+    "DIR/link.key (made by whichever of qxfront and qxcluster starts first) gets the link.\n"
     "  --output-limit BYTES  output queued for one connection before it is closed\n"
     "                        (default 1048576)\n";
 
@@ -80,6 +82,10 @@ int main(int argc, char** argv) {
   qx::FrontendOptions options;
   options.settings = std::move(read.settings);
   if (output_limit > 0) options.output_limit = static_cast<size_t>(output_limit);
+  qx::LinkSecret secret = qx::LoadOrCreateLinkSecret(home);
+  for (const auto& note : secret.notes) qx::FrontLog(note);
+  if (!secret.usable()) qx::FrontLogError("Link secret: " + secret.error);
+  options.link_secret = std::move(secret.key);
   qx::FrontLog(std::string("qxfront ") + QX_VERSION + " starting");
 
   boost::asio::io_context io(1);

@@ -20,6 +20,7 @@ class CountingOutput : public qx::StreamOutput {
   void SendToStream(int, std::string_view text) override { bytes += text.size(); }
   void CloseStream(int) override {}
   void SetStreamIdentity(int, std::string_view, int) override {}
+  void SetStreamAttributes(int, std::string_view) override {}
   size_t bytes = 0;
 };
 

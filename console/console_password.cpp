@@ -6,8 +6,8 @@
 
 #include <cstdio>
 
-#include "console/sha256.h"
 #include "core/file_util.h"
+#include "core/sha256.h"
 #include "core/text_util.h"
 
 namespace qx {
@@ -18,23 +18,6 @@ constexpr size_t kSaltBytes = 16;
 constexpr size_t kHashBytes = 32;
 
 }  // namespace
-
-std::string RandomBytes(size_t n) {
-  std::string out(n, '\0');
-  const int fd = ::open("/dev/urandom", O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return {};
-  size_t got = 0;
-  while (got < n) {
-    const ssize_t r = ::read(fd, out.data() + got, n - got);
-    if (r <= 0) {
-      ::close(fd);
-      return {};
-    }
-    got += size_t(r);
-  }
-  ::close(fd);
-  return out;
-}
 
 std::string MakeRandomPassword() {
   // 32 symbols: 5 bits each, 16 characters = 80 bits.

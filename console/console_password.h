@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/random_bytes.h"
+
 namespace qx {
 
 struct PasswordHash {
@@ -19,8 +21,6 @@ struct PasswordHash {
 
 constexpr uint32_t kDefaultKdfIterations = 200'000;
 
-// n bytes from /dev/urandom; empty when it cannot be read.
-std::string RandomBytes(size_t n);
 // A password a sysop can type: 16 characters from an alphabet without look-alikes.
 std::string MakeRandomPassword();
 

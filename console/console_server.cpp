@@ -17,7 +17,7 @@
 #include "console/console_metrics.h"
 #include "console/console_web_assets.h"
 #include "console/login_throttle.h"
-#include "console/sha256.h"
+#include "core/sha256.h"
 #include "core/text_util.h"
 
 namespace qx {

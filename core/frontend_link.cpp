@@ -7,6 +7,8 @@
 #include <charconv>
 #include <cstdio>
 
+#include "core/link_secret.h"
+#include "core/sha256.h"
 #include "core/text_util.h"
 
 namespace qx {
@@ -31,6 +33,17 @@ constexpr size_t kMaxLineCarry = 8192;
 constexpr int kQuickRetries = 20;  // 5 s of quarter-second retries after starting the front-end
 constexpr std::string_view kAwaitingCall = "    *    ";
 constexpr std::string_view kHeading = "DataArrival";
+constexpr size_t kMaxAttributes = 256;
+
+// Text for the front-end to keep: no "^" or control characters, at most 256 bytes.
+std::string CleanAttributes(std::string_view text) {
+  std::string out;
+  for (unsigned char c : text) {
+    if (out.size() >= kMaxAttributes) break;
+    if (c != '^' && c >= 0x20 && c != 0x7f) out.push_back(static_cast<char>(c));
+  }
+  return out;
+}
 
 void AppendInt(std::string& out, long long value) {
   char buf[24];
@@ -83,7 +96,8 @@ FrontendLink::FrontendLink(asio::io_context& io, StreamTable& table, ErrorLog& l
       retry_timer_(io),
       connect_timer_(io),
       qrv_timer_(io),
-      watchdog_timer_(io) {
+      watchdog_timer_(io),
+      proof_timer_(io) {
   for (auto& b : read_buffers_) b.resize(std::max<size_t>(options_.read_size, 512));
   fields_.reserve(16);
   out_.reserve(64 * 1024);
@@ -106,6 +120,12 @@ void FrontendLink::OnRecord(std::string_view record) {
     ~Leave() { --depth; }
   } leave{dispatch_depth_};
 
+  if (!peer_proven_) {
+    // Records from a connection whose front-end has not proved itself, or has failed to
+    // (the rest of the arrival that held the failure), are never acted on.
+    if (state_ == State::kProving) HandleProofRecord(record);
+    return;
+  }
   const std::string_view code = record.substr(0, 4);
   if (code == "AA00") {
     HandleData(record);
@@ -400,7 +420,7 @@ void FrontendLink::HandleReport(std::string_view record) {
 }
 
 void FrontendLink::HandleRecovery(std::string_view record) {
-  // "AA38^<tag>^<stream>^<peer>^<port index>^<call>^<state>^<kind>"
+  // "AA38^<tag>^<stream>^<peer>^<port index>^<call>^<state>^<kind>^<attributes>"
   SplitInto(record, '^', fields_);
   if (fields_.size() < 3) return;
   const auto field = [&](size_t i) { return i < fields_.size() ? fields_[i] : std::string_view{}; };
@@ -422,6 +442,7 @@ void FrontendLink::HandleRecovery(std::string_view record) {
   entry.call.assign(field(5));
   entry.state = ParseIntOr(field(6), kStateFree);
   entry.connection_label.assign(LabelOfKind(field(7)));
+  entry.frontend_attributes.assign(field(8));
   entry.since = clock_.Now();
   const bool node_or_feed = entry.state > kStateUserLast;
   if (entry.IsUser() || node_or_feed) entry.login_stage = LoginStage::kLoggedIn;
@@ -463,11 +484,12 @@ void FrontendLink::HandleTimedOut(std::string_view record) {
 }
 
 void FrontendLink::HandleAnnouncement(std::string_view record) {
-  // "QRV <station>^<version>"
+  // "QRV <station>^<version>^<proof>"; the proof has been checked before this is called.
   const size_t caret = record.find('^');
   if (caret != std::string_view::npos) {
     frontend_station_.assign(caret > 4 ? record.substr(4, caret - 4) : std::string_view{});
-    frontend_version_.assign(record.substr(caret + 1));
+    const std::string_view rest = record.substr(caret + 1);
+    frontend_version_.assign(rest.substr(0, rest.find('^')));
   } else {
     frontend_version_ = "2.xx";
     if (record.size() > 12) frontend_station_.assign(record.substr(4));
@@ -479,6 +501,75 @@ void FrontendLink::HandleAnnouncement(std::string_view record) {
     if (ec || alive.expired() || gen != generation_) return;
     SendRaw("8270");
   });
+}
+
+void FrontendLink::HandleProofRecord(std::string_view record) {
+  if (record.starts_with("AA39^") && our_nonce_.empty()) {
+    // "AA39^<nonce>": the front-end's challenge.  The answer proves that this node knows
+    // the secret and brings a nonce of ours for the front-end's own proof.
+    const std::string_view challenge = record.substr(5);
+    if (options_.secret.empty()) {
+      ProofFailed("there is no usable link secret here (link.key)");
+      return;
+    }
+    if (!ValidLinkNonce(challenge)) {
+      ProofFailed("the front-end's challenge is not a nonce");
+      return;
+    }
+    challenge_.assign(challenge);
+    our_nonce_ = MakeLinkNonce();
+    if (our_nonce_.empty()) {
+      ProofFailed("no random bytes for a nonce");
+      return;
+    }
+    std::string message = "4";
+    message.push_back(kElement);
+    message += our_nonce_;
+    message.push_back(kElement);
+    message += NodeLinkProof(options_.secret, challenge_, our_nonce_);
+    message.push_back(kMessageEnd);
+    QueueHandshake(message);
+    return;
+  }
+  if (record.starts_with("QRV") && !our_nonce_.empty()) {
+    // "QRV <station>^<version>^<proof>": the proof is the last field.
+    const size_t caret = record.rfind('^');
+    const std::string_view proof =
+        caret == std::string_view::npos ? std::string_view{} : record.substr(caret + 1);
+    if (!ConstantTimeEquals(FrontLinkProof(options_.secret, our_nonce_, challenge_), proof)) {
+      ProofFailed("the front-end could not prove it knows the link secret");
+      return;
+    }
+    LinkProven();
+    HandleAnnouncement(record);
+    return;
+  }
+  std::string what = "the front-end sent \"";
+  what += record.substr(0, 4);
+  what += "\" before proving it knows the link secret";
+  ProofFailed(what);
+}
+
+void FrontendLink::ProofFailed(std::string_view reason) {
+  if (!proof_failure_reported_) {
+    // Once per run of failures: a stranger on the link port would fill the log otherwise.
+    proof_failure_reported_ = true;
+    log_.Write("WinsockCluster_Error", std::string(reason) + "; closing the link, will retry");
+    monitor_.Console("Front-end link refused: " + std::string(reason));
+  }
+  CloseSocket();
+  ScheduleRetry();
+}
+
+void FrontendLink::LinkProven() {
+  state_ = State::kConnected;
+  peer_proven_ = true;
+  proof_timer_.cancel();
+  outage_reported_ = false;
+  proof_failure_reported_ = false;
+  overflow_reported_ = false;
+  monitor_.Console("Winsock Connected");
+  events_.OnLinkUp();
 }
 
 void FrontendLink::HandleStreamEvent(std::string_view record) {
@@ -555,7 +646,9 @@ void FrontendLink::Start() {
 }
 
 void FrontendLink::Connect() {
-  if (state_ == State::kConnected || state_ == State::kConnecting) return;
+  if (state_ == State::kConnected || state_ == State::kConnecting || state_ == State::kProving) {
+    return;
+  }
   retry_timer_.cancel();
   StartConnect();
 }
@@ -583,8 +676,11 @@ void FrontendLink::CloseSocket() {
   resolver_.cancel();
   connect_timer_.cancel();
   qrv_timer_.cancel();
+  proof_timer_.cancel();
   socket_.close(ignored);
   state_ = State::kIdle;
+  challenge_.clear();
+  our_nonce_.clear();
   // A new connection starts on a record boundary; what was half received or not yet
   // written belongs to the old one.
   arrival_.Reset();
@@ -625,17 +721,22 @@ void FrontendLink::StartConnect() {
 }
 
 void FrontendLink::OnConnected() {
-  state_ = State::kConnected;
-  outage_reported_ = false;
+  // Connected, but not yet to a front-end known to hold the secret: the link is up only
+  // once its proof has arrived (LinkProven).
+  state_ = State::kProving;
+  peer_proven_ = false;
   quick_retries_ = 0;
-  overflow_reported_ = false;
   boost::system::error_code ignored;
   socket_.set_option(tcp::no_delay(true), ignored);
   arrival_.Reset();
-  SendRaw("QX Cluster");
-  monitor_.Console("Winsock Connected");
+  QueueHandshake("QX Cluster");
   StartRead(walking_[0] ? 1 : 0);
-  events_.OnLinkUp();
+  proof_timer_.expires_after(options_.proof_timeout);
+  std::weak_ptr<int> alive = alive_;
+  proof_timer_.async_wait([this, alive, gen = generation_](const boost::system::error_code& ec) {
+    if (ec || alive.expired() || gen != generation_ || state_ != State::kProving) return;
+    ProofFailed("the front-end did not prove it knows the link secret in time");
+  });
 }
 
 void FrontendLink::OnConnectFailed(const boost::system::error_code& ec) {
@@ -651,6 +752,13 @@ void FrontendLink::OnConnectFailed(const boost::system::error_code& ec) {
 }
 
 void FrontendLink::LinkLost(const boost::system::error_code& ec) {
+  if (state_ == State::kProving) {
+    // A front-end closes a node whose proof it does not accept: most likely link.key
+    // differs between the two programs' directories.
+    ProofFailed("the front-end closed the link during the handshake (" + ec.message() +
+                "); do both programs use the same link.key?");
+    return;
+  }
   if (state_ != State::kConnected) return;
   log_.Write("WinsockCluster_Close", ec.message());
   CloseSocket();
@@ -749,7 +857,8 @@ void FrontendLink::Queued() {
 }
 
 void FrontendLink::Flush() {
-  if (write_in_flight_ || out_.empty() || state_ != State::kConnected) return;
+  if (write_in_flight_ || out_.empty()) return;
+  if (state_ != State::kConnected && state_ != State::kProving) return;
   std::swap(out_, writing_);
   out_.clear();
   write_in_flight_ = true;
@@ -781,6 +890,11 @@ void FrontendLink::SendRaw(std::string_view text) {
   Queued();
 }
 
+void FrontendLink::QueueHandshake(std::string_view bytes) {
+  out_.append(bytes);
+  Queued();
+}
+
 void FrontendLink::SendToWinsockQuiet(std::string_view message) {
   if (!CanQueue(message.size() + 1)) return;
   out_.append(message);
@@ -806,7 +920,15 @@ void FrontendLink::QueueStreamText(int stream, std::string_view text) {
   out_.push_back(kElement);
   AppendInt(out_, stream);
   out_.push_back(kElement);
-  out_.append(text);
+  if (text.find(kMessageEnd) == std::string_view::npos) {
+    out_.append(text);
+  } else {
+    // Chr 4 ends a message; one inside the text would cut it short and make the rest a
+    // message of its own.  Chr 3 may stay: the text runs up to the last element.
+    for (char c : text) {
+      if (c != kMessageEnd) out_.push_back(c);
+    }
+  }
   out_.push_back(kElement);
   AppendInt(out_, table_.at(stream).tag);
   out_.push_back(kMessageEnd);
@@ -858,6 +980,23 @@ void FrontendLink::SetStreamIdentity(int stream, std::string_view call, int stat
   out_.append(call);
   out_.push_back(kElement);
   AppendInt(out_, state);
+  out_.push_back(kElement);
+  AppendInt(out_, table_.at(stream).tag);
+  out_.push_back(kMessageEnd);
+  Queued();
+}
+
+void FrontendLink::SetStreamAttributes(int stream, std::string_view text) {
+  const std::string clean = CleanAttributes(text);
+  if (!table_.InRange(stream) || table_.at(stream).state == kStateFree ||
+      !CanQueue(clean.size() + 48)) {
+    return;
+  }
+  out_.push_back('5');
+  out_.push_back(kElement);
+  AppendInt(out_, stream);
+  out_.push_back(kElement);
+  out_.append(clean);
   out_.push_back(kElement);
   AppendInt(out_, table_.at(stream).tag);
   out_.push_back(kMessageEnd);

@@ -7,6 +7,13 @@
 // command interpreter, node protocol) hear about streams through LinkEvents; the link never
 // calls them for anything but the stream named in the record, and it sets the current stream
 // before each per-stream call.
+//
+// The front-end must prove that it knows the link secret (link.key) before the node tells it
+// anything: after the greeting it challenges the node ("AA39"), the node answers with its
+// own proof and nonce (message "4"), and the front-end's "QRV" carries its proof in turn.
+// Until that proof has arrived the link counts as down: nothing but the handshake is sent,
+// every other record is refused, and a missing or wrong proof closes the connection and
+// tries again later.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -34,7 +41,7 @@ class LinkEvents {
  public:
   virtual ~LinkEvents() = default;
 
-  // The link to the front-end is up ("QX Cluster" has been queued) or has gone away.  The
+  // The link to the front-end is up (the front-end has proved itself) or has gone away.  The
   // stream table is kept when the link goes down: the front-end keeps the connections.
   virtual void OnLinkUp() {}
   virtual void OnLinkDown() {}
@@ -75,6 +82,10 @@ struct FrontendLinkOptions {
   // After a failed connect or a lost link the link tries again by itself this often.
   std::chrono::milliseconds retry_interval{5000};
   std::chrono::milliseconds connect_timeout{5000};
+  // The 32 bytes of link.key.  Without them no front-end can be proved, so none is used.
+  std::string secret;
+  // A front-end that has not proved itself this long after the connect is left.
+  std::chrono::milliseconds proof_timeout{10000};
   // The front-end's announcement is answered after this pause.
   std::chrono::milliseconds qrv_reply_delay{250};
   // Run the busy watchdog from the link's own once-a-second timer.  Off when the owner's
@@ -119,6 +130,7 @@ class FrontendLink : private LinkArrival::Sink {
   void Restart();
   // Closes the link for good (shut-down); nothing is retried.
   void Stop();
+  // Connected to a front-end that has proved itself.
   bool connected() const { return state_ == State::kConnected; }
 
   // The data-arrival entry: the socket reader calls it with every read.  Public so that
@@ -130,7 +142,8 @@ class FrontendLink : private LinkArrival::Sink {
   // Text for the current stream; it carries its own CR LF line ends.  Nothing is sent for
   // empty text, for stream 0, or while the link is down.  Nothing is sent to a free stream
   // either (its tag would match whatever connection gets the number next); the same holds
-  // for CloseStream and SetStreamIdentity.
+  // for CloseStream and SetStreamIdentity.  Chr 4 would end the message early, so it is
+  // left out of the text.
   void SendToStream(std::string_view text);
   void SendToStreamNo(int stream, std::string_view text);
   // A link-control message: text and Chr 4; the echo variant also shows it on the console.
@@ -145,6 +158,10 @@ class FrontendLink : private LinkArrival::Sink {
   void OpenOutgoing(std::string_view host, int port, std::string_view label);
   // Tells the front-end the stream's call and state, which it reports back after a restart.
   void SetStreamIdentity(int stream, std::string_view call, int state);
+  // Gives the front-end a short text to keep with the stream and report back after a
+  // restart (AA38's last field, StreamEntry::frontend_attributes).  "^" and control
+  // characters are left out and the text is cut to 256 bytes, as the front-end would.
+  void SetStreamAttributes(int stream, std::string_view text);
 
   // What the front-end said about itself ("QRV").
   const std::string& frontend_station() const { return frontend_station_; }
@@ -164,7 +181,8 @@ class FrontendLink : private LinkArrival::Sink {
   uint64_t keepalives() const { return keepalives_; }
 
  private:
-  enum class State { kIdle, kConnecting, kConnected, kStopped };
+  // kProving: connected, waiting for the front-end to prove that it knows the secret.
+  enum class State { kIdle, kConnecting, kProving, kConnected, kStopped };
 
   // LinkArrival::Sink
   void OnRecord(std::string_view record) override;
@@ -184,6 +202,10 @@ class FrontendLink : private LinkArrival::Sink {
   void HandleAnnouncement(std::string_view record);    // QRV
   void HandleStreamEvent(std::string_view record);     // AA03
   void HandleOutgoingFailed(std::string_view record);  // AA19
+  // Before the front-end has proved itself: AA39 and QRV, nothing else.
+  void HandleProofRecord(std::string_view record);
+  void ProofFailed(std::string_view reason);
+  void LinkProven();
 
   // The stream number in field, or 0 (logged) when it is not one.  A number above
   // HighSocket grows the table.
@@ -213,6 +235,8 @@ class FrontendLink : private LinkArrival::Sink {
   void Queued();
   void Flush();
   void QueueStreamText(int stream, std::string_view text);
+  // Handshake output, which goes out while the front-end is still to prove itself.
+  void QueueHandshake(std::string_view bytes);
 
   boost::asio::io_context& io_;
   StreamTable& table_;
@@ -231,6 +255,13 @@ class FrontendLink : private LinkArrival::Sink {
   boost::asio::steady_timer connect_timer_;
   boost::asio::steady_timer qrv_timer_;
   boost::asio::steady_timer watchdog_timer_;
+  boost::asio::steady_timer proof_timer_;
+  std::string challenge_;                // the front-end's nonce from AA39
+  std::string our_nonce_;                // the nonce sent with our proof; empty until then
+  bool proof_failure_reported_ = false;  // once per run of failures
+  // False from a connect until the front-end's proof has arrived.  True before the first
+  // connect, so that tests and benchmarks can hand records to Arrive() without a socket.
+  bool peer_proven_ = true;
   State state_ = State::kIdle;
   uint64_t generation_ = 0;  // one per connection attempt; stale completions are ignored
   bool outage_reported_ = false;

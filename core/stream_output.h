@@ -15,6 +15,9 @@ class StreamOutput {
   virtual void CloseStream(int stream) = 0;
   // Tells the front-end who is on the stream, so a restarted node can recover it.
   virtual void SetStreamIdentity(int stream, std::string_view call, int state) = 0;
+  // A short text the front-end keeps with the stream and reports back after a node restart
+  // (StreamEntry::frontend_attributes).
+  virtual void SetStreamAttributes(int stream, std::string_view text) = 0;
 };
 
 }  // namespace qx

@@ -51,8 +51,11 @@ enum class LoginStage : uint8_t {
 struct StreamEntry {
   std::string call;  // set by the log-in or "AA16"; "T/O" after a time-out
   int state = kStateFree;
-  int64_t tag = 0;               // the front-end's tag, echoed in every message to the stream
-  std::string attribute;         // "AA04" text
+  int64_t tag = 0;        // the front-end's tag, echoed in every message to the stream
+  std::string attribute;  // "AA04" text
+  // What the node gave the front-end to keep with the stream (SetStreamAttributes), as the
+  // front-end reported it back after a node restart ("AA38").
+  std::string frontend_attributes;
   std::string peer_address;      // "ip:port" as the front-end reported it
   int port_index = 0;            // front-end listening port index (0..8; 9 = outgoing)
   std::string connection_label;  // outgoing connection's name, "" for inbound

@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "core/link_secret.h"
+#include "core/sha256.h"
 #include "frontend/front_log.h"
 #include "frontend/input_filter.h"
 #include "frontend/link_records.h"
@@ -32,6 +34,9 @@ constexpr size_t kLinkLowWater = 4 * 1024 * 1024;
 // Bytes of node messages handled before the gathered output is written out.
 constexpr size_t kLinkReadBatch = 4 * 1024 * 1024;
 constexpr size_t kLinkReadChunk = 256 * 1024;
+// A connection on the link port that has not proved itself has nothing long to say.
+constexpr size_t kCandidateMaxMessage = 1024;
+constexpr size_t kCandidateReadChunk = 4096;
 // A buffer grown beyond this by a burst is given back once it is empty.
 constexpr size_t kKeepCapacity = 256 * 1024;
 constexpr auto kLingerAfterClose = std::chrono::seconds(5);
@@ -66,6 +71,7 @@ struct Connection {
   std::string peer;
   std::string call;
   int state = 0;
+  std::string attributes;  // the node's text for the stream, reported back in AA38
   InputAssembler assembler;
   HeldInput held;
   std::string queued;   // output waiting for the socket
@@ -84,14 +90,20 @@ struct Connection {
 };
 using ConnectionPtr = std::shared_ptr<Connection>;
 
+// A connection on the link port.  It starts as a candidate (proven false), kept apart from
+// the live link, and becomes the link only when it has proved that it knows the secret.
 struct NodeLink {
-  explicit NodeLink(tcp::socket s) : socket(std::move(s)) {}
+  explicit NodeLink(tcp::socket s) : socket(std::move(s)), proof_timer(socket.get_executor()) {}
   tcp::socket socket;
+  asio::steady_timer proof_timer;
   NodeMessageParser parser;
+  std::string peer;
   std::string queued;
   std::string writing;
+  std::string challenge;  // the nonce sent in AA39; empty until the greeting
   uint64_t session = 0;
   bool write_active = false;
+  bool proven = false;
   bool ready = false;  // the node has asked for the open streams
   bool closed = false;
 };
@@ -147,6 +159,10 @@ class FrontendServer::Impl {
   void OnLinkRead(const NodeLinkPtr& link, error_code ec, size_t n);
   bool HandleNodeMessages(const NodeLinkPtr& link);
   void HandleNodeMessage(const NodeLinkPtr& link, const NodeMessage& m);
+  void HandleCandidateMessage(const NodeLinkPtr& link, const NodeMessage& m);
+  void PromoteCandidate(const NodeLinkPtr& link, std::string_view node_nonce);
+  void RefuseCandidate(const NodeLinkPtr& link, std::string_view reason);
+  void LogRefusal(std::string_view peer, std::string_view reason);
   void ReportStreams(const NodeLinkPtr& link);
   void CloseLink(const NodeLinkPtr& link, std::string_view reason);
   void StartLinkWrite(const NodeLinkPtr& link);
@@ -167,6 +183,7 @@ class FrontendServer::Impl {
   asio::steady_timer keep_alive_timer_;
   std::vector<std::shared_ptr<asio::steady_timer>> retry_timers_;
   NodeLinkPtr link_;
+  std::vector<NodeLinkPtr> candidates_;  // link port connections still to prove themselves
   uint64_t link_sessions_ = 0;
   StreamNumbers numbers_;
   std::vector<ConnectionPtr> by_stream_{nullptr};
@@ -206,6 +223,9 @@ bool FrontendServer::Impl::Start() {
     return false;
   }
   FrontLog("Listening for the node link on " + PeerText(link_ep));
+  if (options_.link_secret.empty()) {
+    FrontLogError("No usable link secret: every node link will be refused");
+  }
 
   for (size_t i = 0; i < s.user_ports.size(); ++i) {
     const tcp::endpoint ep(tcp::v4(), static_cast<unsigned short>(s.user_ports[i]));
@@ -243,6 +263,12 @@ void FrontendServer::Impl::Stop() {
     link_->socket.close(ec);
     link_.reset();
   }
+  for (auto& l : candidates_) {
+    l->closed = true;
+    l->proof_timer.cancel();
+    l->socket.close(ec);
+  }
+  candidates_.clear();
   for (auto& c : by_stream_) {
     if (!c) continue;
     c->closed = true;
@@ -566,18 +592,35 @@ void FrontendServer::Impl::OnLinkAccepted(tcp::socket socket) {
     socket.close(ec);
     return;
   }
-  // A node that restarts may leave its old link half-open; the newest link always wins.
-  if (link_) CloseLink(link_, "replaced by a new node link from " + PeerText(remote));
+  const std::string peer = PeerText(remote);
+  // Any local process can connect here; until it proves that it knows the link secret it
+  // is only a candidate and never touches the live link or the users behind it.
+  if (options_.link_secret.empty() || candidates_.size() >= options_.max_link_candidates) {
+    socket.close(ec);
+    ++counters.links_refused;
+    LogRefusal(peer, options_.link_secret.empty() ? "this front-end has no usable link secret"
+                                                  : "too many connections waiting to prove "
+                                                    "themselves");
+    return;
+  }
   socket.set_option(tcp::no_delay(true), ec);
   socket.non_blocking(true, ec);
-  link_ = std::make_shared<NodeLink>(std::move(socket));
-  link_->session = ++link_sessions_;
-  FrontLog("Node link open from " + PeerText(remote));
-  ReadLink(link_);
+  auto link = std::make_shared<NodeLink>(std::move(socket));
+  link->peer = peer;
+  link->parser.set_max_message(kCandidateMaxMessage);
+  candidates_.push_back(link);
+  link->proof_timer.expires_after(options_.link_proof_timeout);
+  link->proof_timer.async_wait([this, weak = std::weak_ptr<NodeLink>(link)](error_code ec) {
+    const NodeLinkPtr l = weak.lock();
+    if (ec || !l || l->closed || l->proven) return;
+    RefuseCandidate(l, "no proof in time");
+  });
+  ReadLink(link);
 }
 
 void FrontendServer::Impl::ReadLink(const NodeLinkPtr& link) {
-  const std::span<char> room = link->parser.PrepareWrite(kLinkReadChunk);
+  const std::span<char> room =
+      link->parser.PrepareWrite(link->proven ? kLinkReadChunk : kCandidateReadChunk);
   link->socket.async_read_some(asio::buffer(room.data(), room.size()),
                                [this, link](error_code ec, size_t n) { OnLinkRead(link, ec, n); });
 }
@@ -589,6 +632,11 @@ void FrontendServer::Impl::OnLinkRead(const NodeLinkPtr& link, error_code ec, si
     return;
   }
   link->parser.Commit(n);
+  if (!link->proven) {
+    // A candidate says little; its messages are handled one read at a time.
+    if (HandleNodeMessages(link)) ReadLink(link);
+    return;
+  }
   // Handle what is there, then take whatever else has already arrived, up to a batch, so
   // that output for each connection is gathered into as few writes as possible.
   size_t taken = n;
@@ -611,8 +659,12 @@ void FrontendServer::Impl::OnLinkRead(const NodeLinkPtr& link, error_code ec, si
 bool FrontendServer::Impl::HandleNodeMessages(const NodeLinkPtr& link) {
   NodeMessage m;
   while (link->parser.Next(m)) {
-    ++counters.messages_from_node;
-    HandleNodeMessage(link, m);
+    if (link->proven) {
+      ++counters.messages_from_node;
+      HandleNodeMessage(link, m);
+    } else {
+      HandleCandidateMessage(link, m);
+    }
     if (link->closed || stopped_) return false;
   }
   return true;
@@ -652,10 +704,15 @@ void FrontendServer::Impl::HandleNodeMessage(const NodeLinkPtr& link, const Node
       }
       return;
     }
+    case NodeMessageKind::kAttributes: {
+      ConnectionPtr c = Find(m.stream, m.tag);
+      if (c) c->attributes = CleanStreamAttributes(m.text);
+      return;
+    }
     case NodeMessageKind::kGreeting:
-      FrontLog("Node greeted; announcing this front-end");
-      AppendAnnounce(link->queued, options_.settings.station_text, options_.version);
-      ScheduleFlush();
+    case NodeMessageKind::kProof:
+      // The link has proved itself already; a second handshake on it means nothing.
+      FrontLog("Handshake message on the established node link ignored");
       return;
     case NodeMessageKind::kKeepAliveAnswer:
       return;
@@ -679,8 +736,8 @@ void FrontendServer::Impl::ReportStreams(const NodeLinkPtr& link) {
   AppendStreamList(link->queued, streams);
   for (int s : streams) {
     Connection& c = *by_stream_[s];
-    AppendStreamReport(
-        link->queued, StreamReport{c.tag, c.stream, c.peer, c.port_index, c.call, c.state, c.kind});
+    AppendStreamReport(link->queued, StreamReport{c.tag, c.stream, c.peer, c.port_index, c.call,
+                                                  c.state, c.kind, c.attributes});
     c.announced_session = link->session;
   }
   const bool first = !link->ready;
@@ -704,7 +761,73 @@ void FrontendServer::Impl::ReportStreams(const NodeLinkPtr& link) {
   ScheduleFlush();
 }
 
+void FrontendServer::Impl::HandleCandidateMessage(const NodeLinkPtr& link, const NodeMessage& m) {
+  if (m.kind == NodeMessageKind::kGreeting && link->challenge.empty()) {
+    link->challenge = MakeLinkNonce();
+    if (link->challenge.empty()) {
+      RefuseCandidate(link, "no random bytes for a challenge");
+      return;
+    }
+    AppendChallenge(link->queued, link->challenge);
+    StartLinkWrite(link);
+    return;
+  }
+  if (m.kind == NodeMessageKind::kProof && !link->challenge.empty()) {
+    if (!ValidLinkNonce(m.text)) {
+      RefuseCandidate(link, "bad nonce in its proof");
+      return;
+    }
+    const std::string expected = NodeLinkProof(options_.link_secret, link->challenge, m.text);
+    if (!ConstantTimeEquals(expected, m.label)) {
+      RefuseCandidate(link, "wrong proof");
+      return;
+    }
+    PromoteCandidate(link, m.text);
+    return;
+  }
+  RefuseCandidate(link,
+                  m.kind == NodeMessageKind::kMalformed
+                      ? "unreadable message before proving itself (" + std::string(m.error) + ")"
+                      : std::string("unexpected message before proving itself"));
+}
+
+void FrontendServer::Impl::PromoteCandidate(const NodeLinkPtr& link, std::string_view node_nonce) {
+  const std::string proof = FrontLinkProof(options_.link_secret, node_nonce, link->challenge);
+  std::erase(candidates_, link);
+  link->proof_timer.cancel();
+  link->proven = true;
+  link->parser.set_max_message(NodeMessageParser::kDefaultMaxMessage);
+  // A node that restarts may leave its old link half-open; the newest proven link wins.
+  if (link_) CloseLink(link_, "replaced by a new node link from " + link->peer);
+  link_ = link;
+  link_->session = ++link_sessions_;
+  FrontLog("Node link open from " + link->peer + "; announcing this front-end");
+  AppendAnnounce(link->queued, options_.settings.station_text, options_.version, proof);
+  ScheduleFlush();
+}
+
+void FrontendServer::Impl::RefuseCandidate(const NodeLinkPtr& link, std::string_view reason) {
+  if (link->closed) return;
+  link->closed = true;
+  link->proof_timer.cancel();
+  error_code ec;
+  link->socket.close(ec);
+  std::erase(candidates_, link);
+  ++counters.links_refused;
+  LogRefusal(link->peer, reason);
+}
+
+void FrontendServer::Impl::LogRefusal(std::string_view peer, std::string_view reason) {
+  if (!ShouldLog(counters.links_refused)) return;
+  FrontLogError("Link refused from " + std::string(peer) + ": " + std::string(reason) + " (" +
+                std::to_string(counters.links_refused) + " so far)");
+}
+
 void FrontendServer::Impl::CloseLink(const NodeLinkPtr& link, std::string_view reason) {
+  if (!link->proven) {
+    RefuseCandidate(link, reason == "closed by the node" ? "closed before proving itself" : reason);
+    return;
+  }
   if (link->closed) return;
   link->closed = true;
   error_code ec;

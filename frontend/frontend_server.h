@@ -3,6 +3,10 @@
 // link to the node.  Connections outlive the node: while no node is connected their input is
 // held (bounded), and a node that connects again is told which streams are open.
 //
+// Only a node that proves it knows the link secret gets the link: every new connection on the
+// link port is a candidate that never touches the live link (and the users behind it) until
+// it has answered the challenge; strangers are refused and counted.
+//
 // Everything runs on the io_context's one thread.  Output for a connection is gathered in one
 // buffer that is swapped out whole for each socket write, so however many messages wait for a
 // socket they go out in one write, and a slow reader only ever fills its own bounded buffer.
@@ -28,6 +32,11 @@ struct FrontendOptions {
   std::chrono::seconds keep_alive_every{30};
   std::chrono::seconds connect_timeout{30};
   std::chrono::seconds close_flush_timeout{30};
+  // The 32 bytes of link.key; while empty every connection on the link port is refused.
+  std::string link_secret;
+  // A connection on the link port that has not proved itself by then is closed.
+  std::chrono::milliseconds link_proof_timeout{5000};
+  size_t max_link_candidates = 8;
 };
 
 struct FrontendCounters {
@@ -37,6 +46,9 @@ struct FrontendCounters {
   uint64_t messages_from_node = 0;
   uint64_t stale_messages_dropped = 0;
   uint64_t malformed_messages = 0;
+  // Connections on the link port closed without becoming the link: no secret here, too
+  // many waiting, a wrong proof, anything else before a proof, or no proof in time.
+  uint64_t links_refused = 0;
 };
 
 class FrontendServer {

@@ -64,11 +64,20 @@ void AppendKeepAlive(std::string& out) {
   out.push_back(kRecordEnd);
 }
 
-void AppendAnnounce(std::string& out, std::string_view station_text, std::string_view version) {
+void AppendAnnounce(std::string& out, std::string_view station_text, std::string_view version,
+                    std::string_view proof) {
   out.append("QRV ");
   AppendClean(out, station_text);
   out.push_back('^');
   AppendClean(out, version);
+  out.push_back('^');
+  AppendClean(out, proof);
+  out.push_back(kRecordEnd);
+}
+
+void AppendChallenge(std::string& out, std::string_view nonce) {
+  out.append("AA39^");
+  AppendClean(out, nonce);
   out.push_back(kRecordEnd);
 }
 
@@ -98,7 +107,18 @@ void AppendStreamReport(std::string& out, const StreamReport& r) {
   AppendSigned(out, r.state);
   out.push_back('^');
   AppendClean(out, r.kind);
+  out.push_back('^');
+  AppendClean(out, r.attributes);
   out.push_back(kRecordEnd);
+}
+
+std::string CleanStreamAttributes(std::string_view text) {
+  std::string out;
+  for (unsigned char c : text) {
+    if (out.size() >= kMaxStreamAttributes) break;
+    if (c != '^' && c >= 0x20 && c != 0x7f) out.push_back(static_cast<char>(c));
+  }
+  return out;
 }
 
 void AppendOpenFailed(std::string& out, std::string_view label, std::string_view reason) {

@@ -7,6 +7,7 @@
 // would break the record apart, so they are left out.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -26,11 +27,15 @@ void AppendStreamData(std::string& out, int stream, std::string_view data);
 void AppendStreamClosed(std::string& out, uint64_t tag, int stream, std::string_view reason);
 // "AA18"
 void AppendKeepAlive(std::string& out);
-// "QRV <station text>^<version>"
-void AppendAnnounce(std::string& out, std::string_view station_text, std::string_view version);
+// "QRV <station text>^<version>^<proof>": the front-end's answer once the node has proved
+// that it knows the link secret; the proof shows the node that the front-end knows it too.
+void AppendAnnounce(std::string& out, std::string_view station_text, std::string_view version,
+                    std::string_view proof);
+// "AA39^<nonce>": the challenge to a new connection on the link port after its greeting.
+void AppendChallenge(std::string& out, std::string_view nonce);
 // "AA01^<count>^<s1>,<s2>,..."
 void AppendStreamList(std::string& out, std::span<const int> streams);
-// "AA38^<tag>^<stream>^<peer>^<port index>^<call>^<state>^<kind>"
+// "AA38^<tag>^<stream>^<peer>^<port index>^<call>^<state>^<kind>^<attributes>"
 struct StreamReport {
   uint64_t tag = 0;
   int stream = 0;
@@ -39,8 +44,14 @@ struct StreamReport {
   std::string_view call;
   int state = 0;
   std::string_view kind;
+  std::string_view attributes;
 };
 void AppendStreamReport(std::string& out, const StreamReport& report);
+// The node's attributes for a stream as the front-end keeps them: "^" and control characters
+// (Chr 3 and Chr 4 among them) are left out, and the rest is cut to 256 bytes.
+inline constexpr size_t kMaxStreamAttributes = 256;
+std::string CleanStreamAttributes(std::string_view text);
+
 // "AA19^<label>^<reason>"
 void AppendOpenFailed(std::string& out, std::string_view label, std::string_view reason);
 

@@ -50,7 +50,8 @@ NodeMessage DecodeNodeMessage(std::string_view message) {
   const std::string_view rest = message.substr(first + 1);
   NodeMessage m;
 
-  if (code == "0") {
+  if (code == "0" || code == "5") {
+    // Stream first, tag last, and the text everything between (it may hold Chr 3).
     const size_t s_end = rest.find(kRecordEnd);
     const size_t t_begin = rest.rfind(kRecordEnd);
     if (s_end == std::string_view::npos || t_begin == s_end) {
@@ -58,7 +59,7 @@ NodeMessage DecodeNodeMessage(std::string_view message) {
     }
     if (!ParseStream(rest.substr(0, s_end), m.stream)) return Malformed(message, "bad stream");
     if (!ParseNumber(rest.substr(t_begin + 1), m.tag)) return Malformed(message, "bad tag");
-    m.kind = NodeMessageKind::kSend;
+    m.kind = code == "0" ? NodeMessageKind::kSend : NodeMessageKind::kAttributes;
     m.text = rest.substr(s_end + 1, t_begin - s_end - 1);
     return m;
   }
@@ -98,6 +99,15 @@ NodeMessage DecodeNodeMessage(std::string_view message) {
     if (!ParseNumber(el[2], m.state)) return Malformed(message, "bad state");
     if (count >= 4 && !ParseNumber(el[3], m.tag)) return Malformed(message, "bad tag");
     m.kind = NodeMessageKind::kIdentity;
+    return m;
+  }
+  if (code == "4") {
+    if (count != 2 || el[0].empty() || el[1].empty()) {
+      return Malformed(message, "proof without nonce and proof");
+    }
+    m.text = el[0];
+    m.label = el[1];
+    m.kind = NodeMessageKind::kProof;
     return m;
   }
   return Malformed(message, "unknown message code");

@@ -24,6 +24,8 @@ enum class NodeMessageKind {
   kClose,              // "1": stream, tag
   kOpen,               // "2": host, port, label
   kIdentity,           // "3": stream, call (in text), state, tag
+  kProof,              // "4": the node's nonce (in text) and its proof (in label)
+  kAttributes,         // "5": stream, attributes (in text), tag
   kMalformed,          // error says why; text holds (the start of) the message
 };
 
@@ -60,6 +62,9 @@ class NodeMessageParser {
 
   // Forgets everything buffered (a new link).
   void Reset();
+  // A link that has not yet proved itself gets a small bound, so a stranger cannot make
+  // the front-end buffer megabytes; it is raised once the node is known.
+  void set_max_message(size_t max_message) { max_message_ = max_message; }
   size_t buffered() const { return end_ - read_; }
 
  private:

@@ -3,9 +3,11 @@
 // sends one line to every stream after another as fast as the clients take them, counting
 // the CR LF that arrive at the clients.
 //
-//   relay_load --link-port P --user-port Q [--host 127.0.0.1] [--clients 1000]
+//   relay_load --home DIR --link-port P --user-port Q [--host 127.0.0.1] [--clients 1000]
 //              [--seconds 5] [--line-bytes 72] [--window 400]
 //
+// --home is the front-end's program directory: the link secret (link.key) there is what
+// lets the tool prove itself as the node.
 // --window is the number of lines per client that may be on their way at once; it keeps the
 // front-end's per-connection output below its bound, so nothing is closed for overflow.
 #include <sys/epoll.h>
@@ -22,6 +24,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/link_secret.h"
 #include "tools/tool_util.h"
 
 namespace {
@@ -30,6 +33,7 @@ using namespace qx::tools;
 
 struct Options {
   std::string host = "127.0.0.1";
+  std::string home = ".";
   int link_port = 7399;
   int user_port = 7300;
   int clients = 1000;
@@ -105,6 +109,8 @@ Options ParseOptions(int argc, char** argv) {
   while (args.Next()) {
     if (args.Is("--host")) {
       o.host = args.Value();
+    } else if (args.Is("--home")) {
+      o.home = args.Value();
     } else if (args.Is("--link-port")) {
       o.link_port = args.Int();
     } else if (args.Is("--user-port")) {
@@ -118,7 +124,8 @@ Options ParseOptions(int argc, char** argv) {
     } else if (args.Is("--window")) {
       o.window = std::max(1, args.Int());
     } else {
-      args.Unknown("--link-port --user-port --host --clients --seconds --line-bytes --window");
+      args.Unknown(
+          "--home --link-port --user-port --host --clients --seconds --line-bytes --window");
     }
   }
   if (o.clients < 1) Die("--clients must be at least 1");
@@ -132,10 +139,20 @@ int main(int argc, char** argv) {
   const Options opt = ParseOptions(argc, argv);
   RaiseFileLimit(0);
 
-  // 1. Be the node: greeting, announcement, stream report.
+  // 1. Be the node: greeting, challenge and proof, announcement, stream report.
+  const qx::LinkSecret secret = qx::LoadOrCreateLinkSecret(opt.home);
+  if (!secret.usable()) Die("link secret: " + secret.error);
   const int link = MustConnect(opt.host, opt.link_port);
   LinkReader reader(link);
   SendOnLink(link, "QX Cluster");
+  std::string challenge;
+  reader.ReadUntil([&](const std::string& r) {
+    if (r.starts_with("AA39^")) challenge = r.substr(5);
+    return !challenge.empty();
+  });
+  const std::string nonce = qx::MakeLinkNonce();
+  SendOnLink(link,
+             "4\x03" + nonce + "\x03" + qx::NodeLinkProof(secret.key, challenge, nonce) + "\x04");
   reader.ReadUntil([](const std::string& r) { return r.starts_with("QRV "); });
   SendOnLink(link, "8270");
   size_t reports_left = 0;

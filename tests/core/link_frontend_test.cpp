@@ -14,8 +14,10 @@
 
 #include "core/error_log.h"
 #include "core/frontend_link.h"
+#include "core/link_secret.h"
 #include "core/monitor.h"
 #include "core/stream_table.h"
+#include "core/text_util.h"
 #include "tests/testlib/test_util.h"
 
 namespace qx {
@@ -335,7 +337,7 @@ TEST_F(LinkRecordsTest, RecoveryRebuildsEveryReportedStream) {
   EXPECT_TRUE(link_->recovering());
   EXPECT_EQ(Console().front(), "AA01^3^2,5,7");
 
-  link_->Arrive("AA38^21^2^192.0.2.9:5000^0^DL1ABC^1^in\x03");
+  link_->Arrive("AA38^21^2^192.0.2.9:5000^0^DL1ABC^1^in^priv=9 x\x03");
   link_->Arrive("AA38^22^5^198.51.100.4:7300^9^GB7XX^21^out:GB7XX\x03");
   EXPECT_EQ(events_.recovery_complete, 0);
   // A reported stream that closes before its report counts as done.
@@ -351,6 +353,7 @@ TEST_F(LinkRecordsTest, RecoveryRebuildsEveryReportedStream) {
   EXPECT_EQ(user.state, 1);
   EXPECT_EQ(user.peer_address, "192.0.2.9:5000");
   EXPECT_EQ(user.login_stage, LoginStage::kLoggedIn);
+  EXPECT_EQ(user.frontend_attributes, "priv=9 x");
   EXPECT_EQ(LastConnection(2)->colour, "white");
   const StreamEntry& node = table_.at(5);
   EXPECT_EQ(node.state, kStateNodePc9x);
@@ -476,9 +479,43 @@ class LinkSocketTest : public LinkFixture {
     MakeLink(options);
     link_->Start();
   }
+  void MakeLink(FrontendLinkOptions options) {
+    options.secret = key_;
+    LinkFixture::MakeLink(options);
+  }
   bool Received(FakeFrontend& fe, std::string_view text) {
     return RunUntil([&] { return fe.received().find(text) != std::string::npos; });
   }
+  // The front-end's challenge after the node's greeting; returns the node's nonce once its
+  // proof has been checked (empty when none came or it was wrong).
+  std::string Challenge(FakeFrontend& fe) {
+    if (!Received(fe, "QX Cluster")) return "";
+    fe.received().clear();
+    fe.Send("AA39^" + challenge_ + "\x03");
+    if (!Received(fe, "\x04")) return "";
+    const std::string answer = fe.received();
+    fe.received().clear();
+    const auto parts = Split(std::string_view(answer).substr(0, answer.size() - 1), '\x03');
+    if (parts.size() != 3 || parts[0] != "4") return "";
+    EXPECT_EQ(parts[2], NodeLinkProof(key_, challenge_, parts[1]));
+    return std::string(parts[1]);
+  }
+  std::string Announcement(std::string_view node_nonce, std::string_view key) {
+    return "QRV GB7QX Front^1.2^" + FrontLinkProof(key, node_nonce, challenge_) + "\x03";
+  }
+  // The whole link-up, up to the node's request for the stream report; then the link is up
+  // and what the fake front-end received is cleared.
+  bool Handshake(FakeFrontend& fe) {
+    const std::string nonce = Challenge(fe);
+    if (nonce.empty()) return false;
+    fe.Send(Announcement(nonce, key_));
+    if (!Received(fe, "8270")) return false;
+    fe.received().clear();
+    return link_->connected();
+  }
+
+  const std::string key_ = std::string(32, 'k');
+  const std::string challenge_ = MakeLinkNonce();
 };
 
 TEST_F(LinkSocketTest, HandshakeGreetingKeepAliveAndStreamReport) {
@@ -486,25 +523,30 @@ TEST_F(LinkSocketTest, HandshakeGreetingKeepAliveAndStreamReport) {
   StartAgainst(fe.port());
   ASSERT_TRUE(Received(fe, "QX Cluster"));
   EXPECT_EQ(fe.received(), "QX Cluster");  // raw: no Chr 3, no Chr 4
-  ASSERT_TRUE(RunUntil([&] { return events_.link_up == 1; }));
+  const std::string nonce = Challenge(fe);
+  ASSERT_EQ(nonce.size(), kLinkNonceDigits);
+  RunFor(50ms);
+  EXPECT_EQ(events_.link_up, 0);  // not before the front-end has proved itself
+
+  const auto sent = std::chrono::steady_clock::now();
+  fe.Send(Announcement(nonce, key_));
+  ASSERT_TRUE(Received(fe, "8270"));
+  EXPECT_GE(std::chrono::steady_clock::now() - sent, 200ms);  // answered after a pause
+  EXPECT_EQ(fe.received(), "8270");
+  EXPECT_EQ(events_.link_up, 1);
   EXPECT_EQ(Console().back(), "Winsock Connected");
+  EXPECT_EQ(link_->frontend_station(), "GB7QX Front");
+  EXPECT_EQ(link_->frontend_version(), "1.2");
 
   fe.received().clear();
   fe.Send("AA18\x03");
   ASSERT_TRUE(Received(fe, "rxAA18"));
   EXPECT_EQ(fe.received(), "rxAA18");
-
   fe.received().clear();
-  const auto sent = std::chrono::steady_clock::now();
-  fe.Send("QRV GB7QX Front^1.2\x03");
-  ASSERT_TRUE(Received(fe, "8270"));
-  EXPECT_GE(std::chrono::steady_clock::now() - sent, 200ms);  // answered after a pause
-  EXPECT_EQ(fe.received(), "8270");
-  EXPECT_EQ(link_->frontend_station(), "GB7QX Front");
-  EXPECT_EQ(link_->frontend_version(), "1.2");
 
+  // Once the link is up a repeated announcement only asks for the report again.
   fe.Send("QRV GB7QX Front old\x03");
-  ASSERT_TRUE(Received(fe, "82708270"));
+  ASSERT_TRUE(Received(fe, "8270"));
   EXPECT_EQ(link_->frontend_version(), "2.xx");
   EXPECT_EQ(link_->frontend_station(), "GB7QX Front old");
 }
@@ -512,7 +554,7 @@ TEST_F(LinkSocketTest, HandshakeGreetingKeepAliveAndStreamReport) {
 TEST_F(LinkSocketTest, ConnectRequestGetsTheBannerFramedForItsStream) {
   FakeFrontend fe(io_);
   StartAgainst(fe.port());
-  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  ASSERT_TRUE(Handshake(fe));
   events_.on_connect = [&](int) {
     // Sends in one handler are written together; empty text and stream 0 send nothing.
     link_->SendToStream("");
@@ -586,10 +628,102 @@ TEST_F(LinkSocketTest, ConnectRequestGetsTheBannerFramedForItsStream) {
   EXPECT_EQ(fe.received(), "mark\x04");
 }
 
+TEST_F(LinkSocketTest, StreamTextCannotEndItsMessageEarlyAndAttributesAreFramed) {
+  FakeFrontend fe(io_);
+  StartAgainst(fe.port());
+  ASSERT_TRUE(Handshake(fe));
+  fe.Send("AA03^Connect Request^5^192.0.2.7:40001^17^in^0\x03");
+  ASSERT_TRUE(RunUntil([&] { return events_.connects.size() == 1; }));
+  fe.received().clear();
+  // Chr 4 would end the message; Chr 3 may stay, the text runs up to the last element.
+  link_->SendToStreamNo(5, "x\x04y\x03z\r\n");
+  link_->SetStreamAttributes(5, "priv^9\x04\r\n" + std::string(300, 'a'));
+  link_->SetStreamAttributes(6, "free stream");
+  const std::string expected = std::string(
+                                   "0\x03"
+                                   "5\x03"
+                                   "xy\x03z\r\n\x03"
+                                   "17\x04") +
+                               "5\x03"
+                               "5\x03"
+                               "priv9" +
+                               std::string(251, 'a') +
+                               "\x03"
+                               "17\x04";
+  ASSERT_TRUE(Received(fe,
+                       "17\x04"
+                       "5"));
+  ASSERT_TRUE(Received(fe, expected));
+  RunFor(50ms);
+  EXPECT_EQ(fe.received(), expected);
+}
+
+TEST_F(LinkSocketTest, AFrontEndThatCannotProveItselfIsLeftAndTriedAgain) {
+  FakeFrontend fe(io_);
+  StartAgainst(fe.port(), /*retry=*/50ms);
+
+  // A proof made with another secret.
+  std::string nonce = Challenge(fe);
+  ASSERT_FALSE(nonce.empty());
+  fe.Send(Announcement(nonce, std::string(32, 'x')) +
+          "AA03^Connect Request^1^192.0.2.7:40001^17^in^0\x03");
+  ASSERT_TRUE(RunUntil([&] { return fe.accepted() == 2; }));
+  EXPECT_NE(ErrorLogText().find("the front-end could not prove it knows the link secret"),
+            std::string::npos);
+  EXPECT_EQ(Console().back(),
+            "Front-end link refused: the front-end could not prove it knows the link secret");
+
+  // The old announcement without a proof, and stream records instead of a challenge, glued
+  // to a refused record: nothing of it is acted on.
+  nonce = Challenge(fe);
+  fe.Send("QRV GB7QX Front^1.2\x03");
+  ASSERT_TRUE(RunUntil([&] { return fe.accepted() == 3; }));
+  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  fe.Send(
+      "AA01^1^1\x03"
+      "AA03^Connect Request^1^192.0.2.7:40001^17^in^0\x03");
+  ASSERT_TRUE(RunUntil([&] { return fe.accepted() == 4; }));
+  EXPECT_TRUE(events_.connects.empty());
+  EXPECT_TRUE(events_.list_counts.empty());
+  EXPECT_EQ(events_.link_up, 0);
+  EXPECT_FALSE(link_->connected());
+
+  // The real one: it proves itself and the link comes up.
+  ASSERT_TRUE(Handshake(fe));
+  EXPECT_EQ(events_.link_up, 1);
+}
+
+TEST_F(LinkSocketTest, WithoutASecretOrAProofInTimeNoFrontEndIsUsed) {
+  FakeFrontend fe(io_);
+  FrontendLinkOptions options;
+  options.port = std::to_string(fe.port());
+  options.retry_interval = 50ms;
+  options.proof_timeout = 200ms;
+  MakeLink(options);
+  link_->Start();
+  ASSERT_TRUE(Received(fe, "QX Cluster"));  // says nothing back
+  ASSERT_TRUE(RunUntil([&] { return fe.accepted() == 2; }));
+  EXPECT_NE(ErrorLogText().find("did not prove it knows the link secret in time"),
+            std::string::npos);
+
+  link_.reset();
+  FakeFrontend other(io_);
+  options.port = std::to_string(other.port());
+  options.secret.clear();
+  LinkFixture::MakeLink(options);
+  link_->Start();
+  ASSERT_TRUE(Received(other, "QX Cluster"));
+  other.Send("AA39^" + challenge_ + "\x03");
+  ASSERT_TRUE(RunUntil([&] { return other.accepted() >= 2; }));
+  EXPECT_EQ(other.received().find('\x04'), std::string::npos);  // no answer without a secret
+  EXPECT_NE(ErrorLogText().find("there is no usable link secret here"), std::string::npos);
+  EXPECT_EQ(events_.link_up, 0);
+}
+
 TEST_F(LinkSocketTest, DataReadWhileAHandlerRunsTheLoopWaitsForTheNextArrival) {
   FakeFrontend fe(io_);
   StartAgainst(fe.port());
-  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  ASSERT_TRUE(Handshake(fe));
   fe.Send("AA03^Connect Request^5^192.0.2.7:40001^17^in^0\x03");
   ASSERT_TRUE(RunUntil([&] { return events_.connects.size() == 1; }));
   events_.on_line = [&](int, std::string_view line) {
@@ -638,8 +772,7 @@ TEST_F(LinkSocketTest, UnreachableFrontEndIsReportedOncePerOutageAndRetried) {
 
   // The front-end comes up (as the owner would start it): the link finds it by itself.
   FakeFrontend fe(io_, port);
-  ASSERT_TRUE(Received(fe, "QX Cluster"));
-  EXPECT_TRUE(link_->connected());
+  ASSERT_TRUE(Handshake(fe));
 
   // It goes away: the table is kept, the link comes back when it is there again.
   table_.EnsureCapacity(3);
@@ -651,8 +784,8 @@ TEST_F(LinkSocketTest, UnreachableFrontEndIsReportedOncePerOutageAndRetried) {
   RunFor(200ms);
   EXPECT_EQ(unreachable, 2);  // a new outage
   FakeFrontend again(io_, port);
-  ASSERT_TRUE(Received(again, "QX Cluster"));
-  ASSERT_TRUE(RunUntil([&] { return events_.link_up == 2; }));
+  ASSERT_TRUE(Handshake(again));
+  EXPECT_EQ(events_.link_up, 2);
 }
 
 TEST_F(LinkSocketTest, FrontEndStartedByTheOwnerIsFoundWithoutTheLongRetry) {
@@ -667,19 +800,18 @@ TEST_F(LinkSocketTest, FrontEndStartedByTheOwnerIsFoundWithoutTheLongRetry) {
   EXPECT_FALSE(link_->connected());
   // It listens a moment after being started; the link must not wait the 30 s retry.
   FakeFrontend fe(io_, port);
-  ASSERT_TRUE(Received(fe, "QX Cluster"));
-  EXPECT_TRUE(link_->connected());
+  ASSERT_TRUE(Handshake(fe));
 }
 
 TEST_F(LinkSocketTest, CloseOfAnUnknownStreamReconnectsTheLink) {
   FakeFrontend fe(io_);
   StartAgainst(fe.port());
-  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  ASSERT_TRUE(Handshake(fe));
   fe.Send("AA17^1^42^gone\x03");
   ASSERT_TRUE(RunUntil([&] { return fe.accepted() == 2; }));
-  ASSERT_TRUE(Received(fe, "QX ClusterQX Cluster"));
+  ASSERT_TRUE(Handshake(fe));
   EXPECT_EQ(events_.link_down, 1);
-  ASSERT_TRUE(RunUntil([&] { return events_.link_up == 2; }));
+  EXPECT_EQ(events_.link_up, 2);
 }
 
 TEST_F(LinkSocketTest, ConnectButtonConnectsAtOnce) {
@@ -689,7 +821,7 @@ TEST_F(LinkSocketTest, ConnectButtonConnectsAtOnce) {
   EXPECT_FALSE(link_->connected());
   FakeFrontend fe(io_, port);
   link_->Connect();
-  ASSERT_TRUE(Received(fe, "QX Cluster"));
+  ASSERT_TRUE(Handshake(fe));
   link_->Connect();  // connected already: nothing happens
   RunFor(50ms);
   EXPECT_EQ(fe.accepted(), 1);

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/link_secret.h"
 #include "core/text_util.h"
 #include "tests/testlib/test_util.h"
 
@@ -73,6 +74,9 @@ int LocalPort(const LineClient& c) {
 
 class FrontendLinkTest : public ::testing::Test {
  protected:
+  // The secret is made before the front-end starts, which then reads the same file.
+  FrontendLinkTest() : key_(LoadOrCreateLinkSecret(dir_.path()).key) {}
+
   void StartFront(std::vector<std::string> extra = {}) {
     link_port_ = testing::FreePort();
     user_port_ = testing::FreePort();
@@ -86,14 +90,35 @@ class FrontendLinkTest : public ::testing::Test {
     front_ = std::make_unique<ChildProcess>(QX_FRONT_BIN, args, dir_.path(), "qxfront");
   }
 
-  // Connects a fake node and goes through the greeting and the stream report; returns the
+  // The node's side of the link-up on a connected socket: greeting, the challenge, our
+  // proof.  Returns the front-end's "QRV" (empty when none came), whose proof is checked.
+  std::string Prove(LineClient& node, std::string_view key) {
+    EXPECT_TRUE(node.Send("QX Cluster"));
+    const std::string challenge = WaitRecord(node, "AA39^");
+    if (challenge.size() <= 5) return "";
+    const std::string nonce = MakeLinkNonce();
+    EXPECT_TRUE(node.Send(Message({"4", nonce, NodeLinkProof(key, challenge.substr(5), nonce)})));
+    const std::string qrv = WaitRecord(node, "QRV ", 3s);
+    if (!qrv.empty()) {
+      EXPECT_EQ(Field(qrv, 2), FrontLinkProof(key, nonce, challenge.substr(5)));
+    }
+    return qrv;
+  }
+
+  // Connects a fake node and goes through the handshake and the stream report; returns the
   // report's "AA01" record.
   std::string ConnectNode(LineClient& node) {
     EXPECT_TRUE(node.Connect(link_port_));
-    EXPECT_TRUE(node.Send("QX Cluster"));
-    EXPECT_EQ(WaitRecord(node, "QRV "), std::string("QRV GB7QX test^") + QX_VERSION);
+    const std::string qrv = Prove(node, key_);
+    EXPECT_TRUE(qrv.starts_with(std::string("QRV GB7QX test^") + QX_VERSION + "^")) << qrv;
     EXPECT_TRUE(node.Send("8270"));
     return WaitRecord(node, "AA01^");
+  }
+
+  std::string ErrorLog() const { return testing::ReadFile(dir_ / "qxfront.err"); }
+  // The log line may follow the close it reports by a moment.
+  bool ErrorLogHas(std::string_view text) const {
+    return testing::WaitFor([&] { return ErrorLog().find(text) != std::string::npos; }, 5s);
   }
 
   // Connects a client and returns the node's "AA03" record for it.
@@ -112,6 +137,7 @@ class FrontendLinkTest : public ::testing::Test {
   }
 
   TempDir dir_;
+  std::string key_;
   int link_port_ = 0;
   int user_port_ = 0;
   int user_port2_ = 0;
@@ -207,6 +233,8 @@ TEST_F(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
   const std::string r = ConnectClient(*node, client, user_port_);
   const std::string tag = Field(r, 4);
   ASSERT_TRUE(node->Send(Message({"3", "1", "G4ABC", "5", tag})));
+  // Attributes are kept cleaned: no carets, no control characters.
+  ASSERT_TRUE(node->Send(Message({"5", "1", "priv^=9\r\n", tag})));
   ASSERT_TRUE(node->Send(Message({"0", "1", "G4ABC de GB7QX >\r\n", tag})));
   ASSERT_TRUE(client.ReadUntil("GB7QX >"));
   node->Close();
@@ -218,14 +246,15 @@ TEST_F(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
 
   LineClient node2;
   EXPECT_EQ(ConnectNode(node2), "AA01^1^1");
-  EXPECT_EQ(WaitRecord(node2, "AA38^"),
-            "AA38^" + tag + "^1^127.0.0.1:" + std::to_string(LocalPort(client)) + "^0^G4ABC^5^in");
+  EXPECT_EQ(
+      WaitRecord(node2, "AA38^"),
+      "AA38^" + tag + "^1^127.0.0.1:" + std::to_string(LocalPort(client)) + "^0^G4ABC^5^in^priv=9");
   EXPECT_EQ(WaitRecord(node2, "AA00^"), "AA00^1^sh/dx\r\n");
-  // The order is fixed: list, reports, then held input.
+  // The order is fixed: challenge, announcement, list, reports, then held input.
   const auto records = Records(node2.received());
-  ASSERT_GE(records.size(), 4u);
-  EXPECT_TRUE(records[1].starts_with("AA01^"));
-  EXPECT_TRUE(records[2].starts_with("AA38^"));
+  ASSERT_GE(records.size(), 5u);
+  EXPECT_TRUE(records[2].starts_with("AA01^"));
+  EXPECT_TRUE(records[3].starts_with("AA38^"));
 
   ASSERT_TRUE(node2.Send(Message({"0", "1", "still here\r\n", tag})));
   ASSERT_TRUE(client.ReadUntil("still here\r\n"));
@@ -252,15 +281,72 @@ TEST_F(FrontendLinkTest, InputHeldWithoutANodeIsBounded) {
   EXPECT_TRUE(held.ends_with("line 1999 " + std::string(40, 'x') + "\r\n"));
 }
 
-TEST_F(FrontendLinkTest, SecondNodeLinkReplacesTheFirst) {
+TEST_F(FrontendLinkTest, OnlyANodeThatProvesItselfReplacesTheLink) {
   StartFront();
-  LineClient node1, node2, client;
+  LineClient node1, client;
   ConnectNode(node1);
-  ConnectClient(node1, client, user_port_);
-  ASSERT_TRUE(node2.Connect(link_port_));
+  const std::string tag = Field(ConnectClient(node1, client, user_port_), 4);
+
+  // Strangers: a wrong secret, the old handshake without a proof, garbage, and one that
+  // says nothing.  Each is closed; the live link keeps relaying all the while.
+  LineClient wrong, old, garbage, silent;
+  ASSERT_TRUE(silent.Connect(link_port_));
+  ASSERT_TRUE(wrong.Connect(link_port_));
+  EXPECT_TRUE(Prove(wrong, std::string(32, 'k')).empty());
+  EXPECT_TRUE(wrong.WaitClosed());
+  ASSERT_TRUE(old.Connect(link_port_));
+  ASSERT_TRUE(old.Send("QX Cluster8270"));
+  EXPECT_TRUE(old.WaitClosed());
+  EXPECT_EQ(Records(old.received()).size(), 1u);  // the challenge, nothing about streams
+  ASSERT_TRUE(garbage.Connect(link_port_));
+  ASSERT_TRUE(garbage.Send("GET / HTTP/1.0\r\n\r\n\x04"));
+  EXPECT_TRUE(garbage.WaitClosed());
+  ASSERT_TRUE(client.Send("still me\r\n"));
+  EXPECT_EQ(WaitRecord(node1, "AA00^1^"), "AA00^1^still me\r\n");
+  ASSERT_TRUE(node1.Send(Message({"0", "1", "still you\r\n", tag})));
+  ASSERT_TRUE(client.ReadUntil("still you\r\n"));
+  EXPECT_TRUE(silent.WaitClosed(8s));
+  EXPECT_TRUE(silent.received().empty());
+  EXPECT_TRUE(ErrorLogHas(": wrong proof (1 so far)"));
+  EXPECT_TRUE(ErrorLogHas(": unexpected message before proving itself (2 so far)"));
+  EXPECT_TRUE(ErrorLogHas(": unreadable message before proving itself"));
+  EXPECT_TRUE(ErrorLogHas(": no proof in time (4 so far)")) << ErrorLog();
+
+  // The node restarts and its old link is left half-open: the proven newcomer replaces it.
+  LineClient node2;
+  EXPECT_EQ(ConnectNode(node2), "AA01^1^1");
   EXPECT_TRUE(node1.WaitClosed());
-  ASSERT_TRUE(node2.Send("QX Cluster8270"));
-  EXPECT_EQ(WaitRecord(node2, "AA01^"), "AA01^1^1");
+  EXPECT_NE(testing::ReadFile(dir_ / "qxfront.out").find("replaced by a new node link from"),
+            std::string::npos);
+}
+
+TEST_F(FrontendLinkTest, CandidatesAreBoundedAndAFrontEndWithoutASecretRefusesAll) {
+  StartFront();
+  std::vector<std::unique_ptr<LineClient>> waiting;
+  for (int i = 0; i < 8; ++i) {
+    waiting.push_back(std::make_unique<LineClient>());
+    ASSERT_TRUE(waiting.back()->Connect(link_port_));
+  }
+  LineClient ninth;
+  ASSERT_TRUE(ninth.Connect(link_port_));
+  EXPECT_TRUE(ninth.WaitClosed(2s));
+  EXPECT_TRUE(ErrorLogHas("too many connections waiting to prove themselves"));
+  // A place comes free when one of them goes.
+  waiting.front()->Close();
+  ASSERT_TRUE(ErrorLogHas("closed before proving itself"));
+  LineClient node;
+  EXPECT_EQ(ConnectNode(node), "AA01^0^");
+  front_.reset();
+
+  // A link.key that is not a key: the front-end serves users but refuses every node.
+  testing::WriteFile(dir_ / "link.key", "not a key\n");
+  StartFront();
+  LineClient client, node2;
+  ASSERT_TRUE(client.Connect(user_port_));
+  ASSERT_TRUE(node2.Connect(link_port_));
+  EXPECT_TRUE(node2.WaitClosed());
+  EXPECT_TRUE(ErrorLogHas("does not hold a key of 64 hex digits"));
+  EXPECT_TRUE(ErrorLogHas("this front-end has no usable link secret"));
 }
 
 TEST_F(FrontendLinkTest, SlowReaderIsClosedWhileOthersKeepReceiving) {

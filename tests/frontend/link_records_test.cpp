@@ -21,14 +21,17 @@ TEST(LinkRecordsTest, EachRecordHasTheFieldsTheNodeReads) {
   AppendKeepAlive(out);
   EXPECT_EQ(out, "AA18\x03");
   out.clear();
-  AppendAnnounce(out, "GB7QX front end", "0.1.0");
-  EXPECT_EQ(out, "QRV GB7QX front end^0.1.0\x03");
+  AppendAnnounce(out, "GB7QX front end", "0.1.0", "ab12");
+  EXPECT_EQ(out, "QRV GB7QX front end^0.1.0^ab12\x03");
+  out.clear();
+  AppendChallenge(out, "00ff");
+  EXPECT_EQ(out, "AA39^00ff\x03");
   out.clear();
   AppendOpenFailed(out, "GB7XX", "Connection refused");
   EXPECT_EQ(out, "AA19^GB7XX^Connection refused\x03");
   out.clear();
-  AppendStreamReport(out, StreamReport{41, 3, "192.0.2.7:50123", 2, "G4ABC", 5, "in"});
-  EXPECT_EQ(out, "AA38^41^3^192.0.2.7:50123^2^G4ABC^5^in\x03");
+  AppendStreamReport(out, StreamReport{41, 3, "192.0.2.7:50123", 2, "G4ABC", 5, "in", "p=9"});
+  EXPECT_EQ(out, "AA38^41^3^192.0.2.7:50123^2^G4ABC^5^in^p=9\x03");
 }
 
 TEST(LinkRecordsTest, StreamListCountsAndJoinsWithCommas) {
@@ -47,11 +50,17 @@ TEST(LinkRecordsTest, DataKeepsCaretsButOtherFieldsCannotSplitTheRecord) {
   AppendStreamData(out, 5, "PC11^14025.0^DL1ABC^\r\n");
   EXPECT_EQ(out, "AA00^5^PC11^14025.0^DL1ABC^\r\n\x03");
   out.clear();
-  AppendStreamReport(out, StreamReport{7, 2, "p^e\x03r", 1, "G4^ABC\x04", 0, "out:A^B"});
-  EXPECT_EQ(out, "AA38^7^2^per^1^G4ABC^0^out:AB\x03");
+  AppendStreamReport(out, StreamReport{7, 2, "p^e\x03r", 1, "G4^ABC\x04", 0, "out:A^B", "x^y"});
+  EXPECT_EQ(out, "AA38^7^2^per^1^G4ABC^0^out:AB^xy\x03");
   out.clear();
-  AppendAnnounce(out, "a^b", "1\x03");
-  EXPECT_EQ(out, "QRV ab^1\x03");
+  AppendAnnounce(out, "a^b", "1\x03", "p\x04");
+  EXPECT_EQ(out, "QRV ab^1^p\x03");
+}
+
+TEST(LinkRecordsTest, StreamAttributesLoseSeparatorsAndControlsAndStayShort) {
+  EXPECT_EQ(CleanStreamAttributes("priv=9^a\x03\x04\r\n\t\x7f b\xc3\xa9"), "priv=9a b\xc3\xa9");
+  EXPECT_EQ(CleanStreamAttributes(std::string(300, 'x')).size(), kMaxStreamAttributes);
+  EXPECT_EQ(CleanStreamAttributes(std::string(300, '^') + "ok"), "ok");
 }
 
 TEST(LinkRecordsTest, RecordsAppendOneAfterAnother) {

@@ -39,6 +39,11 @@ std::string Describe(const NodeMessage& m) {
     case NodeMessageKind::kIdentity:
       return "identity " + std::to_string(m.stream) + " " + std::string(m.text) + " " +
              std::to_string(m.state) + " " + std::to_string(m.tag);
+    case NodeMessageKind::kProof:
+      return "proof " + std::string(m.text) + " " + std::string(m.label);
+    case NodeMessageKind::kAttributes:
+      return "attributes " + std::to_string(m.stream) + " [" + std::string(m.text) + "] " +
+             std::to_string(m.tag);
     case NodeMessageKind::kMalformed:
       return "malformed " + std::string(m.error);
   }
@@ -88,6 +93,15 @@ TEST(DecodeNodeMessageTest, EachMessageKind) {
                                        "1\x03"
                                        "17")),
             "identity 5 G4ABC 1 17");
+  EXPECT_EQ(Describe(DecodeNodeMessage("4\x03"
+                                       "0a1b\x03"
+                                       "c2d3")),
+            "proof 0a1b c2d3");
+  EXPECT_EQ(Describe(DecodeNodeMessage("5\x03"
+                                       "5\x03"
+                                       "priv=9\x03"
+                                       "17")),
+            "attributes 5 [priv=9] 17");
 }
 
 TEST(DecodeNodeMessageTest, StreamTextKeepsEverythingBetweenStreamAndTag) {
@@ -138,6 +152,13 @@ TEST(DecodeNodeMessageTest, BadMessagesSayWhy) {
   EXPECT_EQ(Describe(DecodeNodeMessage("7\x03"
                                        "1")),
             "malformed unknown message code");
+  for (const char* proof : {"4\x03", "4\x03n\x03", "4\x03\x03p", "4\x03n\x03p\x03x"}) {
+    EXPECT_EQ(Describe(DecodeNodeMessage(proof)), "malformed proof without nonce and proof");
+  }
+  EXPECT_EQ(Describe(DecodeNodeMessage("5\x03"
+                                       "1\x03"
+                                       "a")),
+            "malformed stream message without text or tag");
   EXPECT_EQ(Describe(DecodeNodeMessage("junk")), "malformed no elements");
 }
 

@@ -30,6 +30,7 @@ class FakeOut : public StreamOutput {
   void SetStreamIdentity(int stream, std::string_view call, int state) override {
     identity[stream] = {std::string(call), state};
   }
+  void SetStreamAttributes(int, std::string_view) override {}
   // Everything sent to stream, joined.
   std::string To(int stream) const {
     std::string all;

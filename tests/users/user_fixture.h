@@ -30,6 +30,7 @@ class RecordingOutput final : public StreamOutput {
   void SetStreamIdentity(int stream, std::string_view call, int state) override {
     identity[stream] = std::string(call);
   }
+  void SetStreamAttributes(int, std::string_view) override {}
   std::map<int, std::string> sent;
   std::vector<int> closed;
   std::map<int, std::string> identity;

@@ -1,5 +1,6 @@
 // SHA-256, HMAC-SHA256 and PBKDF2-HMAC-SHA256: enough to keep the console password as a
-// salted, slow hash without pulling in a crypto library.
+// salted, slow hash and to let the node and its front-end prove to each other that they share
+// the link secret, without pulling in a crypto library.
 #pragma once
 
 #include <array>

@@ -1,4 +1,4 @@
-#include "console/sha256.h"
+#include "core/sha256.h"
 
 #include <cstring>
 
