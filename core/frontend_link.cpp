@@ -188,7 +188,8 @@ void FrontendLink::HandleData(std::string_view record) {
 
 void FrontendLink::DeliverText(int stream, std::string_view data) {
   size_t pos = 0;
-  if (ended_in_cr_[size_t(stream)] && !data.empty() && data.front() == '\n') pos = 1;
+  const char pair = char(ended_in_cr_[size_t(stream)]);
+  if (pair != 0 && !data.empty() && data.front() == pair) pos = 1;
   ended_in_cr_[size_t(stream)] = 0;
   const size_t size = data.size();
   while (pos < size) {
@@ -208,13 +209,13 @@ void FrontendLink::DeliverText(int stream, std::string_view data) {
       }
       return;
     }
+    // CR LF and LF CR are one line end each, also when the second half comes in the next data.
     size_t next = end + 1;
-    if (data[end] == '\r') {
-      if (next < size && data[next] == '\n') {
-        ++next;
-      } else if (next == size) {
-        ended_in_cr_[size_t(stream)] = 1;
-      }
+    const char other = data[end] == '\r' ? '\n' : '\r';
+    if (next < size && data[next] == other) {
+      ++next;
+    } else if (next == size) {
+      ended_in_cr_[size_t(stream)] = uint8_t(other);
     }
     const std::string_view piece = data.substr(pos, end - pos);
     if (entry.line_carry.empty()) {

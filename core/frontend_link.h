@@ -255,8 +255,8 @@ class FrontendLink : private LinkArrival::Sink {
   std::vector<std::string_view> fields_;
   std::string line_scratch_;
   int dispatch_depth_ = 0;
-  // Per stream: the last data ended in a lone CR, so a leading LF of the next data is the
-  // rest of that line end, not an empty line.
+  // Per stream: the last data ended in a lone CR (or LF), so a leading LF (or CR) of the next
+  // data is the rest of that line end, not an empty line.  Holds that awaited byte, or 0.
   std::vector<uint8_t> ended_in_cr_;
 
   std::string frontend_station_;
