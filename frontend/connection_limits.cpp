@@ -50,11 +50,12 @@ std::string ConnectionLimits::RefusalLine(Refusal refusal) const {
       return "Too many connections from your address (" +
              std::to_string(settings_.max_per_address) + "); try again later.\r\n";
     case Refusal::kRate: {
-      const auto seconds =
-          std::chrono::duration_cast<std::chrono::seconds>(settings_.window).count();
+      const long long ms = settings_.window.count();
+      const std::string window =
+          ms % 1000 == 0 ? std::to_string(ms / 1000) + " seconds" : std::to_string(ms) + " ms";
       return "Too many new connections from your address (more than " +
-             std::to_string(settings_.max_connects_per_window) + " in " + std::to_string(seconds) +
-             " seconds); try again later.\r\n";
+             std::to_string(settings_.max_connects_per_window) + " in " + window +
+             "); try again later.\r\n";
     }
     case Refusal::kNone:
       break;

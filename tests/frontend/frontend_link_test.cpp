@@ -367,7 +367,7 @@ TEST_F(FrontendLinkTest, ConnectionsPastALimitAreToldWhyAndNeverReachTheNode) {
 
   // The total limit, and the rate limit for the rest of its window.
   front_.reset();
-  StartFront({"--connect-window-ms", "1000"}, "Max Connections^1\r\nMax Connects Per Minute^3\r\n");
+  StartFront({"--connect-window-ms", "600"}, "Max Connections^1\r\nMax Connects Per Minute^3\r\n");
   LineClient node2, e, f, g, h, i;
   ConnectNode(node2);
   ConnectClient(node2, e, user_port_);
@@ -377,9 +377,9 @@ TEST_F(FrontendLinkTest, ConnectionsPastALimitAreToldWhyAndNeverReachTheNode) {
   EXPECT_TRUE(g.ReadUntil("Sorry, this node has as many connections as it takes (1)"));
   e.Close();
   ASSERT_TRUE(h.Connect(user_port_));  // the fourth within the window
-  EXPECT_TRUE(h.ReadUntil("Too many new connections from your address (more than 3 in 1 seconds)"));
+  EXPECT_TRUE(h.ReadUntil("Too many new connections from your address (more than 3 in 600 ms)"));
   EXPECT_TRUE(h.WaitClosed());
-  std::this_thread::sleep_for(1100ms);
+  std::this_thread::sleep_for(700ms);  // a new window
   ConnectClient(node2, i, user_port_);
 }
 
