@@ -394,6 +394,7 @@ ConsoleMetrics NodeConsoleModel::Metrics() const {
   }
   m.delay_count = node_.stats_.delay_count();
   m.delay_sum_seconds = node_.stats_.delay_sum_seconds();
+  if (node_.link_) m.frontend = node_.link_->frontend_counters().values();
   return m;
 }
 

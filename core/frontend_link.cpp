@@ -133,6 +133,8 @@ void FrontendLink::OnRecord(std::string_view record) {
     HandleStreamEvent(record);
   } else if (code == "AA19") {
     HandleOutgoingFailed(record);
+  } else if (code == "AA20") {
+    HandleCounters(record);
   }
   // Unknown codes are ignored; the handshake still sees any record that mentions "AA03".
   if (record.find("AA03") != std::string_view::npos) {
@@ -504,6 +506,16 @@ void FrontendLink::HandleOutgoingFailed(std::string_view record) {
   const std::string reason(parts.size() > 2 ? parts[2] : std::string_view{});
   monitor_.Console("Outgoing connection " + label + " failed: " + reason);
   events_.OnOutgoingFailed(label, reason);
+}
+
+void FrontendLink::HandleCounters(std::string_view record) {
+  // "AA20^<name>=<value>^...": every few seconds, so a pair that cannot be read is logged
+  // once, not every time.
+  if (frontend_counters_.Take(record) > 0 && !counters_warned_) {
+    counters_warned_ = true;
+    log_.Write(kHeading, "AA20: front-end counters that cannot be read were left out: " +
+                             std::string(record.substr(0, 200)));
+  }
 }
 
 // ---------------------------------------------------------------------------------------

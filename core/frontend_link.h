@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "core/error_log.h"
+#include "core/frontend_counters.h"
 #include "core/link_arrival.h"
 #include "core/monitor.h"
 #include "core/stream_table.h"
@@ -162,6 +163,8 @@ class FrontendLink : private LinkArrival::Sink {
   // Bytes queued for the socket and not yet written.
   size_t queue_depth() const { return out_.size() + writing_.size(); }
   uint64_t keepalives() const { return keepalives_; }
+  // The front-end's own counters, as last reported ("AA20"); kept when the link goes down.
+  const FrontendCounterValues& frontend_counters() const { return frontend_counters_; }
 
  private:
   enum class State { kIdle, kConnecting, kConnected, kStopped };
@@ -184,6 +187,7 @@ class FrontendLink : private LinkArrival::Sink {
   void HandleAnnouncement(std::string_view record);    // QRV
   void HandleStreamEvent(std::string_view record);     // AA03
   void HandleOutgoingFailed(std::string_view record);  // AA19
+  void HandleCounters(std::string_view record);        // AA20
 
   // The stream number in field, or 0 (logged) when it is not one.  A number above
   // HighSocket grows the table.
@@ -264,6 +268,8 @@ class FrontendLink : private LinkArrival::Sink {
   int reported_streams_ = 0;
   std::vector<int> recovery_expected_;  // streams of "AA01" whose "AA38" is still due
   uint64_t keepalives_ = 0;
+  FrontendCounterValues frontend_counters_;
+  bool counters_warned_ = false;
 };
 
 }  // namespace qx

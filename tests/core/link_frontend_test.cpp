@@ -208,6 +208,20 @@ TEST_F(LinkRecordsTest, ALineCutAcrossRecordsIsHandedOnOnceComplete) {
   EXPECT_EQ(events_.lines.back(), "3:new");
 }
 
+TEST_F(LinkRecordsTest, FrontEndCountersAreKeptAndABadOneLoggedOnce) {
+  MakeLink();
+  link_->Arrive("AA20^open_connections=3^login_timeouts_total=1\x03");
+  link_->Arrive(
+      "AA20^open_connections=4^bad=x\x03"
+      "AA20^bad=y\x03");
+  const auto& values = link_->frontend_counters().values();
+  EXPECT_EQ(values.at("open_connections"), 4u);
+  EXPECT_EQ(values.at("login_timeouts_total"), 1u);
+  const std::string log = ErrorLogText();
+  EXPECT_NE(log.find("bad=x"), std::string::npos);
+  EXPECT_EQ(log.find("bad=y"), std::string::npos);
+}
+
 TEST_F(LinkRecordsTest, TextNodeSpotLinesAreNormalisedOnNodeStreamsOnly) {
   std::string out;
   NormaliseTextNodeLine("DX de W3LPL:     14025.0  DL1ABC   599 tnx0  x   y   z", out);
