@@ -98,7 +98,8 @@ struct Connection {
   std::chrono::steady_clock::duration login_waited{};
   SteadyTime login_since{};
   bool login_counting = false;
-  bool identified = false;  // the node named the caller (or the connection is outgoing)
+  bool identified = false;     // the node named the caller (or the connection is outgoing)
+  bool behind_logged = false;  // the start of this reader's falling behind was logged
   bool write_active = false;
   bool dirty = false;  // has output and is listed for the next flush
   bool closing = false;
@@ -512,10 +513,14 @@ void FrontendServer::Impl::QueueOutput(const ConnectionPtr& c, std::string_view 
     case OutputQueue::Added::kQueued:
       break;
     case OutputQueue::Added::kBehind: {
-      ++counters.slow_reader_episodes;
       counters.dropped_lines += OutputQueue::LinesIn(text);
-      FrontLog("Stream " + std::to_string(c->stream) + " cannot keep up; its output is dropped " +
-               "until it catches up (" + c->peer + ")");
+      // A reader on the edge may fall behind and catch up again and again: the counters
+      // keep the tally, the log only the first few.
+      c->behind_logged = ShouldLog(++counters.slow_reader_episodes);
+      if (c->behind_logged) {
+        FrontLog("Stream " + std::to_string(c->stream) + " cannot keep up; its output is dropped " +
+                 "until it catches up (" + c->peer + ")");
+      }
       c->last_progress = std::chrono::steady_clock::now();
       WatchStall(c, c->last_progress + options_.stall_timeout);
       break;
@@ -548,7 +553,7 @@ void FrontendServer::Impl::StartWrite(const ConnectionPtr& c) {
                                }
                                if (n > 0) c->last_progress = std::chrono::steady_clock::now();
                                const uint64_t lost = c->out.Wrote(n);
-                               if (lost > 0) {
+                               if (lost > 0 && c->behind_logged) {
                                  FrontLog("Stream " + std::to_string(c->stream) + " caught up; " +
                                           std::to_string(lost) + " lines were dropped");
                                }
@@ -585,9 +590,10 @@ void FrontendServer::Impl::StartLoginClock(const ConnectionPtr& c) {
   c->login_timer.async_wait([this, c](error_code ec) {
     if (ec || !c->login_counting || c->closed || c->closing) return;
     c->login_counting = false;
-    ++counters.login_timeouts;
-    FrontLog("Stream " + std::to_string(c->stream) + ": no log-in within " +
-             DurationText(options_.login_timeout) + " (" + c->peer + ")");
+    if (ShouldLog(++counters.login_timeouts)) {
+      FrontLog("Stream " + std::to_string(c->stream) + ": no log-in within " +
+               DurationText(options_.login_timeout) + " (" + c->peer + ")");
+    }
     QueueOutput(
         c, "No log-in within " + DurationText(options_.login_timeout) + "; disconnecting.\r\n");
     RequestClose(c, "log-in timed out");
