@@ -64,6 +64,12 @@ const std::vector<GroupInfo>& Groups() {
         {"MaxMem", ""},
         {"Auto Update", ""},
         {"Last Version Reported", "", true}}},
+      {"Connection limits (restart qxfront to apply)",
+       {{"Max Connections", "connections qxfront holds in all; 0: no limit"},
+        {"Max Connections Per Address", "connections from one address; 0: no limit"},
+        {"Max Connects Per Minute",
+         "new connections from one address in a minute; more are refused; 0: no limit"},
+        {"Login Timeout", "seconds a new connection has to log in; 0: no limit"}}},
       {"Skimmer and reporter feeds",
        {{"Skimmer Dupes Not Allowed", ""},
         {"Skimmer CW Spots Verified", ""},
@@ -84,7 +90,8 @@ bool IsNumberKey(std::string_view key) {
        {"Maximum DX Spots", "Maximum Announcements", "Default Display Dx", "Maximum Display Dx",
         "Default Display Ann", "Maximum Display Ann", "Default Display Wwv", "Maximum Display Wwv",
         "NewMaxSpotsPerMin", "NewMaxSpotsPerMinPerDx", "NewMaxSpotsPerMinPerSpotter",
-        "Connection Retry"}) {
+        "Connection Retry", "Max Connections", "Max Connections Per Address",
+        "Max Connects Per Minute", "Login Timeout"}) {
     if (k == key) return true;
   }
   return false;
@@ -390,6 +397,7 @@ ConsoleMetrics NodeConsoleModel::Metrics() const {
   }
   m.delay_count = node_.stats_.delay_count();
   m.delay_sum_seconds = node_.stats_.delay_sum_seconds();
+  if (node_.link_) m.frontend = node_.link_->frontend_counters().values();
   return m;
 }
 

@@ -6,6 +6,8 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -23,23 +25,39 @@
 namespace {
 
 constexpr std::string_view kUsage =
-    "Usage: qxfront --home DIR [--output-limit BYTES]\n"
+    "Usage: qxfront --home DIR [--output-limit BYTES] [TEST TIMES]\n"
     "       qxfront --version | --help\n"
     "\n"
     "Reads DIR/cluster.cfg (keys \"Winsock IP\", \"Winsock Port\", \"Frontend Ports\",\n"
-    "\"Station Text\"), waits for the node's link on Winsock IP:Port and accepts users and\n"
-    "nodes on every Frontend Ports port.  Only a node that proves it knows the secret in\n"
-    "DIR/link.key (made by whichever of qxfront and qxcluster starts first) gets the link.\n"
-    "  --output-limit BYTES  output queued for one connection before it is closed\n"
-    "                        (default 1048576)\n";
+    "\"Station Text\", \"Max Connections\", \"Max Connections Per Address\",\n"
+    "\"Max Connects Per Minute\", \"Login Timeout\"), waits for the node's link on\n"
+    "Winsock IP:Port and accepts users and nodes on every Frontend Ports port.  Only a node\n"
+    "that proves it knows the secret in DIR/link.key (made by whichever of qxfront and\n"
+    "qxcluster starts first) gets the link.\n"
+    "  --output-limit BYTES  output queued for one connection before its reader is told\n"
+    "                        that output is dropped (default 1048576)\n"
+    "Times in milliseconds, for tests:\n"
+    "  --login-timeout-ms MS    instead of Login Timeout\n"
+    "  --connect-window-ms MS   the window of Max Connects Per Minute (60000)\n"
+    "  --stall-timeout-ms MS    a reader behind that takes nothing for this long is closed\n"
+    "                           (60000)\n"
+    "  --counters-every-ms MS   how often the counters go to the node (10000)\n";
 
 // Thousands of connections need more descriptors than the usual soft limit.
 void RaiseDescriptorLimit() {
   rlimit lim{};
-  if (getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur < lim.rlim_max) {
+  if (getrlimit(RLIMIT_NOFILE, &lim) != 0) return;
+  const rlim_t before = lim.rlim_cur;
+  if (lim.rlim_cur < lim.rlim_max) {
     lim.rlim_cur = lim.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &lim);
+    if (setrlimit(RLIMIT_NOFILE, &lim) != 0) lim.rlim_cur = before;
   }
+  const auto text = [](rlim_t v) {
+    return v == RLIM_INFINITY ? std::string("unlimited") : std::to_string(v);
+  };
+  qx::FrontLog("Open-file limit " + text(lim.rlim_cur) +
+               (lim.rlim_cur != before ? " (raised from " + text(before) + ")" : std::string()) +
+               ", hard limit " + text(lim.rlim_max));
 }
 
 }  // namespace
@@ -47,6 +65,14 @@ void RaiseDescriptorLimit() {
 int main(int argc, char** argv) {
   std::string home;
   long long output_limit = 0;
+  struct TimeOption {
+    std::string_view flag;
+    long long ms = -1;
+  };
+  TimeOption times[] = {{"--login-timeout-ms"},
+                        {"--connect-window-ms"},
+                        {"--stall-timeout-ms"},
+                        {"--counters-every-ms"}};
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "--version") {
@@ -61,6 +87,11 @@ int main(int argc, char** argv) {
       home = argv[++i];
     } else if (arg == "--output-limit" && i + 1 < argc && qx::ParseInt(argv[i + 1], output_limit) &&
                output_limit > 0) {
+      ++i;
+    } else if (TimeOption* t = std::find_if(std::begin(times), std::end(times),
+                                            [&](const TimeOption& o) { return o.flag == arg; });
+               t != std::end(times) && i + 1 < argc && qx::ParseInt(argv[i + 1], t->ms) &&
+               t->ms >= 0) {
       ++i;
     } else {
       std::fprintf(stderr, "qxfront: bad argument \"%s\"\n%s", argv[i], kUsage.data());
@@ -86,6 +117,12 @@ int main(int argc, char** argv) {
   for (const auto& note : secret.notes) qx::FrontLog(note);
   if (!secret.usable()) qx::FrontLogError("Link secret: " + secret.error);
   options.link_secret = std::move(secret.key);
+  using Ms = std::chrono::milliseconds;
+  options.login_timeout = std::chrono::seconds(options.settings.login_timeout_seconds);
+  if (times[0].ms >= 0) options.login_timeout = Ms(times[0].ms);
+  if (times[1].ms > 0) options.connect_window = Ms(times[1].ms);
+  if (times[2].ms > 0) options.stall_timeout = Ms(times[2].ms);
+  if (times[3].ms > 0) options.counters_every = Ms(times[3].ms);
   qx::FrontLog(std::string("qxfront ") + QX_VERSION + " starting");
 
   boost::asio::io_context io(1);

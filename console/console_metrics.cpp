@@ -69,6 +69,13 @@ std::string FormatMetrics(const ConsoleMetrics& m) {
                  "qx_spot_delivery_delay_seconds_sum {}\n"
                  "qx_spot_delivery_delay_seconds_count {}\n",
                  m.delay_count, m.delay_sum_seconds, m.delay_count);
+  // The front-end names its own numbers; "_total" marks a counter, anything else a gauge.
+  for (const auto& [name, value] : m.frontend) {
+    const std::string metric = "qx_frontend_" + name;
+    Header(out, metric, name.ends_with("_total") ? "counter" : "gauge",
+           "Reported by the front-end (qxfront).");
+    fmt::format_to(std::back_inserter(out), "{} {}\n", metric, value);
+  }
   return out;
 }
 

@@ -97,6 +97,8 @@ struct ConsoleMetrics {
   std::vector<std::pair<double, uint64_t>> delay_buckets;  // upper bound (s) -> count <= bound
   uint64_t delay_count = 0;
   double delay_sum_seconds = 0;
+  // The front-end's counters as it last reported them: name -> value.
+  std::map<std::string, uint64_t, std::less<>> frontend;
 };
 
 class ConsoleModel {

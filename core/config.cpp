@@ -147,6 +147,11 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "Help Address", "https://www.qxcluster.example/help"},
       {EntryKind::kSingle, "SSID Help Address", "https://www.qxcluster.example/help/ssid"},
       {EntryKind::kSingle, "Station Text", "QX Cluster node"},
+      // The front-end's limits against floods of connections; 0 turns one off.
+      {EntryKind::kSingle, "Max Connections", "10000"},
+      {EntryKind::kSingle, "Max Connections Per Address", "20"},
+      {EntryKind::kSingle, "Max Connects Per Minute", "10"},
+      {EntryKind::kSingle, "Login Timeout", "180"},
   };
   return table;
 }

@@ -153,6 +153,8 @@ void FrontendLink::OnRecord(std::string_view record) {
     HandleStreamEvent(record);
   } else if (code == "AA19") {
     HandleOutgoingFailed(record);
+  } else if (code == "AA20") {
+    HandleCounters(record);
   }
   // Unknown codes are ignored; the handshake still sees any record that mentions "AA03".
   if (record.find("AA03") != std::string_view::npos) {
@@ -208,7 +210,8 @@ void FrontendLink::HandleData(std::string_view record) {
 
 void FrontendLink::DeliverText(int stream, std::string_view data) {
   size_t pos = 0;
-  if (ended_in_cr_[size_t(stream)] && !data.empty() && data.front() == '\n') pos = 1;
+  const char pair = char(ended_in_cr_[size_t(stream)]);
+  if (pair != 0 && !data.empty() && data.front() == pair) pos = 1;
   ended_in_cr_[size_t(stream)] = 0;
   const size_t size = data.size();
   while (pos < size) {
@@ -228,13 +231,13 @@ void FrontendLink::DeliverText(int stream, std::string_view data) {
       }
       return;
     }
+    // CR LF and LF CR are one line end each, also when the second half comes in the next data.
     size_t next = end + 1;
-    if (data[end] == '\r') {
-      if (next < size && data[next] == '\n') {
-        ++next;
-      } else if (next == size) {
-        ended_in_cr_[size_t(stream)] = 1;
-      }
+    const char other = data[end] == '\r' ? '\n' : '\r';
+    if (next < size && data[next] == other) {
+      ++next;
+    } else if (next == size) {
+      ended_in_cr_[size_t(stream)] = uint8_t(other);
     }
     const std::string_view piece = data.substr(pos, end - pos);
     if (entry.line_carry.empty()) {
@@ -613,6 +616,16 @@ void FrontendLink::HandleOutgoingFailed(std::string_view record) {
   const std::string reason(parts.size() > 2 ? parts[2] : std::string_view{});
   monitor_.Console("Outgoing connection " + label + " failed: " + reason);
   events_.OnOutgoingFailed(label, reason);
+}
+
+void FrontendLink::HandleCounters(std::string_view record) {
+  // "AA20^<name>=<value>^...": every few seconds, so a pair that cannot be read is logged
+  // once, not every time.
+  if (frontend_counters_.Take(record) > 0 && !counters_warned_) {
+    counters_warned_ = true;
+    log_.Write(kHeading, "AA20: front-end counters that cannot be read were left out: " +
+                             std::string(record.substr(0, 200)));
+  }
 }
 
 // ---------------------------------------------------------------------------------------

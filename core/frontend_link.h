@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "core/error_log.h"
+#include "core/frontend_counters.h"
 #include "core/link_arrival.h"
 #include "core/monitor.h"
 #include "core/stream_table.h"
@@ -179,6 +180,8 @@ class FrontendLink : private LinkArrival::Sink {
   // Bytes queued for the socket and not yet written.
   size_t queue_depth() const { return out_.size() + writing_.size(); }
   uint64_t keepalives() const { return keepalives_; }
+  // The front-end's own counters, as last reported ("AA20"); kept when the link goes down.
+  const FrontendCounterValues& frontend_counters() const { return frontend_counters_; }
 
  private:
   // kProving: connected, waiting for the front-end to prove that it knows the secret.
@@ -206,6 +209,7 @@ class FrontendLink : private LinkArrival::Sink {
   void HandleProofRecord(std::string_view record);
   void ProofFailed(std::string_view reason);
   void LinkProven();
+  void HandleCounters(std::string_view record);        // AA20
 
   // The stream number in field, or 0 (logged) when it is not one.  A number above
   // HighSocket grows the table.
@@ -289,8 +293,8 @@ class FrontendLink : private LinkArrival::Sink {
   std::vector<std::string_view> fields_;
   std::string line_scratch_;
   int dispatch_depth_ = 0;
-  // Per stream: the last data ended in a lone CR, so a leading LF of the next data is the
-  // rest of that line end, not an empty line.
+  // Per stream: the last data ended in a lone CR (or LF), so a leading LF (or CR) of the next
+  // data is the rest of that line end, not an empty line.  Holds that awaited byte, or 0.
   std::vector<uint8_t> ended_in_cr_;
 
   std::string frontend_station_;
@@ -298,6 +302,8 @@ class FrontendLink : private LinkArrival::Sink {
   int reported_streams_ = 0;
   std::vector<int> recovery_expected_;  // streams of "AA01" whose "AA38" is still due
   uint64_t keepalives_ = 0;
+  FrontendCounterValues frontend_counters_;
+  bool counters_warned_ = false;
 };
 
 }  // namespace qx

@@ -1,5 +1,7 @@
 #include "frontend/frontend_server.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <array>
 #include <boost/asio/connect.hpp>
@@ -14,10 +16,12 @@
 
 #include "core/link_secret.h"
 #include "core/sha256.h"
+#include "frontend/connection_limits.h"
 #include "frontend/front_log.h"
 #include "frontend/input_filter.h"
 #include "frontend/link_records.h"
 #include "frontend/node_messages.h"
+#include "frontend/output_queue.h"
 
 namespace qx {
 
@@ -41,6 +45,9 @@ constexpr size_t kCandidateReadChunk = 4096;
 constexpr size_t kKeepCapacity = 256 * 1024;
 constexpr auto kLingerAfterClose = std::chrono::seconds(5);
 constexpr auto kAcceptRetry = std::chrono::milliseconds(200);
+// Descriptors kept free of connections: listeners, the link, logs, and the one a connection
+// that is being refused needs for a moment.
+constexpr rlim_t kSpareDescriptors = 32;
 
 // "192.0.2.7:4000", "[2001:db8::7]:4000": the node takes the address part for its lists.
 std::string PeerText(const tcp::endpoint& ep) {
@@ -55,15 +62,28 @@ void GiveBackIfLarge(std::string& buffer) {
   if (buffer.capacity() > kKeepCapacity && buffer.empty()) std::string().swap(buffer);
 }
 
+// "180 seconds", or "300 ms" for the short times of tests.
+std::string DurationText(std::chrono::milliseconds d) {
+  if (d.count() % 1000 != 0) return std::to_string(d.count()) + " ms";
+  return std::to_string(d.count() / 1000) + " seconds";
+}
+
 }  // namespace
 
 struct Connection {
-  Connection(asio::io_context& io, tcp::socket s)
-      : socket(std::move(s)), partial_timer(io), close_timer(io) {}
+  Connection(asio::io_context& io, tcp::socket s, size_t output_limit)
+      : socket(std::move(s)),
+        partial_timer(io),
+        close_timer(io),
+        stall_timer(io),
+        login_timer(io),
+        out(output_limit) {}
 
   tcp::socket socket;
   asio::steady_timer partial_timer;
   asio::steady_timer close_timer;
+  asio::steady_timer stall_timer;  // runs while the reader is behind
+  asio::steady_timer login_timer;  // runs while the log-in time is counted
   int stream = 0;
   uint64_t tag = 0;
   int port_index = 0;
@@ -74,11 +94,20 @@ struct Connection {
   std::string attributes;  // the node's text for the stream, reported back in AA38
   InputAssembler assembler;
   HeldInput held;
-  std::string queued;   // output waiting for the socket
-  std::string writing;  // output the socket write in flight owns
+  OutputQueue out;
   std::string close_reason;
+  // The address an inbound connection is counted under by the limits; empty for outgoing.
+  std::string limited_address;
   uint64_t announced_session = 0;  // link session that has been told about this stream
   SteadyTime last_input{};
+  SteadyTime last_progress{};  // the last write that took bytes, or the start of falling behind
+  // Log-in time: counted only while a node link is ready, since only a node can name the
+  // caller.  waited is what was counted before login_since.
+  std::chrono::steady_clock::duration login_waited{};
+  SteadyTime login_since{};
+  bool login_counting = false;
+  bool identified = false;     // the node named the caller (or the connection is outgoing)
+  bool behind_logged = false;  // the start of this reader's falling behind was logged
   bool write_active = false;
   bool dirty = false;  // has output and is listed for the next flush
   bool closing = false;
@@ -124,7 +153,12 @@ using OutgoingPtr = std::shared_ptr<Outgoing>;
 class FrontendServer::Impl {
  public:
   Impl(asio::io_context& io, FrontendOptions options)
-      : io_(io), options_(std::move(options)), link_acceptor_(io), keep_alive_timer_(io) {}
+      : io_(io),
+        options_(std::move(options)),
+        link_acceptor_(io),
+        keep_alive_timer_(io),
+        counters_timer_(io),
+        limits_(LimitSettings(options_)) {}
 
   bool Start();
   void Stop();
@@ -135,15 +169,24 @@ class FrontendServer::Impl {
   void AcceptLink();
   void AcceptUsers(size_t index);
   void RetryAcceptLater(std::function<void()> again);
+  static ConnectionLimitSettings LimitSettings(const FrontendOptions& options);
+  void FitLimitToDescriptors();
+  // Applies the limits to a new inbound connection; false when it was refused (and closed).
+  bool Admit(tcp::socket& socket, std::string& address);
+  void Refuse(tcp::socket& socket, const std::string& peer, Refusal refusal);
 
   // Connections.
-  void AddConnection(tcp::socket socket, int port_index, std::string kind);
+  void AddConnection(tcp::socket socket, int port_index, std::string kind,
+                     std::string limited_address = {});
   void StartRead(const ConnectionPtr& c);
   void OnRead(const ConnectionPtr& c, error_code ec, size_t n);
   void ForwardInput(const ConnectionPtr& c, std::string_view data);
   void ArmPartialTimer(const ConnectionPtr& c, SteadyTime deadline);
   void QueueOutput(const ConnectionPtr& c, std::string_view text);
   void StartWrite(const ConnectionPtr& c);
+  void WatchStall(const ConnectionPtr& c, SteadyTime deadline);
+  void StartLoginClock(const ConnectionPtr& c);
+  void PauseLoginClock(const ConnectionPtr& c);
   void RequestClose(const ConnectionPtr& c, std::string reason);
   void Linger(const ConnectionPtr& c);
   void CloseConnection(const ConnectionPtr& c, std::string_view reason);
@@ -171,6 +214,8 @@ class FrontendServer::Impl {
   size_t LinkBacklog() const;
   void ResumePausedReads();
   void KeepAlive();
+  void SendCounters();
+  void CountersTimer();
 
   // Output is gathered while handlers run and written once they are done.
   void ScheduleFlush();
@@ -181,7 +226,9 @@ class FrontendServer::Impl {
   tcp::acceptor link_acceptor_;
   std::vector<std::unique_ptr<tcp::acceptor>> user_acceptors_;
   asio::steady_timer keep_alive_timer_;
+  asio::steady_timer counters_timer_;
   std::vector<std::shared_ptr<asio::steady_timer>> retry_timers_;
+  ConnectionLimits limits_;
   NodeLinkPtr link_;
   std::vector<NodeLinkPtr> candidates_;  // link port connections still to prove themselves
   uint64_t link_sessions_ = 0;
@@ -244,9 +291,11 @@ bool FrontendServer::Impl::Start() {
     user_acceptors_.push_back(std::move(acceptor));
   }
 
+  FitLimitToDescriptors();
   AcceptLink();
   for (size_t i = 0; i < user_acceptors_.size(); ++i) AcceptUsers(i);
   KeepAlive();
+  CountersTimer();
   return true;
 }
 
@@ -257,6 +306,7 @@ void FrontendServer::Impl::Stop() {
   link_acceptor_.close(ec);
   for (auto& a : user_acceptors_) a->close(ec);
   keep_alive_timer_.cancel();
+  counters_timer_.cancel();
   for (auto& t : retry_timers_) t->cancel();
   if (link_) {
     link_->closed = true;
@@ -274,6 +324,8 @@ void FrontendServer::Impl::Stop() {
     c->closed = true;
     c->partial_timer.cancel();
     c->close_timer.cancel();
+    c->stall_timer.cancel();
+    c->login_timer.cancel();
     c->socket.close(ec);
   }
   by_stream_.assign(1, nullptr);
@@ -315,30 +367,91 @@ void FrontendServer::Impl::AcceptUsers(size_t index) {
       RetryAcceptLater([this, index] { AcceptUsers(index); });
       return;
     }
-    AddConnection(std::move(socket), static_cast<int>(index), "in");
+    std::string address;
+    if (Admit(socket, address)) {
+      AddConnection(std::move(socket), static_cast<int>(index), "in", std::move(address));
+    }
     AcceptUsers(index);
   });
+}
+
+ConnectionLimitSettings FrontendServer::Impl::LimitSettings(const FrontendOptions& options) {
+  const FrontendSettings& s = options.settings;
+  return ConnectionLimitSettings{size_t(s.max_connections), size_t(s.max_per_address),
+                                 size_t(s.max_connects_per_minute), options.connect_window};
+}
+
+void FrontendServer::Impl::FitLimitToDescriptors() {
+  // Past the open-file limit accept fails and connections wait unseen in the backlog; a
+  // lower connection limit turns them away with a reason instead.
+  rlimit lim{};
+  if (getrlimit(RLIMIT_NOFILE, &lim) != 0 || lim.rlim_cur == RLIM_INFINITY) return;
+  const rlim_t room =
+      lim.rlim_cur > 2 * kSpareDescriptors ? lim.rlim_cur - kSpareDescriptors : lim.rlim_cur / 2;
+  ConnectionLimitSettings s = limits_.settings();
+  if (s.max_connections != 0 && s.max_connections <= room) return;
+  FrontLogError(
+      "Max Connections " +
+      (s.max_connections == 0 ? std::string("(no limit)") : std::to_string(s.max_connections)) +
+      " is more than the open-file limit " + std::to_string(lim.rlim_cur) + " allows; at most " +
+      std::to_string(room) + " connections are held");
+  s.max_connections = room;
+  limits_ = ConnectionLimits(s);
+}
+
+bool FrontendServer::Impl::Admit(tcp::socket& socket, std::string& address) {
+  error_code ec;
+  const tcp::endpoint remote = socket.remote_endpoint(ec);
+  if (ec) return true;  // gone already; AddConnection drops it
+  address = remote.address().to_string();
+  const Refusal refusal =
+      limits_.Admit(address, numbers_.in_use(), std::chrono::steady_clock::now());
+  if (refusal == Refusal::kNone) return true;
+  Refuse(socket, PeerText(remote), refusal);
+  return false;
+}
+
+void FrontendServer::Impl::Refuse(tcp::socket& socket, const std::string& peer, Refusal refusal) {
+  uint64_t& count = refusal == Refusal::kTotal        ? counters.refused_max_connections
+                    : refusal == Refusal::kPerAddress ? counters.refused_per_address
+                                                      : counters.refused_rate;
+  ++count;
+  if (ShouldLog(count)) {
+    FrontLog("Refused " + peer + ": " + std::string(ConnectionLimits::Name(refusal)) + " limit (" +
+             std::to_string(count) + " refused so far)");
+  }
+  // One try at the reason, no waiting: the socket is new, so the line fits its buffer.
+  // Whatever the peer already sent is read away first, so that the close is an orderly one
+  // and the line is not lost to a reset.
+  error_code ec;
+  socket.non_blocking(true, ec);
+  const std::string line = limits_.RefusalLine(refusal);
+  socket.write_some(asio::buffer(line), ec);
+  socket.shutdown(tcp::socket::shutdown_send, ec);
+  std::array<char, 512> sink;
+  for (int i = 0; i < 8 && !ec; ++i) socket.read_some(asio::buffer(sink), ec);
+  socket.close(ec);
 }
 
 // ---------------------------------------------------------------------------------------
 // Connections
 
-void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std::string kind) {
+void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std::string kind,
+                                         std::string limited_address) {
   error_code ec;
-  if (stopped_) {
-    socket.close(ec);
-    return;
-  }
   const tcp::endpoint remote = socket.remote_endpoint(ec);
-  if (ec) {
+  if (stopped_ || ec) {
     // Gone before it could be looked at.
     socket.close(ec);
+    if (!limited_address.empty()) limits_.Closed(limited_address);
     return;
   }
   socket.set_option(tcp::no_delay(true), ec);
   socket.non_blocking(true, ec);
 
-  auto c = std::make_shared<Connection>(io_, std::move(socket));
+  auto c = std::make_shared<Connection>(io_, std::move(socket), options_.output_limit);
+  c->limited_address = std::move(limited_address);
+  c->identified = port_index == kOutgoingPortIndex;  // the node itself asked for it
   c->stream = numbers_.Allocate();
   c->tag = ++next_tag_;
   c->port_index = port_index;
@@ -355,6 +468,7 @@ void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std
     AppendConnectRequest(link_->queued, c->stream, c->peer, c->tag, c->kind, c->port_index);
     c->announced_session = link_->session;
     ScheduleFlush();
+    StartLoginClock(c);
   }
   StartRead(c);
 }
@@ -429,13 +543,26 @@ void FrontendServer::Impl::ArmPartialTimer(const ConnectionPtr& c, SteadyTime de
 
 void FrontendServer::Impl::QueueOutput(const ConnectionPtr& c, std::string_view text) {
   if (c->closed || text.empty()) return;
-  const size_t pending = c->queued.size() + (c->write_active ? c->writing.size() : 0);
-  if (pending + text.size() > options_.output_limit) {
-    ++counters.overflow_closes;
-    CloseConnection(c, "output overflow");
-    return;
+  switch (c->out.Add(text)) {
+    case OutputQueue::Added::kQueued:
+      break;
+    case OutputQueue::Added::kBehind: {
+      counters.dropped_lines += OutputQueue::LinesIn(text);
+      // A reader on the edge may fall behind and catch up again and again: the counters
+      // keep the tally, the log only the first few.
+      c->behind_logged = ShouldLog(++counters.slow_reader_episodes);
+      if (c->behind_logged) {
+        FrontLog("Stream " + std::to_string(c->stream) + " cannot keep up; its output is dropped " +
+                 "until it catches up (" + c->peer + ")");
+      }
+      c->last_progress = std::chrono::steady_clock::now();
+      WatchStall(c, c->last_progress + options_.stall_timeout);
+      break;
+    }
+    case OutputQueue::Added::kDropped:
+      counters.dropped_lines += OutputQueue::LinesIn(text);
+      return;
   }
-  c->queued.append(text);
   if (!c->dirty && !c->write_active) {
     c->dirty = true;
     dirty_.push_back(c);
@@ -444,24 +571,74 @@ void FrontendServer::Impl::QueueOutput(const ConnectionPtr& c, std::string_view 
 }
 
 void FrontendServer::Impl::StartWrite(const ConnectionPtr& c) {
-  if (c->closed || c->write_active || c->queued.empty()) return;
-  c->writing.swap(c->queued);
+  if (c->closed || c->write_active) return;
+  const std::string_view bytes = c->out.NextWrite();
+  if (bytes.empty()) return;
   c->write_active = true;
-  asio::async_write(c->socket, asio::buffer(c->writing), [this, c](error_code ec, size_t) {
-    c->write_active = false;
-    if (c->closed) return;
-    if (ec) {
-      CloseConnection(c, "write failed: " + ec.message());
+  // Single writes rather than one composed write, so that every bit of progress is seen: a
+  // reader that is behind but still reading is never taken for a stalled one.
+  c->socket.async_write_some(asio::buffer(bytes.data(), bytes.size()),
+                             [this, c](error_code ec, size_t n) {
+                               c->write_active = false;
+                               if (c->closed) return;
+                               if (ec) {
+                                 CloseConnection(c, "write failed: " + ec.message());
+                                 return;
+                               }
+                               if (n > 0) c->last_progress = std::chrono::steady_clock::now();
+                               const uint64_t lost = c->out.Wrote(n);
+                               if (lost > 0 && c->behind_logged) {
+                                 FrontLog("Stream " + std::to_string(c->stream) + " caught up; " +
+                                          std::to_string(lost) + " lines were dropped");
+                               }
+                               if (!c->out.empty()) {
+                                 StartWrite(c);
+                               } else if (c->closing && !c->lingering) {
+                                 Linger(c);
+                               }
+                             });
+}
+
+void FrontendServer::Impl::WatchStall(const ConnectionPtr& c, SteadyTime deadline) {
+  c->stall_timer.expires_at(deadline);
+  c->stall_timer.async_wait([this, c](error_code ec) {
+    if (ec || c->closed || !c->out.behind()) return;
+    const SteadyTime due = c->last_progress + options_.stall_timeout;
+    if (std::chrono::steady_clock::now() < due) {
+      WatchStall(c, due);
       return;
     }
-    c->writing.clear();
-    GiveBackIfLarge(c->writing);
-    if (!c->queued.empty()) {
-      StartWrite(c);
-    } else if (c->closing && !c->lingering) {
-      Linger(c);
-    }
+    ++counters.overflow_closes;
+    CloseConnection(c, "output overflow");
   });
+}
+
+void FrontendServer::Impl::StartLoginClock(const ConnectionPtr& c) {
+  if (c->identified || c->login_counting || c->closing || c->closed ||
+      options_.login_timeout.count() <= 0) {
+    return;
+  }
+  c->login_counting = true;
+  c->login_since = std::chrono::steady_clock::now();
+  c->login_timer.expires_at(c->login_since + options_.login_timeout - c->login_waited);
+  c->login_timer.async_wait([this, c](error_code ec) {
+    if (ec || !c->login_counting || c->closed || c->closing) return;
+    c->login_counting = false;
+    if (ShouldLog(++counters.login_timeouts)) {
+      FrontLog("Stream " + std::to_string(c->stream) + ": no log-in within " +
+               DurationText(options_.login_timeout) + " (" + c->peer + ")");
+    }
+    QueueOutput(
+        c, "No log-in within " + DurationText(options_.login_timeout) + "; disconnecting.\r\n");
+    RequestClose(c, "log-in timed out");
+  });
+}
+
+void FrontendServer::Impl::PauseLoginClock(const ConnectionPtr& c) {
+  if (!c->login_counting) return;
+  c->login_counting = false;
+  c->login_waited += std::chrono::steady_clock::now() - c->login_since;
+  c->login_timer.cancel();
 }
 
 void FrontendServer::Impl::RequestClose(const ConnectionPtr& c, std::string reason) {
@@ -469,7 +646,8 @@ void FrontendServer::Impl::RequestClose(const ConnectionPtr& c, std::string reas
   c->closing = true;
   c->close_reason = std::move(reason);
   c->partial_timer.cancel();
-  if (!c->write_active && c->queued.empty()) {
+  PauseLoginClock(c);
+  if (!c->write_active && c->out.empty()) {
     Linger(c);
     return;
   }
@@ -501,10 +679,14 @@ void FrontendServer::Impl::CloseConnection(const ConnectionPtr& c, std::string_v
   c->closed = true;
   c->partial_timer.cancel();
   c->close_timer.cancel();
+  c->stall_timer.cancel();
+  c->login_timer.cancel();
+  c->login_counting = false;
   error_code ec;
   c->socket.close(ec);
-  c->queued.clear();
+  c->out.Clear();
   c->held.Clear();
+  if (!c->limited_address.empty()) limits_.Closed(c->limited_address);
   ++counters.closed;
   if (by_stream_[c->stream] == c) by_stream_[c->stream].reset();
   numbers_.Release(c->stream);
@@ -701,6 +883,10 @@ void FrontendServer::Impl::HandleNodeMessage(const NodeLinkPtr& link, const Node
       if (c) {
         c->call = std::string(m.text);
         c->state = m.state;
+        if (!c->call.empty() && !c->identified) {
+          c->identified = true;
+          PauseLoginClock(c);
+        }
       }
       return;
     }
@@ -755,6 +941,8 @@ void FrontendServer::Impl::ReportStreams(const NodeLinkPtr& link) {
     c.held.Clear();
     ++held_streams;
   }
+  for (int s : streams) StartLoginClock(by_stream_[s]);
+  SendCounters();
   FrontLog(std::string(first ? "Node ready: " : "Node asked again: ") +
            std::to_string(streams.size()) + " open streams reported, held input sent for " +
            std::to_string(held_streams));
@@ -836,6 +1024,10 @@ void FrontendServer::Impl::CloseLink(const NodeLinkPtr& link, std::string_view r
   if (link_ == link) {
     link_.reset();
     ResumePausedReads();
+    // Only a node can name a caller, so without one the log-in time stands still.
+    for (const auto& c : by_stream_) {
+      if (c) PauseLoginClock(c);
+    }
   }
 }
 
@@ -879,6 +1071,37 @@ void FrontendServer::Impl::KeepAlive() {
       ScheduleFlush();
     }
     KeepAlive();
+  });
+}
+
+void FrontendServer::Impl::SendCounters() {
+  if (!LinkReady()) return;
+  const FrontendCounters& n = counters;
+  const std::pair<std::string_view, uint64_t> values[] = {
+      {"open_connections", numbers_.in_use()},
+      {"connections_accepted_total", n.accepted},
+      {"connections_closed_total", n.closed},
+      {"refused_max_connections_total", n.refused_max_connections},
+      {"refused_per_address_total", n.refused_per_address},
+      {"refused_rate_total", n.refused_rate},
+      {"login_timeouts_total", n.login_timeouts},
+      {"slow_reader_episodes_total", n.slow_reader_episodes},
+      {"dropped_lines_total", n.dropped_lines},
+      {"output_overflow_closes_total", n.overflow_closes},
+      {"messages_from_node_total", n.messages_from_node},
+      {"stale_messages_dropped_total", n.stale_messages_dropped},
+      {"malformed_messages_total", n.malformed_messages},
+  };
+  AppendCounters(link_->queued, values);
+  ScheduleFlush();
+}
+
+void FrontendServer::Impl::CountersTimer() {
+  counters_timer_.expires_after(options_.counters_every);
+  counters_timer_.async_wait([this](error_code ec) {
+    if (ec || stopped_) return;
+    SendCounters();
+    CountersTimer();
   });
 }
 

@@ -9,7 +9,9 @@
 //
 // Everything runs on the io_context's one thread.  Output for a connection is gathered in one
 // buffer that is swapped out whole for each socket write, so however many messages wait for a
-// socket they go out in one write, and a slow reader only ever fills its own bounded buffer.
+// socket they go out in one write, and a slow reader only ever fills its own bounded buffer
+// (and is told when its output is being dropped).  Floods of connections are refused before
+// they cost more than an accept and one line.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -26,8 +28,9 @@ namespace qx {
 struct FrontendOptions {
   FrontendSettings settings;
   std::string version = QX_VERSION;
-  size_t output_limit = 1024 * 1024;  // bytes queued for one connection before it is closed
-  size_t hold_limit = 64 * 1024;      // input held per stream while no node is connected
+  // Output queued for one connection; past it the reader is told that output is dropped.
+  size_t output_limit = 1024 * 1024;
+  size_t hold_limit = 64 * 1024;  // input held per stream while no node is connected
   std::chrono::milliseconds partial_line_wait{200};
   std::chrono::seconds keep_alive_every{30};
   std::chrono::seconds connect_timeout{30};
@@ -37,6 +40,15 @@ struct FrontendOptions {
   // A connection on the link port that has not proved itself by then is closed.
   std::chrono::milliseconds link_proof_timeout{5000};
   size_t max_link_candidates = 8;
+  // The times below come from the settings or are shortened by tests.
+  // The window of "Max Connects Per Minute".
+  std::chrono::milliseconds connect_window{60000};
+  // "Login Timeout" (0: none).
+  std::chrono::milliseconds login_timeout{180000};
+  // A reader over the output bound that takes no bytes at all for this long is closed.
+  std::chrono::milliseconds stall_timeout{60000};
+  // How often the counters go to the node.
+  std::chrono::milliseconds counters_every{10000};
 };
 
 struct FrontendCounters {
@@ -49,6 +61,13 @@ struct FrontendCounters {
   // Connections on the link port closed without becoming the link: no secret here, too
   // many waiting, a wrong proof, anything else before a proof, or no proof in time.
   uint64_t links_refused = 0;
+  // Inbound connections refused, by the limit that refused them.
+  uint64_t refused_max_connections = 0;
+  uint64_t refused_per_address = 0;
+  uint64_t refused_rate = 0;
+  uint64_t login_timeouts = 0;
+  uint64_t slow_reader_episodes = 0;
+  uint64_t dropped_lines = 0;  // lines dropped for readers that could not keep up
 };
 
 class FrontendServer {

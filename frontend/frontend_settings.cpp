@@ -18,6 +18,18 @@ bool ParsePort(std::string_view text, int& port) {
   return true;
 }
 
+// A whole number from 0 up; a bad value keeps the default and warns.
+void ReadCount(const Config& config, std::string_view key, int& value,
+               std::vector<std::string>& warnings) {
+  const std::string& text = config.Get(key);
+  long long n = 0;
+  if (!ParseInt(Trim(text), n) || n < 0 || n > 100000000) {
+    warnings.push_back(std::string(key) + " \"" + text + "\" is not a whole number from 0 up");
+    return;
+  }
+  value = static_cast<int>(n);
+}
+
 }  // namespace
 
 FrontendSettingsResult ParseFrontendSettings(std::string_view text) {
@@ -66,6 +78,11 @@ FrontendSettingsResult ParseFrontendSettings(std::string_view text) {
 
   const std::string& station = config.Get("Station Text");
   if (!station.empty()) s.station_text = std::string(Trim(station));
+
+  ReadCount(config, "Max Connections", s.max_connections, result.warnings);
+  ReadCount(config, "Max Connections Per Address", s.max_per_address, result.warnings);
+  ReadCount(config, "Max Connects Per Minute", s.max_connects_per_minute, result.warnings);
+  ReadCount(config, "Login Timeout", s.login_timeout_seconds, result.warnings);
   return result;
 }
 

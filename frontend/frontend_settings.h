@@ -1,6 +1,7 @@
 // The few configuration keys the connection front-end needs from cluster.cfg: where the
-// node's link is accepted, which ports users and nodes connect to, and the station text the
-// front-end announces.  The parse is pure so that every rule can be tried without files.
+// node's link is accepted, which ports users and nodes connect to, the station text the
+// front-end announces, and the limits that keep floods of connections cheap.  The parse is
+// pure so that every rule can be tried without files.
 #pragma once
 
 #include <filesystem>
@@ -19,6 +20,11 @@ struct FrontendSettings {
   int link_port = 7399;               // "Winsock Port"
   std::vector<int> user_ports{7300};  // "Frontend Ports", index = port index
   std::string station_text;           // "Station Text"
+  // Limits on inbound connections; 0 turns a limit off.  Loopback addresses count like any.
+  int max_connections = 10000;       // "Max Connections": held in all
+  int max_per_address = 20;          // "Max Connections Per Address": held from one address
+  int max_connects_per_minute = 10;  // "Max Connects Per Minute": new ones from one address
+  int login_timeout_seconds = 180;   // "Login Timeout": until the node names the caller
 };
 
 struct FrontendSettingsResult {

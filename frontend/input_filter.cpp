@@ -10,6 +10,10 @@ constexpr uint8_t kWont = 252;
 constexpr uint8_t kWill = 251;
 constexpr uint8_t kSb = 250;
 constexpr uint8_t kSe = 240;
+constexpr uint8_t kBackspace = 8;
+constexpr uint8_t kTab = 9;
+constexpr uint8_t kEsc = 27;
+constexpr uint8_t kDel = 127;
 
 }  // namespace
 
@@ -20,8 +24,74 @@ void InputAssembler::EndLine(char end, std::string& lines) {
   line_length_ = 0;
 }
 
+void InputAssembler::EraseLast() {
+  if (partial_.empty()) return;  // nothing, or only what already went on as a prompt
+  // A UTF-8 character goes whole: its continuation bytes back to the lead byte.  Anything
+  // else (Latin-1, or bytes that do not form a whole UTF-8 character) goes one byte at once.
+  size_t start = partial_.size() - 1;
+  size_t continuations = 0;
+  while (start > 0 && continuations < 3 && (uint8_t(partial_[start]) & 0xC0) == 0x80) {
+    --start;
+    ++continuations;
+  }
+  const auto lead = uint8_t(partial_[start]);
+  const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+  if (continuations == 0 || length != continuations + 1) start = partial_.size() - 1;
+  line_length_ -= partial_.size() - start;
+  partial_.resize(start);
+}
+
+void InputAssembler::Data(char ch, std::string& lines) {
+  const auto c = static_cast<uint8_t>(ch);
+  if (escape_ == Escape::kEsc) {
+    escape_ = Escape::kNone;
+    if (c == '[') {
+      escape_ = Escape::kCsi;
+      return;
+    }
+    // A lone ESC: it alone goes, the byte after it is read as usual.
+  } else if (escape_ == Escape::kCsi) {
+    if (c >= 0x20 && c <= 0x3F) return;  // parameter and intermediate bytes
+    escape_ = Escape::kNone;
+    if (c >= 0x40 && c <= 0x7E) return;  // the final byte ends the sequence
+    // Anything else breaks the sequence off and is read as usual, so a line end is never lost.
+  }
+  if (c == kEsc) {
+    escape_ = Escape::kEsc;
+    return;
+  }
+  if (ch == '\r' || ch == '\n') {
+    if (ch == end_pair_) {
+      // The second half of CR LF or LF CR: the line already went on.  Within the same batch
+      // the byte joins its line end; arriving in a later batch it is dropped so that no
+      // empty line appears.
+      if (ended_in_this_feed_) lines.push_back(ch);
+      end_pair_ = 0;
+      return;
+    }
+    EndLine(ch, lines);
+    end_pair_ = ch == '\r' ? '\n' : '\r';
+    ended_in_this_feed_ = true;
+    return;
+  }
+  if (c == kBackspace || c == kDel) {
+    EraseLast();
+    return;
+  }
+  if (c == kTab) {
+    ch = ' ';
+  } else if (c < 32) {
+    return;  // NUL, Chr 3, Chr 4, bell and the rest: never part of a line
+  }
+  end_pair_ = 0;
+  if (line_length_ < kMaxLine) {
+    partial_.push_back(ch);
+    ++line_length_;
+  }
+}
+
 void InputAssembler::Feed(std::string_view bytes, std::string& lines, std::string& reply) {
-  cr_in_this_feed_ = false;
+  ended_in_this_feed_ = false;
   for (const char ch : bytes) {
     const auto c = static_cast<uint8_t>(ch);
     switch (telnet_) {
@@ -62,38 +132,14 @@ void InputAssembler::Feed(std::string_view bytes, std::string& lines, std::strin
         telnet_ = c == kSe ? Telnet::kData : Telnet::kSub;
         continue;
     }
-
-    // A data byte.
-    if (c == 0 || c == 3) continue;
-    if (c == '\n') {
-      if (after_cr_) {
-        // CR LF: the line already went on with its CR.  Within the same batch the LF joins
-        // it; an LF arriving in a later batch is dropped so no empty line appears.
-        if (cr_in_this_feed_) lines.push_back('\n');
-        after_cr_ = false;
-        continue;
-      }
-      EndLine('\n', lines);
-      continue;
-    }
-    if (c == '\r') {
-      EndLine('\r', lines);
-      after_cr_ = true;
-      cr_in_this_feed_ = true;
-      continue;
-    }
-    after_cr_ = false;
-    if (line_length_ < kMaxLine) {
-      partial_.push_back(ch);
-      ++line_length_;
-    }
+    Data(ch, lines);
   }
 }
 
 void InputAssembler::FlushPartial(std::string& lines) {
   lines.append(partial_);
   partial_.clear();
-  after_cr_ = false;
+  end_pair_ = 0;
 }
 
 void HeldInput::Append(std::string_view data) {

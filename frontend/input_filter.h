@@ -1,9 +1,17 @@
 // What the front-end does to the bytes a connection sends before they go to the node:
 // telnet negotiation is taken out (options are refused, so clients never wait for an answer),
-// NUL and Chr 3 bytes are dropped (Chr 3 ends a record on the link), and the bytes are cut
-// into lines.  A complete line goes on with its own line end (CR LF, CR or LF); the caller
-// flushes an incomplete line after a quiet spell, so that prompts without a line end get
-// through.  A line is cut at kMaxLine bytes; the rest of it up to the line end is dropped.
+// control characters are taken out, and the bytes are cut into lines.
+//
+// Control characters never reach the node, from users and neighbour nodes alike: Chr 3 and
+// Chr 4 end records and messages on the link, and the others would end up in stored spots
+// and in what other users see.  TAB becomes a blank.  Backspace and DEL remove the previous
+// character of the current line (character-mode telnet clients send them as typed); an ANSI
+// escape sequence (ESC [ parameters final byte) goes whole, a lone ESC alone.  Bytes from 128
+// up stay: calls and names come in UTF-8 or Latin-1.
+//
+// A complete line goes on with its own line end (CR LF, LF CR, CR or LF); the caller flushes
+// an incomplete line after a quiet spell, so that prompts without a line end get through.  A
+// line is cut at kMaxLine bytes; the rest of it up to the line end is dropped.
 #pragma once
 
 #include <cstddef>
@@ -30,15 +38,20 @@ class InputAssembler {
 
  private:
   enum class Telnet : uint8_t { kData, kIac, kOption, kSub, kSubIac };
+  enum class Escape : uint8_t { kNone, kEsc, kCsi };
 
+  void Data(char ch, std::string& lines);
   void EndLine(char end, std::string& lines);
+  void EraseLast();
 
   Telnet telnet_ = Telnet::kData;
+  Escape escape_ = Escape::kNone;
   uint8_t verb_ = 0;
   std::string partial_;
   size_t line_length_ = 0;  // bytes of the current line kept so far, flushed ones included
-  bool after_cr_ = false;   // the last line ended with CR; an LF right after belongs to it
-  bool cr_in_this_feed_ = false;
+  // The last line ended with a lone CR (or LF); an LF (or CR) right after belongs to it.
+  char end_pair_ = 0;
+  bool ended_in_this_feed_ = false;
 };
 
 // Input held for a stream while no node is connected.  Bounded: beyond the limit the oldest

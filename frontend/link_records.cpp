@@ -129,4 +129,16 @@ void AppendOpenFailed(std::string& out, std::string_view label, std::string_view
   out.push_back(kRecordEnd);
 }
 
+void AppendCounters(std::string& out,
+                    std::span<const std::pair<std::string_view, uint64_t>> values) {
+  out.append("AA20");
+  for (const auto& [name, value] : values) {
+    out.push_back('^');
+    AppendClean(out, name);
+    out.push_back('=');
+    AppendNumber(out, value);
+  }
+  out.push_back(kRecordEnd);
+}
+
 }  // namespace qx

@@ -12,6 +12,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace qx {
 
@@ -54,5 +55,8 @@ std::string CleanStreamAttributes(std::string_view text);
 
 // "AA19^<label>^<reason>"
 void AppendOpenFailed(std::string& out, std::string_view label, std::string_view reason);
+// "AA20^<name>=<value>^<name>=<value>..."; names are made of a-z, 0-9 and "_".
+void AppendCounters(std::string& out,
+                    std::span<const std::pair<std::string_view, uint64_t>> values);
 
 }  // namespace qx

@@ -399,12 +399,14 @@ inline constexpr const char* kNoSpotLimits =
     "NewMaxSpotsPerMinPerSpotter^1000000\r\n";
 
 // The cluster.cfg lines of a node whose front-end (started by the tool, so none is named)
-// listens on loopback ports.
+// listens on loopback ports.  Every simulated user and node comes from the one loopback
+// address, so the front-end's limits per address are off.
 inline std::string SiteConfig(std::string_view call, int link_port, int user_port,
                               int console_port) {
   return "Cluster Call^" + std::string(call) + "\r\nWinsock IP^127.0.0.1\r\nWinsock Port^" +
          std::to_string(link_port) + "\r\nWinsock App Path^\r\nFrontend Ports^" +
-         std::to_string(user_port) + "\r\nConsole Port^" + std::to_string(console_port) + "\r\n";
+         std::to_string(user_port) + "\r\nConsole Port^" + std::to_string(console_port) +
+         "\r\nMax Connections Per Address^0\r\nMax Connects Per Minute^0\r\n";
 }
 
 // Creates home with the country file and the given cluster.cfg.

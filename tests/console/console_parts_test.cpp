@@ -218,6 +218,7 @@ TEST(ConsoleMetricsTest, PrometheusText) {
   m.delay_buckets = {{0.001, 3}, {0.01, 7}};
   m.delay_count = 8;
   m.delay_sum_seconds = 0.5;
+  m.frontend = {{"open_connections", 5}, {"refused_rate_total", 2}};
   const std::string text = FormatMetrics(m);
   EXPECT_THAT(text, HasSubstr("# TYPE qx_users gauge\nqx_users 12\n"));
   EXPECT_THAT(text, HasSubstr("qx_spots_in_total{source=\"node\"} 100\n"));
@@ -226,6 +227,11 @@ TEST(ConsoleMetricsTest, PrometheusText) {
   EXPECT_THAT(text, HasSubstr("qx_spot_delivery_delay_seconds_bucket{le=\"0.01\"} 7\n"));
   EXPECT_THAT(text, HasSubstr("qx_spot_delivery_delay_seconds_bucket{le=\"+Inf\"} 8\n"));
   EXPECT_THAT(text, HasSubstr("qx_spot_delivery_delay_seconds_count 8\n"));
+  // The front-end's numbers by their own names: "_total" counts, the rest are levels.
+  EXPECT_THAT(text, HasSubstr("# TYPE qx_frontend_open_connections gauge\n"
+                              "qx_frontend_open_connections 5\n"));
+  EXPECT_THAT(text, HasSubstr("# TYPE qx_frontend_refused_rate_total counter\n"
+                              "qx_frontend_refused_rate_total 2\n"));
   // Every line is a comment or "name{labels} value".
   for (std::string_view line : Split(text, '\n')) {
     if (line.empty() || line.starts_with("#")) continue;

@@ -103,6 +103,8 @@ TEST(FormatCfg, FollowsTheKeyTableOrder) {
                          "Help Address",
                          "SSID Help Address",
                          "Station Text",
+                         "Max Connections",
+                         "Login Timeout",
                          "Zeta Unknown"};
   int last = -1;
   for (const char* key : order) {

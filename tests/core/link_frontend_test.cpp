@@ -180,10 +180,13 @@ TEST_F(LinkRecordsTest, StreamDataIsCutIntoLinesWithCaretsIntact) {
   MakeLink();
   link_->Arrive("AA03^Connect Request^3^192.0.2.1:1^5^in^0\x03");
   link_->Arrive("AA00^3^sh/dx 5\r\nDX 14025 DL1ABC a^b^c\r\n\x03");
-  // Lone CR and lone LF end lines as well; an empty line (Enter alone) is a line too.
-  link_->Arrive("AA00^3^one\rtwo\nthree\r\n\r\n\x03");
-  EXPECT_EQ(events_.lines, (std::vector<std::string>{"3:sh/dx 5", "3:DX 14025 DL1ABC a^b^c",
-                                                     "3:one", "3:two", "3:three", "3:"}));
+  // Lone CR and lone LF end lines as well; an empty line (Enter alone) is a line too.  LF CR
+  // is one line end like CR LF, also split across records.
+  link_->Arrive("AA00^3^one\rtwo\nthree\r\n\r\nfour\n\rfive\n\n\x03");
+  link_->Arrive("AA00^3^\rsix\n\x03");
+  EXPECT_EQ(events_.lines,
+            (std::vector<std::string>{"3:sh/dx 5", "3:DX 14025 DL1ABC a^b^c", "3:one", "3:two",
+                                      "3:three", "3:", "3:four", "3:five", "3:", "3:six"}));
   for (int s : events_.current_at_call) EXPECT_EQ(s, 3);
 }
 
@@ -205,6 +208,20 @@ TEST_F(LinkRecordsTest, ALineCutAcrossRecordsIsHandedOnOnceComplete) {
       "AA03^Connect Request^3^192.0.2.1:1^6^in^0\x03"
       "AA00^3^new\r\n\x03");
   EXPECT_EQ(events_.lines.back(), "3:new");
+}
+
+TEST_F(LinkRecordsTest, FrontEndCountersAreKeptAndABadOneLoggedOnce) {
+  MakeLink();
+  link_->Arrive("AA20^open_connections=3^login_timeouts_total=1\x03");
+  link_->Arrive(
+      "AA20^open_connections=4^bad=x\x03"
+      "AA20^bad=y\x03");
+  const auto& values = link_->frontend_counters().values();
+  EXPECT_EQ(values.at("open_connections"), 4u);
+  EXPECT_EQ(values.at("login_timeouts_total"), 1u);
+  const std::string log = ErrorLogText();
+  EXPECT_NE(log.find("bad=x"), std::string::npos);
+  EXPECT_EQ(log.find("bad=y"), std::string::npos);
 }
 
 TEST_F(LinkRecordsTest, TextNodeSpotLinesAreNormalisedOnNodeStreamsOnly) {

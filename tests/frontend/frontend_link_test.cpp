@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <thread>
@@ -77,14 +78,15 @@ class FrontendLinkTest : public ::testing::Test {
   // The secret is made before the front-end starts, which then reads the same file.
   FrontendLinkTest() : key_(LoadOrCreateLinkSecret(dir_.path()).key) {}
 
-  void StartFront(std::vector<std::string> extra = {}) {
+  void StartFront(std::vector<std::string> extra = {}, std::string_view extra_cfg = "") {
     link_port_ = testing::FreePort();
     user_port_ = testing::FreePort();
     user_port2_ = testing::FreePort();
     testing::WriteFile(dir_ / "cluster.cfg",
                        "Winsock IP^127.0.0.1\r\nWinsock Port^" + std::to_string(link_port_) +
                            "\r\nFrontend Ports^" + std::to_string(user_port_) + "," +
-                           std::to_string(user_port2_) + "\r\nStation Text^GB7QX test\r\n");
+                           std::to_string(user_port2_) + "\r\nStation Text^GB7QX test\r\n" +
+                           std::string(extra_cfg));
     std::vector<std::string> args{"--home", dir_.path().string()};
     args.insert(args.end(), extra.begin(), extra.end());
     front_ = std::make_unique<ChildProcess>(QX_FRONT_BIN, args, dir_.path(), "qxfront");
@@ -349,27 +351,152 @@ TEST_F(FrontendLinkTest, CandidatesAreBoundedAndAFrontEndWithoutASecretRefusesAl
   EXPECT_TRUE(ErrorLogHas("this front-end has no usable link secret"));
 }
 
-TEST_F(FrontendLinkTest, SlowReaderIsClosedWhileOthersKeepReceiving) {
-  StartFront({"--output-limit", "65536"});
-  LineClient node, slow, fast;
+TEST_F(FrontendLinkTest, SlowReadersAreToldOfDropsAndOnlyStalledOnesClosed) {
+  StartFront({"--output-limit", "65536", "--stall-timeout-ms", "1000"});
+  LineClient node, slow, stalled, fast;
   ConnectNode(node);
   const std::string slow_tag = Field(ConnectClient(node, slow, user_port_), 4);
+  const std::string stalled_tag = Field(ConnectClient(node, stalled, user_port_), 4);
+  const int small = 4096;  // keeps loopback's large buffers from hiding the stall for long
+  ::setsockopt(stalled.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
   const std::string fast_tag = Field(ConnectClient(node, fast, user_port_), 4);
 
-  const std::string big(4000, 's');
+  // Numbered lines, far more than the socket buffers and the bound together hold.
+  const int kLines = 2000;
+  const auto numbered = [](int i) {
+    return "spot " + std::to_string(10000 + i) + " " + std::string(4000, 's') + "\r\n";
+  };
   std::string burst;
   int sent_fast = 0;
-  for (int i = 0; i < 2000; ++i) {
-    burst += Message({"0", "1", big + "\r\n", slow_tag});
+  for (int i = 0; i < kLines; ++i) {
+    burst += Message({"0", "1", numbered(i), slow_tag});
+    burst += Message({"0", "2", numbered(i), stalled_tag});
     if (i % 2 == 0) {
-      burst += Message({"0", "2", "line " + std::to_string(sent_fast++) + "\r\n", fast_tag});
+      burst += Message({"0", "3", "line " + std::to_string(sent_fast++) + "\r\n", fast_tag});
     }
   }
   ASSERT_TRUE(node.Send(burst));
   ASSERT_TRUE(fast.ReadUntil("line " + std::to_string(sent_fast - 1) + "\r\n"));
   EXPECT_EQ(Split(fast.received(), '\n').size(), static_cast<size_t>(sent_fast) + 1);
-  EXPECT_EQ(WaitRecord(node, "AA17^"), "AA17^" + slow_tag + "^1^output overflow");
-  EXPECT_TRUE(slow.WaitClosed());
+
+  // The slow reader reads at last: whole lines in order up to the notice, nothing lost before
+  // it, then the count of what was dropped, then output as usual.
+  const std::string dropped_text = " lines were dropped because your connection could not keep up.";
+  ASSERT_TRUE(slow.ReadUntil(dropped_text, 20s));
+  ASSERT_TRUE(node.Send(Message({"0", "1", "after\r\n", slow_tag})));
+  ASSERT_TRUE(slow.ReadUntil("after\r\n"));
+  // Between the socket's gulps the reader may catch up and fall behind again: each episode is
+  // the notice, then the count of exactly the lines missing there.
+  const std::vector<std::string_view> lines = Split(slow.received(), '\n');
+  int next = 0;
+  int episodes = 0;
+  size_t k = 0;
+  while (k + 1 < lines.size() && next < kLines) {
+    const std::string expected = numbered(next);
+    if (lines[k] == std::string_view(expected).substr(0, expected.size() - 1)) {
+      ++next;
+      ++k;
+      continue;
+    }
+    ASSERT_EQ(lines[k], "*** Spots are being dropped: your connection cannot keep up with them.\r")
+        << "after line " << next;
+    const std::string_view count = lines[k + 1];
+    ASSERT_TRUE(count.starts_with("*** ") && count.ends_with(dropped_text + "\r")) << count;
+    next += std::atoi(std::string(count.substr(4)).c_str());
+    ++episodes;
+    k += 2;
+  }
+  EXPECT_EQ(next, kLines);
+  EXPECT_GE(episodes, 1);
+  ASSERT_EQ(lines.size(), k + 2);
+  EXPECT_EQ(lines[k], "after\r");
+
+  // The one that reads nothing at all is closed once the socket buffers are full and the stall
+  // time is over; output keeps coming meanwhile.
+  std::string more;
+  for (int i = 0; i < 20; ++i) more += Message({"0", "2", numbered(i), stalled_tag});
+  const auto end = std::chrono::steady_clock::now() + 30s;
+  while (WaitRecord(node, "AA17^", 20ms).empty() && std::chrono::steady_clock::now() < end) {
+    ASSERT_TRUE(node.Send(more));
+  }
+  EXPECT_EQ(WaitRecord(node, "AA17^"), "AA17^" + stalled_tag + "^2^output overflow");
+  EXPECT_TRUE(WaitRecord(node, "AA17^" + slow_tag, 100ms).empty());
+}
+
+TEST_F(FrontendLinkTest, ConnectionsPastALimitAreToldWhyAndNeverReachTheNode) {
+  StartFront({"--counters-every-ms", "100"},
+             "Max Connections Per Address^2\r\nMax Connects Per Minute^0\r\n");
+  LineClient node, a, b, c, d;
+  ConnectNode(node);
+  ConnectClient(node, a, user_port_);
+  const std::string b03 = ConnectClient(node, b, user_port2_);
+  ASSERT_TRUE(c.Connect(user_port_));
+  EXPECT_TRUE(c.ReadUntil("Too many connections from your address (2); try again later.\r\n"));
+  EXPECT_TRUE(c.WaitClosed());
+  // Room again once one goes.
+  b.Close();
+  EXPECT_EQ(WaitRecord(node, "AA17^"), "AA17^" + Field(b03, 4) + "^2^closed by peer");
+  ConnectClient(node, d, user_port_);
+  std::this_thread::sleep_for(250ms);
+  node.Drain(50ms);
+  int connects = 0;
+  std::string counters;
+  for (const auto& r : Records(node.received())) {
+    if (r.starts_with("AA03^")) ++connects;
+    if (r.starts_with("AA20^")) counters = r;
+  }
+  EXPECT_EQ(connects, 3);
+  // The counters reach the node.
+  EXPECT_NE(counters.find("^refused_per_address_total=1^"), std::string::npos) << counters;
+  EXPECT_NE(counters.find("^open_connections=2^"), std::string::npos) << counters;
+  EXPECT_NE(counters.find("^connections_accepted_total=3^"), std::string::npos) << counters;
+
+  // The total limit, and the rate limit for the rest of its window.
+  front_.reset();
+  StartFront({"--connect-window-ms", "600"}, "Max Connections^1\r\nMax Connects Per Minute^3\r\n");
+  LineClient node2, e, f, g, h, i;
+  ConnectNode(node2);
+  ConnectClient(node2, e, user_port_);
+  ASSERT_TRUE(f.Connect(user_port_));
+  EXPECT_TRUE(f.ReadUntil("Sorry, this node has as many connections as it takes (1)"));
+  ASSERT_TRUE(g.Connect(user_port_));
+  EXPECT_TRUE(g.ReadUntil("Sorry, this node has as many connections as it takes (1)"));
+  e.Close();
+  ASSERT_TRUE(h.Connect(user_port_));  // the fourth within the window
+  EXPECT_TRUE(h.ReadUntil("Too many new connections from your address (more than 3 in 600 ms)"));
+  EXPECT_TRUE(h.WaitClosed());
+  std::this_thread::sleep_for(700ms);  // a new window
+  ConnectClient(node2, i, user_port_);
+}
+
+TEST_F(FrontendLinkTest, ConnectionsTheNodeNeverNamesAreTimedOut) {
+  StartFront({"--login-timeout-ms", "600"});
+  // Held while no node runs: the time does not count then.
+  LineClient early;
+  ASSERT_TRUE(early.Connect(user_port_));
+  std::this_thread::sleep_for(900ms);
+  LineClient node, named, silent;
+  EXPECT_EQ(ConnectNode(node), "AA01^1^1");
+  const std::string early_tag = Field(WaitRecord(node, "AA38^"), 1);
+  const std::string named_tag = Field(ConnectClient(node, named, user_port_), 4);
+  const std::string silent_tag = Field(ConnectClient(node, silent, user_port_), 4);
+  // An identity without a call does not count as a log-in.
+  ASSERT_TRUE(node.Send(Message({"3", "2", "G4ABC", "1", named_tag}) +
+                        Message({"3", "3", "", "0", silent_tag})));
+  std::this_thread::sleep_for(200ms);
+  early.Drain(10ms);
+  EXPECT_EQ(early.received(), "");
+
+  EXPECT_TRUE(silent.ReadUntil("No log-in within 600 ms; disconnecting.\r\n"));
+  EXPECT_TRUE(silent.WaitClosed());
+  EXPECT_TRUE(early.WaitClosed());
+  silent.Close();  // as a client does when its peer closes; else the front-end lingers a while
+  early.Close();
+  EXPECT_NE(WaitRecord(node, "AA17^" + early_tag), "");
+  EXPECT_EQ(WaitRecord(node, "AA17^" + silent_tag), "AA17^" + silent_tag + "^3^log-in timed out");
+  named.Drain(300ms);
+  EXPECT_EQ(named.received(), "");
+  EXPECT_TRUE(WaitRecord(node, "AA17^" + named_tag, 10ms).empty());
 }
 
 // A listener standing in for a remote node.

@@ -16,7 +16,23 @@ TEST(FrontendSettingsTest, EmptyTextGivesDefaults) {
   EXPECT_EQ(r.settings.link_port, 7399);
   EXPECT_EQ(r.settings.user_ports, std::vector<int>{7300});
   EXPECT_EQ(r.settings.station_text, "QX Cluster node");
+  EXPECT_EQ(r.settings.max_connections, 10000);
+  EXPECT_EQ(r.settings.max_per_address, 20);
+  EXPECT_EQ(r.settings.max_connects_per_minute, 10);
+  EXPECT_EQ(r.settings.login_timeout_seconds, 180);
   EXPECT_TRUE(r.warnings.empty());
+}
+
+TEST(FrontendSettingsTest, ConnectionLimitsAreReadAndZeroTurnsOneOff) {
+  const FrontendSettingsResult r = ParseFrontendSettings(
+      "Max Connections^500\r\nMax Connections Per Address^0\r\n"
+      "Max Connects Per Minute^ 3 \r\nLogin Timeout^-5\r\n");
+  EXPECT_EQ(r.settings.max_connections, 500);
+  EXPECT_EQ(r.settings.max_per_address, 0);
+  EXPECT_EQ(r.settings.max_connects_per_minute, 3);
+  EXPECT_EQ(r.settings.login_timeout_seconds, 180);
+  EXPECT_EQ(r.warnings,
+            std::vector<std::string>{"Login Timeout \"-5\" is not a whole number from 0 up"});
 }
 
 // Keys are compared exactly, as the node compares them: a key in other letters is not the key.

@@ -20,6 +20,13 @@ Fed FeedInPieces(InputAssembler& a, std::string_view bytes, size_t piece) {
   return out;
 }
 
+// A CR LF whose halves arrive in different reads goes on as CR alone; this makes the lines of
+// any cut comparable.
+std::string CrLfAsCr(std::string text) {
+  for (size_t at; (at = text.find("\r\n")) != std::string::npos;) text.erase(at + 1, 1);
+  return text;
+}
+
 const std::string kIac = "\xff";
 const std::string kWill = "\xfb";
 const std::string kWont = "\xfc";
@@ -94,14 +101,64 @@ TEST(InputAssemblerTest, SubnegotiationCommandsAndEscapedIacAreHandled) {
   }
 }
 
-TEST(InputAssemblerTest, NulAndChr3AreDropped) {
+TEST(InputAssemblerTest, ControlCharactersNeverReachTheNode) {
+  // Every control character but the line ends goes; TAB is a blank; bytes from 128 up stay.
+  std::string in(
+      "a\0b\x03"
+      "c\x04"
+      "d\x01\x07\x1a\x1f"
+      "e\tf\r\0\n",
+      17);
+  in += "DL1\xc3\xa4\xe9\x80\xff\xff\n";  // UTF-8, Latin-1, an escaped 255
+  for (size_t piece : {1, 2, 100}) {
+    InputAssembler a;
+    const Fed f = FeedInPieces(a, in, piece);
+    EXPECT_EQ(CrLfAsCr(f.lines), "abcde f\rDL1\xc3\xa4\xe9\x80\xff\n") << piece;
+  }
+}
+
+TEST(InputAssemblerTest, BackspaceAndDelEditTheCurrentLine) {
+  for (size_t piece : {1, 2, 100}) {
+    InputAssembler a;
+    // Typed character by character: mistakes corrected, a backspace at the start of a line
+    // does nothing, and a line end is never taken back.
+    const Fed f = FeedInPieces(a,
+                               "dx 14025 K1ABX\bC\r\n\b\bsh/dxx\x7f\r\nJos\xc3\xa9\x7f"
+                               "e \xe9\x08!\n",
+                               piece);
+    EXPECT_EQ(CrLfAsCr(f.lines), "dx 14025 K1ABC\rsh/dx\rJose !\n") << piece;
+  }
+  // What already went on as a prompt cannot be taken back.
   InputAssembler a;
   std::string lines, reply;
-  a.Feed(std::string("a\0b\x03"
-                     "c\r\0\n",
-                     8),
-         lines, reply);
-  EXPECT_EQ(lines, "abc\r\n");
+  a.Feed("login: ", lines, reply);
+  a.FlushPartial(lines);
+  a.Feed("\b\bG4AB\bC\r\n", lines, reply);
+  EXPECT_EQ(lines, "login: G4AC\r\n");
+}
+
+TEST(InputAssemblerTest, EscapeSequencesGoWholeEvenSplitAcrossReads) {
+  const std::string in =
+      "\x1b[1;31mred\x1b[0m text\r\n"  // colour
+      "a\x1b"
+      "b\x1b\x1b[Ac\r\n"  // lone ESCs, then an arrow key
+      "x\x1b[12\ry\n";    // a sequence broken off by a line end
+  for (size_t piece : {1, 2, 3, 100}) {
+    InputAssembler a;
+    const Fed f = FeedInPieces(a, in, piece);
+    EXPECT_EQ(CrLfAsCr(f.lines), "red text\rabc\rx\ry\n") << piece;
+    EXPECT_FALSE(a.has_partial()) << piece;
+  }
+}
+
+TEST(InputAssemblerTest, LfCrIsOneLineEnd) {
+  InputAssembler whole;
+  std::string lines, reply;
+  whole.Feed("one\n\rtwo\n\r\n\rthree\n\n", lines, reply);
+  EXPECT_EQ(lines, "one\n\rtwo\n\r\n\rthree\n\n");
+  InputAssembler bytewise;
+  const Fed f = FeedInPieces(bytewise, "one\n\rtwo\n\r\n\rthree\n\n", 1);
+  EXPECT_EQ(f.lines, "one\ntwo\n\nthree\n\n");  // the late CRs are dropped, no empty lines
 }
 
 TEST(InputAssemblerTest, LongLinesAreCutButKeepTheirLineEnd) {

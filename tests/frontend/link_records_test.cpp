@@ -32,6 +32,11 @@ TEST(LinkRecordsTest, EachRecordHasTheFieldsTheNodeReads) {
   out.clear();
   AppendStreamReport(out, StreamReport{41, 3, "192.0.2.7:50123", 2, "G4ABC", 5, "in", "p=9"});
   EXPECT_EQ(out, "AA38^41^3^192.0.2.7:50123^2^G4ABC^5^in^p=9\x03");
+  out.clear();
+  const std::pair<std::string_view, uint64_t> counters[] = {{"open_connections", 7},
+                                                            {"refused_rate_total", 12}};
+  AppendCounters(out, counters);
+  EXPECT_EQ(out, "AA20^open_connections=7^refused_rate_total=12\x03");
 }
 
 TEST(LinkRecordsTest, StreamListCountsAndJoinsWithCommas) {

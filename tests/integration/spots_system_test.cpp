@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "core/text_util.h"
 #include "tests/integration/system_fixture.h"
 
 namespace qx::testing {
@@ -30,6 +31,35 @@ TEST_F(SpotsSystemTest, SpotReachesOtherUserAsExactLine) {
   // The spotter sees it too, and gets the prompt after it.
   EXPECT_TRUE(a->ReadUntil("QXC >"));
   EXPECT_THAT(a->received(), HasSubstr("DX de DL1ABC:    14025.0  K1ABC"));
+}
+
+// Chr 4 ends every message from the node to the front-end; typed into a comment it must be
+// gone before the node sees it, or the spot would be stored with it and cut every list
+// that shows it.  A character-mode client's corrections are applied on the way, too.
+TEST_F(SpotsSystemTest, ControlCharactersTypedIntoASpotNeverReachTheNode) {
+  StartAll();
+  auto a = LogIn("DL1ABC", "Hans");
+  auto b = LogIn("K1XYZ", "Joe");
+  ASSERT_TRUE(a->Send("DX 14025 K1ABC cq\x04 tesx\bt \x1b[1mup\x1b[0m\r\n"));
+  ASSERT_TRUE(b->ReadUntil("\r\n")) << b->received();
+  EXPECT_THAT(b->received(), HasSubstr("DX de DL1ABC:    14025.0  K1ABC        cq test up     "));
+  ASSERT_TRUE(a->ReadUntil("QXC >"));
+  a->SendLine("DX 14030 K2ABC next");
+  ASSERT_TRUE(a->ReadUntil("K2ABC"));
+  ASSERT_TRUE(a->ReadUntil("QXC >"));
+  a->ClearReceived();
+  a->SendLine("SH/DX 2");
+  ASSERT_TRUE(a->ReadUntil("QXC >")) << a->received();
+  const std::string list = a->received();
+  // Both lines whole, newest first, and the prompt after them.
+  const std::vector<std::string_view> lines = Split(list, '\n');
+  ASSERT_EQ(lines.size(), 4u) << list;
+  EXPECT_TRUE(lines[0].starts_with("  14030.0  K2ABC  ")) << lines[0];
+  EXPECT_TRUE(lines[0].ends_with("Z  next  <DL1ABC>\r")) << lines[0];
+  EXPECT_TRUE(lines[1].starts_with("  14025.0  K1ABC  ")) << lines[1];
+  EXPECT_TRUE(lines[1].ends_with("Z  cq test up  <DL1ABC>\r")) << lines[1];
+  EXPECT_THAT(lines[2], HasSubstr("QXC >"));
+  EXPECT_EQ(list.find_first_of(std::string("\x04\x08\x1b", 3)), std::string::npos);
 }
 
 TEST_F(SpotsSystemTest, InvalidSpotsGetTheirErrorAndThePrompt) {
