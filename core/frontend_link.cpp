@@ -569,6 +569,7 @@ void FrontendLink::LinkProven() {
   peer_proven_ = true;
   proof_timer_.cancel();
   outage_reported_ = false;
+  alert_due_ = false;
   proof_failure_reported_ = false;
   overflow_reported_ = false;
   monitor_.Console("Winsock Connected");
@@ -758,8 +759,17 @@ void FrontendLink::OnConnectFailed(const boost::system::error_code& ec) {
     // Once per outage, not once per retry: the console would fill with boxes otherwise.
     outage_reported_ = true;
     log_.Write("WinsockCluster_Error", ec.message());
+    if (on_unreachable_ && on_unreachable_()) {
+      // The node has just started the front-end, as on every first start: the box is for a
+      // front-end that still cannot be reached once it has had its moment to listen.
+      quick_retries_ = kQuickRetries;
+      alert_due_ = true;
+    } else {
+      for (std::string_view line : kAlertBox) monitor_.Console(line);
+    }
+  } else if (alert_due_ && quick_retries_ == 0) {
+    alert_due_ = false;
     for (std::string_view line : kAlertBox) monitor_.Console(line);
-    if (on_unreachable_ && on_unreachable_()) quick_retries_ = kQuickRetries;
   }
   ScheduleRetry();
 }

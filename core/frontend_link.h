@@ -209,7 +209,7 @@ class FrontendLink : private LinkArrival::Sink {
   void HandleProofRecord(std::string_view record);
   void ProofFailed(std::string_view reason);
   void LinkProven();
-  void HandleCounters(std::string_view record);        // AA20
+  void HandleCounters(std::string_view record);  // AA20
 
   // The stream number in field, or 0 (logged) when it is not one.  A number above
   // HighSocket grows the table.
@@ -269,6 +269,7 @@ class FrontendLink : private LinkArrival::Sink {
   State state_ = State::kIdle;
   uint64_t generation_ = 0;  // one per connection attempt; stale completions are ignored
   bool outage_reported_ = false;
+  bool alert_due_ = false;  // the front-end was started for this outage; box if still away
   bool restart_posted_ = false;
   // Handlers hold a weak reference, so none touches the link after it is gone.
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);

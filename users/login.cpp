@@ -179,6 +179,9 @@ void Login::OnPassword(int stream, std::string_view line) {
   StreamEntry& e = ctx_.streams.at(stream);
   if (const PasswordRow* row = ctx_.access.CheckPassword(e.call, Trim(line))) {
     e.privilege = row->level;
+    // The front-end keeps the rights with the connection, so a restart of this node does not
+    // make the sysop log in again.
+    ctx_.out.SetStreamAttributes(stream, "priv=" + std::to_string(row->level));
     if (e.session.name.empty()) {
       AskName(stream);
     } else {
@@ -470,7 +473,25 @@ void Login::OnRecovered(int stream) {
   const UserRecordLoad loaded = ctx_.store.Load(e.call, e.state);
   e.session = loaded.settings;
   e.login_stage = LoginStage::kLoggedIn;
+  e.privilege = RecoveredPrivilege(e.call, e.frontend_attributes);
   BuildPromptTemplates(stream);
+}
+
+int Login::RecoveredPrivilege(std::string_view call, std::string_view attributes) const {
+  // "priv=N" was given when the password was right.  Rights the sysop has taken away since
+  // (the call's row removed from the password list) are not given back.
+  int level = 0;
+  for (std::string_view item : Split(attributes, ' ')) {
+    if (item.starts_with("priv=")) level = ParseIntOr(item.substr(5), 0);
+  }
+  if (level <= 0 || !ctx_.access.NeedsPassword(call)) return 0;
+  int highest = 0;
+  for (const PasswordRow& row : ctx_.access.passwords) {
+    if (EqualsIgnoreCase(row.call, call) || EqualsIgnoreCase(row.call, BaseCall(call))) {
+      highest = std::max(highest, row.level);
+    }
+  }
+  return std::min(level, highest);
 }
 
 void Login::ConnectionLog(int stream, std::string_view what) {

@@ -79,6 +79,7 @@ class Login {
   void OnNameConfirm(int stream, std::string_view line);
   void Complete(int stream, bool name_was_set);
   void Refuse(int stream);
+  int RecoveredPrivilege(std::string_view call, std::string_view attributes) const;
   void ConnectionLog(int stream, std::string_view what);
 
   UserContext& ctx_;

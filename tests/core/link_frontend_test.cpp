@@ -815,9 +815,13 @@ TEST_F(LinkSocketTest, FrontEndStartedByTheOwnerIsFoundWithoutTheLongRetry) {
   link_->Start();
   RunFor(300ms);
   EXPECT_FALSE(link_->connected());
-  // It listens a moment after being started; the link must not wait the 30 s retry.
+  // It listens a moment after being started; the link must not wait the 30 s retry, and a
+  // normal first start shows no alarm.
   FakeFrontend fe(io_, port);
   ASSERT_TRUE(Handshake(fe));
+  for (const std::string& line : Console()) {
+    EXPECT_EQ(line.find("Close all other instances"), std::string::npos) << line;
+  }
 }
 
 TEST_F(LinkSocketTest, CloseOfAnUnknownStreamReconnectsTheLink) {

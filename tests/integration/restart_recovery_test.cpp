@@ -59,5 +59,22 @@ TEST_F(RestartRecoveryTest, AKilledFrontEndLeavesNoGhostsAndTheNeighbourIsCalled
   EXPECT_THAT(ub->received(), Not(HasSubstr("W1OLD")));
 }
 
+TEST_F(RestartRecoveryTest, ASysopKeepsRightsAcrossANodeRestart) {
+  NodeSite a("K1QXA");
+  a.Password("K1SYS", "secret", 5);
+  a.Start();
+  auto sysop = a.LogIn("K1SYS", "secret");
+  auto user = a.LogIn("W1USR");
+  ASSERT_EQ(a.node().Stop(), 0);
+  a.StartNode();
+  ASSERT_TRUE(a.WaitOutput("Recovery complete")) << a.node().Output();
+  sysop->ClearReceived();
+  sysop->SendLine("SET/LOCKOUTS K9BAD");
+  EXPECT_TRUE(sysop->ReadUntil("K9BAD added to list.")) << sysop->received();
+  user->ClearReceived();
+  user->SendLine("SET/LOCKOUTS K9EVIL");  // rights come with the password, not the restart
+  EXPECT_TRUE(user->ReadUntil("sysop command error")) << user->received();
+}
+
 }  // namespace
 }  // namespace qx::testing
