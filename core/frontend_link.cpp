@@ -33,17 +33,6 @@ constexpr size_t kMaxLineCarry = 8192;
 constexpr int kQuickRetries = 20;  // 5 s of quarter-second retries after starting the front-end
 constexpr std::string_view kAwaitingCall = "    *    ";
 constexpr std::string_view kHeading = "DataArrival";
-constexpr size_t kMaxAttributes = 256;
-
-// Text for the front-end to keep: no "^" or control characters, at most 256 bytes.
-std::string CleanAttributes(std::string_view text) {
-  std::string out;
-  for (unsigned char c : text) {
-    if (out.size() >= kMaxAttributes) break;
-    if (c != '^' && c >= 0x20 && c != 0x7f) out.push_back(static_cast<char>(c));
-  }
-  return out;
-}
 
 void AppendInt(std::string& out, long long value) {
   char buf[24];
@@ -1010,7 +999,7 @@ void FrontendLink::SetStreamIdentity(int stream, std::string_view call, int stat
 }
 
 void FrontendLink::SetStreamAttributes(int stream, std::string_view text) {
-  const std::string clean = CleanAttributes(text);
+  const std::string clean = CleanStreamAttributes(text);
   if (!table_.InRange(stream) || table_.at(stream).state == kStateFree ||
       !CanQueue(clean.size() + 48)) {
     return;

@@ -33,4 +33,13 @@ int StreamTable::FindUser(std::string_view call) const {
   return 0;
 }
 
+std::string CleanStreamAttributes(std::string_view text) {
+  std::string out;
+  for (unsigned char c : text) {
+    if (out.size() >= kMaxStreamAttributes) break;
+    if (c != '^' && c >= 0x20 && c != 0x7f) out.push_back(static_cast<char>(c));
+  }
+  return out;
+}
+
 }  // namespace qx

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/session.h"
@@ -47,6 +48,11 @@ enum class LoginStage : uint8_t {
   kLoggedIn,
   kRefused,
 };
+
+// A stream's attributes as the node gives them and the front-end keeps them: "^" and control
+// characters (Chr 3 and Chr 4 among them) are left out, and the rest is cut to 256 bytes.
+inline constexpr size_t kMaxStreamAttributes = 256;
+std::string CleanStreamAttributes(std::string_view text);
 
 struct StreamEntry {
   std::string call;  // set by the log-in or "AA16"; "T/O" after a time-out

@@ -112,15 +112,6 @@ void AppendStreamReport(std::string& out, const StreamReport& r) {
   out.push_back(kRecordEnd);
 }
 
-std::string CleanStreamAttributes(std::string_view text) {
-  std::string out;
-  for (unsigned char c : text) {
-    if (out.size() >= kMaxStreamAttributes) break;
-    if (c != '^' && c >= 0x20 && c != 0x7f) out.push_back(static_cast<char>(c));
-  }
-  return out;
-}
-
 void AppendOpenFailed(std::string& out, std::string_view label, std::string_view reason) {
   out.append("AA19^");
   AppendClean(out, label);

@@ -14,6 +14,8 @@
 #include <string_view>
 #include <utility>
 
+#include "core/stream_table.h"  // CleanStreamAttributes
+
 namespace qx {
 
 inline constexpr char kRecordEnd = '\x03';   // ends a record to the node (ETX)
@@ -48,10 +50,6 @@ struct StreamReport {
   std::string_view attributes;
 };
 void AppendStreamReport(std::string& out, const StreamReport& report);
-// The node's attributes for a stream as the front-end keeps them: "^" and control characters
-// (Chr 3 and Chr 4 among them) are left out, and the rest is cut to 256 bytes.
-inline constexpr size_t kMaxStreamAttributes = 256;
-std::string CleanStreamAttributes(std::string_view text);
 
 // "AA19^<label>^<reason>"
 void AppendOpenFailed(std::string& out, std::string_view label, std::string_view reason);
