@@ -136,11 +136,14 @@ void ClusterNode::SetUpNetwork() {
     request.source_stream = stream;
     return TakeSpot(request, true).accepted();
   };
-  deps.pc41.valid_call = [this](std::string_view call) {
+  // Calls in user information pass the log-in's strict test: no N0CALL, not our own call.
+  const std::string our_call = ToUpper(config_.Get("Cluster Call"));
+  deps.pc41.valid_call = [this, our_call](std::string_view call) {
     CallCheckContext context;
     context.special_calls = &access_.special_calls;
+    context.node_call = our_call;
     std::string c(call);
-    return ValidCall(c, /*strict=*/false, context);
+    return ValidCall(c, /*strict=*/true, context);
   };
   deps.pc41.bad_word = [this](std::string_view value) {
     return !bad_lists_.FindBadWord(value).empty();

@@ -810,6 +810,15 @@ void NodeNetwork::SendPc41(std::string_view sentence) {
   // Remember our own information, so the copy that comes back around a ring is a repeat.
   const auto f = Split(line, '^');
   if (f.size() >= 4) {
+    // What we send passes the checks we apply to what we receive: a value a neighbour would
+    // refuse as bad data is not sent at all.
+    const std::string_view value = f[3];
+    if (value.empty() || value.find('?') != std::string_view::npos ||
+        (deps_.pc41.bad_word && deps_.pc41.bad_word(value)) ||
+        (deps_.pc41.valid_call && !deps_.pc41.valid_call(f[1]))) {
+      if (deps_.pc41.bad_data_log) deps_.pc41.bad_data_log("Not sent, BAD Data^", line);
+      return;
+    }
     const int type = LeadingNumber(f[2]);
     const std::string base(BaseCall(f[1]));
     processor_.pc41_lists().Store(type, base, base + " " + std::string(f[3]));

@@ -388,7 +388,10 @@ bool UserStore::StorePc41(std::string_view file_call, std::string_view sentence,
   const std::filesystem::path local = LocalPath(call);
   if (local.empty()) return false;
   std::error_code ec;
-  const bool use_remote = remote && !std::filesystem::exists(local, ec);
+  // A user who has a record here made their own choices here: the network's name, QTH and
+  // location for them are filed beside it, never over it.
+  const bool local_choice = type >= 1 && type <= 3;
+  const bool use_remote = remote && (local_choice || !std::filesystem::exists(local, ec));
   return Rewrite(use_remote ? RemotePath(call) : local, {}, kPc41, int(type), value, true);
 }
 

@@ -213,13 +213,20 @@ TEST_F(UserStoreTest, PersonalInformationReplacesPerType) {
   EXPECT_EQ(s.qth, "Rivertown");
 }
 
-TEST_F(UserStoreTest, ReceivedPc41IsFiledOneLinePerType) {
+TEST_F(UserStoreTest, ReceivedPc41IsFiledOneLinePerTypeAndNeverOverALocalChoice) {
   const auto local = dir_.Data("user") / "XX9MNO.dat";
   testing::WriteFile(local, "WIDTH^0^80\r\n");
   ASSERT_TRUE(store_.StorePc41("XX9MNO", "PC41^XX9MNO^1^Mona^H30^~", true));
   ASSERT_TRUE(store_.StorePc41("", "PC41^^PC41^XX9MNO^5^JO01AA^H11^~", true));
   ASSERT_TRUE(store_.StorePc41("XX9MNO", "PC41^XX9MNO^1^Monica^H29^~", true));
-  EXPECT_EQ(Read(local), "WIDTH^0^80\r\nPC41^0^1^Monica\r\nPC41^0^5^JO01AA\r\n");
+  ASSERT_TRUE(store_.StorePc41("XX9MNO", "PC41^XX9MNO^2^Elsewhere^H29^~", true));
+  // A user with a record here chose name, QTH and location here: the network's are filed
+  // beside it, the rest (here the locator) goes into the record.
+  EXPECT_EQ(Read(local), "WIDTH^0^80\r\nPC41^0^5^JO01AA\r\n");
+  EXPECT_EQ(Read(dir_.Data("userRemote") / "XX9MNO.dat"),
+            "PC41^0^1^Monica\r\nPC41^0^2^Elsewhere\r\n");
+  ASSERT_TRUE(store_.StorePc41("XX9MNO", "PC41^XX9MNO^1^Mona^H30^~", false));  // our own
+  EXPECT_EQ(Read(local), "WIDTH^0^80\r\nPC41^0^5^JO01AA\r\nPC41^0^1^Mona\r\n");
 
   // No local record: a remote user goes to data/userRemote/, filed under the "p" name.
   ASSERT_TRUE(store_.StorePc41("K1ABCpP", "PC41^K1ABC/P^4^XX9NOD^H30^~", true));
