@@ -9,6 +9,8 @@ namespace {
 
 // Users whose lines are wider than the standard 75 columns may have the spotter's locator.
 constexpr int kLocatorMinWidth = int(kDxDeLineWidth) + 1;
+// Below this a line keeps its start only: the call and frequency matter more than the time.
+constexpr size_t kMinTimedWidth = 40;
 
 }  // namespace
 
@@ -59,7 +61,16 @@ std::string_view SpotDistributor::UserText(const Spot& spot, int variant, int wi
   r.width = width;
   r.bell = bell;
   const std::string& line = LineFor(spot, variant, stats);
-  r.text.assign(line, 0, std::min(line.size(), size_t(width)));
+  constexpr size_t kTime = 5;  // "HHnnZ", columns 71-75 of the full line
+  if (size_t(width) < kDxDeLineWidth && size_t(width) >= kMinTimedWidth &&
+      line.size() >= kDxDeLineWidth) {
+    // A narrow screen loses the end of the comment, never the time that programs parse.
+    r.text.assign(line, 0, size_t(width) - kTime - 1);
+    r.text += ' ';
+    r.text.append(line, kDxDeLineWidth - kTime, kTime);
+  } else {
+    r.text.assign(line, 0, std::min(line.size(), size_t(width)));
+  }
   if (bell) r.text += '\a';
   r.text += "\r\n";
   return r.text;

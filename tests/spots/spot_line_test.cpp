@@ -134,6 +134,7 @@ TEST_F(DistributionTest, EachUserGetsTheirVariantAndLinesAreBuiltOncePerVariant)
   AddUser(9, "DB0XX").state = kStateNodePc9x;          // a node
   StreamEntry& narrow_grid = AddUser(10, "G0JJJ");     // asked, but 75 wide
   narrow_grid.session.Set(kSwGridSquare, true);
+  AddUser(11, "G1KKK").session.width = 60;  // the comment gives way to the time
 
   Spot s = MakeSpot();
   s.spotter_country = &usa_;
@@ -142,7 +143,7 @@ TEST_F(DistributionTest, EachUserGetsTheirVariantAndLinesAreBuiltOncePerVariant)
 
   const std::string base =
       "DX de K1ABC:     14025.1  DL1XYZ       test                           0315Z";
-  EXPECT_EQ(stats.users, 7);
+  EXPECT_EQ(stats.users, 8);
   EXPECT_EQ(stats.lines_built, 3);  // 1 decimal, 2 decimals, 1 decimal with locator
   EXPECT_EQ(sink_.sent[1], base + "\r\n");
   EXPECT_EQ(sink_.sent[2], base + "\r\n");
@@ -150,8 +151,9 @@ TEST_F(DistributionTest, EachUserGetsTheirVariantAndLinesAreBuiltOncePerVariant)
             "DX de K1ABC:    14025.12  DL1XYZ       test                           0315Z\r\n");
   EXPECT_EQ(sink_.sent[4], base + "\a\r\n");
   EXPECT_EQ(sink_.sent[5], base + " FN42\r\n");
-  EXPECT_EQ(sink_.sent[6], base.substr(0, 40) + "\r\n");
+  EXPECT_EQ(sink_.sent[6], base.substr(0, 34) + " 0315Z\r\n");
   EXPECT_EQ(sink_.sent[10], base + "\r\n");
+  EXPECT_EQ(sink_.sent[11], base.substr(0, 54) + " 0315Z\r\n");
   EXPECT_EQ(sink_.sent.count(7), 0u);
   EXPECT_EQ(sink_.sent.count(8), 0u);
   EXPECT_EQ(sink_.sent.count(9), 0u);
