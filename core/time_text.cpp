@@ -171,6 +171,28 @@ bool IsSpotDateTime(std::string_view date, std::string_view time) {
   return ParseSpotDate(date, d) && ParseSpotTime(time, hour, minute);
 }
 
+bool SpotAge(std::string_view date, std::string_view time, SysTime now, std::chrono::seconds& age) {
+  using namespace std::chrono;
+  SpotDate d;
+  int hour = 0;
+  int minute = 0;
+  if (!ParseSpotDate(date, d) || !ParseSpotTime(time, hour, minute)) return false;
+  const sys_days today = floor<days>(now);
+  const int now_minute = int(duration_cast<minutes>(now - today).count());
+  const int spot_minute = hour * 60 + minute;
+  constexpr int kLateEvening = 23 * 60 + 45;
+  constexpr int kEarlyMorning = 15;
+  sys_days day = sys_days(
+      year_month_day(year(d.year), month(unsigned(d.month)), std::chrono::day(unsigned(d.day))));
+  if (now_minute < kEarlyMorning && spot_minute >= kLateEvening) {
+    day = today - days(1);
+  } else if (now_minute >= kLateEvening && spot_minute < kEarlyMorning) {
+    day = today + days(1);
+  }
+  age = duration_cast<seconds>(now - (day + minutes(spot_minute)));
+  return true;
+}
+
 std::string UptimeText(std::chrono::seconds up) {
   const long long total = up.count() < 0 ? 0 : up.count();
   const long long d = total / 86400;

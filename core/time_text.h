@@ -74,6 +74,12 @@ bool ParseSpotTime(std::string_view text, int& hour, int& minute);
 // a user, another node or the day file, before it is shown or kept.
 bool IsSpotDateTime(std::string_view date, std::string_view time);
 
+// How old a spot is at now (negative: ahead of now); false when its date or time is not
+// real.  Around midnight the date is taken from the time, since nodes and logging programs
+// stamp the date carelessly there: judged at 0000-0014Z, a spot of 2345-2359Z belongs to the
+// day before, and judged at 2345-2359Z, a spot of 0000-0014Z to the day after.
+bool SpotAge(std::string_view date, std::string_view time, SysTime now, std::chrono::seconds& age);
+
 // Uptime as the node shows it: "2d 03:14" style ("0d 00:05" minimum).
 std::string UptimeText(std::chrono::seconds up);
 

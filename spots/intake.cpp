@@ -70,6 +70,8 @@ std::string_view VerdictName(SpotVerdict verdict) {
       return "field count";
     case SpotVerdict::kBadDateTime:
       return "bad date or time";
+    case SpotVerdict::kOutOfTime:
+      return "too old or ahead of time";
     case SpotVerdict::kRefusedAddress:
       return "refused address";
     case SpotVerdict::kTorAddress:
@@ -311,6 +313,11 @@ IntakeResult SpotIntake::Process(const IntakeRequest& req) {
   if (!IsSpotDateTime(s.date(), s.time())) {
     WriteRejection("Bad Date/Time^", sentence);
     return Refuse(SpotVerdict::kBadDateTime);
+  }
+  if (std::chrono::seconds age{}; SpotAge(s.date(), s.time(), now, age) &&
+                                  (age > options_.max_age || age < -options_.max_ahead)) {
+    WriteRejection(age > options_.max_age ? "Too Old^" : "Ahead Of Time^", sentence);
+    return Refuse(SpotVerdict::kOutOfTime);
   }
 
   // 3. The spotter's address.

@@ -5,6 +5,7 @@
 // back to the caller for distribution, relay and the history.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -29,6 +30,7 @@ enum class SpotVerdict : uint8_t {
   kDoubleQuestionMark,  // "??" in the comment
   kFieldCount,          // not 10 to 13 fields
   kBadDateTime,         // a date or time that does not exist ("31-Feb-2026", "2561Z")
+  kOutOfTime,           // more than an hour old, or more than 15 minutes ahead of our clock
   kRefusedAddress,      // spotter address in ipnotok.dat
   kTorAddress,          // spotter address in torlist.dat
   kInvalidDxCall,       // the call check refused the DX call
@@ -96,6 +98,10 @@ struct IntakeOptions {
   int local_offset_minutes = 0;
   // Log "PC61" sentences whose address field is empty or not an IP address (Newpc61.log).
   bool log_odd_pc61_address = true;
+  // A spot older than this, or further ahead of the node's clock, is no news: it is refused
+  // (as peers do), and its time never stands in a user's line as if it were now.
+  std::chrono::seconds max_age{3600};
+  std::chrono::seconds max_ahead{900};
 };
 
 class SpotIntake {

@@ -114,7 +114,11 @@ int main(int argc, char** argv) {
   deps.country_of = [&somewhere](std::string_view) { return &somewhere; };
   deps.clock = &clock;
   deps.node_call = "DB0QX";
-  SpotIntake intake(std::move(deps));
+  // The sentences carry one fixed time, replayed pass after pass: no spot is too old here.
+  IntakeOptions options;
+  options.max_age = std::chrono::hours(24 * 365 * 100);
+  options.max_ahead = options.max_age;
+  SpotIntake intake(std::move(deps), options);
 
   StreamTable streams;
   streams.EnsureCapacity(users);

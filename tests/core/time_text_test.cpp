@@ -96,5 +96,25 @@ TEST(ErrorLog, LineIsDateTimeHeadingMessage) {
             "05-Nov-2026 1423:05Z Form_Load x is empty.");
 }
 
+TEST(SpotAge, CountsFromTheSpotsTimeAndTakesTheDateFromTheTimeAroundMidnight) {
+  const auto age = [](std::string_view date, std::string_view time, SysTime now) {
+    std::chrono::seconds a{};
+    return SpotAge(date, time, now, a) ? a.count() : -999999;
+  };
+  const SysTime noon = MakeUtc(2026, 11, 22, 12, 0, 30);
+  EXPECT_EQ(age("22-Nov-2026", "1130Z", noon), 30 * 60 + 30);
+  EXPECT_EQ(age("22-Nov-2026", "1210Z", noon), -(9 * 60 + 30));
+  EXPECT_EQ(age("21-Nov-2026", "1200Z", noon), 24 * 3600 + 30);
+  EXPECT_EQ(age("31-Nov-2026", "1200Z", noon), -999999);
+  // Just after midnight a spot of 2350Z is from the day before, whatever date it carries.
+  const SysTime after = MakeUtc(2026, 11, 23, 0, 5, 0);
+  EXPECT_EQ(age("23-Nov-2026", "2350Z", after), 15 * 60);
+  EXPECT_EQ(age("22-Nov-2026", "2350Z", after), 15 * 60);
+  // Just before midnight a spot of 0005Z is from the day after.
+  const SysTime before = MakeUtc(2026, 11, 22, 23, 55, 0);
+  EXPECT_EQ(age("22-Nov-2026", "0005Z", before), -10 * 60);
+  EXPECT_EQ(age("22-Nov-2026", "0020Z", before), (23 * 60 + 35) * 60);
+}
+
 }  // namespace
 }  // namespace qx

@@ -135,16 +135,16 @@ TEST_F(IntakeTest, FrequencyIsReadWithPointOrCommaAndWrittenBackAsText) {
 
 TEST_F(IntakeTest, Pc11IsReadIntoThePc61Slots) {
   const IntakeResult r =
-      Run("PC11^28025.0^Q4DX^21-Nov-2026^2222Z^pc11 from legacy^G4USR^G7XXX^H24^~");
+      Run("PC11^28025.0^Q4DX^22-Nov-2026^0300Z^pc11 from legacy^G4USR^G7XXX^H24^~");
   // "Q4DX" is refused by the call check: a placeholder of the protocol notes.
   EXPECT_EQ(r.verdict, SpotVerdict::kInvalidDxCall);
-  const IntakeResult ok = Run("PC11^28025.0^K4DX^21-Nov-2026^2222Z^cq^G4USR^G7XXX^H24^~");
+  const IntakeResult ok = Run("PC11^28025.0^K4DX^22-Nov-2026^0300Z^cq^G4USR^G7XXX^H24^~");
   ASSERT_TRUE(ok.accepted()) << VerdictName(ok.verdict);
   EXPECT_EQ(ok.spot->address(), "");
   EXPECT_EQ(ok.spot->hops(), "H24");
-  EXPECT_EQ(ok.spot->Sentence(), "PC11^28025.0^K4DX^21-Nov-2026^2222Z^cq^G4USR^G7XXX^H24^~");
+  EXPECT_EQ(ok.spot->Sentence(), "PC11^28025.0^K4DX^22-Nov-2026^0300Z^cq^G4USR^G7XXX^H24^~");
   // A converted PC11 that lost its trailer is still complete.
-  EXPECT_TRUE(Run("PC11^28026.0^K5DX^21-Nov-2026^2222Z^cq^G4USR^G7XXX^H29").accepted());
+  EXPECT_TRUE(Run("PC11^28026.0^K5DX^22-Nov-2026^0300Z^cq^G4USR^G7XXX^H29").accepted());
   EXPECT_TRUE(AllLogs().empty()) << "PC11 has no address to judge";
 }
 
@@ -178,6 +178,10 @@ TEST_F(IntakeTest, EachRefusalHasItsReasonLogAndMarker) {
       {"pc11time", nullptr, "PC11^14025.0^K1ABC^22-Nov-2026^1260Z^x^DL1XYZ^DB0SUE^H5^~", false,
        SpotVerdict::kBadDateTime, "badspots/bad-22-Nov-2026.txt",
        "Bad Date/Time^PC11^14025.0^K1ABC^22-Nov-2026^1260Z^x^DL1XYZ^DB0SUE^H5^~", ""},
+      {"old", nullptr, With(g, 4, "0214Z"), false, SpotVerdict::kOutOfTime,
+       "badspots/bad-22-Nov-2026.txt", "Too Old^" + With(g, 4, "0214Z"), ""},
+      {"ahead", nullptr, With(g, 4, "0331Z"), false, SpotVerdict::kOutOfTime,
+       "badspots/bad-22-Nov-2026.txt", "Ahead Of Time^" + With(g, 4, "0331Z"), ""},
       {"badip", [](BadLists& l) { l.AddRefusedAddress("192.0.2.1"); }, g, false,
        SpotVerdict::kRefusedAddress, "badspotsIP/Bad-22-Nov-2026", g + " DB0SUE", "### Bad IP ###"},
       {"tor", [](BadLists& l) { l.AddTorAddress("192.0.2.1"); }, g, false, SpotVerdict::kTorAddress,
