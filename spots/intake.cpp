@@ -96,6 +96,8 @@ std::string_view VerdictName(SpotVerdict verdict) {
       return "bad word DX";
     case SpotVerdict::kDxNok:
       return "DX call refused";
+    case SpotVerdict::kSpotterTooLong:
+      return "spotter call too long";
     case SpotVerdict::kSpotterNotIssued:
       return "spotter call not issued";
     case SpotVerdict::kSpotterCountryUnknown:
@@ -363,7 +365,12 @@ IntakeResult SpotIntake::Process(const IntakeRequest& req) {
     if (req.is_local) r.reply = kInvalidDxCallReply;
     return r;
   }
-  // 6. The spotter.
+  // 6. The spotter.  No log-in accepts a call over 30 characters, and one would push the
+  // line's columns about.
+  if (constexpr size_t kLongestCall = 30; s.spotter().size() > kLongestCall) {
+    WriteRejection("Bad Spotter Call^", sentence);
+    return Refuse(SpotVerdict::kSpotterTooLong);
+  }
   if (deps_.bad_lists->IsSpotterNok(s.spotter())) {
     WriteRejection(req.is_local ? "SpotterNok - local spotter^" : "SpotterNok - spotter^",
                    sentence);

@@ -35,6 +35,7 @@ enum class SpotVerdict : uint8_t {
   kTorAddress,          // spotter address in torlist.dat
   kInvalidDxCall,       // the call check refused the DX call
   kSpotterNok,          // spotter in SpotterNok
+  kSpotterTooLong,      // a spotter call longer than any call the log-in accepts
   kNodeNok,             // origin node in NodeNok
   kBadFrequency,        // on no band of the band table
   kRequest,             // "PSE QSL" and the like
