@@ -513,6 +513,10 @@ TEST_F(RingTest, UserInformationIsFiledOnceOnEveryOtherNode) {
   EXPECT_TRUE(a_->stored_pc41.empty());
   ASSERT_FALSE(b_->stored_pc41.empty());
   EXPECT_EQ(b_->stored_pc41[0].substr(0, 16), "Q5USR|PC41^^PC41");
+  // What a neighbour would refuse as bad data is not sent at all.
+  const size_t sent_before = a_->out.sent.size();
+  a_->net->SendPc41("PC41^Q5USR^2^Where?^H99^~\r\n");
+  EXPECT_EQ(a_->out.sent.size(), sent_before);
 }
 
 TEST_F(RingTest, LinkCheckForAnotherNodeGoesTowardsIt) {
