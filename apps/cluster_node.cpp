@@ -74,8 +74,7 @@ void ClusterNode::SetUpSpots() {
   deps.valid_call = [](std::string& call) {
     static const CallCheckContext kNoLists;
     // A DX call longer than any call the log-in accepts would push the line's columns about.
-    constexpr size_t kLongestCall = 30;
-    return call.size() <= kLongestCall && ValidCall(call, /*strict=*/false, kNoLists);
+    return call.size() <= kMaxLoginCallLength && ValidCall(call, /*strict=*/false, kNoLists);
   };
   deps.country_of = [this](std::string_view call) { return countries_.Find(call); };
   deps.dir = &dir_;

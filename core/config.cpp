@@ -184,9 +184,8 @@ constexpr std::string_view kOutActive = "Cluster Active";
 
 bool IsGroupKey(std::string_view key) {
   return key == kNodeBoth || key == kNodeCall || key == kNodeType || key == kLocalNode ||
-         key == kNodeAddress ||
-         key == kOutName || key == kOutRemote || key == kOutIp || key == kOutPort ||
-         key == kOutActive;
+         key == kNodeAddress || key == kOutName || key == kOutRemote || key == kOutIp ||
+         key == kOutPort || key == kOutActive;
 }
 
 // The lists that the main file also holds as one ","-joined key.

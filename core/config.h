@@ -19,8 +19,8 @@
 namespace qx {
 
 // One defined node: the lines "Node Call & Node Type", "Node Call", "Node Type",
-// "Local Node" and, when set, "Node Address" in the main file.  Flags keep the text the file holds so that a value this
-// code does not know survives a save unchanged.
+// "Local Node" and, when set, "Node Address" in the main file.  Flags keep the text the file holds
+// so that a value this code does not know survives a save unchanged.
 struct NodeDefinition {
   std::string call;
   std::string type;  // "QXC", "DXS", "ARC", "SUM", ...

@@ -14,6 +14,7 @@
 #include "core/text_util.h"
 #include "spots/bad_lists.h"
 #include "spots/bands.h"
+#include "spots/call_sign.h"
 #include "spots/dupes.h"
 #include "spots/dx_command.h"
 #include "spots/rate_limit.h"
@@ -367,7 +368,7 @@ IntakeResult SpotIntake::Process(const IntakeRequest& req) {
   }
   // 6. The spotter.  No log-in accepts a call over 30 characters, and one would push the
   // line's columns about.
-  if (constexpr size_t kLongestCall = 30; s.spotter().size() > kLongestCall) {
+  if (s.spotter().size() > kMaxLoginCallLength) {
     WriteRejection("Bad Spotter Call^", sentence);
     return Refuse(SpotVerdict::kSpotterTooLong);
   }

@@ -484,7 +484,7 @@ int Login::RecoveredPrivilege(std::string_view call, std::string_view attributes
   for (std::string_view item : Split(attributes, ' ')) {
     if (item.starts_with("priv=")) level = ParseIntOr(item.substr(5), 0);
   }
-  if (level <= 0 || !ctx_.access.NeedsPassword(call)) return 0;
+  if (level <= 0) return 0;
   int highest = 0;
   for (const PasswordRow& row : ctx_.access.passwords) {
     if (EqualsIgnoreCase(row.call, call) || EqualsIgnoreCase(row.call, BaseCall(call))) {
