@@ -437,6 +437,16 @@ void ClusterNode::OnStreamLine(int stream, std::string_view line) {
   }
 }
 
+void ClusterNode::OnStreamPiece(int stream, std::string_view piece) {
+  const StreamEntry& e = streams_.at(stream);
+  if (e.IsNode() || e.IsFeed()) {
+    // Only the node's reassembly may keep a piece: a whole line is never held back.
+    network_->processor().ProcessNodeData(stream, piece, NodeProcessor::LineEnd::kMissing);
+    return;
+  }
+  OnStreamLine(stream, piece);
+}
+
 void ClusterNode::OnStreamTimedOut(int stream) {
   // Once timed out the entry no longer names the user, and its close will not count as a
   // log-out: the network hears of it now.

@@ -94,6 +94,7 @@ class ClusterNode final : public LinkEvents,
   void OnLinkUp() override;
   void OnConnectRequest(int stream) override;
   void OnStreamLine(int stream, std::string_view line) override;
+  void OnStreamPiece(int stream, std::string_view piece) override;
   void OnStreamClosed(int stream, int previous_state) override;
   void OnStreamRecovered(int stream) override;
   void OnRecoveryComplete() override;

@@ -211,9 +211,10 @@ void FrontendLink::DeliverText(int stream, std::string_view data) {
       // No line end yet: the rest waits for the next data of this stream.
       entry.line_carry.append(data.substr(pos));
       if (entry.line_carry.size() >= kMaxLineCarry) {
-        std::string line = std::move(entry.line_carry);
+        std::string piece = std::move(entry.line_carry);
         entry.line_carry.clear();
-        DeliverLine(stream, line);
+        table_.set_current(stream);
+        events_.OnStreamPiece(stream, piece);
       } else {
         table_.set_current(stream);
         if (events_.OnStreamPartial(stream, entry.line_carry)) entry.line_carry.clear();

@@ -52,6 +52,10 @@ class LinkEvents {
   virtual void OnConnectRequest(int stream) {}
   // One line (without its line end) received on stream; routed by the stream's state.
   virtual void OnStreamLine(int stream, std::string_view line) {}
+  // The start of a line that grew past what the link keeps while waiting for its line end,
+  // handed on as it stands; the rest follows as a line of its own.  Node streams join the two;
+  // by default the piece is taken as a line.
+  virtual void OnStreamPiece(int stream, std::string_view piece) { OnStreamLine(stream, piece); }
   // The stream closed.  Called while the entry still holds the stream's call and state, so
   // a logged-in user can be announced as gone; the entry is freed afterwards.
   virtual void OnStreamClosed(int stream, int previous_state) {}

@@ -100,18 +100,32 @@ void NodeProcessor::Show(std::string_view text, std::string_view colour, int str
   if (deps_.monitor) deps_.monitor->Write(MonitorChannel::kRaw, text, colour, stream);
 }
 
-void NodeProcessor::StoreCarry(int stream, std::string_view line) {
-  // A kept fragment is joined to the next line, and a peer whose sentences never pass the
-  // trailer check would make it grow with every line.  No sentence is this long: past the
-  // bound the text is dropped, so the link starts afresh with its next line.
-  if (line.size() > kMaxNodeCarry) {
+void NodeProcessor::KeepPiece(int stream, std::string_view piece) {
+  // Pieces of one line add up until its end comes.  No sentence is this long: past the bound
+  // the text is dropped, so the stream starts afresh with its next line.
+  std::string& carry = deps_.streams->at(stream).node_carry;
+  if (carry.size() + piece.size() > kMaxNodeCarry) {
     state_.Error(0, "ProcessNodeData ",
-                 "fragment of " + std::to_string(line.size()) + " characters dropped from " +
-                     StreamCall(stream) + " where = " + std::string(line.substr(0, 80)));
-    deps_.streams->at(stream).node_carry.clear();
+                 "fragment of " + std::to_string(carry.size() + piece.size()) +
+                     " characters dropped from " + StreamCall(stream) +
+                     " where = " + std::string((carry.empty() ? piece : carry).substr(0, 80)));
+    carry.clear();
     return;
   }
-  deps_.streams->at(stream).node_carry.assign(line);
+  carry.append(piece);
+}
+
+bool NodeProcessor::Reject(int stream, std::string_view line, std::string_view why) {
+  // The line is whole, so whatever is wrong with it will not be mended by the next one.
+  constexpr size_t kShown = 512;
+  std::string text(why);
+  text += ", line = ";
+  text += line.substr(0, kShown);
+  if (line.size() > kShown) text += "...";
+  text += " from ";
+  text += StreamCall(stream);
+  state_.Error(2000, "HopeCheckEtc ", text);
+  return false;
 }
 
 std::string NodeProcessor::StreamCall(int stream) const {
@@ -178,14 +192,18 @@ void NodeProcessor::FeedHandshake(int stream, std::string_view line) {
   }
 }
 
-bool NodeProcessor::ProcessNodeData(int stream, std::string_view line) {
+bool NodeProcessor::ProcessNodeData(int stream, std::string_view line, LineEnd end) {
   StreamTable& table = *deps_.streams;
   if (!table.InRange(stream)) return false;
   ScopedCurrentStream current(table, stream);
   StreamEntry& entry = table.at(stream);
 
-  // A fragment kept from before is the start of this line.
-  if (!line.empty() && !entry.node_carry.empty()) {
+  if (end == LineEnd::kMissing) {
+    KeepPiece(stream, line);
+    return false;
+  }
+  // Pieces kept from before are the start of this line (which may be only its line end).
+  if (!entry.node_carry.empty()) {
     work_.assign(entry.node_carry);
     work_.append(line);
     entry.node_carry.clear();
@@ -210,11 +228,8 @@ bool NodeProcessor::ProcessNodeData(int stream, std::string_view line) {
 
   if (StartsWith(work_, "PC92")) {
     ToUpperInPlace(work_);
-    // A PC92 always ends with "^"; anything else is the start of a longer line.
-    if (work_.back() != '^') {
-      StoreCarry(stream, work_);
-      return false;
-    }
+    // A PC92 always ends with "^".
+    if (work_.back() != '^') return Reject(stream, work_, "PC92 without its final caret");
   }
 
   PcSentence& s = sentence_;
@@ -267,48 +282,30 @@ bool NodeProcessor::HopeCheckEtc(const PcSentence& s) {
   // turn PC61 into PC11 and back drop or keep the trailer as they please.
   flags_.Set(61, 0);
   const int n = s.number;
-  if (n < 10) {
-    StoreCarry(s.stream, s.line);
-    return false;
+  if (n < 10) return Reject(s.stream, s.line, "no sentence number");
+  // A PC11 comes in every shape its relays leave it in; the hop count is what must be there.
+  if (n == 11) {
+    return HasSpotTrailer(s.fields) || Reject(s.stream, s.line, "spot without a hop count");
   }
   const int last = s.last();
-  if (n == 11 && last == 8) {
-    // Nine fields: the terminator is missing, most likely still on its way ("^~" alone on
-    // the next line), so the line is kept as the start of the next one.
-    StoreCarry(s.stream, s.line);
-    if (options_.monitor_view == 1) Show(" Protocol Violation", "blue", s.stream);
-    return false;
-  }
   const int flags = flags_.Get(n);
   if ((flags & PcCheckFlags::kHopField) && last >= 1) {
     const std::string& hop = s.fields[size_t(last - 1)];
     const bool ok = !hop.empty() && hop[0] == 'H' && (hop.size() == 2 || hop.size() == 3) &&
                     LeadingNumber(std::string_view(hop).substr(1)) > 0;
-    if (!ok) {
-      // Most likely the first part of a line whose rest has not arrived yet.
-      StoreCarry(s.stream, s.line);
-      return false;
-    }
+    if (!ok) return Reject(s.stream, s.line, "hop field = " + hop);
   }
   if (!(flags & PcCheckFlags::kTerminator)) return true;
 
   const std::string& end = s.fields[size_t(last)];
-  if (end.size() == 1) {
-    if (end[0] == '~') return true;
-    StoreCarry(s.stream, s.line);
-    return false;
-  }
-  StoreCarry(s.stream, s.line);
+  if (end == "~") return true;
   if (end.empty()) {
     std::string text = " Protocol Violation";
     text += s.line;
     text += "\r\n";
     Show(text, "blue", s.stream);
-  } else {
-    state_.Error(2000, "HopeCheckEtc ",
-                 "line = " + s.line + " field = " + end + " from " + StreamCall(s.stream));
   }
-  return false;
+  return Reject(s.stream, s.line, "field = " + end + " where the terminator belongs");
 }
 
 bool NodeProcessor::SpotHopsOk(const PcSentence& s, size_t index) {

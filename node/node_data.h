@@ -76,11 +76,17 @@ class NodeProcessor {
 
   NodeProcessor(NodeOptions options, NodeDeps deps);
 
-  // One line received on a node or feed stream.  True when a handler processed it.
-  bool ProcessNodeData(int stream, std::string_view line);
+  // How a text handed to ProcessNodeData ended.  The front-end link hands over whole lines
+  // (kSeen); only a piece that it had to pass on before its line end came is kMissing.  Such a
+  // piece is the one thing kept in the stream's carry buffer, to be joined with what follows:
+  // a whole line that fails a check is dropped and logged, so it never swallows the next one.
+  enum class LineEnd { kSeen, kMissing };
+
+  // Text received on a node or feed stream.  True when a handler processed it.
+  bool ProcessNodeData(int stream, std::string_view line, LineEnd end = LineEnd::kSeen);
 
   // The trailer check of s (number, fields, line, stream set).  False means reject; the line
-  // may then sit in the stream's carry buffer.
+  // has then been logged.
   bool HopeCheckEtc(const PcSentence& s);
 
   // Replaces the handler of a sentence number (10..99).
@@ -110,14 +116,15 @@ class NodeProcessor {
   const NodeOptions& options() const { return options_; }
   void set_monitor_view(int v) { options_.monitor_view = v; }
 
-  // The longest fragment kept for joining with a stream's next line: room for the PC92 C of a
+  // The longest piece kept for joining with the rest of its line: room for the PC92 C of a
   // node with thousands of users, which may arrive in several pieces.
   static constexpr size_t kMaxNodeCarry = 256 * 1024;
 
  private:
   void InstallHandlers();
   void Show(std::string_view text, std::string_view colour, int stream);
-  void StoreCarry(int stream, std::string_view line);
+  void KeepPiece(int stream, std::string_view piece);
+  bool Reject(int stream, std::string_view line, std::string_view why);
   std::string StreamCall(int stream) const;
   void FeedHandshake(int stream, std::string_view line);
   int64_t NowSeconds() const;

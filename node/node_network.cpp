@@ -1194,9 +1194,9 @@ bool NodeNetwork::OnPc10(PcSentence& s) {
 
 bool NodeNetwork::OnPc12(PcSentence& s) {
   // PC12 ^ from ^ to ^ text ^ sysop ^ origin ^ wx ^ hops ^ ~
+  // PC9x peers announce in PC93 themselves but pass a legacy node's PC12 on unchanged, so a
+  // PC12 is taken from any link; the announcement check keeps one that also came as PC93 single.
   if (s.last() < 8) return false;
-  const Link* link = FindLink(s.stream);
-  if (link && link->info.up && link->info.pc9x) return false;  // PC9x peers announce in PC93
   const std::string from = s.fields[1];
   const std::string body = s.fields[3];
   const std::string origin = s.fields[5];

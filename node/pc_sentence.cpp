@@ -54,6 +54,14 @@ bool IsHopCount(std::string_view field) {
   return LeadingNumber(field.substr(1)) >= 1;
 }
 
+bool HasSpotTrailer(const std::vector<std::string>& fields) {
+  const size_t n = fields.size();
+  if (n < 2) return false;
+  if (IsHopCount(fields[n - 1])) return true;
+  const std::string& end = fields[n - 1];
+  return n >= 3 && (end.empty() || end == "~") && IsHopCount(fields[n - 2]);
+}
+
 PcCheckFlags::PcCheckFlags() {
   constexpr int kBoth = kHopField | kTerminator;
   struct Entry {

@@ -39,6 +39,11 @@ int LeadingNumber(std::string_view text);
 // Anything else ("H0", "H100", "h5") would end or reset the count if it were passed on.
 bool IsHopCount(std::string_view field);
 
+// Whether a spot sentence's fields end in one of the shapes peers send: "...^H24^~" as built,
+// "...^H29" (a peer that turned a PC61 into a PC11 left the trailer out) or "...^H7^" (passed
+// on unchanged from an older node).  Each of them is a whole sentence.
+bool HasSpotTrailer(const std::vector<std::string>& fields);
+
 // Per sentence number (10..99): bit 1 = carries a hop field, bit 2 = ends with "~".
 class PcCheckFlags {
  public:

@@ -44,6 +44,9 @@ class RecordingEvents : public LinkEvents {
     current_at_call.push_back(table_.current());
     if (on_line) on_line(stream, line);
   }
+  void OnStreamPiece(int stream, std::string_view piece) override {
+    lines.push_back(std::to_string(stream) + ":piece of " + std::to_string(piece.size()));
+  }
   void OnStreamClosed(int stream, int previous_state) override {
     closed.push_back(std::to_string(stream) + "/" + std::to_string(previous_state) + "/" +
                      table_.at(stream).call);
@@ -200,6 +203,12 @@ TEST_F(LinkRecordsTest, ALineCutAcrossRecordsIsHandedOnOnceComplete) {
       "AA00^3^ABC^~\r\x03"
       "AA00^3^\nnext\r\n\x03");
   EXPECT_EQ(events_.lines, (std::vector<std::string>{"3:PC61^14025.0^DL1ABC^~", "3:next"}));
+  // A line too long to wait for is handed on as a piece, marked as one; its rest is a line.
+  link_->Arrive("AA00^3^" + std::string(5000, 'x') + "\x03");
+  link_->Arrive("AA00^3^" + std::string(5000, 'y') + "\x03");
+  link_->Arrive("AA00^3^rest\r\n\x03");
+  EXPECT_EQ(events_.lines, (std::vector<std::string>{"3:PC61^14025.0^DL1ABC^~", "3:next",
+                                                     "3:piece of 10000", "3:rest"}));
   // A stream that closes loses its unfinished line.
   link_->Arrive(
       "AA00^3^half\x03"

@@ -63,16 +63,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   proc.StartLink(4, qx::NodeLinkHandshake::Role::kCall, "Q8YYY");
   proc.StartLink(5, qx::NodeLinkHandshake::Role::kAccept, "Q9ZZZ-2");
 
-  // Each line: one byte choosing the stream, then text up to LF.
+  // Each line: one byte choosing the stream (and with its top bit, a piece without its line
+  // end), then text up to LF.
   std::string_view input(reinterpret_cast<const char*>(data), size);
   size_t total = 0;
   while (!input.empty()) {
-    const int stream = 1 + static_cast<uint8_t>(input[0]) % 6;  // 6 is out of range
+    const uint8_t choice = static_cast<uint8_t>(input[0]);
+    const int stream = 1 + (choice & 0x7f) % 6;  // 6 is out of range
+    const auto end =
+        (choice & 0x80) ? qx::NodeProcessor::LineEnd::kMissing : qx::NodeProcessor::LineEnd::kSeen;
     input.remove_prefix(1);
     const size_t lf = input.find('\n');
     const std::string_view line = input.substr(0, lf);
     total += line.size();
-    proc.ProcessNodeData(stream, line);
+    proc.ProcessNodeData(stream, line, end);
     if (stream <= 5 && streams.at(stream).node_carry.size() > total) __builtin_trap();
     input.remove_prefix(lf == std::string_view::npos ? input.size() : lf + 1);
   }

@@ -90,83 +90,99 @@ TEST_F(ProcessNodeDataTest, SpotsGoToIntakeWithTheirSourceCode) {
   EXPECT_TRUE(errors_.empty());
 }
 
-TEST_F(ProcessNodeDataTest, Pc11InTwoPiecesIsReassembled) {
-  EXPECT_FALSE(Feed(kLegacy, "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^split^Q7USR^Q7XXX^H24"));
+// Peers pass spots on as built ("^~"), without the trailer after a PC61 became a PC11, and
+// with an empty last field.  Each is one spot, and the ping after it is answered.
+TEST_F(ProcessNodeDataTest, EveryShapeOfPc11IsASpotAndTheNextLineStandsAlone) {
+  const std::string spot = "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^";
+  for (const std::string tail : {"H30", "H7^", "H24^~"}) {
+    EXPECT_TRUE(Feed(kPeer, spot + tail + "\r")) << tail;
+    EXPECT_TRUE(Feed(kPeer, "PC51^Q1AAA^Q9ZZZ-2^1^")) << tail;
+    EXPECT_TRUE(Carry(kPeer).empty()) << tail;
+  }
+  ASSERT_EQ(spots_.size(), 3u);
+  for (size_t i = 0; i < spots_.size(); ++i) EXPECT_EQ(spots_[i].first, 111);
+  EXPECT_EQ(spots_[0].second, spot + "H30");
+  EXPECT_EQ(spots_[1].second, spot + "H7^");
+  EXPECT_EQ(out_.sent.size(), 3u);
+  EXPECT_TRUE(errors_.empty());
+  EXPECT_TRUE(shown_.empty());
+}
+
+// Only text that came without its line end is kept; the pieces and the rest make one line.
+TEST_F(ProcessNodeDataTest, APieceWithoutItsLineEndIsJoinedWithTheRest) {
+  using End = NodeProcessor::LineEnd;
+  EXPECT_FALSE(proc_->ProcessNodeData(kLegacy, "PC11^28025.0^Q4DX^21-Nov-", End::kMissing));
+  EXPECT_FALSE(proc_->ProcessNodeData(kLegacy, "2026^2222Z^split^Q7USR", End::kMissing));
   EXPECT_TRUE(spots_.empty());
-  EXPECT_EQ(Carry(kLegacy), "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^split^Q7USR^Q7XXX^H24");
-  EXPECT_TRUE(Feed(kLegacy, "^~"));
+  EXPECT_TRUE(Feed(kLegacy, "^Q7XXX^H24^~"));
   ASSERT_EQ(spots_.size(), 1u);
   EXPECT_EQ(spots_[0].second, "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^split^Q7USR^Q7XXX^H24^~");
   EXPECT_TRUE(Carry(kLegacy).empty());
+  // A piece whose line end comes alone is the whole line.
+  EXPECT_FALSE(proc_->ProcessNodeData(kLegacy, "PC16^Q7XXX^Q7USR - 1^H25^", End::kMissing));
+  EXPECT_TRUE(Feed(kLegacy, ""));
+  EXPECT_EQ(proc_->view().UserCount(), 1);
+  EXPECT_TRUE(errors_.empty());
 }
 
-TEST_F(ProcessNodeDataTest, NineFieldPc11IsAViolationOnTheNodeTrafficView) {
-  proc_->set_monitor_view(0);
-  EXPECT_FALSE(Feed(kLegacy, "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24"));
-  EXPECT_TRUE(shown_.empty());
-  proc_->set_monitor_view(1);
-  streams_.at(kLegacy).node_carry.clear();
-  EXPECT_FALSE(Feed(kLegacy, "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24"));
+// A whole line that fails the trailer check is logged and dropped, and never taken as the
+// start of the next one: the ping after it is answered every time.
+TEST_F(ProcessNodeDataTest, AWholeMalformedLineIsLoggedAndTheNextOneProcessed) {
+  const std::string kBad[] = {
+      "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^~",   // no hop count
+      "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX",     // nor here
+      "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H0",  // none left
+      "PC16^Q9ZZZ-2^Q9USR - 1^H0^",
+      "PC16^Q9ZZZ-2^Q9USR - 1^H100^",
+      "PC10^Q5USR^Q7USR^hello^*^ ^Q9ZZZ-2^",
+      "PC10^Q5USR^Q7USR^hello^*^ ^Q9ZZZ-2^x",
+      "PC10^Q5USR^Q7USR^hello^*^ ^Q9ZZZ-2^junk",
+      "PC92^Q9ZZZ-2^80562^K^5Q9ZZZ-2:5300:^1^0^H99",
+      "PC0A^x^",
+  };
+  for (const std::string& line : kBad) {
+    errors_.clear();
+    out_.sent.clear();
+    EXPECT_FALSE(Feed(kPeer, line)) << line;
+    ASSERT_EQ(errors_.size(), 1u) << line;
+    EXPECT_EQ(errors_[0].code, 2000);
+    EXPECT_EQ(errors_[0].tag, "HopeCheckEtc ");
+    EXPECT_NE(errors_[0].text.find("line = " + line + " from Q9ZZZ-2"), std::string::npos)
+        << errors_[0].text;
+    EXPECT_TRUE(Carry(kPeer).empty()) << line;
+    EXPECT_TRUE(Feed(kPeer, "PC51^Q1AAA^Q9ZZZ-2^1^")) << line;
+    EXPECT_EQ(out_.sent.size(), 1u) << line;
+  }
+  EXPECT_TRUE(spots_.empty());
+  EXPECT_EQ(proc_->view().UserCount(), 0);
+  // An empty last field where "~" belongs is also shown on the monitor.
   ASSERT_EQ(shown_.size(), 1u);
-  EXPECT_EQ(shown_[0].text, " Protocol Violation");
+  EXPECT_EQ(shown_[0].text, " Protocol Violation" + kBad[5] + "\r\n");
   EXPECT_EQ(shown_[0].colour, "blue");
 }
 
-TEST_F(ProcessNodeDataTest, BadHopFieldsAreKeptAsFragmentsSilently) {
-  EXPECT_FALSE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H0^"));
-  EXPECT_EQ(Carry(kLegacy), "PC16^Q7XXX^Q7USR - 1^H0^");
-  streams_.at(kLegacy).node_carry.clear();
-  EXPECT_FALSE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H100^"));
-  EXPECT_EQ(Carry(kLegacy), "PC16^Q7XXX^Q7USR - 1^H100^");
-  EXPECT_TRUE(errors_.empty());
-  EXPECT_TRUE(shown_.empty());
-  EXPECT_EQ(proc_->view().UserCount(), 0);
-}
-
-// A peer whose sentences never pass the trailer check (PC11 without any trailer) must not
-// make the kept fragment grow without end: past its bound it is dropped and logged, and the
-// next well-formed sentence is taken again.
-TEST_F(ProcessNodeDataTest, EndlessFragmentsAreBoundedAndTheLinkRecovers) {
-  const std::string bare = "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24";
+// Pieces that never meet a line end must not make the kept text grow without end: past its
+// bound it is dropped and logged, and the next whole sentence is taken again.
+TEST_F(ProcessNodeDataTest, EndlessPiecesAreBoundedAndTheLinkRecovers) {
+  const std::string piece = "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24";
   size_t longest = 0;
-  const size_t lines = NodeProcessor::kMaxNodeCarry / bare.size() + 10;
-  for (size_t i = 0; i < lines; ++i) {
-    EXPECT_FALSE(Feed(kLegacy, bare));
+  const size_t pieces = NodeProcessor::kMaxNodeCarry / piece.size() + 10;
+  for (size_t i = 0; i < pieces; ++i) {
+    proc_->ProcessNodeData(kLegacy, piece, NodeProcessor::LineEnd::kMissing);
     longest = std::max(longest, Carry(kLegacy).size());
   }
   EXPECT_LE(longest, NodeProcessor::kMaxNodeCarry);
+  EXPECT_GT(longest, NodeProcessor::kMaxNodeCarry - piece.size());
   ASSERT_FALSE(errors_.empty());
   EXPECT_EQ(errors_.back().tag, "ProcessNodeData ");
-  EXPECT_NE(errors_.back().text.find("dropped from"), std::string::npos) << errors_.back().text;
-  // The first complete sentence ends whatever fragment is kept; the one after it stands alone.
-  Feed(kLegacy, bare + "^~");
+  EXPECT_NE(errors_.back().text.find("dropped from Q7XXX"), std::string::npos)
+      << errors_.back().text;
+  // The line that ends the pieces goes with them; the one after it stands alone.
+  Feed(kLegacy, "^~");
   EXPECT_TRUE(Carry(kLegacy).empty());
-  EXPECT_TRUE(Feed(kLegacy, bare + "^~"));
+  EXPECT_TRUE(Feed(kLegacy, piece + "^~"));
   ASSERT_FALSE(spots_.empty());
-  EXPECT_EQ(spots_.back().second, bare + "^~");
-}
-
-TEST_F(ProcessNodeDataTest, EmptyLastFieldOfTerminatedSentenceIsAViolation) {
-  const std::string line = "PC10^Q5USR^Q7USR^hello^*^ ^Q9ZZZ-2^";
-  EXPECT_FALSE(Feed(kPeer, line));
-  ASSERT_EQ(shown_.size(), 1u);
-  EXPECT_EQ(shown_[0].text, " Protocol Violation" + line + "\r\n");
-  EXPECT_EQ(shown_[0].colour, "blue");
-  EXPECT_EQ(Carry(kPeer), line);
-}
-
-TEST_F(ProcessNodeDataTest, TerminatorProblems) {
-  // One character that is not "~": kept as a fragment, nothing reported.
-  EXPECT_FALSE(Feed(kPeer, "PC10^Q5USR^Q7USR^hello^*^ ^Q9ZZZ-2^x"));
-  EXPECT_TRUE(errors_.empty());
-  streams_.at(kPeer).node_carry.clear();
-  // Longer junk: error 2000 naming the line, the field and the neighbour.
-  EXPECT_FALSE(Feed(kPeer, "PC10^Q5USR^Q7USR^hello^*^ ^Q9ZZZ-2^junk"));
-  ASSERT_EQ(errors_.size(), 1u);
-  EXPECT_EQ(errors_[0].code, 2000);
-  EXPECT_EQ(errors_[0].tag, "HopeCheckEtc ");
-  EXPECT_NE(errors_[0].text.find("junk"), std::string::npos);
-  EXPECT_NE(errors_[0].text.find("Q9ZZZ-2"), std::string::npos);
+  EXPECT_EQ(spots_.back().second, piece + "^~");
 }
 
 TEST_F(ProcessNodeDataTest, Pc61NeedsNoTrailerEvenIfTheTableSaysSo) {
@@ -180,37 +196,34 @@ TEST_F(ProcessNodeDataTest, Pc61NeedsNoTrailerEvenIfTheTableSaysSo) {
 // A hop count the network never gives (none left, more than 99, lower case, another letter,
 // nothing where the count belongs) would end or restart a spot's travel.  The trailer check
 // lets every PC61 through, so the spot handler refuses it, with a "HopsOk" entry, before
-// intake; a PC11 never gets past the trailer check with one.
+// intake; a PC11 with one is refused and logged by the trailer check.
 TEST_F(ProcessNodeDataTest, SpotsNeedARealHopCount) {
   const std::string pc61 = "PC61^14074.0^Q3DX^21-Nov-2026^2225Z^ft8^Q5USR^Q9ZZZ-2^198.51.100.7^";
   const std::string pc11 = "PC11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^";
+  const std::string kHops = "HopsOk", kTrailer = "HopeCheckEtc ";
   const struct {
     std::string line;
-    bool taken;
-    bool logged;
+    std::string logged_as;  // empty: taken
   } kCases[] = {
-      {pc61 + "H1^~", true, false},    {pc61 + "H99^~", true, false},
-      {pc61 + "H07", true, false},     {pc11 + "H1^~", true, false},
-      {pc11 + "H99^~", true, false},   {pc61 + "H0^~", false, true},
-      {pc61 + "H100^~", false, true},  {pc61 + "H999^~", false, true},
-      {pc61 + "h5^~", false, true},    {pc61 + "X5^~", false, true},
-      {pc61 + "H5x^~", false, true},   {pc61 + "~", false, true},
-      {pc61 + "^~", false, true},      {pc11 + "H0^~", false, false},
-      {pc11 + "H100^~", false, false}, {pc11 + "h5^~", false, false},
-      {pc11 + "~", false, false},
+      {pc61 + "H1^~", ""},         {pc61 + "H99^~", ""},      {pc61 + "H07", ""},
+      {pc11 + "H1^~", ""},         {pc11 + "H99^~", ""},      {pc11 + "H99", ""},
+      {pc61 + "H0^~", kHops},      {pc61 + "H100^~", kHops},  {pc61 + "H999^~", kHops},
+      {pc61 + "h5^~", kHops},      {pc61 + "X5^~", kHops},    {pc61 + "H5x^~", kHops},
+      {pc61 + "~", kHops},         {pc61 + "^~", kHops},      {pc11 + "H0^~", kTrailer},
+      {pc11 + "H100^~", kTrailer}, {pc11 + "h5^~", kTrailer}, {pc11 + "~", kTrailer},
+      {pc11 + "H5x^~", kTrailer},  {pc11 + "H100", kTrailer},
   };
   for (const auto& c : kCases) {
     spots_.clear();
     errors_.clear();
-    streams_.at(kPeer).node_carry.clear();
     Feed(kPeer, c.line);
-    EXPECT_EQ(spots_.size(), c.taken ? 1u : 0u) << c.line;
+    EXPECT_EQ(spots_.size(), c.logged_as.empty() ? 1u : 0u) << c.line;
     EXPECT_TRUE(relayed_.empty()) << c.line;
-    ASSERT_EQ(errors_.size(), c.logged ? 1u : 0u) << c.line;
-    if (c.logged) {
-      EXPECT_EQ(errors_[0].tag, "HopsOk");
-      EXPECT_NE(errors_[0].text.find("from Q9ZZZ-2 where = " + c.line), std::string::npos)
-          << errors_[0].text;
+    ASSERT_EQ(errors_.size(), c.logged_as.empty() ? 0u : 1u) << c.line;
+    if (!c.logged_as.empty()) {
+      EXPECT_EQ(errors_[0].tag, c.logged_as) << c.line;
+      EXPECT_NE(errors_[0].text.find(c.line), std::string::npos) << errors_[0].text;
+      EXPECT_NE(errors_[0].text.find("from Q9ZZZ-2"), std::string::npos) << errors_[0].text;
     }
   }
 }
@@ -252,11 +265,11 @@ TEST_F(ProcessNodeDataTest, LowerCaseHeadersAreDroppedWithAnError) {
   EXPECT_TRUE(spots_.empty());
 }
 
-TEST_F(ProcessNodeDataTest, Pc92IsUpperCasedAndNeedsItsFinalCaret) {
+TEST_F(ProcessNodeDataTest, Pc92IsUpperCasedOnceWhole) {
   clock_.Set(MakeUtc(2026, 11, 21, 22, 22, 42));  // 80562
-  EXPECT_FALSE(Feed(kPeer, "PC92^q9zzz-2^80562^K^5q9zzz-2:5300:^1^0^127.0.0.1^none/none^H99"));
-  EXPECT_EQ(Carry(kPeer), "PC92^Q9ZZZ-2^80562^K^5Q9ZZZ-2:5300:^1^0^127.0.0.1^NONE/NONE^H99");
-  EXPECT_TRUE(Feed(kPeer, "^"));
+  EXPECT_FALSE(proc_->ProcessNodeData(kPeer, "PC92^q9zzz-2^80562^K^5q9zzz-2:5300:^1^0^127.0",
+                                      NodeProcessor::LineEnd::kMissing));
+  EXPECT_TRUE(Feed(kPeer, ".0.1^none/none^H99^"));
   ASSERT_EQ(relayed_.size(), 1u);
   EXPECT_EQ(relayed_[0], "PC92^Q9ZZZ-2^80562^K^5Q9ZZZ-2:5300:^1^0^127.0.0.1^NONE/NONE^H98^");
   ASSERT_NE(proc_->view().FindNode("Q9ZZZ-2"), nullptr);
@@ -279,11 +292,6 @@ TEST_F(ProcessNodeDataTest, HeaderChecks) {
   EXPECT_EQ(errors_[1].tag, "Data Not Processed PCnr ");
   EXPECT_EQ(errors_[1].text, "40 PC40^Q1AAA^Q9ZZZ-2^x^");
   EXPECT_EQ(proc_->state().current_sentence, 40);
-
-  // Numbers below 10 are the start of something longer.
-  EXPECT_FALSE(Feed(kPeer, "PC0A^x^"));
-  EXPECT_EQ(Carry(kPeer), "PC0A^x^");
-  EXPECT_EQ(errors_.size(), 2u);
 }
 
 TEST_F(ProcessNodeDataTest, FeedLinesBypassParsing) {

@@ -486,10 +486,13 @@ TEST_F(RingTest, ReceivedAnnouncementsReachOnlyTheirAudience) {
                           "^SYSOP^Q5USR^*^sysops only^^^H99^");
   EXPECT_EQ(Count(b_->out.To(2), "To SYSOP de Q5USR: sysops only\r\n"), 1u);
   EXPECT_EQ(Count(b_->out.To(1), "sysops only"), 0u);
-  // PC9x neighbours announce in PC93: a PC12 from one is not taken.
-  b_->net->OnLine(21, "PC12^Q5USR^*^old style^ ^Q1AAA^0^H99^~");
-  EXPECT_EQ(Count(b_->out.To(1), "old style"), 0u);
-  EXPECT_EQ(Count(b_->out.To(23), "old style"), 0u);
+  // A legacy node's PC12 that a PC9x neighbour passes on is shown once, also when the same
+  // announcement comes as PC93 as well.
+  b_->net->OnLine(21, "PC12^Q7OLD^*^old style^ ^Q7XXX^0^H29^~");
+  clock_.Advance(1s);
+  b_->net->OnLine(21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) +
+                          "^*^Q7OLD^*^old style^Q7XXX^^H99^");
+  EXPECT_EQ(Count(b_->out.To(1), "To ALL de Q7OLD: old style\r\n"), 1u);
 }
 
 TEST_F(RingTest, TalkFollowsTheRouteToTheUsersNode) {
