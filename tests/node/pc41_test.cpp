@@ -90,6 +90,24 @@ TEST_F(Pc41Test, RejectionsWithReports) {
   EXPECT_EQ(lists_.Count(4), 1u);
 }
 
+// The node checks the calls in user information with the log-in's strict rule: a call no
+// user could log in with is neither the subject of a PC41 nor a home node.
+TEST_F(Pc41Test, CallsPassTheStrictLogInRule) {
+  deps_.valid_call = [](std::string_view call) {
+    CallCheckContext context;
+    context.node_call = "K1QXA";
+    std::string c(call);
+    return ValidCall(c, /*strict=*/true, context);
+  };
+  for (const char* line : {"PC41^N0CALL^1^Fred^H5^~", "PC41^K1QXA^1^Fred^H5^~",
+                           "PC41^W5USR/QRP^1^Fred^H5^~", "PC41^W5USR^4^N0CALL^H5^~"}) {
+    EXPECT_FALSE(Run(line).processed) << line;
+  }
+  EXPECT_TRUE(stored_.empty());
+  EXPECT_TRUE(Run("PC41^W5USR/P^4^K9PCX-2^H5^~").processed);
+  EXPECT_EQ(lists_.Count(4), 1u);
+}
+
 TEST_F(Pc41Test, RepeatIsStoredOnceAndReplacementKeepsTheCount) {
   EXPECT_TRUE(Run("PC41^Q5USR^1^Fred^H30^~").processed);
   const Pc41Result again = Run("PC41^Q5USR^1^Fred^H29^~");
