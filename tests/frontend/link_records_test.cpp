@@ -37,14 +37,14 @@ TEST(LinkRecordsTest, EachRecordHasTheFieldsTheNodeReadsOneAfterAnother) {
   AppendCounters(out, counters);
   AppendStreamList(out, std::vector<int>{});
   AppendStreamList(out, std::vector<int>{1, 2, 7});
-  EXPECT_THAT(Records(out), ElementsAre("AA03^Connect Request^3^192.0.2.7:50123^41^in^0",
-                                        "AA03^Connect Request^12^198.51.100.2:7300^42^out:GB7XX^9",
-                                        "AA17^41^3^output overflow", "AA18",
-                                        "QRV GB7QX front end^0.1.0^ab12", "AA39^00ff",
-                                        "AA19^GB7XX^Connection refused",
-                                        "AA38^41^3^192.0.2.7:50123^2^G4ABC^5^in^p=9",
-                                        "AA20^open_connections=7^refused_rate_total=12",
-                                        "AA01^0^", "AA01^3^1,2,7"));
+  EXPECT_THAT(
+      Records(out),
+      ElementsAre("AA03^Connect Request^3^192.0.2.7:50123^41^in^0",
+                  "AA03^Connect Request^12^198.51.100.2:7300^42^out:GB7XX^9",
+                  "AA17^41^3^output overflow", "AA18", "QRV GB7QX front end^0.1.0^ab12",
+                  "AA39^00ff", "AA19^GB7XX^Connection refused",
+                  "AA38^41^3^192.0.2.7:50123^2^G4ABC^5^in^p=9",
+                  "AA20^open_connections=7^refused_rate_total=12", "AA01^0^", "AA01^3^1,2,7"));
 }
 
 TEST(LinkRecordsTest, DataKeepsCaretsButOtherFieldsCannotSplitTheRecord) {
@@ -53,9 +53,9 @@ TEST(LinkRecordsTest, DataKeepsCaretsButOtherFieldsCannotSplitTheRecord) {
   AppendStreamReport(out, StreamReport{7, 2, "p^e\x03r", 1, "G4^ABC\x04", 0, "out:A^B", "x^y"});
   AppendAnnounce(out, "a^b", "1\x03", "p\x04");
   AppendOpenFailed(out, "a\x03^b", "c\x04");
-  EXPECT_THAT(Records(out), ElementsAre("AA00^5^PC11^14025.0^DL1ABC^\r\n",
-                                        "AA38^7^2^per^1^G4ABC^0^out:AB^xy", "QRV ab^1^p",
-                                        "AA19^ab^c"));
+  EXPECT_THAT(Records(out),
+              ElementsAre("AA00^5^PC11^14025.0^DL1ABC^\r\n", "AA38^7^2^per^1^G4ABC^0^out:AB^xy",
+                          "QRV ab^1^p", "AA19^ab^c"));
 }
 
 TEST(LinkRecordsTest, StreamAttributesLoseSeparatorsAndControlsAndStayShort) {
