@@ -1,21 +1,10 @@
 #include "frontend/link_records.h"
 
 #include <charconv>
+#include <type_traits>
 
 namespace qx {
 namespace {
-
-void AppendNumber(std::string& out, uint64_t value) {
-  char buf[24];
-  const auto res = std::to_chars(buf, buf + sizeof buf, value);
-  out.append(buf, res.ptr);
-}
-
-void AppendSigned(std::string& out, long long value) {
-  char buf[24];
-  const auto res = std::to_chars(buf, buf + sizeof buf, value);
-  out.append(buf, res.ptr);
-}
 
 // A text field without the characters that would split the record.
 void AppendClean(std::string& out, std::string_view text) {
@@ -24,110 +13,92 @@ void AppendClean(std::string& out, std::string_view text) {
   }
 }
 
+// A field that goes in as it stands: only the data of "AA00".
+struct Raw {
+  std::string_view text;
+};
+
+template <typename T>
+void AppendField(std::string& out, const T& value) {
+  if constexpr (std::is_integral_v<T>) {
+    char buf[24];
+    const auto res = std::to_chars(buf, buf + sizeof buf, value);
+    out.append(buf, res.ptr);
+  } else if constexpr (std::is_same_v<T, Raw>) {
+    out.append(value.text);
+  } else {
+    AppendClean(out, value);
+  }
+}
+
+// Each field with the "^" that comes before it.
+template <typename... Fields>
+void AppendFields(std::string& out, const Fields&... fields) {
+  ((out.push_back('^'), AppendField(out, fields)), ...);
+}
+
+// "<head>^<field>^<field>...", ended.
+template <typename... Fields>
+void AppendRecord(std::string& out, std::string_view head, const Fields&... fields) {
+  out.append(head);
+  AppendFields(out, fields...);
+  out.push_back(kRecordEnd);
+}
+
 }  // namespace
 
 void AppendConnectRequest(std::string& out, int stream, std::string_view peer, uint64_t tag,
                           std::string_view kind, int port_index) {
-  out.append("AA03^Connect Request^");
-  AppendSigned(out, stream);
-  out.push_back('^');
-  AppendClean(out, peer);
-  out.push_back('^');
-  AppendNumber(out, tag);
-  out.push_back('^');
-  AppendClean(out, kind);
-  out.push_back('^');
-  AppendSigned(out, port_index);
-  out.push_back(kRecordEnd);
+  AppendRecord(out, "AA03^Connect Request", stream, peer, tag, kind, port_index);
 }
 
 void AppendStreamData(std::string& out, int stream, std::string_view data) {
-  out.append("AA00^");
-  AppendSigned(out, stream);
-  out.push_back('^');
-  out.append(data);
-  out.push_back(kRecordEnd);
+  AppendRecord(out, "AA00", stream, Raw{data});
 }
 
 void AppendStreamClosed(std::string& out, uint64_t tag, int stream, std::string_view reason) {
-  out.append("AA17^");
-  AppendNumber(out, tag);
-  out.push_back('^');
-  AppendSigned(out, stream);
-  out.push_back('^');
-  AppendClean(out, reason);
-  out.push_back(kRecordEnd);
+  AppendRecord(out, "AA17", tag, stream, reason);
 }
 
-void AppendKeepAlive(std::string& out) {
-  out.append("AA18");
-  out.push_back(kRecordEnd);
-}
+void AppendKeepAlive(std::string& out) { AppendRecord(out, "AA18"); }
 
 void AppendAnnounce(std::string& out, std::string_view station_text, std::string_view version,
                     std::string_view proof) {
   out.append("QRV ");
   AppendClean(out, station_text);
-  out.push_back('^');
-  AppendClean(out, version);
-  out.push_back('^');
-  AppendClean(out, proof);
+  AppendFields(out, version, proof);
   out.push_back(kRecordEnd);
 }
 
-void AppendChallenge(std::string& out, std::string_view nonce) {
-  out.append("AA39^");
-  AppendClean(out, nonce);
-  out.push_back(kRecordEnd);
-}
+void AppendChallenge(std::string& out, std::string_view nonce) { AppendRecord(out, "AA39", nonce); }
 
 void AppendStreamList(std::string& out, std::span<const int> streams) {
-  out.append("AA01^");
-  AppendNumber(out, streams.size());
+  out.append("AA01");
+  AppendFields(out, streams.size());
   out.push_back('^');
   for (size_t i = 0; i < streams.size(); ++i) {
     if (i > 0) out.push_back(',');
-    AppendSigned(out, streams[i]);
+    AppendField(out, streams[i]);
   }
   out.push_back(kRecordEnd);
 }
 
 void AppendStreamReport(std::string& out, const StreamReport& r) {
-  out.append("AA38^");
-  AppendNumber(out, r.tag);
-  out.push_back('^');
-  AppendSigned(out, r.stream);
-  out.push_back('^');
-  AppendClean(out, r.peer);
-  out.push_back('^');
-  AppendSigned(out, r.port_index);
-  out.push_back('^');
-  AppendClean(out, r.call);
-  out.push_back('^');
-  AppendSigned(out, r.state);
-  out.push_back('^');
-  AppendClean(out, r.kind);
-  out.push_back('^');
-  AppendClean(out, r.attributes);
-  out.push_back(kRecordEnd);
+  AppendRecord(out, "AA38", r.tag, r.stream, r.peer, r.port_index, r.call, r.state, r.kind,
+               r.attributes);
 }
 
 void AppendOpenFailed(std::string& out, std::string_view label, std::string_view reason) {
-  out.append("AA19^");
-  AppendClean(out, label);
-  out.push_back('^');
-  AppendClean(out, reason);
-  out.push_back(kRecordEnd);
+  AppendRecord(out, "AA19", label, reason);
 }
 
 void AppendCounters(std::string& out,
                     std::span<const std::pair<std::string_view, uint64_t>> values) {
   out.append("AA20");
   for (const auto& [name, value] : values) {
-    out.push_back('^');
-    AppendClean(out, name);
+    AppendFields(out, name);
     out.push_back('=');
-    AppendNumber(out, value);
+    AppendField(out, value);
   }
   out.push_back(kRecordEnd);
 }

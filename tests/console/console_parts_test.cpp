@@ -145,6 +145,19 @@ TEST_F(ConsoleApiTest, LogonMessagesLinksStreamsAndShutdown) {
   Call("GET", "nothing", "", 404);
 }
 
+TEST_F(ConsoleApiTest, MonitorViewIsAllOrNodeTrafficAndABadValueKeepsIt) {
+  EXPECT_EQ(Call("GET", "monitor/view")["view"], 0);
+  EXPECT_EQ(Call("POST", "monitor/view", R"({"view":1})")["view"], 1);
+  for (const char* bad : {R"({"view":2})", R"({"view":-1})", R"({"view":"1"})", R"({"view":1.5})",
+                          R"({"view":4294967297})", "{}"}) {
+    EXPECT_THAT(Call("POST", "monitor/view", bad, 400)["error"].get<std::string>(),
+                HasSubstr("0 (all traffic) or 1 (node traffic)"))
+        << bad;
+  }
+  EXPECT_EQ(model_.monitor_view, 1);
+  EXPECT_EQ(Call("POST", "monitor/view", R"({"view":0})")["view"], 0);
+}
+
 TEST_F(ConsoleApiTest, LogsAndStatistics) {
   model_.log_files["log/error-05-Nov-2026.log"] = {"one K1ABC", "two", "three k1abc"};
   Call("GET", "logs/tail", "", 404, "name=log/other.log");

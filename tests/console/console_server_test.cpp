@@ -10,12 +10,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <boost/asio.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/http.hpp>
-#include <boost/beast/websocket.hpp>
-#include <nlohmann/json.hpp>
-
 #include "console/console_server.h"
 #include "tests/console/console_client.h"
 #include "tests/console/fake_console_model.h"
@@ -27,8 +21,6 @@ namespace {
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
-namespace websocket = beast::websocket;
-using tcp = asio::ip::tcp;
 using nlohmann::json;
 using ::testing::HasSubstr;
 using namespace std::chrono_literals;
@@ -273,46 +265,6 @@ TEST_F(ConsoleServerTest, RightPasswordGivesASessionCookieAndChangesNeedTheCsrfT
     return 0;
   });
   EXPECT_FALSE(ws.Next(3s));
-}
-
-TEST_F(ConsoleServerTest, MonitorViewIsReadAndChangedWithTheSessionAndItsToken) {
-  auto view = [this](const Login& login) {
-    const Reply r = Get("/api/monitor/view", &login);
-    EXPECT_EQ(r.result_int(), 200u) << r.body();
-    return json::parse(r.body(), nullptr, false).value("view", -1);
-  };
-  EXPECT_EQ(Get("/api/monitor/view").result_int(), 401u);
-  EXPECT_EQ(Post("/api/monitor/view", json{{"view", 1}}, nullptr).result_int(), 401u);
-
-  const Login login = LogIn();
-  EXPECT_EQ(view(login), 0);
-
-  // Without the token, or with a wrong one, the view stays as it is.
-  EXPECT_EQ(Post("/api/monitor/view", json{{"view", 1}}, &login, false).result_int(), 403u);
-  Login wrong = login;
-  wrong.csrf = std::string(32, 'f');
-  EXPECT_EQ(Post("/api/monitor/view", json{{"view", 1}}, &wrong).result_int(), 403u);
-  EXPECT_EQ(OnIo([this] { return model_.MonitorView(); }), 0);
-
-  const Reply set = Post("/api/monitor/view", json{{"view", 1}}, &login);
-  ASSERT_EQ(set.result_int(), 200u) << set.body();
-  EXPECT_EQ(json::parse(set.body())["view"], 1);
-  EXPECT_EQ(OnIo([this] { return model_.MonitorView(); }), 1);
-  EXPECT_EQ(view(login), 1);
-
-  // Values that are no view are refused with a reason, and the node's view is kept.
-  for (const json& bad : {json{{"view", 2}}, json{{"view", -1}}, json{{"view", "1"}},
-                          json{{"view", 1.5}}, json{{"view", 4294967297LL}}, json::object()}) {
-    const Reply r = Post("/api/monitor/view", bad, &login);
-    EXPECT_EQ(r.result_int(), 400u) << bad.dump();
-    EXPECT_THAT(json::parse(r.body()).value("error", ""),
-                HasSubstr("0 (all traffic) or 1 (node traffic)"))
-        << bad.dump();
-  }
-  EXPECT_EQ(view(login), 1);
-
-  EXPECT_EQ(Post("/api/monitor/view", json{{"view", 0}}, &login).result_int(), 200u);
-  EXPECT_EQ(view(login), 0);
 }
 
 TEST_F(ConsoleServerTest, PasswordCanBeChanged) {

@@ -64,50 +64,17 @@ TEST(FormatCfg, FollowsTheKeyTableOrder) {
   c.Set("Zeta Unknown", "z");
   const auto lines = Lines(FormatCfg(c));
   EXPECT_EQ(lines.front(), "Cluster Call^XX0QX-1");
-  const char* order[] = {"Cluster Call",
-                         "Winsock IP",
-                         "Winsock Port",
-                         "Winsock App Path",
-                         "Top",
-                         "Raw Window Monitor",
-                         "Maximum DX Spots",
-                         "Conflict Width",
-                         "Outgoing Connections Top",
-                         "Outgoing Connections Left",
-                         "Outgoing Connections Width",
-                         "Outgoing Connections Height",
-                         "Bulletin Height",
-                         "PC9x Top",
-                         "Mail Tx Height",
-                         "Connection Retry",
-                         "Bulletin Addresses",
-                         "AnnNok",
-                         "Node Call & Node Type",
-                         "Node Call",
-                         "Node Type",
-                         "Local Node",
-                         "Outgoing Cluster",
-                         "RemoteNodeIs",
-                         "IP Address",
-                         "IP Port",
-                         "Cluster Active",
-                         "Logon 1",
-                         "Log Out",
-                         "Logon Port 0",
-                         "Logon Port 8",
-                         "Frontend Ports",
-                         "Auto Start",
-                         "HighestSpotsPerMinPerSpotter",
-                         "Console Address",
-                         "Console Port",
-                         "Help Address",
-                         "SSID Help Address",
-                         "Station Text",
-                         "Max Connections",
-                         "Login Timeout",
-                         "Zeta Unknown"};
+  const std::string_view order =
+      "Cluster Call|Winsock IP|Winsock Port|Winsock App Path|Top|Raw Window Monitor|"
+      "Maximum DX Spots|Conflict Width|Outgoing Connections Top|Outgoing Connections Left|"
+      "Outgoing Connections Width|Outgoing Connections Height|Bulletin Height|PC9x Top|"
+      "Mail Tx Height|Connection Retry|Bulletin Addresses|AnnNok|Node Call & Node Type|Node Call|"
+      "Node Type|Local Node|Outgoing Cluster|RemoteNodeIs|IP Address|IP Port|Cluster Active|"
+      "Logon 1|Log Out|Logon Port 0|Logon Port 8|Frontend Ports|Auto Start|"
+      "HighestSpotsPerMinPerSpotter|Console Address|Console Port|Help Address|"
+      "SSID Help Address|Station Text|Max Connections|Login Timeout|Zeta Unknown";
   int last = -1;
-  for (const char* key : order) {
+  for (std::string_view key : Split(order, '|')) {
     const int at = LineOf(lines, key);
     ASSERT_GE(at, 0) << key;
     EXPECT_GT(at, last) << key;
@@ -391,31 +358,26 @@ TEST_F(ConfigFiles, ASaveRewritesOnlyTheFilesWhoseTextChanged) {
   EXPECT_THAT(ReadCfgFile(dir_, log_).FindList("DxNok")->items, ElementsAre("XX1BAD", "XX2BAD"));
 }
 
-TEST_F(ConfigFiles, MissingConfigFallsBackToTheBackup) {
-  AtomicWriteFile(dir_.ConfigBackup(), "Cluster Call^XX5BAK\r\n");
-  const Config c = ReadCfgFile(dir_, log_);
-  EXPECT_EQ(c.source(), ConfigSource::kBackup);
-  EXPECT_EQ(c.Get("Cluster Call"), "XX5BAK");
-  EXPECT_EQ(ErrorLogText(),
-            "05-Nov-2026 1000:00Z Form_Load " + dir_.ConfigFile().string() + " doesn't exist\r\n");
-}
+TEST_F(ConfigFiles, AMissingOrEmptyConfigFallsBackToTheBackupThenToDefaults) {
+  const std::string load_error = "05-Nov-2026 1000:00Z Form_Load " + dir_.ConfigFile().string();
+  AtomicWriteFile(dir_.ConfigBackup(), "Cluster Call^XX5BAK\nWinsock Port^7555\n");
+  const Config missing = ReadCfgFile(dir_, log_);
+  EXPECT_EQ(missing.source(), ConfigSource::kBackup);
+  EXPECT_EQ(missing.Get("Cluster Call"), "XX5BAK");
+  EXPECT_EQ(missing.GetInt("Winsock Port", 0), 7555);
+  EXPECT_EQ(ErrorLogText(), load_error + " doesn't exist\r\n");
 
-TEST_F(ConfigFiles, EmptyConfigFallsBackToTheBackup) {
   AtomicWriteFile(dir_.ConfigFile(), "");
-  AtomicWriteFile(dir_.ConfigBackup(), "Cluster Call^XX6BAK\nWinsock Port^7555\n");
-  const Config c = ReadCfgFile(dir_, log_);
-  EXPECT_EQ(c.source(), ConfigSource::kBackup);
-  EXPECT_EQ(c.Get("Cluster Call"), "XX6BAK");
-  EXPECT_EQ(c.GetInt("Winsock Port", 0), 7555);
-  EXPECT_EQ(ErrorLogText(),
-            "05-Nov-2026 1000:00Z Form_Load " + dir_.ConfigFile().string() + " is empty.\r\n");
-}
+  const Config empty = ReadCfgFile(dir_, log_);
+  EXPECT_EQ(empty.source(), ConfigSource::kBackup);
+  EXPECT_EQ(empty.Get("Cluster Call"), "XX5BAK");
+  EXPECT_THAT(ErrorLogText(), ::testing::EndsWith(load_error + " is empty.\r\n"));
 
-TEST_F(ConfigFiles, NoFileAtAllGivesDefaults) {
-  const Config c = ReadCfgFile(dir_, log_);
-  EXPECT_EQ(c.source(), ConfigSource::kDefaults);
-  EXPECT_EQ(c.Get("Winsock IP"), "127.0.0.1");
-  EXPECT_THAT(ErrorLogText(), HasSubstr(" doesn't exist"));
+  std::filesystem::remove(dir_.ConfigFile());
+  std::filesystem::remove(dir_.ConfigBackup());
+  const Config none = ReadCfgFile(dir_, log_);
+  EXPECT_EQ(none.source(), ConfigSource::kDefaults);
+  EXPECT_EQ(none.Get("Winsock IP"), "127.0.0.1");
 }
 
 TEST_F(ConfigFiles, MissingListFileFallsBackToItsBackup) {

@@ -52,7 +52,7 @@ TEST(FrontendSettingsTest, ReadsKeysWithEitherLineEndAndIgnoresOthers) {
   EXPECT_TRUE(r.warnings.empty());
 }
 
-TEST(FrontendSettingsTest, BadValuesKeepTheDefaultAndWarn) {
+TEST(FrontendSettingsTest, BadValuesKeepTheDefaultAndWarnAndAtMostNinePortsAreUsed) {
   const FrontendSettingsResult r = ParseFrontendSettings(
       "Winsock IP^localhost\n"
       "Winsock Port^70000\n"
@@ -61,13 +61,10 @@ TEST(FrontendSettingsTest, BadValuesKeepTheDefaultAndWarn) {
   EXPECT_EQ(r.settings.link_port, 7399);
   EXPECT_EQ(r.settings.user_ports, std::vector<int>{7300});
   EXPECT_EQ(r.warnings.size(), 3u);
-}
-
-TEST(FrontendSettingsTest, AtMostNinePortsAreUsed) {
-  const FrontendSettingsResult r =
+  const FrontendSettingsResult many =
       ParseFrontendSettings("Frontend Ports^1,2,3,4,5,6,7,8,9,10,11\n");
-  EXPECT_THAT(r.settings.user_ports, ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 9));
-  EXPECT_EQ(r.warnings.size(), 1u);
+  EXPECT_THAT(many.settings.user_ports, ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 9));
+  EXPECT_EQ(many.warnings.size(), 1u);
 }
 
 TEST(FrontendSettingsTest, ReadsTheFileOrReportsItMissing) {

@@ -1,0 +1,353 @@
+// User connections and outgoing ones: reading and assembling lines, the bounded output queue
+// with its slow-reader handling, the log-in clock, and closing gently.
+#include <boost/asio/connect.hpp>
+#include <string>
+#include <utility>
+
+#include "frontend/front_log.h"
+#include "frontend/frontend_server_internal.h"
+#include "frontend/link_records.h"
+
+namespace qx {
+
+namespace {
+
+constexpr auto kLingerAfterClose = std::chrono::seconds(5);
+
+// "180 seconds", or "300 ms" for the short times of tests.
+std::string DurationText(std::chrono::milliseconds d) {
+  if (d.count() % 1000 != 0) return std::to_string(d.count()) + " ms";
+  return std::to_string(d.count() / 1000) + " seconds";
+}
+
+}  // namespace
+
+void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std::string kind,
+                                         std::string limited_address) {
+  error_code ec;
+  const tcp::endpoint remote = socket.remote_endpoint(ec);
+  if (stopped_ || ec) {
+    // Gone before it could be looked at.
+    socket.close(ec);
+    if (!limited_address.empty()) limits_.Closed(limited_address);
+    return;
+  }
+  socket.set_option(tcp::no_delay(true), ec);
+  socket.non_blocking(true, ec);
+
+  auto c = std::make_shared<Connection>(io_, std::move(socket), options_.output_limit);
+  c->limited_address = std::move(limited_address);
+  c->identified = port_index == kOutgoingPortIndex;  // the node itself asked for it
+  c->stream = numbers_.Allocate();
+  c->tag = ++next_tag_;
+  c->port_index = port_index;
+  c->kind = std::move(kind);
+  c->peer = PeerText(remote);
+  c->held = HeldInput(options_.hold_limit);
+  if (by_stream_.size() <= static_cast<size_t>(c->stream)) by_stream_.resize(c->stream + 1);
+  by_stream_[c->stream] = c;
+  ++counters.accepted;
+
+  FrontLog("Stream " + std::to_string(c->stream) + " open: " + c->peer + " " + c->kind +
+           " port index " + std::to_string(port_index) + " tag " + std::to_string(c->tag));
+  if (LinkReady()) {
+    AppendConnectRequest(link_->queued, c->stream, c->peer, c->tag, c->kind, c->port_index);
+    c->announced_session = link_->session;
+    ScheduleFlush();
+    StartLoginClock(c);
+  }
+  StartRead(c);
+}
+
+void FrontendServer::Impl::StartRead(const ConnectionPtr& c) {
+  if (c->closed) return;
+  if (!c->closing && LinkReady() && LinkBacklog() > kLinkHighWater) {
+    if (!c->read_paused) {
+      c->read_paused = true;
+      paused_.push_back(c);
+    }
+    return;
+  }
+  c->read_paused = false;
+  c->socket.async_read_some(asio::buffer(c->read_buf),
+                            [this, c](error_code ec, size_t n) { OnRead(c, ec, n); });
+}
+
+void FrontendServer::Impl::OnRead(const ConnectionPtr& c, error_code ec, size_t n) {
+  if (c->closed) return;
+  if (ec) {
+    if (c->closing) {
+      CloseConnection(c, c->close_reason);
+    } else {
+      CloseConnection(c, ec == asio::error::eof ? "closed by peer" : ec.message());
+    }
+    return;
+  }
+  if (c->closing) {  // the node has let it go: what it still sends goes nowhere
+    StartRead(c);
+    return;
+  }
+  lines_.clear();
+  reply_.clear();
+  c->assembler.Feed(std::string_view(c->read_buf.data(), n), lines_, reply_);
+  if (!reply_.empty()) QueueOutput(c, reply_);
+  if (c->closed) return;
+  if (!lines_.empty()) ForwardInput(c, lines_);
+  if (c->assembler.has_partial()) {
+    c->last_input = std::chrono::steady_clock::now();
+    if (!c->partial_timer_armed) ArmPartialTimer(c, c->last_input + options_.partial_line_wait);
+  }
+  StartRead(c);
+}
+
+void FrontendServer::Impl::ForwardInput(const ConnectionPtr& c, std::string_view data) {
+  if (LinkReady() && c->announced_session == link_->session) {
+    AppendStreamData(link_->queued, c->stream, data);
+    ScheduleFlush();
+  } else {
+    c->held.Append(data);
+  }
+}
+
+void FrontendServer::Impl::ArmPartialTimer(const ConnectionPtr& c, SteadyTime deadline) {
+  c->partial_timer_armed = true;
+  c->partial_timer.expires_at(deadline);
+  c->partial_timer.async_wait([this, c](error_code ec) {
+    c->partial_timer_armed = false;
+    if (ec || c->closed || c->closing || !c->assembler.has_partial()) return;
+    // Only a quiet spell flushes: more bytes since the timer was set move the deadline.
+    const SteadyTime due = c->last_input + options_.partial_line_wait;
+    if (std::chrono::steady_clock::now() < due) {
+      ArmPartialTimer(c, due);
+      return;
+    }
+    lines_.clear();
+    c->assembler.FlushPartial(lines_);
+    ForwardInput(c, lines_);
+  });
+}
+
+void FrontendServer::Impl::QueueOutput(const ConnectionPtr& c, std::string_view text) {
+  if (c->closed || text.empty()) return;
+  switch (c->out.Add(text)) {
+    case OutputQueue::Added::kQueued:
+      break;
+    case OutputQueue::Added::kBehind: {
+      counters.dropped_lines += OutputQueue::LinesIn(text);
+      // A reader on the edge may fall behind and catch up again and again: the counters
+      // keep the tally, the log only the first few.
+      c->behind_logged = ShouldLog(++counters.slow_reader_episodes);
+      if (c->behind_logged) {
+        FrontLog("Stream " + std::to_string(c->stream) + " cannot keep up; its output is dropped " +
+                 "until it catches up (" + c->peer + ")");
+      }
+      c->last_progress = std::chrono::steady_clock::now();
+      WatchStall(c, c->last_progress + options_.stall_timeout);
+      break;
+    }
+    case OutputQueue::Added::kDropped:
+      counters.dropped_lines += OutputQueue::LinesIn(text);
+      return;
+  }
+  if (!c->dirty && !c->write_active) {
+    c->dirty = true;
+    dirty_.push_back(c);
+    ScheduleFlush();
+  }
+}
+
+void FrontendServer::Impl::StartWrite(const ConnectionPtr& c) {
+  if (c->closed || c->write_active) return;
+  const std::string_view bytes = c->out.NextWrite();
+  if (bytes.empty()) return;
+  c->write_active = true;
+  // Single writes rather than one composed write, so that every bit of progress is seen: a
+  // reader that is behind but still reading is never taken for a stalled one.
+  c->socket.async_write_some(asio::buffer(bytes.data(), bytes.size()),
+                             [this, c](error_code ec, size_t n) {
+                               c->write_active = false;
+                               if (c->closed) return;
+                               if (ec) {
+                                 CloseConnection(c, "write failed: " + ec.message());
+                                 return;
+                               }
+                               if (n > 0) c->last_progress = std::chrono::steady_clock::now();
+                               const uint64_t lost = c->out.Wrote(n);
+                               if (lost > 0 && c->behind_logged) {
+                                 FrontLog("Stream " + std::to_string(c->stream) + " caught up; " +
+                                          std::to_string(lost) + " lines were dropped");
+                               }
+                               if (!c->out.empty()) {
+                                 StartWrite(c);
+                               } else if (c->closing && !c->lingering) {
+                                 Linger(c);
+                               }
+                             });
+}
+
+void FrontendServer::Impl::WatchStall(const ConnectionPtr& c, SteadyTime deadline) {
+  c->stall_timer.expires_at(deadline);
+  c->stall_timer.async_wait([this, c](error_code ec) {
+    if (ec || c->closed || !c->out.behind()) return;
+    const SteadyTime due = c->last_progress + options_.stall_timeout;
+    if (std::chrono::steady_clock::now() < due) {
+      WatchStall(c, due);
+      return;
+    }
+    ++counters.overflow_closes;
+    CloseConnection(c, "output overflow");
+  });
+}
+
+void FrontendServer::Impl::StartLoginClock(const ConnectionPtr& c) {
+  if (c->identified || c->login_counting || c->closing || c->closed ||
+      options_.login_timeout.count() <= 0) {
+    return;
+  }
+  c->login_counting = true;
+  c->login_since = std::chrono::steady_clock::now();
+  c->login_timer.expires_at(c->login_since + options_.login_timeout - c->login_waited);
+  c->login_timer.async_wait([this, c](error_code ec) {
+    if (ec || !c->login_counting || c->closed || c->closing) return;
+    c->login_counting = false;
+    if (ShouldLog(++counters.login_timeouts)) {
+      FrontLog("Stream " + std::to_string(c->stream) + ": no log-in within " +
+               DurationText(options_.login_timeout) + " (" + c->peer + ")");
+    }
+    QueueOutput(
+        c, "No log-in within " + DurationText(options_.login_timeout) + "; disconnecting.\r\n");
+    RequestClose(c, "log-in timed out");
+  });
+}
+
+void FrontendServer::Impl::PauseLoginClock(const ConnectionPtr& c) {
+  if (!c->login_counting) return;
+  c->login_counting = false;
+  c->login_waited += std::chrono::steady_clock::now() - c->login_since;
+  c->login_timer.cancel();
+}
+
+void FrontendServer::Impl::RequestClose(const ConnectionPtr& c, std::string reason) {
+  if (c->closed || c->closing) return;
+  c->closing = true;
+  c->close_reason = std::move(reason);
+  c->partial_timer.cancel();
+  PauseLoginClock(c);
+  if (!c->write_active && c->out.empty()) {
+    Linger(c);
+    return;
+  }
+  // The queued output is written first; a peer that never reads is closed all the same.
+  c->close_timer.expires_after(options_.close_flush_timeout);
+  c->close_timer.async_wait([this, c](error_code ec) {
+    if (!ec && !c->closed) CloseConnection(c, c->close_reason);
+  });
+}
+
+void FrontendServer::Impl::Linger(const ConnectionPtr& c) {
+  // Half-close so the peer reads everything before it sees the end; the read loop notices
+  // the peer's own close, or the timer ends the wait.
+  c->lingering = true;
+  error_code ec;
+  c->socket.shutdown(tcp::socket::shutdown_send, ec);
+  if (ec) {
+    CloseConnection(c, c->close_reason);
+    return;
+  }
+  c->close_timer.expires_after(kLingerAfterClose);
+  c->close_timer.async_wait([this, c](error_code ec) {
+    if (!ec && !c->closed) CloseConnection(c, c->close_reason);
+  });
+}
+
+void FrontendServer::Impl::CloseConnection(const ConnectionPtr& c, std::string_view reason) {
+  if (c->closed) return;
+  c->closed = true;
+  c->partial_timer.cancel();
+  c->close_timer.cancel();
+  c->stall_timer.cancel();
+  c->login_timer.cancel();
+  c->login_counting = false;
+  error_code ec;
+  c->socket.close(ec);
+  c->out.Clear();
+  c->held.Clear();
+  if (!c->limited_address.empty()) limits_.Closed(c->limited_address);
+  ++counters.closed;
+  if (by_stream_[c->stream] == c) by_stream_[c->stream].reset();
+  numbers_.Release(c->stream);
+  FrontLog("Stream " + std::to_string(c->stream) + " closed: " + std::string(reason) + " (" +
+           c->peer + " tag " + std::to_string(c->tag) + ")");
+  if (link_ && c->announced_session == link_->session) {
+    AppendStreamClosed(link_->queued, c->tag, c->stream, reason);
+    ScheduleFlush();
+  }
+}
+
+ConnectionPtr FrontendServer::Impl::Find(int stream, uint64_t tag) const {
+  if (stream < 1 || static_cast<size_t>(stream) >= by_stream_.size()) return nullptr;
+  const ConnectionPtr& c = by_stream_[stream];
+  if (!c || c->closed || (tag != 0 && tag != c->tag)) return nullptr;
+  return c;
+}
+
+// ---------------------------------------------------------------------------------------
+// Outgoing connections
+
+void FrontendServer::Impl::OpenOutgoing(std::string_view host, int port, std::string_view label) {
+  auto o = std::make_shared<Outgoing>(io_);
+  o->label = std::string(label);
+  o->host = std::string(host);
+  o->port = port;
+  FrontLog("Connecting to " + o->host + ":" + std::to_string(port) + " for " + o->label);
+
+  auto on_connect = [this, o](error_code ec) {
+    if (o->done) return;
+    o->done = true;
+    o->timer.cancel();
+    if (ec) {
+      OutgoingFailed(o, ec == asio::error::operation_aborted ? "timed out" : ec.message());
+      return;
+    }
+    AddConnection(std::move(o->socket), kOutgoingPortIndex, "out:" + o->label);
+  };
+
+  o->timer.expires_after(options_.connect_timeout);
+  o->timer.async_wait([o](error_code ec) {
+    if (ec || o->done) return;
+    error_code ignored;
+    o->resolver.cancel();
+    o->socket.close(ignored);
+  });
+
+  error_code ec;
+  const auto address = asio::ip::make_address(o->host, ec);
+  if (!ec) {
+    o->socket.async_connect(tcp::endpoint(address, static_cast<unsigned short>(port)), on_connect);
+    return;
+  }
+  o->resolver.async_resolve(
+      o->host, std::to_string(port),
+      [this, o, on_connect](error_code ec, tcp::resolver::results_type results) {
+        if (o->done) return;
+        if (ec) {
+          o->done = true;
+          o->timer.cancel();
+          OutgoingFailed(o, ec == asio::error::operation_aborted ? "timed out" : ec.message());
+          return;
+        }
+        asio::async_connect(o->socket, results,
+                            [on_connect](error_code ec, const tcp::endpoint&) { on_connect(ec); });
+      });
+}
+
+void FrontendServer::Impl::OutgoingFailed(const OutgoingPtr& o, std::string_view reason) {
+  FrontLog("Connection to " + o->host + ":" + std::to_string(o->port) + " for " + o->label +
+           " failed: " + std::string(reason));
+  if (link_) {
+    AppendOpenFailed(link_->queued, o->label, reason);
+    ScheduleFlush();
+  }
+}
+
+}  // namespace qx

@@ -1,0 +1,229 @@
+// What the front-end's parts share: the state of one user connection, of a connection on the
+// link port and of an outgoing connection being opened, and the server that owns them all.
+// Only the front-end's own files include this; the rest of the program sees frontend_server.h.
+//
+// The server's work is spread over three files along its seams: frontend_server.cpp listens,
+// admits and refuses; frontend_connections.cpp runs user connections and outgoing ones;
+// frontend_node_link.cpp runs the link to the node, the handshake that earns it, and the
+// output gathered for one write per socket.
+#pragma once
+
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "frontend/connection_limits.h"
+#include "frontend/frontend_server.h"
+#include "frontend/input_filter.h"
+#include "frontend/node_messages.h"
+#include "frontend/output_queue.h"
+
+namespace qx {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+using SteadyTime = std::chrono::steady_clock::time_point;
+
+// Link output above this pauses reading from connections until the node catches up.
+inline constexpr size_t kLinkHighWater = 16 * 1024 * 1024;
+inline constexpr size_t kLinkLowWater = 4 * 1024 * 1024;
+
+// "192.0.2.7:4000", "[2001:db8::7]:4000": the node takes the address part for its lists.
+inline std::string PeerText(const tcp::endpoint& ep) {
+  const std::string address = ep.address().to_string();
+  return (ep.address().is_v6() ? "[" + address + "]" : address) + ":" + std::to_string(ep.port());
+}
+
+// A few occurrences of a repeated fault are logged, then only every 10,000th.
+inline bool ShouldLog(uint64_t count) { return count <= 20 || count % 10000 == 0; }
+
+struct Connection {
+  Connection(asio::io_context& io, tcp::socket s, size_t output_limit)
+      : socket(std::move(s)),
+        partial_timer(io),
+        close_timer(io),
+        stall_timer(io),
+        login_timer(io),
+        out(output_limit) {}
+
+  tcp::socket socket;
+  asio::steady_timer partial_timer;
+  asio::steady_timer close_timer;
+  asio::steady_timer stall_timer;  // runs while the reader is behind
+  asio::steady_timer login_timer;  // runs while the log-in time is counted
+  int stream = 0;
+  uint64_t tag = 0;
+  int port_index = 0;
+  std::string kind;
+  std::string peer;
+  std::string call;
+  int state = 0;
+  std::string attributes;  // the node's text for the stream, reported back in AA38
+  InputAssembler assembler;
+  HeldInput held;
+  OutputQueue out;
+  std::string close_reason;
+  // The address an inbound connection is counted under by the limits; empty for outgoing.
+  std::string limited_address;
+  uint64_t announced_session = 0;  // link session that has been told about this stream
+  SteadyTime last_input{};
+  SteadyTime last_progress{};  // the last write that took bytes, or the start of falling behind
+  // Log-in time: counted only while a node link is ready, since only a node can name the
+  // caller.  waited is what was counted before login_since.
+  std::chrono::steady_clock::duration login_waited{};
+  SteadyTime login_since{};
+  bool login_counting = false;
+  bool identified = false;     // the node named the caller (or the connection is outgoing)
+  bool behind_logged = false;  // the start of this reader's falling behind was logged
+  bool write_active = false;
+  bool dirty = false;  // has output and is listed for the next flush
+  bool closing = false;
+  bool lingering = false;
+  bool closed = false;
+  bool read_paused = false;
+  bool partial_timer_armed = false;
+  std::array<char, 4096> read_buf;
+};
+using ConnectionPtr = std::shared_ptr<Connection>;
+
+// A connection on the link port.  It starts as a candidate (proven false), kept apart from
+// the live link, and becomes the link only when it has proved that it knows the secret.
+struct NodeLink {
+  explicit NodeLink(tcp::socket s) : socket(std::move(s)), proof_timer(socket.get_executor()) {}
+  tcp::socket socket;
+  asio::steady_timer proof_timer;
+  NodeMessageParser parser;
+  std::string peer;
+  std::string queued;
+  std::string writing;
+  std::string challenge;  // the nonce sent in AA39; empty until the greeting
+  uint64_t session = 0;
+  bool write_active = false;
+  bool proven = false;
+  bool ready = false;  // the node has asked for the open streams
+  bool closed = false;
+};
+using NodeLinkPtr = std::shared_ptr<NodeLink>;
+
+struct Outgoing {
+  explicit Outgoing(asio::io_context& io) : socket(io), resolver(io), timer(io) {}
+  tcp::socket socket;
+  tcp::resolver resolver;
+  asio::steady_timer timer;
+  std::string label;
+  std::string host;
+  int port = 0;
+  bool done = false;
+};
+using OutgoingPtr = std::shared_ptr<Outgoing>;
+
+class FrontendServer::Impl {
+ public:
+  Impl(asio::io_context& io, FrontendOptions options)
+      : io_(io),
+        options_(std::move(options)),
+        link_acceptor_(io),
+        keep_alive_timer_(io),
+        counters_timer_(io),
+        limits_(LimitSettings(options_)) {}
+
+  bool Start();
+  void Stop();
+  FrontendCounters counters;
+
+ private:
+  // Listening.
+  void AcceptLink();
+  void AcceptUsers(size_t index);
+  void RetryAcceptLater(std::function<void()> again);
+  static ConnectionLimitSettings LimitSettings(const FrontendOptions& options);
+  void FitLimitToDescriptors();
+  // Applies the limits to a new inbound connection; false when it was refused (and closed).
+  bool Admit(tcp::socket& socket, std::string& address);
+  void Refuse(tcp::socket& socket, const std::string& peer, Refusal refusal);
+
+  // Connections.
+  void AddConnection(tcp::socket socket, int port_index, std::string kind,
+                     std::string limited_address = {});
+  void StartRead(const ConnectionPtr& c);
+  void OnRead(const ConnectionPtr& c, error_code ec, size_t n);
+  void ForwardInput(const ConnectionPtr& c, std::string_view data);
+  void ArmPartialTimer(const ConnectionPtr& c, SteadyTime deadline);
+  void QueueOutput(const ConnectionPtr& c, std::string_view text);
+  void StartWrite(const ConnectionPtr& c);
+  void WatchStall(const ConnectionPtr& c, SteadyTime deadline);
+  void StartLoginClock(const ConnectionPtr& c);
+  void PauseLoginClock(const ConnectionPtr& c);
+  void RequestClose(const ConnectionPtr& c, std::string reason);
+  void Linger(const ConnectionPtr& c);
+  void CloseConnection(const ConnectionPtr& c, std::string_view reason);
+  ConnectionPtr Find(int stream, uint64_t tag) const;
+
+  // Outgoing connections.
+  void OpenOutgoing(std::string_view host, int port, std::string_view label);
+  void OutgoingFailed(const OutgoingPtr& o, std::string_view reason);
+
+  // The node link.
+  void OnLinkAccepted(tcp::socket socket);
+  void ReadLink(const NodeLinkPtr& link);
+  void OnLinkRead(const NodeLinkPtr& link, error_code ec, size_t n);
+  bool HandleNodeMessages(const NodeLinkPtr& link);
+  void HandleNodeMessage(const NodeLinkPtr& link, const NodeMessage& m);
+  void HandleCandidateMessage(const NodeLinkPtr& link, const NodeMessage& m);
+  void PromoteCandidate(const NodeLinkPtr& link, std::string_view node_nonce);
+  void RefuseCandidate(const NodeLinkPtr& link, std::string_view reason);
+  void LogRefusal(std::string_view peer, std::string_view reason);
+  void ReportStreams(const NodeLinkPtr& link);
+  void CloseLink(const NodeLinkPtr& link, std::string_view reason);
+  void StartLinkWrite(const NodeLinkPtr& link);
+  bool LinkReady() const { return link_ && link_->ready; }
+  std::string* LinkOut() { return link_ ? &link_->queued : nullptr; }
+  size_t LinkBacklog() const;
+  void ResumePausedReads();
+  void KeepAlive();
+  void SendCounters();
+  void CountersTimer();
+
+  // Output is gathered while handlers run and written once they are done.
+  void ScheduleFlush();
+  void Flush();
+
+  asio::io_context& io_;
+  FrontendOptions options_;
+  tcp::acceptor link_acceptor_;
+  std::vector<std::unique_ptr<tcp::acceptor>> user_acceptors_;
+  asio::steady_timer keep_alive_timer_;
+  asio::steady_timer counters_timer_;
+  std::vector<std::shared_ptr<asio::steady_timer>> retry_timers_;
+  ConnectionLimits limits_;
+  NodeLinkPtr link_;
+  std::vector<NodeLinkPtr> candidates_;  // link port connections still to prove themselves
+  uint64_t link_sessions_ = 0;
+  StreamNumbers numbers_;
+  std::vector<ConnectionPtr> by_stream_{nullptr};
+  // Tags start from the start time (milliseconds, times 1024), so a front-end that was killed
+  // and started again never hands out a tag that the node still holds for an old connection
+  // on the same stream number: the node tells a new connection from a survivor by its tag.
+  uint64_t next_tag_ = uint64_t(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                    std::chrono::system_clock::now().time_since_epoch())
+                                    .count())
+                       << 10;
+  std::vector<ConnectionPtr> dirty_;
+  std::vector<ConnectionPtr> paused_;
+  bool flush_scheduled_ = false;
+  bool stopped_ = false;
+  std::string lines_;  // scratch for one read's lines
+  std::string reply_;  // scratch for one read's telnet answers
+};
+
+}  // namespace qx
