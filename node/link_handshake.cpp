@@ -26,10 +26,10 @@ std::string NodeKindOf(std::string_view configured_type, std::string_view peer_p
   const std::string_view trimmed = Trim(configured_type);
   const std::string word = ToUpper(trimmed.substr(0, trimmed.find(' ')));
   // "PC9X" and "9X" say only which sentences the node speaks, not what it is.
-  const bool names_software = word.size() >= 2 && word.size() <= 6 && word.find("9X") == std::string::npos &&
-                              std::all_of(word.begin(), word.end(), [](char c) {
-                                return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-                              });
+  const bool names_software =
+      word.size() >= 2 && word.size() <= 6 && word.find("9X") == std::string::npos &&
+      std::all_of(word.begin(), word.end(),
+                  [](char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); });
   if (names_software) return word;
   if (ContainsIgnoreCase(peer_pc18, "QX Cluster")) return "QXC";
   return pc9x ? "PC9X" : "LEGACY";

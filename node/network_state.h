@@ -20,8 +20,8 @@ struct NetworkState {
     int64_t tag = 0;  // the front-end's tag of the connection: a new connection never matches
     std::string peer;
   };
-  int64_t saved_at = 0;    // seconds since the epoch
-  std::string our_stamp;   // the last PC9x stamp this node wrote
+  int64_t saved_at = 0;   // seconds since the epoch
+  std::string our_stamp;  // the last PC9x stamp this node wrote
   std::vector<LinkRow> links;
   std::vector<NetworkView::Node> nodes;
   std::vector<std::pair<std::string, double>> origins;  // last stamp accepted per origin

@@ -72,9 +72,9 @@ void NodeNetwork::LinkEstablished(Link& link) {
   deps_.out->SetStreamIdentity(link.info.stream, link.info.peer,
                                link.info.pc9x ? kStateNodePc9x : kStateNodeLegacy);
   const auto type = defined_type_.find(link.info.peer);
-  link.info.kind = NodeKindOf(type == defined_type_.end() ? std::string_view() : type->second,
-                              hs ? std::string_view(hs->peer_pc18()) : std::string_view(),
-                              link.info.pc9x);
+  link.info.kind =
+      NodeKindOf(type == defined_type_.end() ? std::string_view() : type->second,
+                 hs ? std::string_view(hs->peer_pc18()) : std::string_view(), link.info.pc9x);
   KeepLinkAttributes(link);
   StateChanged();
   const auto def = defined_.find(link.info.peer);
@@ -281,8 +281,8 @@ void NodeNetwork::OnStreamRecovered(int stream) {
   // What the front-end kept for us: when the connection and the link began, and the kind of
   // node on the other end (its PC18 is not sent again).
   const auto type = defined_type_.find(link->info.peer);
-  link->info.kind =
-      NodeKindOf(type == defined_type_.end() ? std::string_view() : type->second, {}, link->info.pc9x);
+  link->info.kind = NodeKindOf(type == defined_type_.end() ? std::string_view() : type->second, {},
+                               link->info.pc9x);
   for (std::string_view item : Split(e.frontend_attributes, ' ')) {
     const size_t eq = item.find('=');
     if (eq == std::string_view::npos) continue;

@@ -85,8 +85,8 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
     bool outgoing = false;
     bool up = false;
     bool pc9x = false;
-    SysTime since{};      // when the link came up (kept across a restart of this node)
-    std::string kind;     // the neighbour's software as WHO shows it: "QXC", "DXS", "ARC" ...
+    SysTime since{};          // when the link came up (kept across a restart of this node)
+    std::string kind;         // the neighbour's software as WHO shows it: "QXC", "DXS", "ARC" ...
     double last_rtt_ms = -1;  // the last PC51 round trip, -1 before the first answer
     uint64_t lines_in = 0;
     uint64_t lines_out = 0;

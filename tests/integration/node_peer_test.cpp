@@ -195,7 +195,8 @@ TEST_F(NodePeerTest, NodeCallsAPc9xPeerAndKeepsTheLinkOverARestart) {
   ASSERT_EQ(node_.node().Stop(), 0);
   node_.StartNode();
   ASSERT_TRUE(peer.ReadUntil("^K^5K1QXA", 20s)) << peer.received() << node_.node().Output();
-  EXPECT_THAT(peer.received(), HasSubstr("^C^5K1QXA:5457^5K9PCX^1W1AAA:127.0.0.1^1W1LATE:127.0.0.1^H99^"));
+  EXPECT_THAT(peer.received(),
+              HasSubstr("^C^5K1QXA:5457^5K9PCX^1W1AAA:127.0.0.1^1W1LATE:127.0.0.1^H99^"));
   EXPECT_THAT(peer.received(), ::testing::Not(HasSubstr("PC18^")));
   ASSERT_TRUE(node_.WaitOutput("Node link recovered: K9PCX")) << node_.node().Output();
   // The peer's user is known at once, without waiting for the peer's next list.
