@@ -160,6 +160,23 @@ void ClusterNode::SetUpNetwork() {
   network_ = std::make_unique<NodeNetwork>(
       NodeNetworkOptions::FromConfig(config_, std::string(kVersion)), std::move(deps));
   network_->Configure(config_);
+  // What the last run knew of the network; taken back once the front-end has reported the
+  // links that survived.
+  if (const auto text = ReadFileText(NetworkStatePath())) {
+    std::string error;
+    if (!network_->LoadSavedState(*text, &error)) {
+      log_.Write("NetworkState", "not taken back: " + error);
+    }
+  }
+}
+
+std::filesystem::path ClusterNode::NetworkStatePath() const { return dir_.Data("network.state"); }
+
+void ClusterNode::SaveNetworkState() {
+  if (!network_ || !network_->StateRestored()) return;
+  if (!AtomicWriteFile(NetworkStatePath(), network_->SavedState())) {
+    log_.Write("NetworkState", "cannot write " + NetworkStatePath().string());
+  }
 }
 
 void ClusterNode::ApplySettings() {
@@ -359,7 +376,10 @@ bool ClusterNode::StartFrontEnd() {
 void ClusterNode::OnTimer() {
   if (stopped_) return;
   SaveHighestRates(/*at_stop=*/false);
-  if (network_) network_->Tick();
+  if (network_) {
+    network_->Tick();
+    if (network_->TakeStateChanged()) SaveNetworkState();
+  }
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (!ec) OnTimer();
@@ -371,6 +391,7 @@ void ClusterNode::Stop() {
   stopped_ = true;
   timer_.cancel();
   SaveHighestRates(/*at_stop=*/true);
+  SaveNetworkState();
   if (link_) link_->Stop();
   if (console_) console_->Stop();
   log_.Write("Shutdown", "Node stopped");
@@ -474,7 +495,7 @@ void ClusterNode::OnStreamRecovered(int stream) {
   network_->OnStreamRecovered(stream);
 }
 
-void ClusterNode::OnRecoveryComplete() { network_->SetReady(true); }
+void ClusterNode::OnRecoveryComplete() { network_->RecoveryComplete(); }
 
 void ClusterNode::OnStreamListReported(int count) {
   // The front-end may be a new one whose connections are all new: neighbours we call that
@@ -577,11 +598,18 @@ std::vector<std::string> ClusterNode::NetworkLines(std::string_view what) {
     for (int s = 1; s <= streams_.high_socket(); ++s) {
       const StreamEntry& e = streams_.at(s);
       if (!e.IsUser() && !e.IsNode()) continue;
-      const std::string type = e.IsUser() ? "USER" : "NODE QXC";
+      std::string type = "USER";
+      std::string name(DisplayName(e.session));
+      if (e.IsNode()) {
+        type = network_->WhoType(s);
+        if (type.empty()) type = "NODE";
+        // A neighbour's name is what it gave as user information, if it ever did.
+        const UserRecordLoad r = store_.Load(e.call, kStateUser);
+        name = r.existed && !r.settings.name.empty() ? r.settings.name : "";
+      }
       lines.push_back(fmt::format("  {:<8} {:<9} {} {} {:<16} {:<15} {}", e.call, type,
-                                  DateText(e.since), TimeHHnnZ(e.since),
-                                  std::string(DisplayName(e.session)).substr(0, 16), e.peer_address,
-                                  e.port_index));
+                                  DateText(e.since), TimeHHnnZ(e.since), name.substr(0, 16),
+                                  e.peer_address, e.port_index));
     }
     const auto remote = network_->Lines("who");
     lines.insert(lines.end(), remote.begin(), remote.end());

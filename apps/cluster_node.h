@@ -59,6 +59,8 @@ class ClusterNode final : public LinkEvents,
   bool Start(std::string* error);
   // Stops the node cleanly: the link is closed (the front-end keeps its connections).
   void Stop();
+  // The node's view of the network, written on change and at stop (data/network.state).
+  void SaveNetworkState();
 
   const Config& config() const { return config_; }
   StreamTable& streams() { return streams_; }
@@ -89,6 +91,7 @@ class ClusterNode final : public LinkEvents,
   std::string LinkState(std::string_view name, int* stream) const;
   std::map<std::string, uint64_t> Pc41Counts() const;
   void StartConsole();
+  std::filesystem::path NetworkStatePath() const;
 
   // LinkEvents
   void OnLinkUp() override;

@@ -1,5 +1,7 @@
 #include "node/link_handshake.h"
 
+#include <algorithm>
+
 #include "core/text_util.h"
 #include "node/pc_builders.h"
 
@@ -19,6 +21,19 @@ std::string_view Field1(std::string_view line) {
 }
 
 }  // namespace
+
+std::string NodeKindOf(std::string_view configured_type, std::string_view peer_pc18, bool pc9x) {
+  const std::string_view trimmed = Trim(configured_type);
+  const std::string word = ToUpper(trimmed.substr(0, trimmed.find(' ')));
+  // "PC9X" and "9X" say only which sentences the node speaks, not what it is.
+  const bool names_software =
+      word.size() >= 2 && word.size() <= 6 && word.find("9X") == std::string::npos &&
+      std::all_of(word.begin(), word.end(),
+                  [](char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); });
+  if (names_software) return word;
+  if (ContainsIgnoreCase(peer_pc18, "QX Cluster")) return "QXC";
+  return pc9x ? "PC9X" : "LEGACY";
+}
 
 bool NodeLinkHandshake::IsLoginPrompt(std::string_view text) {
   return ContainsIgnoreCase(text, "login:") || ContainsIgnoreCase(text, "call:") ||

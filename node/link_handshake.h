@@ -12,6 +12,11 @@
 
 namespace qx {
 
+// The kind of node on a link as WHO shows it ("QXC", "DXS", "ARC" ...): the first word of the
+// node's configured type when it names one, else what its PC18 tells ("QX Cluster" is ours),
+// else only its style ("PC9X" or "LEGACY").
+std::string NodeKindOf(std::string_view configured_type, std::string_view peer_pc18, bool pc9x);
+
 class NodeLinkHandshake {
  public:
   enum class Role { kAccept, kCall };

@@ -306,6 +306,27 @@ void NetworkView::LinkUp(int stream, std::string_view neighbour_call, bool pc9x)
   Touch(n, stream, 100);
 }
 
+std::vector<std::string> NetworkView::Restore(std::vector<Node> saved, const std::set<int>& kept) {
+  std::vector<std::string> lost;
+  for (Node& s : saved) {
+    if (s.call.empty() || s.call == our_call_) continue;
+    std::erase_if(s.routes, [&](const auto& r) { return !kept.count(r.first); });
+    Node& n = Ensure(s.call);
+    n.pc9x = n.pc9x || s.pc9x;
+    if (n.version.empty()) n.version = s.version;
+    if (n.build.empty()) n.build = s.build;
+    if (n.address.empty()) n.address = s.address;
+    n.users.insert(s.users.begin(), s.users.end());
+    n.child_nodes.insert(s.child_nodes.begin(), s.child_nodes.end());
+    n.child_nodes.erase(our_call_);
+    n.child_nodes.erase(n.call);
+    for (const auto& [stream, hops] : s.routes) Touch(n, stream, hops);
+    n.life = std::clamp(s.life, 1, kLife);
+  }
+  Prune(lost);
+  return lost;
+}
+
 std::vector<std::string> NetworkView::LinkDown(int stream) {
   neighbours_.erase(stream);
   for (auto& [call, n] : nodes_) n.routes.erase(stream);

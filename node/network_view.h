@@ -74,7 +74,13 @@ class NetworkView {
   // A sign of life from a node (its neighbour link answered a check): full life again.
   void Refresh(std::string_view call);
 
+  // Nodes from a saved view, after a restart of this node, merged into what the view holds:
+  // only their routes through the streams in kept (links that survived the restart) count,
+  // and what nothing reaches then goes.  Returns the calls that did not come back.
+  std::vector<std::string> Restore(std::vector<Node> saved, const std::set<int>& kept);
+
   int NodeCount() const { return static_cast<int>(nodes_.size()); }
+  const std::map<std::string, Node, std::less<>>& nodes() const { return nodes_; }
   int UserCount() const;
   const Node* FindNode(std::string_view call) const;
   // Nodes with their users, nodes and users sorted (SHOW/CONFIGURATION).

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <set>
@@ -32,6 +33,7 @@ namespace qx {
 class Monitor;
 class StreamOutput;
 class StreamTable;
+struct NetworkState;
 struct Spot;
 
 struct NodeNetworkOptions {
@@ -83,7 +85,8 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
     bool outgoing = false;
     bool up = false;
     bool pc9x = false;
-    SysTime since{};
+    SysTime since{};          // when the link came up (kept across a restart of this node)
+    std::string kind;         // the neighbour's software as WHO shows it: "QXC", "DXS", "ARC" ...
     double last_rtt_ms = -1;  // the last PC51 round trip, -1 before the first answer
     uint64_t lines_in = 0;
     uint64_t lines_out = 0;
@@ -120,8 +123,14 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   void OnFeedLine(int stream, std::string_view line) { processor_.ProcessNodeData(stream, line); }
   void OnStreamClosed(int stream);
   void OnOutgoingFailed(std::string_view label, std::string_view reason);
-  // A node stream rebuilt after a restart of this node: the link resumes.
+  // A node stream rebuilt after a restart of this node: the link resumes in the state it had,
+  // without a new handshake (the neighbour never noticed the restart).
   void OnStreamRecovered(int stream);
+  // Every stream the front-end holds has been reported.  After this node's own restart the
+  // saved view of the network is taken back for the links that survived, and each of them
+  // hears our full configuration (every user logged in now); an accepted link whose
+  // neighbour's part of the view could not be taken back is asked for it with a PC18.
+  void RecoveryComplete();
   // The front-end came back (perhaps a new one, whose connections are all new): every
   // outgoing connection that is not linked is tried at the next tick, not after the retry
   // interval.
@@ -131,6 +140,19 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
 
   // An accepted spot (local or from a node): to every other link.
   void RelaySpot(const Spot& spot, int source_stream);
+
+  // What the node knows of the network, as text for the state file under data/, and the same
+  // text read back at start (before the front-end link recovers).  False, with the reason,
+  // when the text cannot be used; the view then starts empty.
+  std::string SavedState() const;
+  bool LoadSavedState(std::string_view text, std::string* error);
+  // True once after anything worth saving changed.  Never before the saved state has been
+  // taken back: a file written before then would lose what the last run knew.
+  bool TakeStateChanged();
+  bool StateRestored() const { return restored_; }
+
+  // The WHO type of a node stream ("NODE QXC", "NODE DXS", ...), empty when it is no link.
+  std::string WhoType(int stream) const;
 
   // Sysop commands.
   std::string LinkCommand(std::string_view node, bool connect);
@@ -156,7 +178,18 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   static bool IsPublicAddress(std::string_view address);
 
  private:
-  struct Link;
+  static constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
+  struct Link {
+    LinkInfo info;
+    int64_t tag = 0;  // the front-end's tag of the stream when the link began
+    int64_t created = 0;
+    int64_t next_ping = kNever;
+    int64_t next_pc50 = kNever;
+    SysTime ping_sent{};
+    bool ping_outstanding = false;
+    bool closing = false;
+    bool recovered = false;  // resumed after a restart of this node, not yet told our config
+  };
   struct Outgoing {
     OutgoingConnection def;
     std::string peer;  // upper case
@@ -185,6 +218,12 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   // keep a node until told, hear PC21 for each, and what they were told of them is forgotten.
   void NodesLeft(const std::vector<std::string>& calls, int except_stream);
   void TryOutgoing(Outgoing& o);
+  // A link that is up hears a PC18 (we called) or PC20 (we accepted) again: the neighbour
+  // starts the handshake afresh, and gets our part of it; the link stays up meanwhile.
+  void RenewedHandshake(Link& link, std::string_view header);
+  // The attributes the front-end keeps with a node stream, and what they give back.
+  void KeepLinkAttributes(const Link& link);
+  void StateChanged() { state_changed_ = true; }
   // When both nodes call each other at once, the call of the node with the lower call wins.
   bool CallerWins(std::string_view peer) const;
 
@@ -257,6 +296,12 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   std::map<std::string, Pc92Told, std::less<>> pc92_told_;
   // Legacy node -> when another node last sent a PC92 C on its behalf.
   std::map<std::string, int64_t, std::less<>> legacy_config_heard_;
+  // Node type text of each defined node ("QXC", "DXS pc9x", "ARC" ...), upper case.
+  std::map<std::string, std::string, std::less<>> defined_type_;
+  // The saved state read at start, taken back when recovery completes.
+  std::unique_ptr<NetworkState> saved_;
+  bool restored_ = false;
+  bool state_changed_ = false;
   std::string scratch_;  // the sentence being relayed
   std::string spot_pc11_;
   std::string spot_pc61_;

@@ -53,6 +53,39 @@ double Pc9xTimeCheck::Last(std::string_view origin) const {
   return it == last_.end() ? -1 : it->second.stamp;
 }
 
+void Pc9xTimeCheck::Remember(std::string_view origin, double stamp) {
+  if (!(stamp >= 0) || !(stamp < kDay) || origin == our_call_) return;
+  auto it = last_.find(std::string(origin));
+  if (it != last_.end()) return;  // heard since the restart: that one is newer
+  if (last_.size() >= kMaxOrigins) EvictOldest();
+  last_.emplace(std::string(origin), Heard{stamp, ++accepts_});
+}
+
+std::vector<std::pair<std::string, double>> Pc9xTimeCheck::Entries() const {
+  std::vector<std::pair<std::string, double>> out;
+  out.reserve(last_.size());
+  for (const auto& [origin, heard] : last_) out.emplace_back(origin, heard.stamp);
+  return out;
+}
+
+std::string Pc9xStampGenerator::Last() const {
+  if (second_ < 0) return {};
+  if (counter_ == 0) return std::to_string(second_);
+  char buf[24];
+  std::snprintf(buf, sizeof buf, "%d.%02d", second_, counter_);
+  return buf;
+}
+
+void Pc9xStampGenerator::ResumeAfter(std::string_view stamp) {
+  const size_t dot = stamp.find('.');
+  long long second = 0, counter = 0;
+  if (!ParseInt(stamp.substr(0, dot), second) || second < 0 || second >= 86400) return;
+  if (dot != std::string_view::npos && !ParseInt(stamp.substr(dot + 1), counter)) return;
+  if (counter < 0 || counter > 99) return;
+  second_ = int(second);
+  counter_ = int(counter);
+}
+
 std::string Pc9xStampGenerator::Next(int now_seconds_of_day) {
   int s = now_seconds_of_day;
   // Never go back within the day (a clock step) and never reuse a stamp: stay on the last

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace qx {
 
@@ -32,6 +34,11 @@ class Pc9xTimeCheck {
   // The last accepted stamp of origin, or -1.
   double Last(std::string_view origin) const;
   void Forget(std::string_view origin) { last_.erase(std::string(origin)); }
+  // Takes back an origin's last stamp from before a restart of this node, unless a newer
+  // one has been accepted since.
+  void Remember(std::string_view origin, double stamp);
+  // Every origin with its last stamp.
+  std::vector<std::pair<std::string, double>> Entries() const;
   size_t size() const { return last_.size(); }
 
   // Origins remembered at most; past it the quarter heard from longest ago is forgotten, so a
@@ -55,6 +62,11 @@ class Pc9xTimeCheck {
 class Pc9xStampGenerator {
  public:
   std::string Next(int now_seconds_of_day);
+  // The last stamp made, empty before the first.
+  std::string Last() const;
+  // Goes on after a stamp written before a restart of this node, so that a restart within
+  // the same second never repeats one.
+  void ResumeAfter(std::string_view stamp);
 
  private:
   int second_ = -1;

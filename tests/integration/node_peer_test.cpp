@@ -186,16 +186,62 @@ TEST_F(NodePeerTest, NodeCallsAPc9xPeerAndKeepsTheLinkOverARestart) {
   ASSERT_TRUE(peer.ReadUntil("PC51^K9PCX^K1QXA^1^\r\n")) << peer.received();
   peer.SendLine("PC51^K1QXA^K9PCX^0^");
 
-  // The node restarts: the link stays, the node introduces itself again.
+  // A user logs in after the link came up; then the node restarts.  The link stays, and the
+  // node, which called, does not introduce itself again: it sends its full list, which names
+  // every user it has now.
+  auto late = node_.LogIn("W1LATE");
+  ASSERT_TRUE(peer.ReadUntil("^A^^1W1LATE")) << peer.received();
   peer.ClearReceived();
   ASSERT_EQ(node_.node().Stop(), 0);
   node_.StartNode();
-  ASSERT_TRUE(peer.ReadUntil(kOurPc18, 20s)) << peer.received() << node_.node().Output();
+  ASSERT_TRUE(peer.ReadUntil("^K^5K1QXA", 20s)) << peer.received() << node_.node().Output();
+  EXPECT_THAT(peer.received(),
+              HasSubstr("^C^5K1QXA:5457^5K9PCX^1W1AAA:127.0.0.1^1W1LATE:127.0.0.1^H99^"));
+  EXPECT_THAT(peer.received(), ::testing::Not(HasSubstr("PC18^")));
   ASSERT_TRUE(node_.WaitOutput("Node link recovered: K9PCX")) << node_.node().Output();
+  // The peer's user is known at once, without waiting for the peer's next list.
+  EXPECT_TRUE(UserListed(*user, "W9USR")) << user->received();
   user->ClearReceived();
   peer.SendLine("PC93^K9PCX^" + t.Next() + "^*^W9USR^*^still linked^^198.51.100.9^H99^");
   ASSERT_TRUE(user->ReadUntil("To ALL de W9USR: still linked", 15s)) << user->received();
   EXPECT_THAT(node_.node().Output(), ::testing::Not(HasSubstr("Connecting to K9PCX")));
+  // A peer that starts the link again anyway gets our part of the handshake.
+  peer.ClearReceived();
+  peer.SendLine("PC18^ExampleNode Version: 2.3 Build: 120 pc9x 91^5300^");
+  ASSERT_TRUE(peer.ReadUntil("PC20^\r\n")) << peer.received();
+  EXPECT_THAT(peer.received(), HasSubstr("^1W1LATE:127.0.0.1^H99^"));
+}
+
+TEST_F(NodePeerTest, AcceptedPc9xPeerSeesNoNewStartAfterARestartAndCanCompleteOne) {
+  Stamps t;
+  node_.Define("K9PCX", "DXS pc9x");
+  node_.Start();
+  auto peer = node_.Connect();
+  peer->SendLine("K9PCX");
+  ASSERT_TRUE(peer->ReadUntil(kOurPc18)) << peer->received();
+  peer->SendLine("PC92^K9PCX^" + t.Next() + "^C^5K9PCX:5300^1W9USR:198.51.100.9^H99^");
+  peer->SendLine("PC20^");
+  ASSERT_TRUE(peer->ReadUntil("PC22^\r\n")) << peer->received();
+  auto user = node_.LogIn("W1AAA");
+  ASSERT_TRUE(peer->ReadUntil("^A^^1W1AAA")) << peer->received();
+  peer->ClearReceived();
+  ASSERT_EQ(node_.node().Stop(), 0);
+  node_.StartNode();
+  ASSERT_TRUE(peer->ReadUntil("^1W1AAA:127.0.0.1^H99^", 20s)) << peer->received();
+  EXPECT_THAT(peer->received(), ::testing::Not(HasSubstr("PC18^")));
+  EXPECT_TRUE(UserListed(*user, "W9USR")) << user->received();
+  // WHO shows the link with its configured kind and the time it began, not the restart.
+  user->ClearReceived();
+  user->SendLine("WHO");
+  ASSERT_TRUE(user->ReadUntil("K9PCX")) << user->received();
+  ASSERT_TRUE(user->ReadUntil("QXC >")) << user->received();
+  EXPECT_THAT(user->received(), HasSubstr("NODE DXS"));
+  // The peer restarts the handshake itself: PC20 is answered with our list and PC22.
+  peer->ClearReceived();
+  peer->SendLine("PC92^K9PCX^" + t.Next() + "^C^5K9PCX:5300^1W9USR:198.51.100.9^H99^");
+  peer->SendLine("PC20^");
+  ASSERT_TRUE(peer->ReadUntil("PC22^\r\n")) << peer->received();
+  EXPECT_THAT(peer->received(), HasSubstr("^C^5K1QXA:5457^5K9PCX^1W1AAA:127.0.0.1^H99^"));
 }
 
 }  // namespace

@@ -153,5 +153,14 @@ TEST(NodeLinkHandshake, CallerAnswersEveryPromptFormAndAPc18WithoutPrompt) {
   EXPECT_TRUE(d.hs.peer_pc9x());
 }
 
+TEST(NodeKindOf, ConfigurationFirstThenTheHandshake) {
+  EXPECT_EQ(NodeKindOf("DXS pc9x", "PC18^Other Version: 2.3 pc9x^5300^", true), "DXS");
+  EXPECT_EQ(NodeKindOf("arc", "", false), "ARC");
+  EXPECT_EQ(NodeKindOf("PC9X", "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^", true),
+            "QXC");
+  EXPECT_EQ(NodeKindOf("", "PC18^Other Version: 2.3 pc9x^5300^", true), "PC9X");
+  EXPECT_EQ(NodeKindOf("", "", false), "LEGACY");
+}
+
 }  // namespace
 }  // namespace qx

@@ -30,7 +30,9 @@ class FakeOut : public StreamOutput {
   void SetStreamIdentity(int stream, std::string_view call, int state) override {
     identity[stream] = {std::string(call), state};
   }
-  void SetStreamAttributes(int, std::string_view) override {}
+  void SetStreamAttributes(int stream, std::string_view text) override {
+    attributes[stream] = std::string(text);
+  }
   // Everything sent to stream, joined.
   std::string To(int stream) const {
     std::string all;
@@ -42,6 +44,7 @@ class FakeOut : public StreamOutput {
   std::vector<std::pair<int, std::string>> sent;
   std::vector<int> closed;
   std::map<int, std::pair<std::string, int>> identity;
+  std::map<int, std::string> attributes;
 };
 
 size_t Count(std::string_view text, std::string_view what) {
@@ -55,7 +58,11 @@ size_t Count(std::string_view text, std::string_view what) {
 struct TestNode {
   TestNode(std::string call, const std::string& cfg_text, const Clock& clock,
            NodeNetworkOptions base = {})
-      : call(std::move(call)) {
+      : call(std::move(call)), cfg_text(cfg_text), clock(clock), base(base) {
+    Build();
+  }
+
+  void Build() {
     Config cfg = ParseCfg(cfg_text);
     NodeNetworkOptions o = base;
     o.our_call = this->call;
@@ -92,6 +99,25 @@ struct TestNode {
     streams.EnsureCapacity(32);
   }
 
+  // The node program restarts while the front-end keeps every connection: the stream table
+  // comes back as the front-end reports it (with the attributes it kept), the manager is new,
+  // and it starts from the state file when there is one.
+  void Restart(bool with_state_file) {
+    const std::string saved = net->SavedState();
+    net.reset();
+    Build();
+    std::string error;
+    if (with_state_file) {
+      ASSERT_TRUE(net->LoadSavedState(saved, &error)) << error;
+    }
+    for (int s = 1; s <= streams.high_socket(); ++s) {
+      StreamEntry& e = streams.at(s);
+      e.frontend_attributes = out.attributes[s];
+      if (e.state != kStateFree) net->OnStreamRecovered(s);
+    }
+    net->RecoveryComplete();
+  }
+
   // A logged-in local user on stream.
   void AddUser(int stream, std::string_view user, uint32_t switches = ~0u) {
     StreamEntry& e = streams.at(stream);
@@ -103,6 +129,9 @@ struct TestNode {
   }
 
   std::string call;
+  std::string cfg_text;
+  const Clock& clock;
+  NodeNetworkOptions base;
   StreamTable streams;
   FakeOut out;
   std::unique_ptr<NodeNetwork> net;
@@ -1178,37 +1207,90 @@ TEST_F(NodeNetworkTest, Pc39FromTheNeighbourClosesTheLink) {
   EXPECT_EQ(a.out.closed, std::vector<int>{4});
 }
 
-TEST_F(NodeNetworkTest, RecoveredNodeStreamResumesWithItsIntroduction) {
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}, {"Q2BBB"}));
-  StreamEntry& e = a.streams.at(9);
-  e.call = "Q2BBB";
-  e.state = kStateNodePc9x;
-  e.connection_label = "Q2BBB";
-  a.net->OnStreamRecovered(9);
-  const std::string sent = net_.TakeFrom(a, 9);
-  EXPECT_EQ(sent.substr(0, 55), "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^\r\n");
-  ASSERT_EQ(a.net->Links().size(), 1u);
-  EXPECT_TRUE(a.net->Links()[0].up);
-  EXPECT_TRUE(a.net->Links()[0].outgoing);
-  // No second connection is opened for a link that survived.
-  a.net->SetReady(true);
-  a.net->Tick();
-  EXPECT_TRUE(a.opened.empty());
-  // A legacy link gets the introduction without "pc9x" and legacy sentences, not PC92.
-  StreamEntry& g = a.streams.at(11);
-  g.call = "Q2BBB";
-  g.state = kStateNodeLegacy;
-  a.net->OnStreamRecovered(11);
-  const std::string legacy = net_.TakeFrom(a, 11);
-  EXPECT_EQ(legacy.substr(0, 50), "PC18^QX Cluster Version: 5457 Build: 0.001^5457^\r\n");
-  EXPECT_EQ(Count(legacy, "PC19^1^Q1AAA^"), 1u);
-  EXPECT_EQ(Count(legacy, "PC92"), 0u);
-  // A stream caught in its handshake cannot resume.
-  StreamEntry& f = a.streams.at(10);
-  f.call = "Q3CCC";
-  f.state = kStateNodeConnecting;
-  a.net->OnStreamRecovered(10);
-  EXPECT_EQ(a.out.closed, std::vector<int>{10});
+// A chain A <- B <- C (each calls the one before) with users on every node; B restarts.
+class RestartTest : public NodeNetworkTest {
+ protected:
+  void SetUp() override {
+    b.AddUser(1, "Q5OLD");
+    b.AddUser(2, "Q5GONE");
+    net_.Link(a, 5, b, 7, "Q1AAA");
+    net_.Link(b, 8, c, 6, "Q2BBB");
+    a.AddUser(3, "Q6AAA");
+    c.AddUser(4, "Q7CCC");
+    b.AddUser(9, "Q5NEW");  // after the links came up
+    net_.Pump();
+    ASSERT_NE(a.net->view().FindNode("Q3CCC"), nullptr);
+  }
+  // What n sent on stream from its message number from on.
+  static std::string Since(const TestNode& n, int stream, size_t from) {
+    std::string all;
+    for (size_t i = from; i < n.out.sent.size(); ++i) {
+      if (stream == 0 || n.out.sent[i].first == stream) all += n.out.sent[i].second;
+    }
+    return all;
+  }
+  // B's users as A knows them.
+  std::set<std::string> UsersOfBOnA() {
+    const NetworkView::Node* n = a.net->view().FindNode("Q2BBB");
+    return n ? n->users : std::set<std::string>{};
+  }
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}));
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA", "Q3CCC"}, {"Q1AAA"}));
+  TestNode& c = net_.Add("Q3CCC", Cfg({"Q2BBB"}, {"Q2BBB"}));
+};
+
+TEST_F(RestartTest, LinksResumeWithoutAHandshakeAndTheViewComesBack) {
+  const size_t a_sent = a.out.sent.size(), c_sent = c.out.sent.size(), b_sent = b.out.sent.size();
+  // Q5GONE leaves while the node is down: the front-end no longer reports the stream.
+  b.streams.Reset(2);
+  b.Restart(/*with_state_file=*/true);
+  EXPECT_EQ(Count(Since(b, 0, b_sent), "PC18"), 0u);
+  ASSERT_EQ(b.net->Links().size(), 2u);
+  for (const auto& l : b.net->Links()) EXPECT_TRUE(l.up) << l.peer;
+  net_.Pump();
+  // The neighbours saw no new start: no handshake line, no close, the link still up.
+  for (TestNode* n : {&a, &c}) {
+    EXPECT_EQ(Count(Since(*n, 0, n == &a ? a_sent : c_sent), "PC2"), 0u);
+    EXPECT_TRUE(n->out.closed.empty());
+    EXPECT_TRUE(n->net->Links()[0].up);
+  }
+  // The full list after the restart names every user logged in now, also those who came
+  // after the link, and takes away the one who left meanwhile.
+  EXPECT_EQ(UsersOfBOnA(), (std::set<std::string>{"Q5NEW", "Q5OLD"}));
+  // B knows at once what lies beyond its neighbours, and talk finds its way.
+  ASSERT_NE(b.net->view().FindNode("Q3CCC"), nullptr);
+  EXPECT_EQ(b.net->view().FindNode("Q3CCC")->users, std::set<std::string>{"Q7CCC"});
+  EXPECT_EQ(b.net->RemoteUserCount(), 2);
+  EXPECT_TRUE(b.net->Talk("Q5OLD", "Q6AAA", "after the restart"));
+  net_.Pump();
+  EXPECT_EQ(Count(a.out.To(3), "Q6AAA de Q5OLD: after the restart"), 1u);
+  EXPECT_TRUE(c.net->Talk("Q7CCC", "Q5NEW", "welcome back"));
+  net_.Pump();
+  EXPECT_EQ(Count(b.out.To(9), "Q5NEW de Q7CCC: welcome back"), 1u);
+  EXPECT_EQ(b.net->WhoType(4), "");  // no link
+}
+
+TEST_F(RestartTest, WithoutAStateFileAcceptedLinksAreAskedAndTheHandshakeCompletes) {
+  // A link of another node that is caught in its start-up cannot resume and starts over.
+  b.streams.at(12).call = "Q3CCC";
+  b.streams.at(12).state = kStateNodeConnecting;
+  const size_t b_sent = b.out.sent.size(), c_sent = c.out.sent.size();
+  const SysTime up_since = b.net->Links()[0].since;
+  clock_.Advance(2min);
+  b.Restart(/*with_state_file=*/false);
+  // The front-end kept when each link began and what kind of node it reaches.
+  for (const auto& l : b.net->Links()) EXPECT_EQ(l.since, up_since) << l.peer;
+  EXPECT_EQ(b.net->WhoType(7), "NODE QXC");
+  EXPECT_EQ(b.out.closed, std::vector<int>{12});
+  // Only the accepting side introduces itself: C hears PC18, A (whom B called) does not.
+  EXPECT_EQ(Count(Since(b, 7, b_sent), "PC18"), 0u);
+  EXPECT_EQ(Count(Since(b, 8, b_sent), "PC18"), 1u);
+  net_.Pump();
+  // C answers with its configuration and PC20, and B completes the handshake with PC22.
+  EXPECT_EQ(Count(Since(c, 6, c_sent), "PC20^"), 1u);
+  EXPECT_EQ(Count(Since(b, 8, b_sent), "PC22^"), 1u);
+  EXPECT_EQ(b.net->view().FindNode("Q3CCC")->users, std::set<std::string>{"Q7CCC"});
+  EXPECT_EQ(UsersOfBOnA(), (std::set<std::string>{"Q5GONE", "Q5NEW", "Q5OLD"}));
 }
 
 TEST(NodeNetworkAddress, PublicAddresses) {
