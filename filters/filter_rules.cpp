@@ -468,11 +468,16 @@ bool IsWordStart(std::string_view text, size_t pos) {
   return pos == 0 || !IsAlnum(text[pos - 1]);
 }
 
-// True when a word of the comment begins with the keyword.
+// True when a word of the comment is the keyword, or the keyword followed by digits and
+// more: "PSK" finds "PSK31" and "PSK", not "PSKR"; "CW" does not find "CWT".
 bool HasWord(std::string_view comment, std::string_view word) {
   for (size_t pos = comment.find(word); pos != std::string_view::npos;
        pos = comment.find(word, pos + 1)) {
-    if (IsWordStart(comment, pos)) return true;
+    const size_t end = pos + word.size();
+    if (IsWordStart(comment, pos) &&
+        (end == comment.size() || !std::isalpha(static_cast<unsigned char>(comment[end])))) {
+      return true;
+    }
   }
   return false;
 }
