@@ -87,8 +87,9 @@ std::optional<BandModeMask> BandModeMask::FromWords(std::string_view list, bool 
   while (pos <= list.size()) {
     size_t end = list.find(',', pos);
     if (end == std::string_view::npos) end = list.size();
-    const std::string_view item = Trim(list.substr(pos, end - pos));
-    const size_t at = offset + pos;
+    const std::string_view raw = list.substr(pos, end - pos);
+    const std::string_view item = Trim(raw);
+    const size_t at = offset + pos + (item.empty() ? 0 : size_t(item.data() - raw.data()));
     if (item.empty()) {
       error = {at, "", "empty item in the band list"};
       return std::nullopt;
