@@ -93,8 +93,7 @@ void BM_CheckOneSpotAgainst10000Users(benchmark::State& state) {
   }
   benchmark::DoNotOptimize(passed);
   state.counters["users"] = 10000;
-  state.counters["pass_pct"] =
-      100.0 * double(passed) / (10000.0 * double(state.iterations()));
+  state.counters["pass_pct"] = 100.0 * double(passed) / (10000.0 * double(state.iterations()));
 }
 BENCHMARK(BM_CheckOneSpotAgainst10000Users)->Unit(benchmark::kMillisecond);
 

@@ -136,8 +136,7 @@ std::string BandModeMask::Describe(const BandTable& bands) const {
   if (Everything()) return "every band, every mode";
   std::vector<std::string> items;
   for (const BandRange& r : bands.ranges()) {
-    const uint16_t modes =
-        modes_[static_cast<size_t>(std::countr_zero(r.bit) + 1)] & kKnownModes;
+    const uint16_t modes = modes_[static_cast<size_t>(std::countr_zero(r.bit) + 1)] & kKnownModes;
     if (modes == kKnownModes) {
       items.emplace_back(r.name);
       continue;

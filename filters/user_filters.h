@@ -27,8 +27,8 @@ class UserFilters {
   explicit UserFilters(const BandTable& bands, const CountryLookup* countries = nullptr);
 
   struct Reply {
-    bool ok = false;       // false: error is the one reply line, nothing changed
-    std::string text;      // the reply line
+    bool ok = false;   // false: error is the one reply line, nothing changed
+    std::string text;  // the reply line
   };
   // SET/FILTER ..., SET/DXBM ..., ACCEPT/..., REJECT/..., CLEAR/...
   Reply Apply(std::string_view typed);
