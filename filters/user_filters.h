@@ -15,6 +15,7 @@
 
 namespace qx {
 
+// The views point into the user's rules: valid until the filters are next changed.
 struct FilterDecision {
   bool pass = true;
   std::string_view rule_id;    // "" when no rule decided (no filters)
