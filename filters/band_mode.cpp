@@ -87,8 +87,9 @@ std::optional<BandModeMask> BandModeMask::FromWords(std::string_view list, bool 
   while (pos <= list.size()) {
     size_t end = list.find(',', pos);
     if (end == std::string_view::npos) end = list.size();
-    const std::string_view item = Trim(list.substr(pos, end - pos));
-    const size_t at = offset + pos;
+    const std::string_view raw = list.substr(pos, end - pos);
+    const std::string_view item = Trim(raw);
+    const size_t at = offset + pos + (item.empty() ? 0 : size_t(item.data() - raw.data()));
     if (item.empty()) {
       error = {at, "", "empty item in the band list"};
       return std::nullopt;
@@ -135,8 +136,7 @@ std::string BandModeMask::Describe(const BandTable& bands) const {
   if (Everything()) return "every band, every mode";
   std::vector<std::string> items;
   for (const BandRange& r : bands.ranges()) {
-    const uint16_t modes =
-        modes_[static_cast<size_t>(std::countr_zero(r.bit) + 1)] & kKnownModes;
+    const uint16_t modes = modes_[static_cast<size_t>(std::countr_zero(r.bit) + 1)] & kKnownModes;
     if (modes == kKnownModes) {
       items.emplace_back(r.name);
       continue;

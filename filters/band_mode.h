@@ -18,7 +18,7 @@ struct FilterError;
 
 // The numbers with a name.  The first mask is a set of band bits of the band table; the
 // second a set of mode classes (below).
-inline constexpr uint32_t kDxbmNewUser = 1006827524u;   // every band, every mode
+inline constexpr uint32_t kDxbmNewUser = 1006827524u;  // every band, every mode
 inline constexpr uint32_t kDxbmNewUser2 = 15370u;
 inline constexpr uint32_t kDxbmStoredZero = 1040382980u;  // what a stored 0/0 becomes
 inline constexpr uint32_t kDxbmStoredZero2 = 15880u;

@@ -117,9 +117,8 @@ constexpr FieldName kFields[] = {
 bool CountryItem(const Token& item, const FilterParseContext& ctx, uint64_t& key,
                  FilterError& error) {
   const std::string_view t = item.text;
-  if (t.size() > 8 || !std::all_of(t.begin(), t.end(), [](char c) {
-        return IsAlnum(c) || c == '/';
-      })) {
+  if (t.size() > 8 ||
+      !std::all_of(t.begin(), t.end(), [](char c) { return IsAlnum(c) || c == '/'; })) {
     error = {item.pos, std::string(t), "not a country prefix"};
     return false;
   }
@@ -319,9 +318,13 @@ bool FillTerm(Predicate::Term& term, std::string_view list, size_t offset,
 // Recursive descent over the words of an expression: or of ands of (not) units.
 class ExprParser {
  public:
-  ExprParser(std::string_view text, size_t offset, FilterKind kind,
-             const FilterParseContext& ctx, FilterError& error)
-      : text_(text), offset_(offset), kind_(kind), ctx_(ctx), error_(error),
+  ExprParser(std::string_view text, size_t offset, FilterKind kind, const FilterParseContext& ctx,
+             FilterError& error)
+      : text_(text),
+        offset_(offset),
+        kind_(kind),
+        ctx_(ctx),
+        error_(error),
         tokens_(Tokenize(text)) {}
 
   std::optional<Predicate> Parse() {
@@ -464,9 +467,7 @@ bool CallMatches(const std::vector<Predicate::CallPattern>& patterns, std::strin
   return false;
 }
 
-bool IsWordStart(std::string_view text, size_t pos) {
-  return pos == 0 || !IsAlnum(text[pos - 1]);
-}
+bool IsWordStart(std::string_view text, size_t pos) { return pos == 0 || !IsAlnum(text[pos - 1]); }
 
 // True when a word of the comment is the keyword, or the keyword followed by digits and
 // more: "PSK" finds "PSK31" and "PSK", not "PSKR"; "CW" does not find "CWT".
@@ -687,9 +688,12 @@ std::string FilterError::Text() const {
 
 std::string_view FilterKindName(FilterKind kind) {
   switch (kind) {
-    case FilterKind::kAnnounce: return "ANNOUNCE";
-    case FilterKind::kWwv: return "WWV";
-    case FilterKind::kSpots: break;
+    case FilterKind::kAnnounce:
+      return "ANNOUNCE";
+    case FilterKind::kWwv:
+      return "WWV";
+    case FilterKind::kSpots:
+      break;
   }
   return "SPOTS";
 }
@@ -747,9 +751,12 @@ bool Predicate::TermMatches(const Term& t, const SpotFacts& f, int utc_minute) c
         }
       }
       return false;
-    case Field::kCall: return CallMatches(t.calls, f.dx.call);
-    case Field::kBy: return CallMatches(t.calls, f.spotter.call);
-    case Field::kOrigin: return CallMatches(t.calls, f.origin);
+    case Field::kCall:
+      return CallMatches(t.calls, f.dx.call);
+    case Field::kBy:
+      return CallMatches(t.calls, f.spotter.call);
+    case Field::kOrigin:
+      return CallMatches(t.calls, f.origin);
     case Field::kInfo:
       for (const std::string& text : t.texts) {
         if (f.comment.find(text) != std::string::npos) return true;
@@ -760,16 +767,26 @@ bool Predicate::TermMatches(const Term& t, const SpotFacts& f, int utc_minute) c
         if (HasWord(f.comment, text)) return true;
       }
       return false;
-    case Field::kCallDxcc: return HasKey(t.keys, f.dx.country_key);
-    case Field::kByDxcc: return HasKey(t.keys, f.spotter.country_key);
-    case Field::kCallItu: return ZoneIn(t.zones, f.dx.itu_zone);
-    case Field::kByItu: return ZoneIn(t.zones, f.spotter.itu_zone);
-    case Field::kCallZone: return ZoneIn(t.zones, f.dx.cq_zone);
-    case Field::kByZone: return ZoneIn(t.zones, f.spotter.cq_zone);
-    case Field::kCallState: return HasKey(t.keys, f.dx.state);
-    case Field::kByState: return HasKey(t.keys, f.spotter.state);
-    case Field::kCallCont: return ContinentIn(t.continents, f.dx.continent);
-    case Field::kByCont: return ContinentIn(t.continents, f.spotter.continent);
+    case Field::kCallDxcc:
+      return HasKey(t.keys, f.dx.country_key);
+    case Field::kByDxcc:
+      return HasKey(t.keys, f.spotter.country_key);
+    case Field::kCallItu:
+      return ZoneIn(t.zones, f.dx.itu_zone);
+    case Field::kByItu:
+      return ZoneIn(t.zones, f.spotter.itu_zone);
+    case Field::kCallZone:
+      return ZoneIn(t.zones, f.dx.cq_zone);
+    case Field::kByZone:
+      return ZoneIn(t.zones, f.spotter.cq_zone);
+    case Field::kCallState:
+      return HasKey(t.keys, f.dx.state);
+    case Field::kByState:
+      return HasKey(t.keys, f.spotter.state);
+    case Field::kCallCont:
+      return ContinentIn(t.continents, f.dx.continent);
+    case Field::kByCont:
+      return ContinentIn(t.continents, f.spotter.continent);
     case Field::kBandTime: {
       bool listed = false;
       for (const BandWindow& w : t.windows) {

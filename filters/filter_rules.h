@@ -45,9 +45,23 @@ class Predicate {
 
   // Building blocks, used by the parser.
   enum class Field : uint8_t {
-    kOn, kCall, kBy, kOrigin, kInfo, kWords,
-    kCallDxcc, kByDxcc, kCallItu, kByItu, kCallZone, kByZone,
-    kCallState, kByState, kCallCont, kByCont, kBandTime,
+    kOn,
+    kCall,
+    kBy,
+    kOrigin,
+    kInfo,
+    kWords,
+    kCallDxcc,
+    kByDxcc,
+    kCallItu,
+    kByItu,
+    kCallZone,
+    kByZone,
+    kCallState,
+    kByState,
+    kCallCont,
+    kByCont,
+    kBandTime,
   };
   struct FreqItem {
     uint32_t band_bits = 0;  // 0: a kHz range
@@ -65,14 +79,14 @@ class Predicate {
   };
   struct Term {
     Field field = Field::kOn;
-    uint8_t continents = 0;                 // bit per Continent
-    std::array<uint64_t, 2> zones{};        // bit per zone number 0..127
-    std::vector<uint64_t> keys;             // CountryKey / StateKey values
-    std::vector<CallPattern> calls;         // call, by, origin
-    std::vector<std::string> texts;         // info, words (upper case)
-    std::vector<FreqItem> freqs;            // on
-    std::vector<BandWindow> windows;        // band time
-    bool unlisted_band_matches = false;     // band time: a band with no window
+    uint8_t continents = 0;              // bit per Continent
+    std::array<uint64_t, 2> zones{};     // bit per zone number 0..127
+    std::vector<uint64_t> keys;          // CountryKey / StateKey values
+    std::vector<CallPattern> calls;      // call, by, origin
+    std::vector<std::string> texts;      // info, words (upper case)
+    std::vector<FreqItem> freqs;         // on
+    std::vector<BandWindow> windows;     // band time
+    bool unlisted_band_matches = false;  // band time: a band with no window
   };
   enum class Op : uint8_t { kAnd, kOr, kNot, kTerm };
   struct Node {
@@ -108,11 +122,11 @@ struct FilterRule {
 // What a command asks for.
 struct FilterCommand {
   enum class Action : uint8_t {
-    kSetRule,       // rule (replaces the rule of the same kind and id)
-    kRemoveRule,    // SET/FILTER <NAME>/OFF: kind, id
-    kClearLines,    // CLEAR/<kind> n|ALL: kind, line (-1 for ALL)
-    kDxbmNumbers,   // SET/DXBM mask[/mask2]: mask, mask2 (has_mask2)
-    kDxbmWords,     // SET/FILTER DXBM/PASS|REJ <list>: band_mode, rule.text
+    kSetRule,      // rule (replaces the rule of the same kind and id)
+    kRemoveRule,   // SET/FILTER <NAME>/OFF: kind, id
+    kClearLines,   // CLEAR/<kind> n|ALL: kind, line (-1 for ALL)
+    kDxbmNumbers,  // SET/DXBM mask[/mask2]: mask, mask2 (has_mask2)
+    kDxbmWords,    // SET/FILTER DXBM/PASS|REJ <list>: band_mode, rule.text
   };
   Action action = Action::kSetRule;
   FilterRule rule;
@@ -125,7 +139,7 @@ struct FilterCommand {
 };
 
 struct FilterParseContext {
-  const BandTable* bands = nullptr;           // required
+  const BandTable* bands = nullptr;          // required
   const CountryLookup* countries = nullptr;  // optional: lets "W" stand for the US ("K")
 };
 

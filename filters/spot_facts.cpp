@@ -17,17 +17,17 @@ struct SubBand {
 // The FT8 and FT4 calling frequencies: the dial frequency plus the 3 kHz of audio the
 // signals occupy.  Looked at before the segments below.
 constexpr SubBand kChannels[] = {
-    {1840.0, 1843.0, SpotMode::kFt8},       {3573.0, 3575.5, SpotMode::kFt8},
-    {3575.5, 3578.5, SpotMode::kFt4},       {5357.0, 5360.0, SpotMode::kFt8},
-    {7047.5, 7050.5, SpotMode::kFt4},       {7074.0, 7077.0, SpotMode::kFt8},
-    {10136.0, 10139.0, SpotMode::kFt8},     {10140.0, 10143.0, SpotMode::kFt4},
-    {14074.0, 14077.0, SpotMode::kFt8},     {14080.0, 14083.0, SpotMode::kFt4},
-    {18100.0, 18103.0, SpotMode::kFt8},     {18104.0, 18107.0, SpotMode::kFt4},
-    {21074.0, 21077.0, SpotMode::kFt8},     {21140.0, 21143.0, SpotMode::kFt4},
-    {24915.0, 24918.0, SpotMode::kFt8},     {24919.0, 24922.0, SpotMode::kFt4},
-    {28074.0, 28077.0, SpotMode::kFt8},     {28180.0, 28183.0, SpotMode::kFt4},
-    {50313.0, 50316.0, SpotMode::kFt8},     {50318.0, 50321.0, SpotMode::kFt4},
-    {144170.0, 144173.0, SpotMode::kFt4},   {144174.0, 144177.0, SpotMode::kFt8},
+    {1840.0, 1843.0, SpotMode::kFt8},     {3573.0, 3575.5, SpotMode::kFt8},
+    {3575.5, 3578.5, SpotMode::kFt4},     {5357.0, 5360.0, SpotMode::kFt8},
+    {7047.5, 7050.5, SpotMode::kFt4},     {7074.0, 7077.0, SpotMode::kFt8},
+    {10136.0, 10139.0, SpotMode::kFt8},   {10140.0, 10143.0, SpotMode::kFt4},
+    {14074.0, 14077.0, SpotMode::kFt8},   {14080.0, 14083.0, SpotMode::kFt4},
+    {18100.0, 18103.0, SpotMode::kFt8},   {18104.0, 18107.0, SpotMode::kFt4},
+    {21074.0, 21077.0, SpotMode::kFt8},   {21140.0, 21143.0, SpotMode::kFt4},
+    {24915.0, 24918.0, SpotMode::kFt8},   {24919.0, 24922.0, SpotMode::kFt4},
+    {28074.0, 28077.0, SpotMode::kFt8},   {28180.0, 28183.0, SpotMode::kFt4},
+    {50313.0, 50316.0, SpotMode::kFt8},   {50318.0, 50321.0, SpotMode::kFt4},
+    {144170.0, 144173.0, SpotMode::kFt4}, {144174.0, 144177.0, SpotMode::kFt8},
     {144360.0, 144363.0, SpotMode::kMsk},
 };
 
@@ -61,11 +61,11 @@ struct ModeWord {
   SpotMode mode;
 };
 constexpr ModeWord kModeWords[] = {
-    {"CW", SpotMode::kCw},      {"SSB", SpotMode::kSsb},    {"USB", SpotMode::kSsb},
-    {"LSB", SpotMode::kSsb},    {"AM", SpotMode::kSsb},     {"FM", SpotMode::kSsb},
-    {"JT65", SpotMode::kData},  {"JT9", SpotMode::kData},   {"Q65", SpotMode::kData},
-    {"JS8", SpotMode::kData},   {"OLIVIA", SpotMode::kData}, {"MFSK", SpotMode::kData},
-    {"DIGI", SpotMode::kData},  {"DATA", SpotMode::kData},  {"SSTV", SpotMode::kData},
+    {"CW", SpotMode::kCw},     {"SSB", SpotMode::kSsb},     {"USB", SpotMode::kSsb},
+    {"LSB", SpotMode::kSsb},   {"AM", SpotMode::kSsb},      {"FM", SpotMode::kSsb},
+    {"JT65", SpotMode::kData}, {"JT9", SpotMode::kData},    {"Q65", SpotMode::kData},
+    {"JS8", SpotMode::kData},  {"OLIVIA", SpotMode::kData}, {"MFSK", SpotMode::kData},
+    {"DIGI", SpotMode::kData}, {"DATA", SpotMode::kData},   {"SSTV", SpotMode::kData},
 };
 
 bool IsWordChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }
@@ -88,15 +88,24 @@ void FillStation(StationFacts& out, std::string_view call, const CountryInfo* co
 
 std::string_view SpotModeName(SpotMode mode) {
   switch (mode) {
-    case SpotMode::kCw: return "CW";
-    case SpotMode::kSsb: return "SSB";
-    case SpotMode::kRtty: return "RTTY";
-    case SpotMode::kFt8: return "FT8";
-    case SpotMode::kFt4: return "FT4";
-    case SpotMode::kPsk: return "PSK";
-    case SpotMode::kMsk: return "MSK";
-    case SpotMode::kData: return "DATA";
-    case SpotMode::kUnknown: break;
+    case SpotMode::kCw:
+      return "CW";
+    case SpotMode::kSsb:
+      return "SSB";
+    case SpotMode::kRtty:
+      return "RTTY";
+    case SpotMode::kFt8:
+      return "FT8";
+    case SpotMode::kFt4:
+      return "FT4";
+    case SpotMode::kPsk:
+      return "PSK";
+    case SpotMode::kMsk:
+      return "MSK";
+    case SpotMode::kData:
+      return "DATA";
+    case SpotMode::kUnknown:
+      break;
   }
   return "UNKNOWN";
 }
@@ -112,8 +121,8 @@ Continent ContinentFromText(std::string_view text) {
 uint64_t CountryKey(std::string_view main_prefix) {
   uint64_t key = 0;
   for (size_t i = 0; i < main_prefix.size() && i < 8; ++i) {
-    key = (key << 8) | static_cast<unsigned char>(
-                           std::toupper(static_cast<unsigned char>(main_prefix[i])));
+    key = (key << 8) |
+          static_cast<unsigned char>(std::toupper(static_cast<unsigned char>(main_prefix[i])));
   }
   return key;
 }

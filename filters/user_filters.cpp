@@ -42,10 +42,9 @@ void UserFilters::SetDxbm(uint32_t mask, uint32_t mask2) {
 void UserFilters::SetBandMode(BandModeMask mask, std::string typed) {
   band_mode_ = mask;
   band_mode_typed_ = std::move(typed);
-  band_mode_text_ = band_mode_typed_.empty()
-                        ? fmt::format("SET/DXBM {}/{} ({})", dxbm_, dxbm2_,
-                                      band_mode_.Describe(*bands_))
-                        : band_mode_typed_;
+  band_mode_text_ = band_mode_typed_.empty() ? fmt::format("SET/DXBM {}/{} ({})", dxbm_, dxbm2_,
+                                                           band_mode_.Describe(*bands_))
+                                             : band_mode_typed_;
 }
 
 bool UserFilters::HasRules() const {
@@ -72,8 +71,8 @@ UserFilters::Reply UserFilters::Apply(std::string_view typed) {
   FilterCommand& cmd = *parsed.command;
   switch (cmd.action) {
     case FilterCommand::Action::kSetRule: {
-      std::string reply = fmt::format("{} filter {} set", FilterKindName(cmd.rule.kind),
-                                      cmd.rule.id);
+      std::string reply =
+          fmt::format("{} filter {} set", FilterKindName(cmd.rule.kind), cmd.rule.id);
       Insert(std::move(cmd.rule));
       return {true, reply};
     }
@@ -88,18 +87,16 @@ UserFilters::Reply UserFilters::Apply(std::string_view typed) {
       });
       const size_t removed = before - rules.size();
       if (cmd.line < 0) {
-        return {true, fmt::format("{} {} filter lines cleared", removed,
-                                  FilterKindName(cmd.kind))};
+        return {true, fmt::format("{} {} filter lines cleared", removed, FilterKindName(cmd.kind))};
       }
-      return {true, removed ? fmt::format("{} filter line {} cleared",
-                                          FilterKindName(cmd.kind), cmd.line)
-                            : fmt::format("No {} filter line {}", FilterKindName(cmd.kind),
-                                          cmd.line)};
+      return {true,
+              removed ? fmt::format("{} filter line {} cleared", FilterKindName(cmd.kind), cmd.line)
+                      : fmt::format("No {} filter line {}", FilterKindName(cmd.kind), cmd.line)};
     }
     case FilterCommand::Action::kDxbmNumbers:
       SetDxbm(cmd.mask, cmd.has_mask2 ? cmd.mask2 : dxbm2_);
-      return {true, fmt::format("DXBM set to {}/{} ({})", dxbm_, dxbm2_,
-                                band_mode_.Describe(*bands_))};
+      return {true,
+              fmt::format("DXBM set to {}/{} ({})", dxbm_, dxbm2_, band_mode_.Describe(*bands_))};
     case FilterCommand::Action::kDxbmWords:
       if (cmd.rule.text.empty()) {
         SetBandMode(BandModeMask::FromNumbers(dxbm_, dxbm2_), "");
@@ -111,8 +108,7 @@ UserFilters::Reply UserFilters::Apply(std::string_view typed) {
   return {false, "Filter error: unknown command"};
 }
 
-FilterDecision UserFilters::Decide(FilterKind kind, const SpotFacts& facts,
-                                   int utc_minute) const {
+FilterDecision UserFilters::Decide(FilterKind kind, const SpotFacts& facts, int utc_minute) const {
   bool any_accept = false;
   for (const FilterRule& r : rules_[KindIndex(kind)]) {
     const bool matches = r.predicate.Matches(facts, utc_minute);
@@ -186,8 +182,7 @@ std::vector<std::string> UserFilters::Describe() const {
   std::vector<std::string> out;
   out.push_back(band_mode_typed_.empty()
                     ? fmt::format("DXBM {}/{}: {}", dxbm_, dxbm2_, band_mode_.Describe(*bands_))
-                    : fmt::format("DXBM: {} ({})", band_mode_.Describe(*bands_),
-                                  band_mode_typed_));
+                    : fmt::format("DXBM: {} ({})", band_mode_.Describe(*bands_), band_mode_typed_));
   for (const auto& rules : rules_) {
     for (const FilterRule& r : rules) out.push_back(fmt::format("{}: {}", r.id, r.text));
   }

@@ -15,6 +15,7 @@
 
 namespace qx {
 
+// The views point into the user's rules: valid until the filters are next changed.
 struct FilterDecision {
   bool pass = true;
   std::string_view rule_id;    // "" when no rule decided (no filters)
@@ -27,8 +28,8 @@ class UserFilters {
   explicit UserFilters(const BandTable& bands, const CountryLookup* countries = nullptr);
 
   struct Reply {
-    bool ok = false;       // false: error is the one reply line, nothing changed
-    std::string text;      // the reply line
+    bool ok = false;   // false: error is the one reply line, nothing changed
+    std::string text;  // the reply line
   };
   // SET/FILTER ..., SET/DXBM ..., ACCEPT/..., REJECT/..., CLEAR/...
   Reply Apply(std::string_view typed);

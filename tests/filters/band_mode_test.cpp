@@ -16,8 +16,8 @@ const std::vector<std::string> kHf = {"160m", "80m", "60m", "40m", "30m",
                                       "20m",  "17m", "15m", "12m", "10m"};
 const std::vector<std::string> kContest = {"160m", "80m", "40m", "20m", "15m", "10m"};
 const std::vector<std::string> kWarc = {"60m", "30m", "17m", "12m"};
-constexpr SpotMode kModes[] = {SpotMode::kCw,  SpotMode::kSsb, SpotMode::kRtty,
-                               SpotMode::kFt8, SpotMode::kFt4, SpotMode::kPsk,
+constexpr SpotMode kModes[] = {SpotMode::kCw,  SpotMode::kSsb,  SpotMode::kRtty,
+                               SpotMode::kFt8, SpotMode::kFt4,  SpotMode::kPsk,
                                SpotMode::kMsk, SpotMode::kData, SpotMode::kUnknown};
 
 class BandModeTest : public ::testing::Test {

@@ -2,6 +2,7 @@
 // and a spot builder that fills the fields as intake would.
 #pragma once
 
+#include <cctype>
 #include <map>
 #include <string>
 #include <string_view>

@@ -38,17 +38,23 @@ TEST_F(FilterRulesTest, TermsMatchTheirFields) {
     bool match;
   };
   const Case cases[] = {
-      {"on 20m", true},           {"on 20", true},            {"on hf", true},
-      {"on vhf", false},          {"on 40m,20m/cw", true},    {"on 20m/ssb", false},
-      {"on 14000/14030", true},   {"on 14030/14100", false},  {"on 20m/beacon", false},
-      {"call K1ABC", true},       {"call k1", true},          {"call =K1AB", false},
-      {"call =k1abc", true},      {"call *1A?C", true},       {"call *X", false},
-      {"by =DL1AAA", true},       {"by DL1AAA-3", false},     {"origin XX0*", true},
-      {"info eu", true},          {"info USA", false},        {"call_dxcc W", true},
-      {"call_dxcc DL,JA", false}, {"by_dxcc dl", true},       {"call_zone 3-6", true},
-      {"call_zone 14", false},    {"call_itu 8", true},       {"by_itu 28", true},
-      {"by_zone 14", true},       {"call_cont na", true},     {"by_cont NA,AS", false},
-      {"call_state MA", true},    {"call_state NH,VT", false}, {"by_state MA", false},
+      {"on 20m", true},         {"on 20", true},
+      {"on hf", true},          {"on vhf", false},
+      {"on 40m,20m/cw", true},  {"on 20m/ssb", false},
+      {"on 14000/14030", true}, {"on 14030/14100", false},
+      {"on 20m/beacon", false}, {"call K1ABC", true},
+      {"call k1", true},        {"call =K1AB", false},
+      {"call =k1abc", true},    {"call *1A?C", true},
+      {"call *X", false},       {"by =DL1AAA", true},
+      {"by DL1AAA-3", false},   {"origin XX0*", true},
+      {"info eu", true},        {"info USA", false},
+      {"call_dxcc W", true},    {"call_dxcc DL,JA", false},
+      {"by_dxcc dl", true},     {"call_zone 3-6", true},
+      {"call_zone 14", false},  {"call_itu 8", true},
+      {"by_itu 28", true},      {"by_zone 14", true},
+      {"call_cont na", true},   {"by_cont NA,AS", false},
+      {"call_state MA", true},  {"call_state NH,VT", false},
+      {"by_state MA", false},
   };
   for (const Case& c : cases) EXPECT_EQ(Matches(c.expr, f), c.match) << c.expr;
 }

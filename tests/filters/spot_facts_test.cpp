@@ -17,16 +17,23 @@ TEST(SpotFactsTest, ModeIsStatedByTheCommentOrInferredFromTheSubBand) {
     bool stated;
   };
   const Case cases[] = {
-      {14025.0, "", SpotMode::kCw, false},        {14075.5, "", SpotMode::kFt8, false},
-      {14081.0, "", SpotMode::kFt4, false},       {14090.0, "", SpotMode::kData, false},
-      {14195.0, "", SpotMode::kSsb, false},       {7074.0, "", SpotMode::kFt8, false},
-      {1820.0, "", SpotMode::kCw, false},         {144300.0, "", SpotMode::kSsb, false},
+      {14025.0, "", SpotMode::kCw, false},
+      {14075.5, "", SpotMode::kFt8, false},
+      {14081.0, "", SpotMode::kFt4, false},
+      {14090.0, "", SpotMode::kData, false},
+      {14195.0, "", SpotMode::kSsb, false},
+      {7074.0, "", SpotMode::kFt8, false},
+      {1820.0, "", SpotMode::kCw, false},
+      {144300.0, "", SpotMode::kSsb, false},
       {10368000.0, "", SpotMode::kUnknown, false},
       // The comment wins over the sub-band, intake's mode bits over other words.
-      {14195.0, "up 5 cw", SpotMode::kCw, true},  {14025.0, "tnx USB", SpotMode::kSsb, true},
-      {14085.0, "RTTY cq", SpotMode::kRtty, true}, {14025.0, "FT8 cw?", SpotMode::kFt8, true},
+      {14195.0, "up 5 cw", SpotMode::kCw, true},
+      {14025.0, "tnx USB", SpotMode::kSsb, true},
+      {14085.0, "RTTY cq", SpotMode::kRtty, true},
+      {14025.0, "FT8 cw?", SpotMode::kFt8, true},
       {14074.0, "jt65a", SpotMode::kFt8, false},  // no whole word: inferred
-      {14076.0, "JT65", SpotMode::kData, true},   {14200.0, "CWT", SpotMode::kSsb, false},
+      {14076.0, "JT65", SpotMode::kData, true},
+      {14200.0, "CWT", SpotMode::kSsb, false},
   };
   FilterWorld w;
   for (const Case& c : cases) {
