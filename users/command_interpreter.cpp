@@ -799,8 +799,8 @@ void CommandInterpreter::TestFilter(int stream, std::string_view args) {
   if (d.rule_id.empty()) {
     Reply(stream, what + ": pass (no filter rule decides)");
   } else {
-    Reply(stream, fmt::format("{}: {} by {}: {}", what, d.pass ? "pass" : "drop", d.rule_id,
-                              d.rule_text));
+    Reply(stream,
+          fmt::format("{}: {} by {}: {}", what, d.pass ? "pass" : "drop", d.rule_id, d.rule_text));
   }
   if (!e.session.Has(kSwFilters)) Reply(stream, kFiltersOffNote);
 }
@@ -880,8 +880,7 @@ void CommandInterpreter::Show(int stream, std::string_view line, std::string_vie
     }
   } else if (MatchAbbrev("DXBM", 4, word) || MatchAbbrev("DXBANDMODE", 3, word)) {
     const UserFilters* f = ctx_.filters ? ctx_.filters->Of(stream) : nullptr;
-    Reply(stream, f ? f->Describe().front()
-                    : fmt::format("DXBM {}/{}", s.dxbm, s.dxbm2));
+    Reply(stream, f ? f->Describe().front() : fmt::format("DXBM {}/{}", s.dxbm, s.dxbm2));
   } else if (word.empty()) {
     Reply(stream, CommandError(line));
   } else {

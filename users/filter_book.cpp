@@ -95,8 +95,7 @@ void FilterBook::Move(int from, int to) {
   entries_[size_t(to)] = At(from) ? std::move(entries_[size_t(from)]) : nullptr;
 }
 
-UserFilters::Reply FilterBook::Apply(int stream, std::string_view typed,
-                                     SessionSettings& session) {
+UserFilters::Reply FilterBook::Apply(int stream, std::string_view typed, SessionSettings& session) {
   Entry* e = At(stream);
   if (!e) {
     Load(stream, session);
@@ -172,8 +171,7 @@ FilterDecision FilterBook::Test(int stream, const Spot& spot) const {
   return e->filters.Check(MakeSpotFacts(spot, bands_, nullptr), MinuteOfDay(clock_.Now()));
 }
 
-std::vector<std::string> FilterBook::Describe(int stream,
-                                              const SessionSettings& session) const {
+std::vector<std::string> FilterBook::Describe(int stream, const SessionSettings& session) const {
   std::vector<std::string> out;
   out.push_back(session.Has(kSwFilters)
                     ? "Filters are on."

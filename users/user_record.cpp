@@ -368,8 +368,7 @@ bool UserStore::Rewrite(const std::filesystem::path& target, const std::filesyst
   });
 }
 
-bool UserStore::RewriteWith(const std::filesystem::path& target,
-                            const std::filesystem::path& seed,
+bool UserStore::RewriteWith(const std::filesystem::path& target, const std::filesystem::path& seed,
                             const std::function<std::string(std::string_view)>& change) {
   if (target.empty()) return false;
   std::error_code ec;

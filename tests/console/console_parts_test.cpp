@@ -127,8 +127,15 @@ TEST_F(ConsoleApiTest, LogonMessagesLinksStreamsAndShutdown) {
   Call("POST", "links/remove", R"({"name":"GB7BBB"})");
   EXPECT_EQ(Call("GET", "links")["links"].size(), 1u);
 
-  model_.streams.push_back({7, "K1ABC", "user", 1, "127.0.0.1:5000", 0,
-                            MakeUtc(2026, 11, 5, 12), "Bob", "white",
+  model_.streams.push_back({7,
+                            "K1ABC",
+                            "user",
+                            1,
+                            "127.0.0.1:5000",
+                            0,
+                            MakeUtc(2026, 11, 5, 12),
+                            "Bob",
+                            "white",
                             {"Filters are on.", "SPOTS A1: acc/spots on hf"}});
   const json streams = Call("GET", "streams")["streams"];
   ASSERT_EQ(streams.size(), 1u);

@@ -79,9 +79,9 @@ TEST_F(FiltersSystemTest, EachUserGetsExactlyTheSpotsTheirRulesLetThroughUntilNo
   EXPECT_THAT(Command(*words, "set/filter dxbm/pass 20-CW,40-CW"), HasSubstr("DXBM: "));
 
   const std::vector<std::pair<LineClient*, std::string>> spots = {
-      {eu.get(), "DX 14025 K1AA cq"},     {na.get(), "DX 14200 W6BB"},
-      {eu.get(), "DX 7025 K2CC"},         {na.get(), "DX 14030 K3DD Iota NA-001"},
-      {na.get(), "DX 21025 K4EE"},        {na.get(), "DX 7030 K5FF"},
+      {eu.get(), "DX 14025 K1AA cq"}, {na.get(), "DX 14200 W6BB"},
+      {eu.get(), "DX 7025 K2CC"},     {na.get(), "DX 14030 K3DD Iota NA-001"},
+      {na.get(), "DX 21025 K4EE"},    {na.get(), "DX 7030 K5FF"},
   };
   SendSpots(spots, *observer);
   using Calls = std::set<std::string>;
@@ -129,8 +129,8 @@ TEST_F(FiltersSystemTest, RulesSurviveANodeRestartAndTestFilterNamesTheRule) {
   Command(*other, "SET/DXBM 1610792964/65535");
   ASSERT_EQ(node().Stop(), 0);
   StartNode();
-  ASSERT_TRUE(WaitFor([&] { return node().Output().find("Recovery complete") != std::string::npos; },
-                      20s))
+  ASSERT_TRUE(
+      WaitFor([&] { return node().Output().find("Recovery complete") != std::string::npos; }, 20s))
       << node().Output();
 
   // The recovered streams have their filters compiled again at once.

@@ -46,11 +46,11 @@ TEST_F(FilterCommandsTest, EveryFormTakesEffectAtOnceAndIsStoredOneLinePerRule) 
   EXPECT_EQ(Run("acc/spots 1 on hf"), "SPOTS filter A1 set\r\n");
   EXPECT_EQ(Run("REJ/SPOTS 2 by_cont EU and info iota"), "SPOTS filter R2 set\r\n");
   EXPECT_EQ(Run("ACCEPT/ANNOUNCE by_cont NA"), "ANNOUNCE filter A1 set\r\n");  // line 1 unless told
-  EXPECT_FALSE(Shown(14025, "DL1XYZ", "W1AW"));        // DXCTY
-  EXPECT_FALSE(Shown(50100, "JA1XYZ", "W1AW"));        // no accept line: not HF
+  EXPECT_FALSE(Shown(14025, "DL1XYZ", "W1AW"));                                // DXCTY
+  EXPECT_FALSE(Shown(50100, "JA1XYZ", "W1AW"));                   // no accept line: not HF
   EXPECT_FALSE(Shown(14025, "JA1XYZ", "DL1AAA", "IOTA AS-007"));  // R2, any case
   EXPECT_TRUE(Shown(14025, "JA1XYZ", "DL1AAA", "cq"));
-  EXPECT_TRUE(Shown(50100, "DL1XYZ", "K1ABC-7"));      // the spotter's own spot
+  EXPECT_TRUE(Shown(50100, "DL1XYZ", "K1ABC-7"));  // the spotter's own spot
   EXPECT_EQ(Run("SET/DXBANDMODE 1610792964/65535"),
             "DXBM set to 1610792964/65535 (160m,80m,40m,20m,15m,10m)\r\n");
   EXPECT_FALSE(Shown(18100, "JA1XYZ", "W1AW"));
@@ -130,7 +130,8 @@ TEST_F(FilterCommandsTest, TestFilterAndWhyNameTheDecidingRule) {
             "14025.0 JA1XYZ by DL1AAA \"up 2\": drop by R4: REJ/SPOTS 4 by DL*\r\n");
   EXPECT_EQ(Run("TEST/FILTER 14025 DL1XYZ"),
             "14025.0 DL1XYZ by K1ABC: drop by DXCTY: SET/FILTER DXCTY/PASS K,JA\r\n");
-  EXPECT_EQ(Run("TEST/FILTER 14025 K1XYZ"), "14025.0 K1XYZ by K1ABC: pass (no filter rule decides)\r\n");
+  EXPECT_EQ(Run("TEST/FILTER 14025 K1XYZ"),
+            "14025.0 K1XYZ by K1ABC: pass (no filter rule decides)\r\n");
   EXPECT_THAT(Run("TEST/FILTER x"), StartsWith("Usage: TEST/FILTER"));
 
   EXPECT_EQ(Run("SH/FILTER WHY"), "No spots have been held back by your filters.\r\n");
