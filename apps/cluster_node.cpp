@@ -87,6 +87,8 @@ void ClusterNode::SetUpSpots() {
   history_ = std::make_unique<SpotHistory>(
       size_t(std::max(100, config_.GetInt("Maximum DX Spots", 5000))), dir_.Data("dx"));
   distributor_ = std::make_unique<SpotDistributor>(streams_, *this);
+  filter_book_ = std::make_unique<FilterBook>(bands_, &countries_, clock_);
+  distributor_->set_filter(filter_book_.get());
 }
 
 void ClusterNode::ApplySpotLists() {
@@ -108,6 +110,7 @@ IntakeResult ClusterNode::TakeSpot(const IntakeRequest& request, bool distribute
   history_->Add(*r.spot);
   const DistributionStats d = distributor_->OutputSpotToAll(*r.spot);
   stats_.LinesOut(source, uint64_t(d.users));
+  stats_.Filtered(source, uint64_t(d.filtered));
   stats_.Delay(std::chrono::steady_clock::now() - start);
   if (network_) network_->RelaySpot(*r.spot, request.source_stream);
   return r;
@@ -318,6 +321,7 @@ bool ClusterNode::Start(std::string* error) {
       UserContext{streams_, *this, store_, log_, monitor_, clock_, *network_, dir_, access_,
                   messages_, &countries_, config_.Get("Cluster Call"), std::string(kVersion),
                   config_.Get("SSID Help Address"), started_, [this] { return Counts(); }});
+  user_ctx_->filters = filter_book_.get();
   login_ = std::make_unique<Login>(*user_ctx_);
   interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
   interpreter_->set_help_address(config_.Get("Help Address"));
@@ -476,6 +480,7 @@ void ClusterNode::OnStreamTimedOut(int stream) {
 
 void ClusterNode::OnStreamClosed(int stream, int previous_state) {
   if (IsUserState(previous_state)) login_->OnLoggedOut(stream);
+  filter_book_->Drop(stream);
   network_->OnStreamClosed(stream);
   monitor_.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
 }
@@ -552,8 +557,14 @@ std::vector<std::string> ClusterNode::ShowDx(int stream, std::string_view args) 
   SpotQuery q;
   q.count = size_t(std::max(1, config_.GetInt("Default Display Dx", 30)));
   const size_t max_count = size_t(std::max(1, config_.GetInt("Maximum Display Dx", 100)));
+  // A user sees the spots their filters let through, unless they ask for ALL.
+  bool filtered = true;
   for (std::string_view word : Split(args, ' ')) {
     if (word.empty() || EqualsIgnoreCase(word, "ON")) continue;
+    if (EqualsIgnoreCase(word, "ALL")) {
+      filtered = false;
+      continue;
+    }
     long long n = 0;
     if (ParseInt(word, n) && n > 0) {
       q.count = size_t(n);
@@ -564,6 +575,9 @@ std::vector<std::string> ClusterNode::ShowDx(int stream, std::string_view args) 
     }
   }
   q.count = std::min(q.count, max_count);
+  if (filtered) {
+    q.accept = [&](const Spot& spot) { return filter_book_->Shows(stream, e, spot); };
+  }
   std::vector<std::string> lines;
   for (const Spot* spot : history_->Find(q)) {
     lines.push_back(ShowDxLine(*spot, e.session.resolution >= 2 ? 2 : 1));

@@ -34,6 +34,7 @@
 #include "users/access_lists.h"
 #include "users/command_interpreter.h"
 #include "users/command_services.h"
+#include "users/filter_book.h"
 #include "users/login.h"
 #include "users/logon_messages.h"
 #include "users/node_relay.h"
@@ -143,6 +144,7 @@ class ClusterNode final : public LinkEvents,
   std::unique_ptr<SpotIntake> intake_;
   std::unique_ptr<SpotHistory> history_;
   std::unique_ptr<SpotDistributor> distributor_;
+  std::unique_ptr<FilterBook> filter_book_;
   std::unique_ptr<UserContext> user_ctx_;
   std::unique_ptr<Login> login_;
   std::unique_ptr<CommandInterpreter> interpreter_;

@@ -143,6 +143,7 @@ std::vector<ConsoleStream> NodeConsoleModel::Streams() const {
     c.port_index = e.port_index;
     c.since = e.since;
     c.name = std::string(DisplayName(e.session));
+    if (e.IsUser() && node_.filter_book_) c.filters = node_.filter_book_->Describe(s, e.session);
     c.colour = e.IsNode() || e.IsFeed()                                             ? "orange"
                : e.IsUser()                                                         ? "white"
                : e.state == kStateTimedOut || e.login_stage == LoginStage::kRefused ? "red"
@@ -387,6 +388,7 @@ ConsoleMetrics NodeConsoleModel::Metrics() const {
   m.nodes = c.nodes;
   m.spots_in = node_.stats_.spots_in();
   m.spots_out = node_.stats_.spots_out();
+  m.spots_filtered = node_.stats_.spots_filtered();
   m.refusals = node_.stats_.refusals();
   m.link_queue_depth = node_.link_ ? int64_t(node_.link_->queue_depth()) : 0;
   m.link_peak_pending = node_.link_ ? int64_t(node_.link_->peak_pending()) : 0;

@@ -25,6 +25,10 @@ class NodeStats {
   void LinesOut(std::string_view source, uint64_t lines) {
     spots_out_[std::string(source)] += lines;
   }
+  // Spots a user's filters held back (one per user and spot), by source.
+  void Filtered(std::string_view source, uint64_t users) {
+    if (users) spots_filtered_[std::string(source)] += users;
+  }
   void Delay(std::chrono::nanoseconds d);
 
   int SpotsThisMinute(SysTime now) const;
@@ -35,6 +39,7 @@ class NodeStats {
   const std::map<std::string, uint64_t>& refusals() const { return refusals_; }
   const std::map<std::string, uint64_t>& spots_in() const { return spots_in_; }
   const std::map<std::string, uint64_t>& spots_out() const { return spots_out_; }
+  const std::map<std::string, uint64_t>& spots_filtered() const { return spots_filtered_; }
   const std::array<uint64_t, kDelayBounds.size()>& delay_buckets() const { return delay_buckets_; }
   uint64_t delay_count() const { return delay_count_; }
   double delay_sum_seconds() const { return delay_sum_; }
@@ -49,6 +54,7 @@ class NodeStats {
   std::map<std::string, uint64_t> refusals_;
   std::map<std::string, uint64_t> spots_in_;
   std::map<std::string, uint64_t> spots_out_;
+  std::map<std::string, uint64_t> spots_filtered_;
   std::array<uint64_t, kDelayBounds.size()> delay_buckets_{};
   uint64_t delay_count_ = 0;
   double delay_sum_ = 0;

@@ -55,7 +55,8 @@ json StreamsJson(const std::vector<ConsoleStream>& streams) {
                     {"port", s.port_index},
                     {"since", UnixSeconds(s.since)},
                     {"name", s.name},
-                    {"colour", s.colour}});
+                    {"colour", s.colour},
+                    {"filters", s.filters}});
   }
   return list;
 }

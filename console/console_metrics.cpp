@@ -49,6 +49,9 @@ std::string FormatMetrics(const ConsoleMetrics& m) {
   Labelled(out, "qx_spots_in_total", "counter", "Spots received, by source.", "source", m.spots_in);
   Labelled(out, "qx_spots_out_total", "counter", "Spot lines sent to users, by source.", "source",
            m.spots_out);
+  Labelled(out, "qx_spots_filtered_total", "counter",
+           "Spot lines users' filters held back (one per user and spot), by source.", "source",
+           m.spots_filtered);
   Labelled(out, "qx_refusals_total", "counter", "Spots refused, by reason.", "reason", m.refusals);
   Header(out, "qx_link_queue_bytes", "gauge", "Bytes waiting on the front-end link.");
   fmt::format_to(std::back_inserter(out), "qx_link_queue_bytes {}\n", m.link_queue_depth);

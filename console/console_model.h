@@ -37,6 +37,7 @@ struct ConsoleStream {
   SysTime since{};
   std::string name;    // "Unknown Name" when the user gave none
   std::string colour;  // the list colour: "", "orange", "white", "red", "blue", "green"
+  std::vector<std::string> filters;  // a user's filters as SH/FILTER shows them
 };
 
 // One key of the configuration file as the settings page shows it.
@@ -89,6 +90,7 @@ struct ConsoleMetrics {
   int nodes = 0;
   std::map<std::string, uint64_t> spots_in;   // source ("user", "node", "skimmer", ...) -> count
   std::map<std::string, uint64_t> spots_out;  // source -> lines sent to users
+  std::map<std::string, uint64_t> spots_filtered;  // source -> lines users' filters held back
   std::map<std::string, uint64_t> refusals;   // reason -> count
   int64_t link_queue_depth = 0;               // bytes waiting on the front-end link
   int64_t link_peak_pending = 0;

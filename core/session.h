@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace qx {
 
@@ -65,7 +66,9 @@ struct SessionSettings {
   int resolution = 1;  // decimals of the frequency in spot lines: 1 or 2
   uint32_t dxbm = kDefaultDxbmMask;
   uint32_t dxbm2 = kDefaultDxbmMask2;
-  std::string filters;
+  // The stored "FILTER" lines of the settings set, as the record holds them; the compiled
+  // filters live with the stream in the users library.
+  std::vector<std::string> filter_lines;
   int mail_number = 0;
   std::string prompt_form;  // "" (node default), "%M>" or ">"
   int settings_set = 0;     // 0, or the SSID when it is 16 or more

@@ -82,6 +82,7 @@ DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
   ready_used_ = 0;
   locator_ = {};
   bool locator_known = false;
+  if (filter_) filter_->Prepare(spot);
 
   const int high = streams_.high_socket();
   for (int stream = 1; stream <= high; ++stream) {
@@ -89,7 +90,10 @@ DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
     if (!e.IsUser()) continue;
     const SessionSettings& set = e.session;
     if (!set.Has(kSwDxSpots) || !SwitchesAllow(set, spot)) continue;
-    if (filter_ && !filter_(e, spot)) continue;
+    if (filter_ && !filter_->Passes(stream, e, spot)) {
+      ++stats.filtered;
+      continue;
+    }
     const int width = set.width > 0 ? set.width : kDefaultWidth;
     bool with_locator = width >= kLocatorMinWidth && set.Has(kSwGridSquare);
     if (with_locator && !locator_known) {

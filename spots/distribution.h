@@ -28,20 +28,30 @@ class SpotSink {
 struct DistributionStats {
   int users = 0;        // lines pushed
   int lines_built = 0;  // variants built for this spot
+  int filtered = 0;     // users whose filters held the spot back
 };
 
 // The user's own switches for kinds of spots: beacons, the digital modes, reporter and
 // skimmer spots.  A spot of a kind the user switched off is not sent; spots of no particular
-// kind always pass.  (The spot filters proper come on top, through the filter callback.)
+// kind always pass.  (The spot filters proper come on top, through a SpotFilter.)
 bool SwitchesAllow(const SessionSettings& session, const Spot& spot);
+
+// The users' spot filters as distribution sees them.  Prepare is called once per spot before
+// any user is asked, so whatever the filters need of the spot is worked out once, never per
+// user; Passes then answers for one user and must not allocate.
+class SpotFilter {
+ public:
+  virtual ~SpotFilter() = default;
+  virtual void Prepare(const Spot& spot) = 0;
+  virtual bool Passes(int stream, const StreamEntry& user, const Spot& spot) = 0;
+};
 
 class SpotDistributor {
  public:
   SpotDistributor(const StreamTable& streams, SpotSink& sink);
 
-  // The user's spot filters: true lets the spot through to that user.  Unset: all pass.
-  using UserFilter = std::function<bool(const StreamEntry& user, const Spot& spot)>;
-  void set_filter(UserFilter filter) { filter_ = std::move(filter); }
+  // The users' spot filters; null: every spot passes.  Must outlive the distributor.
+  void set_filter(SpotFilter* filter) { filter_ = filter; }
   // The spotter's locator as a user record or a PC41 gave it; "" when unknown, in which case
   // the locator of the spotter's country position is shown.
   using LocatorLookup = std::function<std::string_view(std::string_view spotter)>;
@@ -66,7 +76,7 @@ class SpotDistributor {
 
   const StreamTable& streams_;
   SpotSink& sink_;
-  UserFilter filter_;
+  SpotFilter* filter_ = nullptr;
   LocatorLookup locator_of_;
   Variant variants_[4];  // [decimals - 1][with locator]
   std::vector<Ready> ready_;

@@ -86,6 +86,7 @@ std::vector<const Spot*> SpotHistory::Find(const SpotQuery& query) const {
       const std::string_view dx = s.dx_call();
       if (prefix ? !dx.starts_with(call) : dx != call) continue;
     }
+    if (query.accept && !query.accept(s)) continue;
     out.push_back(&s);
   }
   return out;

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +23,8 @@ struct SpotQuery {
   // Empty: every call.  A call: that DX call.  Ending in "*": DX calls beginning so.
   std::string call;
   uint32_t band_bit = 0;  // 0: every band
+  // Unset: every spot.  Otherwise only spots it accepts are shown (and counted).
+  std::function<bool(const Spot&)> accept;
 };
 
 class SpotHistory {

@@ -8,13 +8,15 @@
 
 #include "core/text_util.h"
 #include "spots/call_sign.h"
+#include "users/filter_book.h"
 #include "users/user_record.h"
 
 namespace qx {
 namespace {
 
 constexpr std::string_view kMailNotYet = "Mail is not available on this node yet.";
-constexpr std::string_view kFiltersNotYet = "Spot filters are not available on this node yet.";
+constexpr std::string_view kFiltersOffNote =
+    "Filters are off for you: SET/FILTERS uses them again.";
 
 // Splits off the first word: on "/" when a "/" comes before the first blank, else on a blank.
 void SplitFirstWord(std::string_view line, std::string_view& word, std::string_view& rest) {
@@ -379,7 +381,15 @@ bool CommandInterpreter::RunSecondTable(int stream, std::string_view line, std::
     }
   } else if (MatchAbbrev("ACCEPT", 3, word) || MatchAbbrev("REJECT", 3, word) ||
              MatchAbbrev("CLEAR", 5, word)) {
-    Reply(stream, kFiltersNotYet);
+    FilterCommand(stream, line);
+  } else if (MatchAbbrev("TEST", 4, word)) {
+    std::string_view what, args;
+    SplitArg(rest, what, args);
+    if (MatchAbbrev("FILTERS", 3, what)) {
+      TestFilter(stream, args);
+    } else {
+      Reply(stream, CommandError(line));
+    }
   } else if (MatchAbbrev("ANNOUNCE", 2, word)) {
     Announce(stream, line, rest, false);
   } else if (MatchAbbrev("WX", 2, word)) {
@@ -515,9 +525,9 @@ void CommandInterpreter::Set(int stream, std::string_view line, std::string_view
     Reply(stream, CommandError(line));
     return;
   }
-  // "SET/FILTER <definition>" keeps a filter definition; "SET/FILTERS" is the switch.
-  if (EqualsIgnoreCase(word, "FILTER") && !arg.empty()) {
-    SetFilter(stream, arg);
+  // "SET/FILTER <rule>" sets a filter rule; "SET/FILTERS" alone is the switch.
+  if (MatchAbbrev("FILTERS", 3, word) && !arg.empty()) {
+    FilterCommand(stream, line);
     return;
   }
   const SetEntry* entry = FindSetEntry(word);
@@ -535,6 +545,11 @@ void CommandInterpreter::Set(int stream, std::string_view line, std::string_view
       Reply(stream, entry->reply);
       break;
     case SetKind::kContest:
+      // The contest settings are filters: they are switched on to take effect.
+      if (!s.Has(kSwFilters)) {
+        s.Set(kSwFilters, true);
+        SaveSwitches(stream);
+      }
       RunPreset(stream,
                 {"SET/DXBM 1610792964/65535", "SET/FILTER KEYWORD/REJ CW,ROS,PSK,IOTA,JT65,JT9",
                  "SET/FILTER BANDTIME/OFF", "SHOW/FILTER"},
@@ -547,21 +562,18 @@ void CommandInterpreter::Set(int stream, std::string_view line, std::string_view
                  "SET/FILTER AOC/OFF", "SET/FILTER AOS/OFF", "SET/DXBM 1006827524/15370",
                  "SET/FILTER KEYWORD/OFF"},
                 "All filters off");
+      // Rules the preset does not name (accept and reject lines, BANDTIME) are kept but no
+      // longer used until SET/FILTERS.
+      s.Set(kSwFilters, false);
+      SaveSwitches(stream);
       break;
-    case SetKind::kDxbm: {
-      const auto parts = Split(arg, '/');
-      long long a = 0, b = s.dxbm2;
-      if (arg.empty() || !ParseInt(parts[0], a) || a < 0 || a > UINT32_MAX ||
-          (parts.size() > 1 && (!ParseInt(parts[1], b) || b < 0 || b > UINT32_MAX))) {
+    case SetKind::kDxbm:
+      if (arg.empty()) {
         Reply(stream, CommandError(line));
         return;
       }
-      s.dxbm = uint32_t(a);
-      s.dxbm2 = uint32_t(b);
-      ctx_.store.Save(e.call, "DXBM", fmt::format("{}/{}", s.dxbm, s.dxbm2));
-      Reply(stream, fmt::format("DXBM set to {}/{}", s.dxbm, s.dxbm2));
+      FilterCommand(stream, line);
       break;
-    }
     case SetKind::kResolution: {
       const int r = ParseIntOr(arg, 0);
       if (r != 1 && r != 2) {
@@ -743,22 +755,54 @@ void CommandInterpreter::RunPreset(int stream, const std::vector<std::string>& l
   Reply(stream, done);
 }
 
-// Filter definitions are kept per user as "NAME/VALUE" items joined by ","; a definition
-// "NAME/OFF" removes NAME.  The items are saved under the record's FILTER key.
-void CommandInterpreter::SetFilter(int stream, std::string_view definition) {
+void CommandInterpreter::FilterCommand(int stream, std::string_view line) {
   StreamEntry& e = ctx_.streams.at(stream);
-  const std::string def = ToUpper(Trim(definition));
-  const std::string name = def.substr(0, def.find('/'));
-  std::vector<std::string> kept;
-  for (std::string_view item : Split(e.session.filters, ';')) {
-    if (item.empty()) continue;
-    if (item.substr(0, item.find('/')) != name) kept.emplace_back(item);
+  if (!ctx_.filters) {
+    Reply(stream, CommandError(line));
+    return;
   }
-  const bool off = def.size() > 4 && def.ends_with("/OFF");
-  if (!off) kept.push_back(def);
-  e.session.filters = Join(kept, ";");
-  ctx_.store.Save(e.call, "FILTER", e.session.filters);
-  Reply(stream, off ? "Filter " + name + " off" : "Filter " + def + " saved");
+  const uint32_t dxbm = e.session.dxbm, dxbm2 = e.session.dxbm2;
+  const std::vector<std::string> before = e.session.filter_lines;
+  const UserFilters::Reply r = ctx_.filters->Apply(stream, line, e.session);
+  if (r.ok) {
+    if (e.session.dxbm != dxbm || e.session.dxbm2 != dxbm2) {
+      ctx_.store.Save(e.call, "DXBM", fmt::format("{}/{}", e.session.dxbm, e.session.dxbm2));
+    }
+    if (e.session.filter_lines != before) {
+      ctx_.store.SaveLines(e.call, "FILTER", e.session.filter_lines);
+    }
+  }
+  Reply(stream, r.text);
+  if (r.ok && !e.session.Has(kSwFilters)) Reply(stream, kFiltersOffNote);
+}
+
+void CommandInterpreter::TestFilter(int stream, std::string_view args) {
+  const StreamEntry& e = ctx_.streams.at(stream);
+  const std::vector<std::string_view> words = Split(args, ' ');
+  double khz = 0;
+  if (words.size() < 2 || !ParseDouble(words[0], khz) || !(khz > 0) || !ctx_.filters) {
+    Reply(stream, "Usage: TEST/FILTER <freq> <dxcall> [by <spotter>] [<comment>]");
+    return;
+  }
+  std::string spotter = e.call;
+  size_t next = 2;
+  if (words.size() >= 4 && EqualsIgnoreCase(words[2], "BY")) {
+    spotter = std::string(words[3]);
+    next = 4;
+  }
+  std::vector<std::string_view> rest(words.begin() + std::ptrdiff_t(next), words.end());
+  const std::string comment = Join(rest, " ");
+  const Spot spot = ctx_.filters->SampleSpot(khz, words[1], spotter, comment, ctx_.node_call);
+  const FilterDecision d = ctx_.filters->Test(stream, spot);
+  std::string what = fmt::format("{:.1f} {} by {}", khz, spot.dx_call(), spot.spotter());
+  if (!comment.empty()) what += " \"" + comment + "\"";
+  if (d.rule_id.empty()) {
+    Reply(stream, what + ": pass (no filter rule decides)");
+  } else {
+    Reply(stream,
+          fmt::format("{}: {} by {}: {}", what, d.pass ? "pass" : "drop", d.rule_id, d.rule_text));
+  }
+  if (!e.session.Has(kSwFilters)) Reply(stream, kFiltersOffNote);
 }
 
 void CommandInterpreter::Show(int stream, std::string_view line, std::string_view rest) {
@@ -824,8 +868,19 @@ void CommandInterpreter::Show(int stream, std::string_view line, std::string_vie
     Lines(stream, services_.NetworkLines("nodes"));
   } else if (MatchAbbrev("LINKS", 2, word)) {
     if (RequireSysop(stream, line)) Lines(stream, services_.NetworkLines("links"));
-  } else if (MatchAbbrev("FILTER", 3, word)) {
-    Reply(stream, "No spot filters are set; every spot your switches allow is shown.");
+  } else if (MatchAbbrev("FILTERS", 3, word)) {
+    if (EqualsIgnoreCase(Trim(arg), "WHY")) {
+      std::vector<std::string> why =
+          ctx_.filters ? ctx_.filters->WhyLines(stream) : std::vector<std::string>{};
+      if (why.empty()) why.push_back("No spots have been held back by your filters.");
+      Lines(stream, why);
+    } else {
+      Lines(stream, ctx_.filters ? ctx_.filters->Describe(stream, e.session)
+                                 : std::vector<std::string>{"No filters on this node."});
+    }
+  } else if (MatchAbbrev("DXBM", 4, word) || MatchAbbrev("DXBANDMODE", 3, word)) {
+    const UserFilters* f = ctx_.filters ? ctx_.filters->Of(stream) : nullptr;
+    Reply(stream, f ? f->Describe().front() : fmt::format("DXBM {}/{}", s.dxbm, s.dxbm2));
   } else if (word.empty()) {
     Reply(stream, CommandError(line));
   } else {

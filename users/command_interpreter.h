@@ -47,7 +47,10 @@ class CommandInterpreter {
     if (!quiet_) ctx_.SendLine(stream, text);
   }
   void RunPreset(int stream, const std::vector<std::string>& lines, std::string_view done);
-  void SetFilter(int stream, std::string_view definition);
+  // A filter command (SET/FILTER, SET/DXBM, ACCEPT/, REJECT/, CLEAR/): applied to the
+  // stream's compiled filters and stored at once.
+  void FilterCommand(int stream, std::string_view line);
+  void TestFilter(int stream, std::string_view args);
   void Lines(int stream, const std::vector<std::string>& lines);
 
   UserContext& ctx_;

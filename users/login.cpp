@@ -7,6 +7,7 @@
 #include "core/file_util.h"
 #include "core/text_util.h"
 #include "spots/call_sign.h"
+#include "users/filter_book.h"
 #include "users/user_record.h"
 
 namespace qx {
@@ -163,6 +164,7 @@ void Login::OnCall(int stream, std::string_view line) {
   }
   const UserRecordLoad loaded = ctx_.store.Load(call, e.state);
   e.session = loaded.settings;
+  LoadFilters(stream);
   if (ctx_.access.NeedsPassword(call)) {
     e.login_stage = LoginStage::kAwaitingPassword;
     ctx_.SendLine(stream, "password: ");
@@ -398,6 +400,7 @@ bool Login::CheckDupeConnection(int stream) {
   // The session moves to the new stream: its settings survive, and neither the user count
   // nor the other nodes see a log-out.
   e.session = o.session;
+  if (ctx_.filters) ctx_.filters->Move(old, stream);
   e.privilege = std::max(e.privilege, o.privilege);
   e.client_type = o.client_type;
   ctx_.log.Write("CheckDupeConnection",
@@ -463,6 +466,7 @@ void Login::BuildPrompt(int stream) {
 
 void Login::OnLoggedOut(int stream) {
   StreamEntry& e = ctx_.streams.at(stream);
+  if (ctx_.filters) ctx_.filters->Drop(stream);
   ConnectionLog(stream, "Logout");
   ctx_.relay.UserLoggedInOut(e.call, stream, false);
 }
@@ -472,6 +476,7 @@ void Login::OnRecovered(int stream) {
   if (!e.IsUser() || e.call.empty()) return;
   const UserRecordLoad loaded = ctx_.store.Load(e.call, e.state);
   e.session = loaded.settings;
+  LoadFilters(stream);
   e.login_stage = LoginStage::kLoggedIn;
   e.privilege = RecoveredPrivilege(e.call, e.frontend_attributes);
   BuildPromptTemplates(stream);
@@ -492,6 +497,20 @@ int Login::RecoveredPrivilege(std::string_view call, std::string_view attributes
     }
   }
   return std::min(level, highest);
+}
+
+void Login::LoadFilters(int stream) {
+  if (!ctx_.filters) return;
+  StreamEntry& e = ctx_.streams.at(stream);
+  const FilterBook::LoadResult r = ctx_.filters->Load(stream, e.session);
+  for (const std::string& error : r.errors) {
+    ctx_.log.Write("Filters", e.call + ": stored filter dropped: " + error);
+  }
+  if (r.rewrite) {
+    // Old-form or broken lines are read once; what was understood is stored afresh.
+    e.session.filter_lines = ctx_.filters->Of(stream)->RecordLines();
+    ctx_.store.SaveLines(e.call, "FILTER", e.session.filter_lines);
+  }
 }
 
 void Login::ConnectionLog(int stream, std::string_view what) {

@@ -80,6 +80,8 @@ class Login {
   void Complete(int stream, bool name_was_set);
   void Refuse(int stream);
   int RecoveredPrivilege(std::string_view call, std::string_view attributes) const;
+  // Compiles the stream's filters from its session; logs and re-stores lines it had to drop.
+  void LoadFilters(int stream);
   void ConnectionLog(int stream, std::string_view what);
 
   UserContext& ctx_;

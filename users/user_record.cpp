@@ -85,7 +85,8 @@ void ApplyPc41(int type, std::string_view value, SessionSettings& s) {
 }
 
 // Rebuilds the record text: a line for which `matches` holds is replaced by new_line (once;
-// later duplicates are dropped), every other non-blank line is kept as it stands.
+// later duplicates are dropped), every other non-blank line is kept as it stands.  new_line
+// may hold several lines joined by CR LF, or none at all (the matching lines just go).
 template <typename Match>
 std::string RebuildRecord(std::string_view text, const Match& matches, std::string_view new_line) {
   std::string out;
@@ -97,11 +98,12 @@ std::string RebuildRecord(std::string_view text, const Match& matches, std::stri
       if (placed) continue;
       line = new_line;
       placed = true;
+      if (line.empty()) continue;
     }
     out += line;
     out += "\r\n";
   }
-  if (!placed) {
+  if (!placed && !new_line.empty()) {
     out += new_line;
     out += "\r\n";
   }
@@ -243,7 +245,7 @@ void ApplyUserRecord(std::string_view text, int set, SessionSettings& s) {
         s.dxbm2 = mask2;
       }
     } else if (key == "FILTER") {
-      s.filters = std::string(value);
+      s.filter_lines.emplace_back(value);
     } else if (key == "MAILNUMBER") {
       s.mail_number = ParseIntOr(Trim(value), 0);
     } else if (key == "RESOLUTION") {
@@ -266,6 +268,23 @@ std::string ReplaceRecordLine(std::string_view text, std::string_view key, int s
     return LineKey(line) == key && LineSet(Field(line, 1)) == set;
   };
   return RebuildRecord(text, matches, new_line);
+}
+
+std::string ReplaceRecordLines(std::string_view text, std::string_view key, int set,
+                               const std::vector<std::string>& values) {
+  std::string lines;
+  for (const std::string& v : values) {
+    if (!lines.empty()) lines += "\r\n";
+    lines += key;
+    lines += '^';
+    lines += std::to_string(set);
+    lines += '^';
+    lines += v;
+  }
+  const auto matches = [&](std::string_view line) {
+    return LineKey(line) == key && LineSet(Field(line, 1)) == set;
+  };
+  return RebuildRecord(text, matches, lines);
 }
 
 std::string ReplacePc41Line(std::string_view text, int type, std::string_view value) {
@@ -343,15 +362,32 @@ UserRecordLoad UserStore::Load(std::string_view call, int stream_state,
 
 bool UserStore::Rewrite(const std::filesystem::path& target, const std::filesystem::path& seed,
                         std::string_view key, int set_or_type, std::string_view value, bool pc41) {
+  return RewriteWith(target, seed, [&](std::string_view base) {
+    return pc41 ? ReplacePc41Line(base, set_or_type, value)
+                : ReplaceRecordLine(base, key, set_or_type, value);
+  });
+}
+
+bool UserStore::RewriteWith(const std::filesystem::path& target, const std::filesystem::path& seed,
+                            const std::function<std::string(std::string_view)>& change) {
   if (target.empty()) return false;
   std::error_code ec;
   std::filesystem::create_directories(target.parent_path(), ec);
   std::optional<std::string> old = ReadFileText(target);
   if (!old && !seed.empty()) old = ReadFileText(seed);
-  const std::string_view base = old ? std::string_view(*old) : std::string_view();
-  const std::string text = pc41 ? ReplacePc41Line(base, set_or_type, value)
-                                : ReplaceRecordLine(base, key, set_or_type, value);
-  return AtomicWriteFile(target, text);
+  return AtomicWriteFile(target, change(old ? std::string_view(*old) : std::string_view()));
+}
+
+bool UserStore::SaveLines(std::string_view call, std::string_view key,
+                          const std::vector<std::string>& values) {
+  const std::string upper_key = ToUpper(Trim(key));
+  if (!ValidKey(upper_key) || upper_key == kPc41) return false;
+  std::vector<std::string> clean;
+  clean.reserve(values.size());
+  for (const std::string& v : values) clean.push_back(CleanValue(v, /*allow_caret=*/true));
+  return RewriteWith(LocalPath(call), RemotePath(call), [&](std::string_view base) {
+    return ReplaceRecordLines(base, upper_key, SettingsSet(call), clean);
+  });
 }
 
 bool UserStore::Save(std::string_view call, std::string_view key, std::string_view value) {

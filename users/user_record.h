@@ -7,14 +7,17 @@
 // "PC41^0^<type>^<value>"; those lines belong to every set.
 //
 // Besides the classic keys (PC41, WIDTH, SETTINGS, DXBM, FILTER, MAILNUMBER) the record holds
-// "RESOLUTION" (1 or 2 decimals) and "PROMPT" ("", "%M>" or ">") in the same layout.  A
-// FILTER line's value is everything after its set field, carets included, as the filter
-// code saved it.  Lines with keys this code does not know are kept on every rewrite.
+// "RESOLUTION" (1 or 2 decimals) and "PROMPT" ("", "%M>" or ">") in the same layout.  A set
+// holds one "FILTER" line per filter rule, "FILTER^set^<kind>^<id>^<rule as typed>" (see
+// users/filter_book.h); a line's value is everything after its set field, carets included.
+// Lines with keys this code does not know are kept on every rewrite.
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/program_dir.h"
 #include "core/session.h"
@@ -60,6 +63,10 @@ void ApplyUserRecord(std::string_view text, int set, SessionSettings& s);
 // when missing); every other line is kept.  Lines end with CR LF.
 std::string ReplaceRecordLine(std::string_view text, std::string_view key, int set,
                               std::string_view value);
+// The record text with every line of key and set replaced by one "key^set^value" line per
+// value, placed where the first of the old lines stood (at the end when there was none).
+std::string ReplaceRecordLines(std::string_view text, std::string_view key, int set,
+                               const std::vector<std::string>& values);
 // The record text with the PC41 line of that information type replaced.
 std::string ReplacePc41Line(std::string_view text, int type, std::string_view value);
 
@@ -89,6 +96,10 @@ class UserStore {
   // keeping every other line.  A user with only a remote record starts from that record's
   // lines.  False when the key cannot be stored ("PC41", empty, carets) or the write failed.
   bool Save(std::string_view call, std::string_view key, std::string_view value);
+  // Replaces every line of key in the call's settings set with one line per value (carets
+  // allowed in values); no values removes them.
+  bool SaveLines(std::string_view call, std::string_view key,
+                 const std::vector<std::string>& values);
 
   // Personal information typed on this node (SET/NAME, QTH, LOCATION, HOMENODE, QRA):
   // type 1 name, 2 QTH, 3 location, 4 home node, 5 grid.  A location that does not parse
@@ -106,6 +117,9 @@ class UserStore {
  private:
   bool Rewrite(const std::filesystem::path& target, const std::filesystem::path& seed,
                std::string_view key, int set_or_type, std::string_view value, bool pc41);
+  // Reads target (seed when target is missing), applies change, writes target atomically.
+  bool RewriteWith(const std::filesystem::path& target, const std::filesystem::path& seed,
+                   const std::function<std::string(std::string_view)>& change);
 
   ProgramDir dir_;
 };

@@ -166,6 +166,7 @@ function renderStreams() {
       el('td', {class: colourClass(s.colour)}, s.call),
       el('td', {}, s.kind), el('td', {}, s.state), el('td', {}, s.peer), el('td', {}, s.port),
       el('td', {}, timeText(s.since)), el('td', {}, s.name),
+      el('td', {}, filtersCell(s.filters)),
       el('td', {},
         el('button', {onclick: () => { setFollow(s.number); showPage('monitor'); }}, 'Follow'),
         ' ',
@@ -183,6 +184,13 @@ function renderStreams() {
   }
   select.value = keep;
   return Promise.resolve();
+}
+
+// A user's filters as SH/FILTER shows them: the first line (on or off) opens the rest.
+function filtersCell(lines) {
+  if (!lines || lines.length === 0) return '';
+  return el('details', {class: 'filters'}, el('summary', {}, lines[0]),
+            el('pre', {}, lines.slice(1).join('\n')));
 }
 
 async function disconnectStream(s) {

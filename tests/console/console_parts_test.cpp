@@ -127,11 +127,20 @@ TEST_F(ConsoleApiTest, LogonMessagesLinksStreamsAndShutdown) {
   Call("POST", "links/remove", R"({"name":"GB7BBB"})");
   EXPECT_EQ(Call("GET", "links")["links"].size(), 1u);
 
-  model_.streams.push_back(
-      {7, "K1ABC", "user", 1, "127.0.0.1:5000", 0, MakeUtc(2026, 11, 5, 12), "Bob", "white"});
+  model_.streams.push_back({7,
+                            "K1ABC",
+                            "user",
+                            1,
+                            "127.0.0.1:5000",
+                            0,
+                            MakeUtc(2026, 11, 5, 12),
+                            "Bob",
+                            "white",
+                            {"Filters are on.", "SPOTS A1: acc/spots on hf"}});
   const json streams = Call("GET", "streams")["streams"];
   ASSERT_EQ(streams.size(), 1u);
   EXPECT_EQ(streams[0]["call"], "K1ABC");
+  EXPECT_EQ(streams[0]["filters"][1], "SPOTS A1: acc/spots on hf");
   EXPECT_EQ(streams[0]["since"], 1793880000);
   Call("POST", "streams/disconnect", R"({"stream":"7"})", 400);
   Call("POST", "streams/disconnect", R"({"stream":7})");
@@ -227,6 +236,7 @@ TEST(ConsoleMetricsTest, PrometheusText) {
   m.nodes = 3;
   m.spots_in = {{"node", 100}, {"user", 5}};
   m.refusals = {{"bad \"call\"", 2}};
+  m.spots_filtered = {{"node", 9}};
   m.user_queue_high_water = {{"K1ABC", 40}};
   m.delay_buckets = {{0.001, 3}, {0.01, 7}};
   m.delay_count = 8;
@@ -235,6 +245,8 @@ TEST(ConsoleMetricsTest, PrometheusText) {
   const std::string text = FormatMetrics(m);
   EXPECT_THAT(text, HasSubstr("# TYPE qx_users gauge\nqx_users 12\n"));
   EXPECT_THAT(text, HasSubstr("qx_spots_in_total{source=\"node\"} 100\n"));
+  EXPECT_THAT(text, HasSubstr("# TYPE qx_spots_filtered_total counter\n"));
+  EXPECT_THAT(text, HasSubstr("qx_spots_filtered_total{source=\"node\"} 9\n"));
   EXPECT_THAT(text, HasSubstr("qx_refusals_total{reason=\"bad \\\"call\\\"\"} 2\n"));
   EXPECT_THAT(text, HasSubstr("qx_user_output_queue_high_water{call=\"K1ABC\"} 40\n"));
   EXPECT_THAT(text, HasSubstr("qx_spot_delivery_delay_seconds_bucket{le=\"0.01\"} 7\n"));

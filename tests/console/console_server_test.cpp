@@ -369,7 +369,8 @@ TEST_F(ConsoleServerTest, MonitorLinesAndConnectionChangesArriveOnTheWebSocket) 
 
   // A burst of connection changes becomes a snapshot of the streams.
   OnIo([this] {
-    model_.streams.push_back({3, "G4XYZ", "user", 1, "127.0.0.1:4000", 0, SysTime{}, "Ann", ""});
+    model_.streams.push_back(
+        {3, "G4XYZ", "user", 1, "127.0.0.1:4000", 0, SysTime{}, "Ann", "", {}});
     for (int i = 0; i < 50; ++i) model_.monitor_obj.Write(MonitorChannel::kConnections, "3");
     return 0;
   });

@@ -170,8 +170,15 @@ TEST_F(DistributionTest, LocatorLookupWinsAndFilterIsAsked) {
   dist.set_locator_lookup([](std::string_view call) {
     return call == "K1ABC" ? std::string_view("FN42lk") : std::string_view();
   });
-  dist.set_filter([](const StreamEntry& e, const Spot&) { return e.call != "G2BBB"; });
+  // Prepared once per spot, then asked per user.
+  struct NotG2 : SpotFilter {
+    void Prepare(const Spot&) override { ++prepared; }
+    bool Passes(int, const StreamEntry& e, const Spot&) override { return e.call != "G2BBB"; }
+    int prepared = 0;
+  } filter;
+  dist.set_filter(&filter);
   dist.OutputSpotToAll(s);
+  EXPECT_EQ(filter.prepared, 1);
   // Cut to the user's 79 columns.
   EXPECT_EQ(sink_.sent[1].substr(70), "0315Z FN4\r\n");
   EXPECT_EQ(sink_.sent.count(2), 0u);

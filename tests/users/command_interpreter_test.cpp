@@ -105,23 +105,12 @@ TEST_F(InterpreterTest, WidthResolutionAndDxbmArePersisted) {
   EXPECT_EQ(Run("SET/WIDTH 5"), "SET/WIDTH 5 command error\r\n");
   EXPECT_EQ(Run("SET/RES 2"), "Resolution set to 2 decimals\r\n");
   EXPECT_EQ(Run("SET/RES 3"), "SET/RES 3 command error\r\n");
-  Run("SET/DXBM 12/34");
+  EXPECT_EQ(Run("SET/DXBM 12/34"), "DXBM set to 12/34 (no band)\r\n");
   const SessionSettings loaded = store_.Load("K1ABC", kStateUser).settings;
   EXPECT_EQ(loaded.width, 80);
   EXPECT_EQ(loaded.resolution, 2);
   EXPECT_EQ(loaded.dxbm, 12u);
   EXPECT_EQ(loaded.dxbm2, 34u);
-}
-
-TEST_F(InterpreterTest, PresetsLeaveTheirMasks) {
-  EXPECT_EQ(Run("SET/CONTEST"), "Contest settings applied\r\n");
-  EXPECT_EQ(streams_.at(1).session.dxbm, 1610792964u);
-  EXPECT_EQ(streams_.at(1).session.dxbm2, 65535u);
-  EXPECT_THAT(streams_.at(1).session.filters, HasSubstr("KEYWORD/REJ CW,ROS,PSK,IOTA,JT65,JT9"));
-  EXPECT_EQ(Run("SET/NOFILTERS"), "All filters off\r\n");
-  EXPECT_EQ(streams_.at(1).session.dxbm, 1006827524u);
-  EXPECT_EQ(streams_.at(1).session.dxbm2, 15370u);
-  EXPECT_EQ(streams_.at(1).session.filters, "");
 }
 
 TEST_F(InterpreterTest, LocationIsCheckedAndRelayed) {

@@ -13,8 +13,11 @@
 #include "core/program_dir.h"
 #include "core/stream_output.h"
 #include "core/stream_table.h"
+#include "spots/bands.h"
+#include "spots/country.h"
 #include "tests/testlib/test_util.h"
 #include "users/command_interpreter.h"
+#include "users/filter_book.h"
 #include "users/login.h"
 #include "users/user_record.h"
 
@@ -92,6 +95,12 @@ class UserFixture : public ::testing::Test {
         interp_(ctx_, login_, services_) {
     std::string error;
     dir_.CreateTree(&error);
+    countries_.LoadText(
+        "United States: 05: 08: NA: 37.60: 91.87: 5.0: K:\n    AA,K,N,W;\n"
+        "Germany: 14: 28: EU: 51.00: -10.00: -1.0: DL:\n    DA,DB,DC,DD,DF,DG,DH,DJ,DK,DL;\n"
+        "Japan: 25: 45: AS: 36.40: -138.38: -9.0: JA:\n    JA,JE,JF,JG,JH;\n");
+    ctx_.countries = &countries_;
+    ctx_.filters = &filters_;
     login_.set_interpreter([this](int s, std::string_view l) { interp_.Execute(s, l); });
     interp_.set_help_address("https://example.org/help");
   }
@@ -137,6 +146,9 @@ class UserFixture : public ::testing::Test {
   RecordingNodeRelay relay_;
   AccessLists access_;
   LogonMessages messages_;
+  BandTable bands_ = BandTable::SetupFreqRanges();
+  CountryLookup countries_;
+  FilterBook filters_{bands_, &countries_, clock_};
   UserContext ctx_;
   FakeServices services_;
   Login login_;

@@ -74,7 +74,7 @@ TEST(ApplyUserRecord, KeysDefaultsAndSets) {
   EXPECT_EQ(s.switches, 12345u);
   EXPECT_EQ(s.dxbm, 1040382980u);  // stored 0/0
   EXPECT_EQ(s.dxbm2, 15880u);
-  EXPECT_EQ(s.filters, "1^DOC/ON,K");
+  EXPECT_EQ(s.filter_lines, std::vector<std::string>{"1^DOC/ON,K"});
   EXPECT_EQ(s.mail_number, 17);
   EXPECT_EQ(s.resolution, 2);
   EXPECT_EQ(s.prompt_form, "%M>");
@@ -192,7 +192,7 @@ TEST_F(UserStoreTest, SaveKeepsEveryOtherLine) {
   const SessionSettings s = store_.Load("XX9GHI", kStateUser).settings;
   EXPECT_EQ(s.prompt_form, "%M>WIDTH01");  // carets only survive in FILTER
   EXPECT_EQ(s.width, 75);
-  EXPECT_EQ(s.filters, "1^DOC/ON");
+  EXPECT_EQ(s.filter_lines, std::vector<std::string>{"1^DOC/ON"});
   EXPECT_EQ(s.switches, 77u);
   EXPECT_FALSE(store_.Save("XX9GHI", "PC41", "x"));
   EXPECT_FALSE(store_.Save("XX9GHI", "BAD^KEY", "x"));
