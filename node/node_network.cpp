@@ -114,7 +114,10 @@ NodeNetwork::NodeNetwork(NodeNetworkOptions options, NodeNetworkDeps deps)
   }
   processor_.SetHandler(51, [this](PcSentence& s) { return OnPc51(s); });
   // Informational sentences this node takes no action on.
-  for (int n : {23, 24, 50, 73}) processor_.SetHandler(n, [](PcSentence&) { return true; });
+  for (int n : {24, 50}) processor_.SetHandler(n, [](PcSentence&) { return true; });
+  for (int n : {23, 73}) {
+    processor_.SetHandler(n, [this](PcSentence& s) { return OnPropagation(s); });
+  }
 }
 
 NodeNetwork::~NodeNetwork() = default;
@@ -1165,6 +1168,21 @@ bool NodeNetwork::OnOther(PcSentence& s) {
     default:
       return false;
   }
+}
+
+bool NodeNetwork::OnPropagation(PcSentence& s) {
+  // The propagation service checks and keeps the report; a new one goes on with one hop
+  // less, never back to its origin.  Legacy nodes were never sent WCY and do not expect it.
+  if (!deps_.propagation || !deps_.propagation(s)) return false;
+  const size_t origin = s.number == 23 ? 8 : 12;
+  std::string& hop = s.fields[size_t(s.last() - 1)];
+  if (!processor_.state().HopsOk(hop)) return true;
+  SendToLinks(s.Join() + "\r\n", s.stream, true, s.number == 23, s.fields[origin]);
+  return true;
+}
+
+void NodeNetwork::SendPropagation(std::string_view sentence) {
+  SendToLinks(sentence, 0, true, sentence.starts_with("PC23"));
 }
 
 bool NodeNetwork::OnPc39(PcSentence& s) {
