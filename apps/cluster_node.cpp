@@ -188,7 +188,8 @@ void ClusterNode::SetUpPropagation() {
   WwvFetchOptions o;
   o.enabled = EqualsIgnoreCase(Trim(config_.Get("Get WWV")), "True");
   o.url = std::string(Trim(config_.Get("WWV URL")));
-  const auto get = [this](const WwvFetchRequest& r, std::function<void(const WwvFetchReply&)> done) {
+  const auto get = [this](const WwvFetchRequest& r,
+                          std::function<void(const WwvFetchReply&)> done) {
     HttpGetRequest q;
     q.url = r.url;
     q.if_modified_since = r.if_modified_since;
@@ -199,11 +200,11 @@ void ClusterNode::SetUpPropagation() {
                          std::move(res.last_modified), std::move(res.etag)});
     });
   };
-  wwv_fetch_ = std::make_unique<WwvFetcher>(o, clock_, *propagation_, get,
-                                            [this](std::string_view text) {
-                                              log_.Write("WWV", text);
-                                              monitor_.Console(std::string(text));
-                                            });
+  wwv_fetch_ =
+      std::make_unique<WwvFetcher>(o, clock_, *propagation_, get, [this](std::string_view text) {
+        log_.Write("WWV", text);
+        monitor_.Console(std::string(text));
+      });
 }
 
 std::vector<std::string> ClusterNode::ShowPropagation(std::string_view what,

@@ -57,9 +57,9 @@ asio::awaitable<void> Exchange(Stream& stream, const HttpGetRequest& req, const 
   parser.body_limit(req.max_body);
   co_await http::async_read(stream, buffer, parser, asio::redirect_error(asio::use_awaitable, ec));
   if (ec) {
-    result.error = ec == http::error::body_limit ? "the answer is larger than " +
-                                                       std::to_string(req.max_body) + " bytes"
-                                                 : "reading the answer: " + ec.message();
+    result.error = ec == http::error::body_limit
+                       ? "the answer is larger than " + std::to_string(req.max_body) + " bytes"
+                       : "reading the answer: " + ec.message();
     co_return;
   }
   http::response<http::string_body>& response = parser.get();

@@ -132,8 +132,8 @@ std::string BuildPc23(const WwvReport& r, int hops) {
 
 std::string BuildPc73(const WcyReport& r, int hops) {
   return fmt::format("PC73^{}^{}^{:>3}^{:>3}^{:>3}^{}^{}^{}^{}^{}^{}^{}^H{}^\r\n", r.date, r.hour,
-                     r.sfi, r.a, r.k, r.expected_k, r.r, r.sa, r.gmf, r.aurora, r.logger,
-                     r.origin, hops);
+                     r.sfi, r.a, r.k, r.expected_k, r.r, r.sa, r.gmf, r.aurora, r.logger, r.origin,
+                     hops);
 }
 
 std::string WwvUserLine(const WwvReport& r) {
@@ -162,8 +162,9 @@ std::string WcyListHeader() {
 }
 
 std::string WcyListRow(const WcyReport& r) {
-  return fmt::format(" {:<11}  {:>3}   {:>3} {:>3} {:>3} {:>5} {:>3} {:<4} {:<4} {:<8} <{}>", r.date,
-                     r.hour, r.sfi, r.a, r.k, r.expected_k, r.r, r.sa, r.gmf, r.aurora, r.logger);
+  return fmt::format(" {:<11}  {:>3}   {:>3} {:>3} {:>3} {:>5} {:>3} {:<4} {:<4} {:<8} <{}>",
+                     r.date, r.hour, r.sfi, r.a, r.k, r.expected_k, r.r, r.sa, r.gmf, r.aurora,
+                     r.logger);
 }
 
 bool ParseWwvCommand(std::string_view args, WwvReport& out, std::string& error) {
@@ -181,7 +182,8 @@ bool ParseWwvCommand(std::string_view args, WwvReport& out, std::string& error) 
   for (size_t i = 0; i < 3; ++i) {
     const std::string_view part = Trim(parts[i]);
     const size_t eq = part.find('=');
-    if (eq == std::string_view::npos || !EqualsIgnoreCase(Trim(part.substr(0, eq)), numbers[i].key)) {
+    if (eq == std::string_view::npos ||
+        !EqualsIgnoreCase(Trim(part.substr(0, eq)), numbers[i].key)) {
       error = "Syntax: WWV SF=<solar flux>,A=<A index>,K=<K index>,<forecast>";
       return false;
     }

@@ -121,7 +121,8 @@ bool ParseWwvText(std::string_view text, WwvText& out, std::string& error) {
     error = "no issue date";
     return false;
   }
-  const std::vector<Words> head = Sentences(text.substr(issued + 8, text.find('\n', issued) - issued - 8));
+  const std::vector<Words> head =
+      Sentences(text.substr(issued + 8, text.find('\n', issued) - issued - 8));
   double year = 0;
   double day = 0;
   double hhmm = 0;

@@ -17,8 +17,8 @@ struct WwvText {
   int hour = 0;      // the hour the K index was measured (else the issue hour)
   int sfi = 0;
   int a = 0;
-  int k = 0;              // rounded to the nearest whole number
-  std::string forecast;   // "No Storms -> Minor w/G1", "" when the text says nothing
+  int k = 0;             // rounded to the nearest whole number
+  std::string forecast;  // "No Storms -> Minor w/G1", "" when the text says nothing
 };
 
 // False when the text lacks a figure a WWV needs (issue date, solar flux, A or K index) or

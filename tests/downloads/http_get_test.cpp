@@ -17,11 +17,13 @@ using asio::ip::tcp;
 // validator it handed out, 200 with the text otherwise; or, told so, never answers.
 class LocalServer {
  public:
-  explicit LocalServer(asio::io_context& io) : acceptor_(io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0)) {
+  explicit LocalServer(asio::io_context& io)
+      : acceptor_(io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0)) {
     Accept();
   }
   std::string Url() const {
-    return "http://127.0.0.1:" + std::to_string(acceptor_.local_endpoint().port()) + "/text/wwv.txt";
+    return "http://127.0.0.1:" + std::to_string(acceptor_.local_endpoint().port()) +
+           "/text/wwv.txt";
   }
   std::string body = "Solar flux 140";
   bool silent = false;
@@ -37,15 +39,17 @@ class LocalServer {
                              [this, s, buffer](boost::system::error_code ec, size_t n) {
                                if (ec) return;
                                requests.push_back(buffer->substr(0, n));
-                               if (!silent) Answer(s, requests.back());
-                               else held_.push_back(s);
+                               if (!silent)
+                                 Answer(s, requests.back());
+                               else
+                                 held_.push_back(s);
                              });
       Accept();
     });
   }
   void Answer(std::shared_ptr<tcp::socket> s, const std::string& request) {
-    const bool fresh = request.find("If-Modified-Since: Thu, 05 Nov 2026 15:05:00 GMT") !=
-                       std::string::npos;
+    const bool fresh =
+        request.find("If-Modified-Since: Thu, 05 Nov 2026 15:05:00 GMT") != std::string::npos;
     auto reply = std::make_shared<std::string>(
         fresh ? "HTTP/1.1 304 Not Modified\r\nContent-Length: 0\r\n\r\n"
               : "HTTP/1.1 200 OK\r\nLast-Modified: Thu, 05 Nov 2026 15:05:00 GMT\r\n"

@@ -50,8 +50,8 @@ TEST_F(PropagationSystemTest, AWwvEnteredOnOneNodeReachesTheOthersUsers) {
   sysop->SendLine("WWV SF=150,A=8,K=12,Quiet");
   ASSERT_TRUE(sysop->ReadUntil("K must be a number from 0 to 9")) << sysop->received();
   sysop->SendLine("WWV SF=150,A=8,K=2,No Storms -> Minor w/G1");
-  const std::string line = fmt::format("WWV de K1SYS <{:02}>: SFI=150, A=8, K=2, No Storms -> Minor w/G1",
-                                       HourNow());
+  const std::string line =
+      fmt::format("WWV de K1SYS <{:02}>: SFI=150, A=8, K=2, No Storms -> Minor w/G1", HourNow());
   ASSERT_TRUE(user_b->ReadUntil(line)) << user_b->received() << Logs(b);
   ASSERT_TRUE(user_a->ReadUntil(line)) << user_a->received();
   EXPECT_EQ(CountAfterDrain(*user_b, "WWV de"), 1u);
@@ -79,12 +79,13 @@ TEST_F(PropagationSystemTest, ReportsFromAPeerAreShownOnceAndSurviveARestart) {
   const int hour = HourNow();
   peer->SendLine(fmt::format("PC23^{}^{}^160^  9^ 3^Minor^Q4LOG^K9PCX^H20^~", date, hour));
   peer->SendLine(fmt::format("PC23^{}^{}^160^9^12^Broken^Q4LOG^K9PCX^H20^~", date, hour));
-  peer->SendLine(fmt::format("PC73^{}^{}^160^  9^  3^2^120^act^qui^no^Q4WCY^K9PCX^H20^", date,
-                             hour));
+  peer->SendLine(
+      fmt::format("PC73^{}^{}^160^  9^  3^2^120^act^qui^no^Q4WCY^K9PCX^H20^", date, hour));
   peer->SendLine(fmt::format("PC23^{}^{}^160^9^3^Minor^Q4LOG^K9PCX^H19^", date, hour));
-  ASSERT_TRUE(user->ReadUntil(fmt::format("WCY de Q4WCY <{:02}> : K=3 expK=2 A=9 R=120 SFI=160 "
-                                          "SA=act GMF=qui Au=no",
-                                          hour)))
+  ASSERT_TRUE(
+      user->ReadUntil(fmt::format("WCY de Q4WCY <{:02}> : K=3 expK=2 A=9 R=120 SFI=160 "
+                                  "SA=act GMF=qui Au=no",
+                                  hour)))
       << user->received();
   EXPECT_THAT(user->received(),
               HasSubstr(fmt::format("WWV de Q4LOG <{:02}>: SFI=160, A=9, K=3, Minor", hour)));

@@ -18,8 +18,8 @@ const SysTime kNow = MakeUtc(2026, 11, 5, 15, 20);
 
 TEST(Pc23Test, TakesPaddedFieldsAndHoldsTheTimeWindow) {
   WwvReport r;
-  ASSERT_EQ(ReadPc23(F("PC23^ 5-Nov-2026^15^220^  4^ 1^R=212 SA:mo=>mo-hi^q4log^Q4LOG^H48^~"),
-                     kNow, true, r),
+  ASSERT_EQ(ReadPc23(F("PC23^ 5-Nov-2026^15^220^  4^ 1^R=212 SA:mo=>mo-hi^q4log^Q4LOG^H48^~"), kNow,
+                     true, r),
             ReportCheck::kOk);
   EXPECT_EQ(r.date, "05-Nov-2026");
   EXPECT_EQ(r.hour, 15);
@@ -36,8 +36,7 @@ TEST(Pc23Test, TakesPaddedFieldsAndHoldsTheTimeWindow) {
   // Age: an hour back is the limit, 25 minutes ahead too.
   EXPECT_EQ(check("PC23^05-Nov-2026^14^220^4^1^x^Q4LOG^Q4LOG^H9^", MakeUtc(2026, 11, 5, 15)),
             ReportCheck::kOk);
-  EXPECT_EQ(check("PC23^05-Nov-2026^14^220^4^1^x^Q4LOG^Q4LOG^H9^",
-                  MakeUtc(2026, 11, 5, 15, 0, 1)),
+  EXPECT_EQ(check("PC23^05-Nov-2026^14^220^4^1^x^Q4LOG^Q4LOG^H9^", MakeUtc(2026, 11, 5, 15, 0, 1)),
             ReportCheck::kTooOld);
   EXPECT_EQ(check("PC23^05-Nov-2026^14^220^4^1^x^Q4LOG^Q4LOG^H9^"), ReportCheck::kTooOld);
   EXPECT_EQ(check("PC23^05-Nov-2026^15^220^4^1^x^Q4LOG^Q4LOG^H9^", MakeUtc(2026, 11, 5, 14, 35)),
@@ -64,10 +63,11 @@ TEST(Pc23Test, TakesPaddedFieldsAndHoldsTheTimeWindow) {
 
 TEST(Pc73Test, ReadsBuildsAndChecks) {
   WcyReport r;
-  ASSERT_EQ(ReadPc73(F("PC73^05-Nov-2026^15^220^  3^1^0^212^act^qui^no^Q4LOG-3^Q6VVV-7^H96^"),
-                     kNow, true, r),
+  ASSERT_EQ(ReadPc73(F("PC73^05-Nov-2026^15^220^  3^1^0^212^act^qui^no^Q4LOG-3^Q6VVV-7^H96^"), kNow,
+                     true, r),
             ReportCheck::kOk);
-  EXPECT_EQ(WcyUserLine(r), "WCY de Q4LOG-3 <15> : K=1 expK=0 A=3 R=212 SFI=220 SA=act GMF=qui Au=no");
+  EXPECT_EQ(WcyUserLine(r),
+            "WCY de Q4LOG-3 <15> : K=1 expK=0 A=3 R=212 SFI=220 SA=act GMF=qui Au=no");
   // What we build reads back to the same report, padded as peers expect.
   const std::string built = BuildPc73(r, 30);
   EXPECT_EQ(built, "PC73^05-Nov-2026^15^220^  3^  1^0^212^act^qui^no^Q4LOG-3^Q6VVV-7^H30^\r\n");
@@ -76,18 +76,18 @@ TEST(Pc73Test, ReadsBuildsAndChecks) {
   EXPECT_EQ(WcyUserLine(again), WcyUserLine(r));
 
   WcyReport ignored;
-  EXPECT_EQ(ReadPc73(F("PC73^05-Nov-2026^15^220^3^1^10^212^act^qui^no^Q4LOG^Q6VVV^H9^"), kNow,
-                     true, ignored),
-            ReportCheck::kOutOfRange);  // expected K
-  EXPECT_EQ(ReadPc73(F("PC73^05-Nov-2026^15^220^3^1^0^212^^qui^no^Q4LOG^Q6VVV^H9^"), kNow, true,
+  EXPECT_EQ(ReadPc73(F("PC73^05-Nov-2026^15^220^3^1^10^212^act^qui^no^Q4LOG^Q6VVV^H9^"), kNow, true,
                      ignored),
-            ReportCheck::kMalformed);
-  EXPECT_EQ(ReadPc73(F("PC73^05-Nov-2026^12^220^3^1^0^212^act^qui^no^Q4LOG^Q6VVV^H9^"), kNow,
-                     true, ignored),
+            ReportCheck::kOutOfRange);  // expected K
+  EXPECT_EQ(
+      ReadPc73(F("PC73^05-Nov-2026^15^220^3^1^0^212^^qui^no^Q4LOG^Q6VVV^H9^"), kNow, true, ignored),
+      ReportCheck::kMalformed);
+  EXPECT_EQ(ReadPc73(F("PC73^05-Nov-2026^12^220^3^1^0^212^act^qui^no^Q4LOG^Q6VVV^H9^"), kNow, true,
+                     ignored),
             ReportCheck::kTooOld);
   // Today's file is read without the age window.
-  EXPECT_EQ(ReadPc73(F("PC73^05-Nov-2026^02^220^3^1^0^212^act^qui^no^Q4LOG^Q6VVV^H9^"), kNow,
-                     false, ignored),
+  EXPECT_EQ(ReadPc73(F("PC73^05-Nov-2026^02^220^3^1^0^212^act^qui^no^Q4LOG^Q6VVV^H9^"), kNow, false,
+                     ignored),
             ReportCheck::kOk);
 }
 

@@ -145,11 +145,11 @@ class WwvFetchTest : public PropagationServiceTest {
     service = Make();
     WwvFetchOptions o;
     o.url = "http://127.0.0.1:1/wwv.txt";
-    fetcher = std::make_unique<WwvFetcher>(
-        o, clock, *service, [this](const WwvFetchRequest& r, auto done) {
-          requests.push_back(r);
-          pending = std::move(done);
-        });
+    fetcher = std::make_unique<WwvFetcher>(o, clock, *service,
+                                           [this](const WwvFetchRequest& r, auto done) {
+                                             requests.push_back(r);
+                                             pending = std::move(done);
+                                           });
   }
   void Answer(WwvFetchReply reply) {
     ASSERT_TRUE(pending);
