@@ -11,6 +11,7 @@
 #include "core/link_secret.h"
 #include "core/process_launcher.h"
 #include "core/text_util.h"
+#include "downloads/http_get.h"
 #include "spots/call_sign.h"
 #include "spots/dx_command.h"
 #include "spots/spot_line.h"
@@ -160,6 +161,11 @@ void ClusterNode::SetUpNetwork() {
     store_.StorePc41(call, record_line, /*remote=*/true);
   };
   deps.pc41.monitor = &monitor_;
+  deps.propagation = [this](const PcSentence& s) {
+    using Intake = PropagationService::Intake;
+    return (s.number == 23 ? propagation_->OnPc23(s.fields) : propagation_->OnPc73(s.fields)) ==
+           Intake::kNew;
+  };
   network_ = std::make_unique<NodeNetwork>(
       NodeNetworkOptions::FromConfig(config_, std::string(kVersion)), std::move(deps));
   network_->Configure(config_);
@@ -180,6 +186,68 @@ void ClusterNode::SaveNetworkState() {
   if (!AtomicWriteFile(NetworkStatePath(), network_->SavedState())) {
     log_.Write("NetworkState", "cannot write " + NetworkStatePath().string());
   }
+}
+
+// WWV and WCY ---------------------------------------------------------------------------
+
+void ClusterNode::SetUpPropagation() {
+  PropagationDeps deps;
+  deps.streams = &streams_;
+  deps.out = this;
+  deps.clock = &clock_;
+  deps.monitor = &monitor_;
+  deps.wwv_dir = dir_.Data("wwv");
+  deps.wcy_dir = dir_.Data("wcy");
+  deps.log = [this](std::string_view tag, std::string_view text) { log_.Write(tag, text); };
+  deps.originate = [this](std::string_view sentence) {
+    if (network_) network_->SendPropagation(sentence);
+  };
+  propagation_ = std::make_unique<PropagationService>(config_.Get("Cluster Call"), std::move(deps));
+  propagation_->LoadToday();
+
+  WwvFetchOptions o;
+  o.enabled = EqualsIgnoreCase(Trim(config_.Get("Get WWV")), "True");
+  o.url = std::string(Trim(config_.Get("WWV URL")));
+  const auto get = [this](const WwvFetchRequest& r,
+                          std::function<void(const WwvFetchReply&)> done) {
+    HttpGetRequest q;
+    q.url = r.url;
+    q.if_modified_since = r.if_modified_since;
+    q.if_none_match = r.if_none_match;
+    q.max_body = 64 * 1024;  // the text is about 1 kB
+    HttpGet(io_, std::move(q), [done = std::move(done)](HttpGetResult res) {
+      done(WwvFetchReply{res.status, std::move(res.error), std::move(res.body),
+                         std::move(res.last_modified), std::move(res.etag)});
+    });
+  };
+  wwv_fetch_ =
+      std::make_unique<WwvFetcher>(o, clock_, *propagation_, get, [this](std::string_view text) {
+        log_.Write("WWV", text);
+        monitor_.Console(std::string(text));
+      });
+}
+
+std::vector<std::string> ClusterNode::ShowPropagation(std::string_view what,
+                                                      std::string_view args) {
+  std::vector<std::string> lines;
+  // One pair of display limits serves both listings.
+  const int default_count = config_.GetInt("Default Display Wwv", 5);
+  const int max_count = config_.GetInt("Maximum Display Wwv", 100);
+  const bool ok = what == "wwv" ? propagation_->ShowWwv(args, default_count, max_count, lines)
+                                : propagation_->ShowWcy(args, default_count, max_count, lines);
+  if (!ok) lines.clear();
+  return lines;
+}
+
+std::string ClusterNode::EnterWwv(int stream, std::string_view line, std::string_view args) {
+  const StreamEntry& e = streams_.at(stream);
+  // Sysops, and the calls the sysop lets enter WWV.
+  ConfigList callers;
+  for (std::string_view c : Split(config_.Get("WWV Callers"), ',')) callers.Add(Trim(c));
+  if (e.privilege <= 0 && !callers.Contains(e.call) && !callers.Contains(BaseCall(e.call))) {
+    return std::string(line) + " - sysop command error";
+  }
+  return propagation_->EnterWwv(e.call, args);
 }
 
 void ClusterNode::ApplySettings() {
@@ -278,14 +346,11 @@ bool ClusterNode::Start(std::string* error) {
   streams_.EnsureCapacity(64);
   StepDone();
 
-  for (const auto& [step, folder, prefix] :
-       {std::tuple{"Loading WWV", "wwv", "wwv-"}, std::tuple{"Loading WCY", "wcy", "wcy-"},
-        std::tuple{"Loading Announcements", "ann", "ann-"}}) {
-    Step(step);
-    // These histories are kept as daily files; the node reads today's to know it is there.
-    ReadFileText(dir_.Data(folder) / (std::string(prefix) + DateText(clock_.Now())));
-    StepDone();
-  }
+  SetUpPropagation();  // "Loading WWV", "Loading WCY"
+  Step("Loading Announcements");
+  // Kept as a daily file; the node reads today's to know it is there.
+  ReadFileText(dir_.Data("ann") / ("ann-" + DateText(clock_.Now())));
+  StepDone();
   SetUpSpots();
   history_->LoadToday(clock_.Now(), bands_, &monitor_);  // "Loading DX Spots" ... done
 
@@ -384,6 +449,7 @@ void ClusterNode::OnTimer() {
     network_->Tick();
     if (network_->TakeStateChanged()) SaveNetworkState();
   }
+  if (wwv_fetch_) wwv_fetch_->Tick();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (!ec) OnTimer();

@@ -23,6 +23,8 @@
 #include "core/stream_table.h"
 #include "core/time_text.h"
 #include "node/node_network.h"
+#include "propagation/propagation_service.h"
+#include "propagation/wwv_fetch.h"
 #include "spots/bad_lists.h"
 #include "spots/bands.h"
 #include "spots/country.h"
@@ -82,6 +84,8 @@ class ClusterNode final : public LinkEvents,
   std::vector<std::string> StationInfo(std::string_view call) override;
   std::string LinkCommand(std::string_view node, bool connect) override;
   void Shutdown() override;
+  std::vector<std::string> ShowPropagation(std::string_view what, std::string_view args) override;
+  std::string EnterWwv(int stream, std::string_view line, std::string_view args) override;
 
  private:
   friend class NodeConsoleModel;
@@ -122,6 +126,7 @@ class ClusterNode final : public LinkEvents,
   IntakeResult TakeSpot(const IntakeRequest& request, bool distribute);
   void SaveHighestRates(bool at_stop);
   void SetUpNetwork();
+  void SetUpPropagation();  // WWV/WCY: today's reports loaded, the fetch set up
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;
@@ -145,6 +150,8 @@ class ClusterNode final : public LinkEvents,
   std::unique_ptr<SpotHistory> history_;
   std::unique_ptr<SpotDistributor> distributor_;
   std::unique_ptr<FilterBook> filter_book_;
+  std::unique_ptr<PropagationService> propagation_;
+  std::unique_ptr<WwvFetcher> wwv_fetch_;
   std::unique_ptr<UserContext> user_ctx_;
   std::unique_ptr<Login> login_;
   std::unique_ptr<CommandInterpreter> interpreter_;

@@ -93,7 +93,10 @@ NodeNetwork::NodeNetwork(NodeNetworkOptions options, NodeNetworkDeps deps)
   }
   processor_.SetHandler(51, [this](PcSentence& s) { return OnPc51(s); });
   // Informational sentences this node takes no action on.
-  for (int n : {23, 24, 50, 73}) processor_.SetHandler(n, [](PcSentence&) { return true; });
+  for (int n : {24, 50}) processor_.SetHandler(n, [](PcSentence&) { return true; });
+  for (int n : {23, 73}) {
+    processor_.SetHandler(n, [this](PcSentence& s) { return OnPropagation(s); });
+  }
 }
 
 NodeNetwork::~NodeNetwork() = default;

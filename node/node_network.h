@@ -73,6 +73,9 @@ struct NodeNetworkDeps {
   Pc41Deps pc41;
   // The user and node counts of the network view changed.
   std::function<void()> counts_changed;
+  // A PC23 (WWV) or PC73 (WCY) from a node, for the propagation service.  True when it is
+  // new here, so that it goes on to the other links.
+  std::function<bool(const PcSentence& s)> propagation;
 };
 
 class NodeNetwork final : public NodeRelay, private NodeOutput {
@@ -140,6 +143,8 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
 
   // An accepted spot (local or from a node): to every other link.
   void RelaySpot(const Spot& spot, int source_stream);
+  // A PC23 or PC73 this node made (CR LF included): to every link that takes it.
+  void SendPropagation(std::string_view sentence);
 
   // What the node knows of the network, as text for the state file under data/, and the same
   // text read back at start (before the front-end link recovers).  False, with the reason,
@@ -260,6 +265,7 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   bool OnPc12(PcSentence& s);
   bool OnPc39(PcSentence& s);
   bool OnPc51(PcSentence& s);
+  bool OnPropagation(PcSentence& s);
   bool OnLegacyTopology(PcSentence& s);
 
   // Local delivery of what came from the network.

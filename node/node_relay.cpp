@@ -290,6 +290,21 @@ bool NodeNetwork::OnOther(PcSentence& s) {
   }
 }
 
+bool NodeNetwork::OnPropagation(PcSentence& s) {
+  // The propagation service checks and keeps the report; a new one goes on with one hop
+  // less, never back to its origin.  Legacy nodes were never sent WCY and do not expect it.
+  if (!deps_.propagation || !deps_.propagation(s)) return false;
+  const size_t origin = s.number == 23 ? 8 : 12;
+  std::string& hop = s.fields[size_t(s.last() - 1)];
+  if (!processor_.state().HopsOk(hop)) return true;
+  SendToLinks(s.Join() + "\r\n", s.stream, true, s.number == 23, s.fields[origin]);
+  return true;
+}
+
+void NodeNetwork::SendPropagation(std::string_view sentence) {
+  SendToLinks(sentence, 0, true, sentence.starts_with("PC23"));
+}
+
 bool NodeNetwork::OnPc39(PcSentence& s) {
   Link* link = FindLink(s.stream);
   if (!link || s.last() < 1 || ToUpper(s.fields[1]) != link->info.peer) return false;

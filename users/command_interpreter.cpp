@@ -359,6 +359,8 @@ bool CommandInterpreter::RunFirstTable(int stream, std::string_view line, std::s
       Reply(stream, "Shutting down " + ctx_.node_call);
       services_.Shutdown();
     }
+  } else if (MatchAbbrev("WWV", 3, word)) {
+    Reply(stream, services_.EnterWwv(stream, line, rest));
   } else if (MatchAbbrev("SPOOF", 5, word)) {
     if (RequireSysop(stream, line)) Reply(stream, "SPOOF is not supported on this node.");
   } else {
@@ -868,6 +870,13 @@ void CommandInterpreter::Show(int stream, std::string_view line, std::string_vie
     Lines(stream, services_.NetworkLines("nodes"));
   } else if (MatchAbbrev("LINKS", 2, word)) {
     if (RequireSysop(stream, line)) Lines(stream, services_.NetworkLines("links"));
+  } else if (MatchAbbrev("WWV", 3, word) || MatchAbbrev("WCY", 3, word)) {
+    const auto lines = services_.ShowPropagation(ToUpper(word) == "WWV" ? "wwv" : "wcy", arg);
+    if (lines.empty()) {
+      Reply(stream, CommandError(line));
+    } else {
+      Lines(stream, lines);
+    }
   } else if (MatchAbbrev("FILTERS", 3, word)) {
     if (EqualsIgnoreCase(Trim(arg), "WHY")) {
       std::vector<std::string> why =

@@ -28,6 +28,15 @@ class CommandServices {
   virtual std::string LinkCommand(std::string_view node, bool connect) = 0;
   // SHUTDOWN (sysop): the node stops cleanly after the current turn.
   virtual void Shutdown() = 0;
+  // SHOW/WWV and SHOW/WCY (what is "wwv" or "wcy") with their count argument: the lines, or
+  // none when the argument is wrong.
+  virtual std::vector<std::string> ShowPropagation(std::string_view what, std::string_view args) {
+    return {};
+  }
+  // The WWV command (line as typed, args after the keyword): the reply.
+  virtual std::string EnterWwv(int stream, std::string_view line, std::string_view args) {
+    return "WWV reports cannot be entered on this node.";
+  }
 };
 
 }  // namespace qx

@@ -91,6 +91,10 @@ struct TestNode {
       stored_pc41.push_back(std::string(c) + "|" + std::string(line));
     };
     d.counts_changed = [this] { ++counts_changed; };
+    // WWV/WCY: each report taken once, the way the propagation service refuses repeats.
+    d.propagation = [this](const PcSentence& s) {
+      return seen_reports.insert(s.fields[0] + s.fields[2] + s.fields[7]).second;
+    };
     d.errors = [this](int, std::string_view tag, std::string_view text) {
       errors.push_back(std::string(tag) + ": " + std::string(text));
     };
@@ -138,6 +142,7 @@ struct TestNode {
   std::vector<std::string> opened;
   std::vector<std::string> intake;
   std::set<std::string> seen_spots;
+  std::set<std::string> seen_reports;
   std::vector<std::string> stored_pc41;
   std::vector<std::string> errors;
   int counts_changed = 0;
@@ -1302,6 +1307,35 @@ TEST(NodeNetworkAddress, PublicAddresses) {
         "::1", "fe80::1", "fd00::1", "1.2.3", "256.1.1.1", "example.org", "0.0.0.0"}) {
     EXPECT_FALSE(NodeNetwork::IsPublicAddress(a)) << a;
   }
+}
+
+}  // namespace
+}  // namespace qx
+
+namespace qx {
+namespace {
+
+TEST_F(MixedNetworkTest, WwvGoesToEveryNeighbourAndWcyOnlyToPc9xOnes) {
+  LinkPc9xChain();
+  LinkLegacy(15, "Q7XXX", {"PC19^1^Q7XXX^0^5455^H25^"});
+  net_.TakeFrom(*a_, 11);
+  // From B: on to the legacy neighbour with one hop less, never back; a repeat stops here.
+  a_->net->OnLine(11, "PC23^05-Nov-2026^15^220^4^1^x^Q4LOG^Q2BBB^H20^~");
+  a_->net->OnLine(11, "PC23^05-Nov-2026^15^220^4^1^x^Q4LOG^Q2BBB^H19^~");
+  a_->net->OnLine(11, "PC73^05-Nov-2026^15^220^  3^1^0^212^act^qui^no^Q4LOG^Q2BBB^H20^");
+  EXPECT_EQ(net_.TakeFrom(*a_, 15), "PC23^05-Nov-2026^15^220^4^1^x^Q4LOG^Q2BBB^H19^~\r\n");
+  EXPECT_EQ(net_.TakeFrom(*a_, 11), "");
+  // From the legacy side: through B to C; the last hop is used but not passed on.
+  a_->net->OnLine(15, "PC23^05-Nov-2026^16^220^4^1^x^Q4LOG^Q7XXX^H9^~");
+  a_->net->OnLine(15, "PC23^05-Nov-2026^17^220^4^1^x^Q4LOG^Q7XXX^H1^~");
+  net_.Pump();
+  EXPECT_EQ(c_->seen_reports.count("PC2316Q4LOG"), 1u);
+  EXPECT_EQ(b_->seen_reports.count("PC2317Q4LOG"), 0u);
+  EXPECT_EQ(a_->seen_reports.count("PC2317Q4LOG"), 1u);
+  // What this node makes goes out on every link that takes it.
+  a_->net->SendPropagation("PC73^05-Nov-2026^18^220^  3^1^0^212^act^qui^no^Q1AAA^Q1AAA^H30^\r\n");
+  EXPECT_EQ(net_.TakeFrom(*a_, 15), "");
+  EXPECT_EQ(Count(net_.TakeFrom(*a_, 11), "PC73^"), 1u);
 }
 
 }  // namespace

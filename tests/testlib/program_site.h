@@ -35,6 +35,7 @@ class ProgramSite {
     cfg += "Winsock App Path^\r\n";
     cfg += "Frontend Ports^" + std::to_string(user_port_) + "\r\n";
     cfg += "Console Port^" + std::to_string(console_port_) + "\r\n";
+    cfg += "Get WWV^False\r\n";  // a test never fetches from outside the machine
     cfg += extra;
     WriteFile(home() / "cluster.cfg", cfg);
   }
