@@ -152,6 +152,8 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "Max Connections Per Address", "20"},
       {EntryKind::kSingle, "Max Connects Per Minute", "10"},
       {EntryKind::kSingle, "Login Timeout", "180"},
+      // Days of daily logs kept under data/ (today included); 0 keeps them all.
+      {EntryKind::kSingle, "Log Days", "90"},
   };
   return table;
 }
