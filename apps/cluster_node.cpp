@@ -9,6 +9,7 @@
 #include "apps/node_console.h"
 #include "core/file_util.h"
 #include "core/link_secret.h"
+#include "core/log_prune.h"
 #include "core/process_launcher.h"
 #include "core/text_util.h"
 #include "downloads/http_get.h"
@@ -380,6 +381,7 @@ bool ClusterNode::Start(std::string* error) {
 
   Step("Purging Old Mail");
   StepDone();
+  PruneLogs();
 
   SetUpNetwork();
   user_ctx_ = std::make_unique<UserContext>(
@@ -430,7 +432,8 @@ bool ClusterNode::Start(std::string* error) {
 
 bool ClusterNode::StartFrontEnd() {
   const std::string& path_text = config_.Get("Winsock App Path");
-  if (path_text.empty()) return false;  // the sysop runs the front-end himself
+  // The sysop (or the service manager) runs the front-end himself.
+  if (path_text.empty() || !options_.start_frontend) return false;
   std::filesystem::path program(path_text);
   if (program.is_relative()) program = options_.program.parent_path() / program;
   std::string error;
@@ -442,8 +445,22 @@ bool ClusterNode::StartFrontEnd() {
   return false;
 }
 
+void ClusterNode::PruneLogs() {
+  const SysTime now = clock_.Now();
+  const int today = int(std::chrono::floor<std::chrono::days>(now).time_since_epoch().count());
+  if (today == pruned_day_) return;
+  pruned_day_ = today;
+  const PruneResult r = PruneDailyLogs(dir_, now, config_.GetInt("Log Days", 0));
+  if (r.removed > 0) {
+    log_.Write("PruneLogs", "removed " + std::to_string(r.removed) + " daily logs older than " +
+                                config_.Get("Log Days") + " days");
+  }
+  for (const std::string& e : r.errors) log_.Write("PruneLogs", "cannot remove " + e);
+}
+
 void ClusterNode::OnTimer() {
   if (stopped_) return;
+  PruneLogs();
   SaveHighestRates(/*at_stop=*/false);
   if (network_) {
     network_->Tick();

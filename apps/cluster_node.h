@@ -48,6 +48,9 @@ struct ClusterNodeOptions {
   std::filesystem::path home;
   std::filesystem::path program;  // the qxcluster binary, for finding qxfront beside it
   bool debug = false;
+  // False when something else (a service manager) runs qxfront: the node then never starts
+  // one, since a front-end it started would share the node's life under that manager.
+  bool start_frontend = true;
 };
 
 class ClusterNode final : public LinkEvents,
@@ -119,6 +122,8 @@ class ClusterNode final : public LinkEvents,
   // Starts qxfront beside this program; true when it was started.
   bool StartFrontEnd();
   void OnTimer();
+  // Removes the daily logs older than "Log Days" once a day (at start and after midnight).
+  void PruneLogs();
   ClusterCounts Counts() const;
   void SetUpSpots();
   void ApplySpotLists();
@@ -162,6 +167,7 @@ class ClusterNode final : public LinkEvents,
   std::chrono::steady_clock::time_point rates_saved_at_{};
   SysTime started_;
   bool stopped_ = false;
+  int pruned_day_ = -1;  // days since the epoch of the last prune
 };
 
 }  // namespace qx

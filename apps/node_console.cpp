@@ -62,6 +62,7 @@ const std::vector<GroupInfo>& Groups() {
         {"Mail Purge", ""},
         {"Modes", ""},
         {"MaxMem", ""},
+        {"Log Days", "days of daily logs kept under data/ (today included); 0: all"},
         {"Auto Update", ""},
         {"Last Version Reported", "", true}}},
       {"Connection limits (restart qxfront to apply)",
@@ -91,7 +92,7 @@ bool IsNumberKey(std::string_view key) {
         "Default Display Ann", "Maximum Display Ann", "Default Display Wwv", "Maximum Display Wwv",
         "NewMaxSpotsPerMin", "NewMaxSpotsPerMinPerDx", "NewMaxSpotsPerMinPerSpotter",
         "Connection Retry", "Max Connections", "Max Connections Per Address",
-        "Max Connects Per Minute", "Login Timeout"}) {
+        "Max Connects Per Minute", "Login Timeout", "Log Days"}) {
     if (k == key) return true;
   }
   return false;
@@ -384,6 +385,7 @@ ConsoleStats NodeConsoleModel::Statistics() const {
 ConsoleMetrics NodeConsoleModel::Metrics() const {
   ConsoleMetrics m;
   const ClusterCounts c = node_.Counts();
+  m.link_up = node_.link_ && node_.link_->connected();
   m.users = c.local_users;
   m.nodes = c.nodes;
   m.spots_in = node_.stats_.spots_in();

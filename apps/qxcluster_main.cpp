@@ -15,11 +15,13 @@ namespace {
 
 void PrintHelp() {
   std::puts(
-      "usage: qxcluster [--home DIR] [--debug] [--version] [--help]\n"
-      "  --home DIR   the program directory: cluster.cfg and the data/ tree (default: .)\n"
-      "  --debug      more detail in the logs\n"
+      "usage: qxcluster [--home DIR] [--debug] [--no-start-frontend] [--version] [--help]\n"
+      "  --home DIR           the program directory: cluster.cfg and the data/ tree\n"
+      "                       (default: .)\n"
+      "  --debug              more detail in the logs\n"
+      "  --no-start-frontend  never start qxfront; something else (systemd) runs it\n"
       "The node connects to its connection front-end (qxfront) at Winsock IP:Winsock Port\n"
-      "of cluster.cfg and starts it when it cannot be reached.");
+      "of cluster.cfg and, unless told not to, starts it when it cannot be reached.");
 }
 
 }  // namespace
@@ -39,6 +41,8 @@ int main(int argc, char** argv) {
       options.home = argv[++i];
     } else if (arg == "--debug") {
       options.debug = true;
+    } else if (arg == "--no-start-frontend") {
+      options.start_frontend = false;
     } else {
       std::fprintf(stderr, "qxcluster: unknown argument %s\n", arg.c_str());
       PrintHelp();

@@ -42,6 +42,8 @@ void Labelled(std::string& out, std::string_view name, std::string_view type, st
 
 std::string FormatMetrics(const ConsoleMetrics& m) {
   std::string out;
+  Header(out, "qx_link_up", "gauge", "1 while the link to the front-end (qxfront) is up.");
+  fmt::format_to(std::back_inserter(out), "qx_link_up {}\n", m.link_up ? 1 : 0);
   Header(out, "qx_users", "gauge", "Users logged in.");
   fmt::format_to(std::back_inserter(out), "qx_users {}\n", m.users);
   Header(out, "qx_nodes", "gauge", "Node links up.");

@@ -86,6 +86,7 @@ struct ConsoleStats {
 
 // The numbers behind /metrics.
 struct ConsoleMetrics {
+  bool link_up = false;  // the link to the front-end is up: users can reach the node
   int users = 0;
   int nodes = 0;
   std::map<std::string, uint64_t> spots_in;   // source ("user", "node", "skimmer", ...) -> count

@@ -109,7 +109,13 @@ void ConsoleServer::Impl::Handle(Request req, const ConsolePeer& peer,
     return done(Basic(req, http::status::method_not_allowed, "method not allowed\n", "text/plain"));
   }
 
-  // Open to all: the log-in page and what it needs, and the metrics.
+  // Open to all: the log-in page and what it needs, the metrics and the health check.  The
+  // node is healthy while its link to the front-end is up; without it no user reaches it.
+  if (*path == "/health" && read_only) {
+    const bool up = model_.Metrics().link_up;
+    return done(Basic(req, up ? http::status::ok : http::status::service_unavailable,
+                      up ? "ok\n" : "front-end link down\n", "text/plain; charset=utf-8"));
+  }
   if (*path == "/metrics" && read_only) {
     stats_.http = http_.size();
     stats_.live_views = ws_.size() + ws_opening_;

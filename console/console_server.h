@@ -5,9 +5,9 @@
 //
 // Access: every page, API call and the WebSocket need a session cookie got by logging in
 // with the sysop password; requests that change something also need the session's CSRF token
-// in the "X-CSRF-Token" header.  /metrics is served without a session: the console listens
-// on 127.0.0.1 unless the sysop binds it elsewhere (`Console Address`), and the numbers there
-// hold no secrets.
+// in the "X-CSRF-Token" header.  /metrics and /health (200 while the front-end link is up,
+// 503 otherwise) are served without a session: the console listens on 127.0.0.1 unless the
+// sysop binds it elsewhere (`Console Address`), and the numbers there hold no secrets.
 #pragma once
 
 #include <chrono>

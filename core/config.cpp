@@ -156,6 +156,8 @@ const std::vector<KeyEntry>& KeyTable() {
       // that may enter WWV (","-joined).
       {EntryKind::kSingle, "WWV URL", "https://services.swpc.noaa.gov/text/wwv.txt"},
       {EntryKind::kSingle, "WWV Callers", ""},
+      // Days of daily logs kept under data/ (today included); 0 keeps them all.
+      {EntryKind::kSingle, "Log Days", "90"},
   };
   return table;
 }

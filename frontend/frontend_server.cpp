@@ -6,6 +6,8 @@
 #include <array>
 #include <utility>
 
+#include <boost/asio/ip/v6_only.hpp>
+
 #include "frontend/front_log.h"
 #include "frontend/frontend_server_internal.h"
 
@@ -43,19 +45,16 @@ bool FrontendServer::Impl::Start() {
   }
 
   for (size_t i = 0; i < s.user_ports.size(); ++i) {
-    const tcp::endpoint ep(tcp::v4(), static_cast<unsigned short>(s.user_ports[i]));
-    auto acceptor = std::make_unique<tcp::acceptor>(io_);
-    acceptor->open(ep.protocol(), ec);
-    if (!ec) acceptor->set_option(tcp::acceptor::reuse_address(true), ec);
-    if (!ec) acceptor->bind(ep, ec);
-    if (!ec) acceptor->listen(asio::socket_base::max_listen_connections, ec);
+    const auto port = static_cast<unsigned short>(s.user_ports[i]);
+    std::unique_ptr<tcp::acceptor> acceptor = ListenDualStack(port, ec);
     if (ec) {
       FrontLogError("Cannot listen on port " + std::to_string(s.user_ports[i]) + ": " +
                     ec.message());
       return false;
     }
+    const bool v6 = acceptor->local_endpoint(ec).protocol() == tcp::v6();
     FrontLog("Listening on port " + std::to_string(s.user_ports[i]) + " (port index " +
-             std::to_string(i) + ")");
+             std::to_string(i) + (v6 ? ", IPv6 and IPv4)" : ", IPv4 only)"));
     user_acceptors_.push_back(std::move(acceptor));
   }
 
@@ -65,6 +64,27 @@ bool FrontendServer::Impl::Start() {
   KeepAlive();
   CountersTimer();
   return true;
+}
+
+std::unique_ptr<tcp::acceptor> FrontendServer::Impl::ListenDualStack(unsigned short port,
+                                                                     error_code& ec) {
+  // One socket on [::] that also takes IPv4 (as mapped addresses) serves both families on
+  // the same port whatever the system's bindv6only default; a machine without IPv6 gets a
+  // plain IPv4 socket instead.
+  auto acceptor = std::make_unique<tcp::acceptor>(io_);
+  acceptor->open(tcp::v6(), ec);
+  if (!ec) acceptor->set_option(asio::ip::v6_only(false), ec);
+  if (!ec) acceptor->set_option(tcp::acceptor::reuse_address(true), ec);
+  if (!ec) acceptor->bind(tcp::endpoint(tcp::v6(), port), ec);
+  if (ec && ec != asio::error::address_in_use) {
+    error_code ignored;
+    acceptor->close(ignored);
+    acceptor->open(tcp::v4(), ec);
+    if (!ec) acceptor->set_option(tcp::acceptor::reuse_address(true), ec);
+    if (!ec) acceptor->bind(tcp::endpoint(tcp::v4(), port), ec);
+  }
+  if (!ec) acceptor->listen(asio::socket_base::max_listen_connections, ec);
+  return acceptor;
 }
 
 void FrontendServer::Impl::Stop() {
@@ -171,7 +191,7 @@ bool FrontendServer::Impl::Admit(tcp::socket& socket, std::string& address) {
   error_code ec;
   const tcp::endpoint remote = socket.remote_endpoint(ec);
   if (ec) return true;  // gone already; AddConnection drops it
-  address = remote.address().to_string();
+  address = PlainAddress(remote.address()).to_string();
   const Refusal refusal =
       limits_.Admit(address, numbers_.in_use(), std::chrono::steady_clock::now());
   if (refusal == Refusal::kNone) return true;

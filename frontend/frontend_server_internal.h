@@ -38,10 +38,20 @@ using SteadyTime = std::chrono::steady_clock::time_point;
 inline constexpr size_t kLinkHighWater = 16 * 1024 * 1024;
 inline constexpr size_t kLinkLowWater = 4 * 1024 * 1024;
 
+// An IPv4 peer on a dual-stack socket arrives as "::ffff:192.0.2.7"; the node's address
+// lists, the limits and the logs all want it as the IPv4 address it is.
+inline asio::ip::address PlainAddress(const asio::ip::address& a) {
+  if (a.is_v6() && a.to_v6().is_v4_mapped()) {
+    return asio::ip::make_address_v4(asio::ip::v4_mapped, a.to_v6());
+  }
+  return a;
+}
+
 // "192.0.2.7:4000", "[2001:db8::7]:4000": the node takes the address part for its lists.
 inline std::string PeerText(const tcp::endpoint& ep) {
-  const std::string address = ep.address().to_string();
-  return (ep.address().is_v6() ? "[" + address + "]" : address) + ":" + std::to_string(ep.port());
+  const asio::ip::address plain = PlainAddress(ep.address());
+  const std::string address = plain.to_string();
+  return (plain.is_v6() ? "[" + address + "]" : address) + ":" + std::to_string(ep.port());
 }
 
 // A few occurrences of a repeated fault are logged, then only every 10,000th.
@@ -148,6 +158,8 @@ class FrontendServer::Impl {
   void RetryAcceptLater(std::function<void()> again);
   static ConnectionLimitSettings LimitSettings(const FrontendOptions& options);
   void FitLimitToDescriptors();
+  // A listening socket for users and nodes on port, IPv6 and IPv4 together where possible.
+  std::unique_ptr<tcp::acceptor> ListenDualStack(unsigned short port, error_code& ec);
   // Applies the limits to a new inbound connection; false when it was refused (and closed).
   bool Admit(tcp::socket& socket, std::string& address);
   void Refuse(tcp::socket& socket, const std::string& peer, Refusal refusal);

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "console/console_api.h"
 #include "console/console_logs.h"
@@ -263,6 +264,29 @@ TEST(ConsoleMetricsTest, PrometheusText) {
     EXPECT_TRUE(line.starts_with("qx_")) << line;
     EXPECT_NE(line.rfind(' '), std::string_view::npos) << line;
   }
+}
+
+// The dashboard shipped for sysops names metrics that exist: the node's and the console's as
+// this code prints them, the front-end's as the front-end reports them.
+TEST(ConsoleMetricsTest, DashboardNamesOnlyMetricsThatExist) {
+  const std::string dashboard =
+      qx::testing::ReadFile(std::string(QX_SOURCE_DIR) + "/docs/grafana-dashboard.json");
+  const std::string frontend =
+      qx::testing::ReadFile(std::string(QX_SOURCE_DIR) + "/frontend/frontend_node_link.cpp");
+  const std::string ours = FormatMetrics(ConsoleMetrics{}) + FormatConnectionMetrics({});
+  const std::regex name("qx_[a-z0-9_]+");
+  int checked = 0;
+  for (auto it = std::sregex_iterator(dashboard.begin(), dashboard.end(), name);
+       it != std::sregex_iterator(); ++it, ++checked) {
+    std::string metric = it->str();
+    if (metric.ends_with("_bucket")) metric.resize(metric.size() - 7);
+    if (metric.starts_with("qx_frontend_")) {
+      EXPECT_THAT(frontend, HasSubstr("\"" + metric.substr(12) + "\"")) << metric;
+    } else {
+      EXPECT_THAT(ours, HasSubstr("# TYPE " + metric + " ")) << metric;
+    }
+  }
+  EXPECT_GT(checked, 20);
 }
 
 }  // namespace

@@ -190,6 +190,25 @@ TEST_F(ConsoleServerTest, EverythingButLogInNeedsASession) {
   EXPECT_THAT(metrics.body(), HasSubstr("qx_users 4\n"));
 }
 
+TEST_F(ConsoleServerTest, HealthFollowsTheFrontEndLinkWithoutASession) {
+  const Reply down = Get("/health");
+  EXPECT_EQ(down.result_int(), 503u);
+  EXPECT_THAT(down.body(), HasSubstr("link down"));
+  EXPECT_EQ(Metric("qx_link_up"), 0);
+  OnIo([this] {
+    model_.metrics.link_up = true;
+    return 0;
+  });
+  const Reply up = Get("/health");
+  EXPECT_EQ(up.result_int(), 200u);
+  EXPECT_EQ(up.body(), "ok\n");
+  EXPECT_EQ(Metric("qx_link_up"), 1);
+  EXPECT_THAT(Raw("HEAD /health HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"),
+              ::testing::StartsWith("HTTP/1.1 200"));
+  // A health check never changes anything, so it is not a way in for other methods.
+  EXPECT_EQ(Fetch(http::verb::post, "/health").result_int(), 401u);
+}
+
 TEST_F(ConsoleServerTest, WrongPasswordIsRefusedSlowlyAndLogged) {
   auto time_login = [this](const std::string& pw) {
     const auto start = std::chrono::steady_clock::now();

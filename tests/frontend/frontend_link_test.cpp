@@ -146,6 +146,25 @@ class FrontendLinkTest : public ::testing::Test {
   std::unique_ptr<ChildProcess> front_;
 };
 
+TEST_F(FrontendLinkTest, UserPortsTakeIpv6AndIpv4Alike) {
+  if (!testing::HasIpv6Loopback()) GTEST_SKIP() << "no IPv6 loopback on this machine";
+  StartFront();
+  LineClient node, v4, v6;
+  EXPECT_EQ(ConnectNode(node), "AA01^0^");
+  // IPv4 still arrives as a plain IPv4 address, not as a mapped IPv6 one.
+  EXPECT_EQ(Field(ConnectClient(node, v4, user_port_), 2), "1");
+  ASSERT_TRUE(v6.ConnectIpv6(user_port_));
+  sockaddr_in6 local{};
+  socklen_t len = sizeof local;
+  ::getsockname(v6.fd(), reinterpret_cast<sockaddr*>(&local), &len);
+  const std::string peer = "[::1]:" + std::to_string(ntohs(local.sin6_port));
+  const std::string a03 = WaitRecord(node, "AA03^Connect Request^2^");
+  EXPECT_EQ(Field(a03, 3), peer);
+  EXPECT_EQ(Field(a03, 6), "0");
+  ASSERT_TRUE(v6.Send("hello\r\n"));
+  EXPECT_FALSE(WaitRecord(node, "AA00^2^hello").empty());
+}
+
 TEST_F(FrontendLinkTest, VersionAndHelpPrintAndExit) {
   ChildProcess version(QX_FRONT_BIN, {"--version"}, dir_.path(), "version");
   ASSERT_TRUE(testing::WaitFor([&] { return !version.Running(); }));

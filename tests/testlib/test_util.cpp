@@ -145,6 +145,36 @@ bool LineClient::Connect(int port, std::chrono::milliseconds limit) {
   return false;
 }
 
+bool LineClient::ConnectIpv6(int port, std::chrono::milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < end) {
+    fd_ = ::socket(AF_INET6, SOCK_STREAM, 0);
+    sockaddr_in6 addr{};
+    addr.sin6_family = AF_INET6;
+    addr.sin6_addr = in6addr_loopback;
+    addr.sin6_port = htons(uint16_t(port));
+    if (fd_ >= 0 && ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+      closed_ = false;
+      return true;
+    }
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    ::usleep(20'000);
+  }
+  return false;
+}
+
+bool HasIpv6Loopback() {
+  const int fd = ::socket(AF_INET6, SOCK_STREAM, 0);
+  if (fd < 0) return false;
+  sockaddr_in6 addr{};
+  addr.sin6_family = AF_INET6;
+  addr.sin6_addr = in6addr_loopback;
+  const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  ::close(fd);
+  return ok;
+}
+
 bool LineClient::Send(std::string_view bytes) {
   if (fd_ < 0) return false;
   while (!bytes.empty()) {

@@ -29,6 +29,8 @@ class TempDir {
 
 // A loopback TCP port that was free a moment ago.
 int FreePort();
+// Whether this machine can listen on the IPv6 loopback [::1].
+bool HasIpv6Loopback();
 
 void WriteFile(const std::filesystem::path& path, std::string_view text);
 std::string ReadFile(const std::filesystem::path& path);
@@ -79,6 +81,8 @@ class LineClient {
   LineClient& operator=(const LineClient&) = delete;
 
   bool Connect(int port, std::chrono::milliseconds limit = std::chrono::seconds(10));
+  // The same to the IPv6 loopback [::1].
+  bool ConnectIpv6(int port, std::chrono::milliseconds limit = std::chrono::seconds(10));
   bool Send(std::string_view bytes);
   bool SendLine(std::string_view line) { return Send(std::string(line) + "\r\n"); }
   // Reads until the received text contains needle; returns everything received so far
