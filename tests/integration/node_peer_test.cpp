@@ -244,5 +244,29 @@ TEST_F(NodePeerTest, AcceptedPc9xPeerSeesNoNewStartAfterARestartAndCanCompleteOn
   EXPECT_THAT(peer->received(), HasSubstr("^C^5K1QXA:5457^5K9PCX^1W1AAA:127.0.0.1^H99^"));
 }
 
+
+TEST_F(NodePeerTest, PingsAroundANodeRestartAreAllAnswered) {
+  Stamps t;
+  node_.Define("K9PCX", "DXS pc9x");
+  node_.Start();
+  auto peer = node_.Connect();
+  peer->SendLine("K9PCX");
+  ASSERT_TRUE(peer->ReadUntil(kOurPc18)) << peer->received();
+  peer->SendLine("PC92^K9PCX^" + t.Next() + "^C^5K9PCX:5300^1W9USR:198.51.100.9^H99^");
+  peer->SendLine("PC20^");
+  ASSERT_TRUE(peer->ReadUntil("PC22^\r\n")) << peer->received();
+  constexpr std::string_view kPing = "PC51^K1QXA^K9PCX^1^", kAnswer = "PC51^K9PCX^K1QXA^0^";
+  peer->SendLine(kPing);
+  ASSERT_EQ(node_.node().Stop(), 0);
+  peer->SendLine(kPing);
+  node_.StartNode();
+  ASSERT_TRUE(node_.WaitOutput("Recovery complete")) << node_.node().Output();
+  peer->SendLine(kPing);
+  EXPECT_TRUE(WaitFor([&] {
+    peer->Drain(100ms);
+    return NodeSite::Occurrences(peer->received(), kAnswer) >= 3;
+  })) << peer->received() << node_.front().Output();
+}
+
 }  // namespace
 }  // namespace qx::testing
