@@ -245,10 +245,13 @@ TEST_F(NodePeerTest, AcceptedPc9xPeerSeesNoNewStartAfterARestartAndCanCompleteOn
 }
 
 
-TEST_F(NodePeerTest, PingsAroundANodeRestartAreAllAnswered) {
+// What a neighbour sends right before, during and right after a restart of the node all
+// arrives: the stopping node answers what reached it, and the front-end holds the rest.
+TEST_F(NodePeerTest, NothingAPc9xPeerSendsAroundARestartIsLost) {
   Stamps t;
   node_.Define("K9PCX", "DXS pc9x");
   node_.Start();
+  auto user = node_.LogIn("W1AAA");
   auto peer = node_.Connect();
   peer->SendLine("K9PCX");
   ASSERT_TRUE(peer->ReadUntil(kOurPc18)) << peer->received();
@@ -259,13 +262,63 @@ TEST_F(NodePeerTest, PingsAroundANodeRestartAreAllAnswered) {
   peer->SendLine(kPing);
   ASSERT_EQ(node_.node().Stop(), 0);
   peer->SendLine(kPing);
+  peer->SendLine(SpotNow("PC61", "14074.0", "JA3QRS", "W9USR", "K9PCX", "198.51.100.9^H30^~"));
+  peer->SendLine("PC93^K9PCX^" + t.Next() + "^*^W9USR^*^news while down^^198.51.100.9^H99^");
+  peer->SendLine("PC93^K9PCX^" + t.Next() + "^W1AAA^W9USR^*^talk while down^^198.51.100.9^H99^");
+  user->ClearReceived();
   node_.StartNode();
   ASSERT_TRUE(node_.WaitOutput("Recovery complete")) << node_.node().Output();
   peer->SendLine(kPing);
   EXPECT_TRUE(WaitFor([&] {
     peer->Drain(100ms);
     return NodeSite::Occurrences(peer->received(), kAnswer) >= 3;
-  })) << peer->received() << node_.front().Output();
+  })) << peer->received();
+  for (std::string_view what : {"JA3QRS", "To ALL de W9USR: news while down",
+                                "W1AAA de W9USR: talk while down"}) {
+    EXPECT_TRUE(user->ReadUntil(what)) << what << "\n" << user->received();
+  }
+  EXPECT_EQ(CountAfterDrain(*user, "JA3QRS"), 1u);
+  EXPECT_EQ(NodeSite::Occurrences(peer->received(), kAnswer), 3u);
+}
+
+// A legacy neighbour that called us sees no new start either: it hears our whole list again,
+// the user who left meanwhile as gone, and traffic both ways goes on.
+TEST_F(NodePeerTest, ALegacyPeerSeesNoNewStartAfterARestart) {
+  node_.Define("K7LEG", "ARC");
+  node_.Start();
+  auto user = node_.LogIn("W1AAA");
+  auto leaver = node_.LogIn("W1GONE");
+  auto peer = node_.Connect();
+  peer->SendLine("K7LEG");
+  ASSERT_TRUE(peer->ReadUntil(kOurPc18)) << peer->received();
+  peer->SendLine("PC19^1^K7LEG^0^5455^H25^");
+  peer->SendLine("PC16^K7LEG^W7OLD - 1^H25^");
+  peer->SendLine("PC20^");
+  ASSERT_TRUE(peer->ReadUntil("PC22^\r\n")) << peer->received();
+  ASSERT_TRUE(node_.WaitOutput("Node link up: K7LEG (legacy)")) << node_.node().Output();
+
+  ASSERT_EQ(node_.node().Stop(), 0);
+  leaver->Close();
+  peer->SendLine(SpotNow("PC11", "21025.0", "JA2XYZ", "W7OLD", "K7LEG", "H24^~"));
+  peer->SendLine("PC12^W7OLD^*^legacy news^ ^K7LEG^0^H30^~");
+  peer->SendLine("PC10^W7OLD^W1AAA^hi from afar^*^ ^K7LEG^~");
+  peer->ClearReceived();
+  user->ClearReceived();
+  node_.StartNode();
+  ASSERT_TRUE(peer->ReadUntil("PC17^W1GONE^K1QXA^", 20s)) << peer->received();
+  EXPECT_THAT(peer->received(), HasSubstr("PC19^1^K1QXA^0^5457^H99^\r\n"));
+  EXPECT_THAT(peer->received(), HasSubstr("PC16^K1QXA^W1AAA - 1^H99^\r\n"));
+  for (std::string_view start : {"PC18^", "PC20^", "PC22^", "PC38^"}) {
+    EXPECT_THAT(peer->received(), ::testing::Not(HasSubstr(start))) << start;
+  }
+  EXPECT_THAT(node_.node().Output(), ::testing::Not(HasSubstr("Node link up")));
+  for (std::string_view what :
+       {"JA2XYZ", "To ALL de W7OLD: legacy news", "W1AAA de W7OLD: hi from afar"}) {
+    EXPECT_TRUE(user->ReadUntil(what)) << what << "\n" << user->received();
+  }
+  EXPECT_TRUE(UserListed(*user, "W7OLD")) << user->received();
+  user->SendLine("DX 14025.0 JA1ABC after the restart");
+  EXPECT_TRUE(peer->ReadUntil("PC11^14025.0^JA1ABC^")) << peer->received();
 }
 
 }  // namespace
