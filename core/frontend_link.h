@@ -276,9 +276,9 @@ class FrontendLink : private LinkArrival::Sink {
   boost::asio::steady_timer hand_over_timer_;
   std::function<void()> hand_over_done_;  // set while a hand-over is under way
   bool input_held_ = false;               // the front-end answered: no record follows
-  std::string challenge_;                // the front-end's nonce from AA39
-  std::string our_nonce_;                // the nonce sent with our proof; empty until then
-  bool proof_failure_reported_ = false;  // once per run of failures
+  std::string challenge_;                 // the front-end's nonce from AA39
+  std::string our_nonce_;                 // the nonce sent with our proof; empty until then
+  bool proof_failure_reported_ = false;   // once per run of failures
   // False from a connect until the front-end's proof has arrived.  True before the first
   // connect, so that tests and benchmarks can hand records to Arrive() without a socket.
   bool peer_proven_ = true;

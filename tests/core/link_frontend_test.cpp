@@ -858,7 +858,10 @@ TEST_F(LinkSocketTest, AHandOverAnswersWhatCameBeforeTheFrontEndHeldInputThenLet
   ASSERT_TRUE(Received(fe, std::string("6\x03stopping\x04")));
   fe.received().clear();
   // A keep-alive before the answer is still handled; a record after it is not.
-  fe.Send("AA18\x03" "AA21\x03" "AA18\x03");
+  fe.Send(
+      "AA18\x03"
+      "AA21\x03"
+      "AA18\x03");
   ASSERT_TRUE(RunUntil([&] { return done; }));
   RunFor(50ms);
   EXPECT_EQ(fe.received(), "rxAA18");

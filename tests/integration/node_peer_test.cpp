@@ -273,8 +273,8 @@ TEST_F(NodePeerTest, AcceptedPc9xPeerLosesNothingAcrossARestartAndCanStartAgain)
     peer->Drain(100ms);
     return NodeSite::Occurrences(peer->received(), kAnswer) >= 3;
   })) << peer->received();
-  for (std::string_view what : {"JA3QRS", "To ALL de W9USR: news while down",
-                                "W1AAA de W9USR: talk while down"}) {
+  for (std::string_view what :
+       {"JA3QRS", "To ALL de W9USR: news while down", "W1AAA de W9USR: talk while down"}) {
     EXPECT_TRUE(user->ReadUntil(what)) << what << "\n" << user->received();
   }
   EXPECT_EQ(CountAfterDrain(*user, "JA3QRS"), 1u);
