@@ -21,6 +21,8 @@ namespace qx {
 namespace {
 
 constexpr std::string_view kVersion = QX_VERSION;
+// How long a stopping node waits for the front-end to take over its input.
+constexpr std::chrono::milliseconds kHandOverWait{2000};
 
 // The log-on texts a new node starts with; the sysop edits data/files/logon.txt.
 LogonMessages MessagesFromConfig(const Config& config) {
@@ -484,12 +486,23 @@ void ClusterNode::Stop() {
   log_.Write("Shutdown", "Node stopped");
 }
 
+void ClusterNode::StopAfterHandOver(std::function<void()> then) {
+  if (stopped_ || !link_) {
+    Stop();
+    then();
+    return;
+  }
+  // A line that reached the node just before the stop is answered rather than lost, and one
+  // that arrives afterwards waits in the front-end for the next start.
+  link_->HandOver(kHandOverWait, [this, then = std::move(then)] {
+    Stop();
+    then();
+  });
+}
+
 void ClusterNode::Shutdown() {
   monitor_.Console("Shut down requested");
-  boost::asio::post(io_, [this] {
-    Stop();
-    io_.stop();
-  });
+  boost::asio::post(io_, [this] { StopAfterHandOver([this] { io_.stop(); }); });
 }
 
 // StreamOutput -----------------------------------------------------------------------

@@ -7,6 +7,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -65,6 +66,9 @@ class ClusterNode final : public LinkEvents,
   bool Start(std::string* error);
   // Stops the node cleanly: the link is closed (the front-end keeps its connections).
   void Stop();
+  // Stops the node once the front-end holds all input for the next one and what the node
+  // still had to handle is answered (at most a couple of seconds), then calls then.
+  void StopAfterHandOver(std::function<void()> then);
   // The node's view of the network, written on change and at stop (data/network.state).
   void SaveNetworkState();
 

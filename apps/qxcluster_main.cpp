@@ -65,8 +65,13 @@ int main(int argc, char** argv) {
   boost::asio::signal_set signals(io, SIGINT, SIGTERM);
   signals.async_wait([&](const boost::system::error_code& e, int) {
     if (e) return;
-    node.Stop();
-    io.stop();
+    // A second signal does not wait for the hand-over.
+    signals.async_wait([&](const boost::system::error_code& again, int) {
+      if (again) return;
+      node.Stop();
+      io.stop();
+    });
+    node.StopAfterHandOver([&] { io.stop(); });
   });
   std::string error;
   if (!node.Start(&error)) {

@@ -86,7 +86,8 @@ FrontendLink::FrontendLink(asio::io_context& io, StreamTable& table, ErrorLog& l
       connect_timer_(io),
       qrv_timer_(io),
       watchdog_timer_(io),
-      proof_timer_(io) {
+      proof_timer_(io),
+      hand_over_timer_(io) {
   for (auto& b : read_buffers_) b.resize(std::max<size_t>(options_.read_size, 512));
   fields_.reserve(16);
   out_.reserve(64 * 1024);
@@ -115,6 +116,8 @@ void FrontendLink::OnRecord(std::string_view record) {
     if (state_ == State::kProving) HandleProofRecord(record);
     return;
   }
+  // After the front-end's answer to a hand-over it holds all input for the next node.
+  if (input_held_) return;
   const std::string_view code = record.substr(0, 4);
   if (code == "AA00") {
     HandleData(record);
@@ -144,6 +147,8 @@ void FrontendLink::OnRecord(std::string_view record) {
     HandleOutgoingFailed(record);
   } else if (code == "AA20") {
     HandleCounters(record);
+  } else if (code == "AA21") {
+    HandleInputHeld();
   }
   // Unknown codes are ignored; the handshake still sees any record that mentions "AA03".
   if (record.find("AA03") != std::string_view::npos) {
@@ -436,7 +441,12 @@ void FrontendLink::HandleRecovery(std::string_view record) {
   entry.state = ParseIntOr(field(6), kStateFree);
   entry.connection_label.assign(LabelOfKind(field(7)));
   entry.frontend_attributes.assign(field(8));
+  // When the connection began, if the node gave it to keep; a time to come cannot be.
   entry.since = clock_.Now();
+  long long since = 0;
+  if (ParseInt(StreamAttribute(entry.frontend_attributes, "since"), since) && since > 0) {
+    entry.since = std::min(entry.since, SysTime{std::chrono::seconds(since)});
+  }
   const bool node_or_feed = entry.state > kStateUserLast;
   if (entry.IsUser() || node_or_feed) entry.login_stage = LoginStage::kLoggedIn;
   const std::string_view colour = node_or_feed ? "orange" : entry.IsUser() ? "white" : "red";
@@ -685,6 +695,7 @@ void FrontendLink::CloseSocket() {
   state_ = State::kIdle;
   challenge_.clear();
   our_nonce_.clear();
+  input_held_ = false;
   // A new connection starts on a record boundary; what was half received or not yet
   // written belongs to the old one.
   arrival_.Reset();
@@ -764,6 +775,40 @@ void FrontendLink::OnConnectFailed(const boost::system::error_code& ec) {
   ScheduleRetry();
 }
 
+void FrontendLink::HandOver(std::chrono::milliseconds wait, std::function<void()> done) {
+  hand_over_done_ = std::move(done);
+  if (state_ != State::kConnected) {
+    FinishHandOver();
+    return;
+  }
+  SendToWinsockQuiet(std::string("6") + kElement + "stopping");
+  std::weak_ptr<int> alive = alive_;
+  hand_over_timer_.expires_after(wait);
+  hand_over_timer_.async_wait([this, alive](const boost::system::error_code& ec) {
+    if (ec || alive.expired() || !hand_over_done_) return;
+    log_.Write(kHeading, "The front-end did not confirm that it holds input; stopping anyway");
+    FinishHandOver();
+  });
+}
+
+void FrontendLink::HandleInputHeld() {
+  if (!hand_over_done_) return;  // never asked for: the front-end holds input anyway
+  input_held_ = true;
+  // The answers to the last records may still wait to be written.
+  if (!write_in_flight_ && out_.empty()) FinishHandOver();
+}
+
+void FrontendLink::FinishHandOver() {
+  if (!hand_over_done_) return;
+  hand_over_timer_.cancel();
+  // Not from inside a record or a write completion: done closes the socket.
+  std::weak_ptr<int> alive = alive_;
+  asio::post(io_, [this, alive, done = std::move(hand_over_done_)] {
+    if (!alive.expired()) done();
+  });
+  hand_over_done_ = nullptr;
+}
+
 void FrontendLink::LinkLost(const boost::system::error_code& ec) {
   if (state_ == State::kProving) {
     // A front-end closes a node whose proof it does not accept: most likely link.key
@@ -776,6 +821,10 @@ void FrontendLink::LinkLost(const boost::system::error_code& ec) {
   log_.Write("WinsockCluster_Close", ec.message());
   CloseSocket();
   events_.OnLinkDown();
+  if (hand_over_done_) {
+    FinishHandOver();
+    return;
+  }
   ScheduleRetry();
 }
 
@@ -894,6 +943,7 @@ void FrontendLink::Flush() {
         }
         bytes_out_ += n;
         Flush();
+        if (input_held_ && !write_in_flight_) FinishHandOver();
       });
 }
 

@@ -135,6 +135,12 @@ class FrontendLink : private LinkArrival::Sink {
   void Restart();
   // Closes the link for good (shut-down); nothing is retried.
   void Stop();
+  // Lets go of the link before this node stops, so that nothing a connection sends is lost:
+  // asks the front-end to hold input from now on (message "6"), handles every record it
+  // sent before its answer ("AA21"), writes out what they produced, then calls done, which
+  // is expected to Stop().  done is also called when the link is not up, when it drops, or
+  // when no answer has come within wait.
+  void HandOver(std::chrono::milliseconds wait, std::function<void()> done);
   // Connected to a front-end that has proved itself.
   bool connected() const { return state_ == State::kConnected; }
 
@@ -209,6 +215,7 @@ class FrontendLink : private LinkArrival::Sink {
   void HandleAnnouncement(std::string_view record);    // QRV
   void HandleStreamEvent(std::string_view record);     // AA03
   void HandleOutgoingFailed(std::string_view record);  // AA19
+  void HandleInputHeld();                              // AA21
   // Before the front-end has proved itself: AA39 and QRV, nothing else.
   void HandleProofRecord(std::string_view record);
   void ProofFailed(std::string_view reason);
@@ -235,6 +242,8 @@ class FrontendLink : private LinkArrival::Sink {
   void LinkLost(const boost::system::error_code& ec);
   void CloseSocket();
   void ScheduleRetry();
+  // The hand-over is over (answered and written out, or given up): done runs next turn.
+  void FinishHandOver();
   void StartRead(int buffer);
   void StartWatchdog();
 
@@ -264,9 +273,12 @@ class FrontendLink : private LinkArrival::Sink {
   boost::asio::steady_timer qrv_timer_;
   boost::asio::steady_timer watchdog_timer_;
   boost::asio::steady_timer proof_timer_;
-  std::string challenge_;                // the front-end's nonce from AA39
-  std::string our_nonce_;                // the nonce sent with our proof; empty until then
-  bool proof_failure_reported_ = false;  // once per run of failures
+  boost::asio::steady_timer hand_over_timer_;
+  std::function<void()> hand_over_done_;  // set while a hand-over is under way
+  bool input_held_ = false;               // the front-end answered: no record follows
+  std::string challenge_;                 // the front-end's nonce from AA39
+  std::string our_nonce_;                 // the nonce sent with our proof; empty until then
+  bool proof_failure_reported_ = false;   // once per run of failures
   // False from a connect until the front-end's proof has arrived.  True before the first
   // connect, so that tests and benchmarks can hand records to Arrive() without a socket.
   bool peer_proven_ = true;

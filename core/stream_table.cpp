@@ -42,4 +42,17 @@ std::string CleanStreamAttributes(std::string_view text) {
   return out;
 }
 
+std::string_view StreamAttribute(std::string_view attributes, std::string_view key) {
+  while (!attributes.empty()) {
+    const size_t blank = attributes.find(' ');
+    const std::string_view item = attributes.substr(0, blank);
+    if (item.size() > key.size() && item.starts_with(key) && item[key.size()] == '=') {
+      return item.substr(key.size() + 1);
+    }
+    if (blank == std::string_view::npos) break;
+    attributes.remove_prefix(blank + 1);
+  }
+  return {};
+}
+
 }  // namespace qx

@@ -53,6 +53,8 @@ enum class LoginStage : uint8_t {
 // characters (Chr 3 and Chr 4 among them) are left out, and the rest is cut to 256 bytes.
 inline constexpr size_t kMaxStreamAttributes = 256;
 std::string CleanStreamAttributes(std::string_view text);
+// The value of one blank-separated "key=value" item of the attributes ("" when absent).
+std::string_view StreamAttribute(std::string_view attributes, std::string_view key);
 
 struct StreamEntry {
   std::string call;  // set by the log-in or "AA16"; "T/O" after a time-out

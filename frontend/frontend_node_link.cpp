@@ -169,6 +169,19 @@ void FrontendServer::Impl::HandleNodeMessage(const NodeLinkPtr& link, const Node
     case NodeMessageKind::kStreamListRequest:
       ReportStreams(link);
       return;
+    case NodeMessageKind::kHandOver:
+      // Everything sent so far is the stopping node's; what arrives from now on is held for
+      // the next one, as if no node were connected.  The node still writes its answers.
+      if (link->ready) {
+        link->ready = false;
+        for (const auto& c : by_stream_) {
+          if (c) PauseLoginClock(c);
+        }
+      }
+      AppendInputHeld(link->queued);
+      ScheduleFlush();
+      FrontLog("The node is stopping (" + std::string(m.text) + "): input is held from here");
+      return;
     case NodeMessageKind::kMalformed:
       if (ShouldLog(++counters.malformed_messages)) {
         FrontLogError("Message from the node dropped (" + std::string(m.error) +

@@ -62,6 +62,8 @@ void AppendStreamClosed(std::string& out, uint64_t tag, int stream, std::string_
 
 void AppendKeepAlive(std::string& out) { AppendRecord(out, "AA18"); }
 
+void AppendInputHeld(std::string& out) { AppendRecord(out, "AA21"); }
+
 void AppendAnnounce(std::string& out, std::string_view station_text, std::string_view version,
                     std::string_view proof) {
   out.append("QRV ");

@@ -30,6 +30,8 @@ void AppendStreamData(std::string& out, int stream, std::string_view data);
 void AppendStreamClosed(std::string& out, uint64_t tag, int stream, std::string_view reason);
 // "AA18"
 void AppendKeepAlive(std::string& out);
+// "AA21": the answer to the node's hand-over; input is held from here on.
+void AppendInputHeld(std::string& out);
 // "QRV <station text>^<version>^<proof>": the front-end's answer once the node has proved
 // that it knows the link secret; the proof shows the node that the front-end knows it too.
 void AppendAnnounce(std::string& out, std::string_view station_text, std::string_view version,

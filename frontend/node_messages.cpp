@@ -110,6 +110,11 @@ NodeMessage DecodeNodeMessage(std::string_view message) {
     m.kind = NodeMessageKind::kProof;
     return m;
   }
+  if (code == "6") {
+    m.text = el[0];
+    m.kind = NodeMessageKind::kHandOver;
+    return m;
+  }
   return Malformed(message, "unknown message code");
 }
 

@@ -26,6 +26,7 @@ enum class NodeMessageKind {
   kIdentity,           // "3": stream, call (in text), state, tag
   kProof,              // "4": the node's nonce (in text) and its proof (in label)
   kAttributes,         // "5": stream, attributes (in text), tag
+  kHandOver,           // "6": the node is stopping (reason in text); hold input from here
   kMalformed,          // error says why; text holds (the start of) the message
 };
 

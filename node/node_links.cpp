@@ -283,17 +283,12 @@ void NodeNetwork::OnStreamRecovered(int stream) {
   const auto type = defined_type_.find(link->info.peer);
   link->info.kind = NodeKindOf(type == defined_type_.end() ? std::string_view() : type->second, {},
                                link->info.pc9x);
-  for (std::string_view item : Split(e.frontend_attributes, ' ')) {
-    const size_t eq = item.find('=');
-    if (eq == std::string_view::npos) continue;
-    const std::string_view key = item.substr(0, eq), value = item.substr(eq + 1);
-    long long seconds = 0;
-    if (key == "kind" && !value.empty()) {
-      link->info.kind = std::string(value);
-    } else if ((key == "since" || key == "up") && ParseInt(value, seconds) && seconds > 0) {
-      const SysTime at{std::chrono::seconds(seconds)};
-      (key == "since" ? e.since : link->info.since) = at;
-    }
+  // (The link layer has taken the connection's start from "since" already.)
+  const std::string_view kind = StreamAttribute(e.frontend_attributes, "kind");
+  if (!kind.empty()) link->info.kind = std::string(kind);
+  long long up = 0;
+  if (ParseInt(StreamAttribute(e.frontend_attributes, "up"), up) && up > 0) {
+    link->info.since = std::min(link->info.since, SysTime{std::chrono::seconds(up)});
   }
   Link& l = *link;
   links_[stream] = std::move(link);

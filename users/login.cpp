@@ -297,6 +297,13 @@ void Login::Complete(int stream, bool name_was_set) {
   ctx_.log.Write("Login", "Login Ok " + e.call + " " + e.peer_address);
   ctx_.monitor.Write(MonitorChannel::kConsole, "Login Ok " + e.call, "green", stream);
   ctx_.out.SetStreamIdentity(stream, e.call, e.state);
+  // The front-end keeps with the connection when it began (WHO shows it after a restart of
+  // this node) and the rights the password gave.
+  std::string attributes = fmt::format(
+      "since={}",
+      std::chrono::duration_cast<std::chrono::seconds>(e.since.time_since_epoch()).count());
+  if (e.privilege > 0) attributes += " priv=" + std::to_string(e.privilege);
+  ctx_.out.SetStreamAttributes(stream, attributes);
   if (name_was_set) {
     ctx_.SendLine(stream, "Name set to " + e.session.name + ".");
     ctx_.store.SavePersonal(e.call, 1, e.session.name);
@@ -485,10 +492,7 @@ void Login::OnRecovered(int stream) {
 int Login::RecoveredPrivilege(std::string_view call, std::string_view attributes) const {
   // "priv=N" was given when the password was right.  Rights the sysop has taken away since
   // (the call's row removed from the password list) are not given back.
-  int level = 0;
-  for (std::string_view item : Split(attributes, ' ')) {
-    if (item.starts_with("priv=")) level = ParseIntOr(item.substr(5), 0);
-  }
+  const int level = ParseIntOr(StreamAttribute(attributes, "priv"), 0);
   if (level <= 0) return 0;
   int highest = 0;
   for (const PasswordRow& row : ctx_.access.passwords) {

@@ -363,8 +363,10 @@ TEST_F(LinkRecordsTest, RecoveryRebuildsEveryReportedStream) {
   EXPECT_TRUE(link_->recovering());
   EXPECT_EQ(Console().front(), "AA01^3^2,5,7");
 
-  link_->Arrive("AA38^21^2^192.0.2.9:5000^0^DL1ABC^1^in^priv=9 x\x03");
-  link_->Arrive("AA38^22^5^198.51.100.4:7300^9^GB7XX^21^out:GB7XX\x03");
+  // The start the node gave the front-end to keep stays; one still to come cannot be.
+  const SysTime before = clock_.Now();
+  link_->Arrive("AA38^21^2^192.0.2.9:5000^0^DL1ABC^1^in^priv=9 since=1700000000 x\x03");
+  link_->Arrive("AA38^22^5^198.51.100.4:7300^9^GB7XX^21^out:GB7XX^since=99999999999\x03");
   EXPECT_EQ(events_.recovery_complete, 0);
   // A reported stream that closes before its report counts as done.
   link_->Arrive("AA17^23^7^peer closed\x03");
@@ -379,7 +381,10 @@ TEST_F(LinkRecordsTest, RecoveryRebuildsEveryReportedStream) {
   EXPECT_EQ(user.state, 1);
   EXPECT_EQ(user.peer_address, "192.0.2.9:5000");
   EXPECT_EQ(user.login_stage, LoginStage::kLoggedIn);
-  EXPECT_EQ(user.frontend_attributes, "priv=9 x");
+  EXPECT_EQ(user.frontend_attributes, "priv=9 since=1700000000 x");
+  EXPECT_EQ(user.since, SysTime{std::chrono::seconds(1700000000)});
+  EXPECT_GE(table_.at(5).since, before);
+  EXPECT_LE(table_.at(5).since, clock_.Now());
   EXPECT_EQ(LastConnection(2)->colour, "white");
   const StreamEntry& node = table_.at(5);
   EXPECT_EQ(node.state, kStateNodePc9x);
@@ -842,6 +847,36 @@ TEST_F(LinkSocketTest, CloseOfAnUnknownStreamReconnectsTheLink) {
   ASSERT_TRUE(Handshake(fe));
   EXPECT_EQ(events_.link_down, 1);
   EXPECT_EQ(events_.link_up, 2);
+}
+
+TEST_F(LinkSocketTest, AHandOverAnswersWhatCameBeforeTheFrontEndHeldInputThenLetsGo) {
+  FakeFrontend fe(io_);
+  StartAgainst(fe.port());
+  ASSERT_TRUE(Handshake(fe));
+  bool done = false;
+  link_->HandOver(5s, [&] { done = true; });
+  ASSERT_TRUE(Received(fe, std::string("6\x03stopping\x04")));
+  fe.received().clear();
+  // A keep-alive before the answer is still handled; a record after it is not.
+  fe.Send(
+      "AA18\x03"
+      "AA21\x03"
+      "AA18\x03");
+  ASSERT_TRUE(RunUntil([&] { return done; }));
+  RunFor(50ms);
+  EXPECT_EQ(fe.received(), "rxAA18");
+  EXPECT_EQ(events_.link_down, 0);  // the owner stops the link itself
+
+  // No answer in time, or no link at all: the node stops all the same.
+  done = false;
+  link_->Restart();
+  ASSERT_TRUE(Handshake(fe));
+  link_->HandOver(100ms, [&] { done = true; });
+  ASSERT_TRUE(RunUntil([&] { return done; }));
+  link_->Stop();
+  done = false;
+  link_->HandOver(5s, [&] { done = true; });
+  EXPECT_TRUE(RunUntil([&] { return done; }, 50ms));
 }
 
 TEST_F(LinkSocketTest, ConnectButtonConnectsAtOnce) {

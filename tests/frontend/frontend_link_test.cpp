@@ -258,11 +258,21 @@ TEST_F(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
   ASSERT_TRUE(node->Send(Message({"5", "1", "priv^=9\r\n", tag})));
   ASSERT_TRUE(node->Send(Message({"0", "1", "G4ABC de GB7QX >\r\n", tag})));
   ASSERT_TRUE(client.ReadUntil("GB7QX >"));
+
+  // A stopping node hands over: what is typed after the front-end's answer is held, while
+  // the node's last answers still reach the connection.
+  ASSERT_TRUE(node->Send(Message({"6", "stopping"})));
+  ASSERT_EQ(WaitRecord(*node, "AA21"), "AA21");
+  ASSERT_TRUE(client.Send("sh/dx\r\n"));
+  ASSERT_TRUE(node->Send(Message({"0", "1", "last answer\r\n", tag})));
+  ASSERT_TRUE(client.ReadUntil("last answer\r\n"));
+  node->Drain(300ms);
+  EXPECT_EQ(node->received().find("sh/dx"), std::string::npos);
   node->Close();
 
   // Typed while no node is there: held, not lost.
   std::this_thread::sleep_for(100ms);
-  ASSERT_TRUE(client.Send("sh/dx\r\n"));
+  ASSERT_TRUE(client.Send("sh/us\r\n"));
   std::this_thread::sleep_for(300ms);
 
   LineClient node2;
@@ -270,7 +280,7 @@ TEST_F(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
   EXPECT_EQ(
       WaitRecord(node2, "AA38^"),
       "AA38^" + tag + "^1^127.0.0.1:" + std::to_string(LocalPort(client)) + "^0^G4ABC^5^in^priv=9");
-  EXPECT_EQ(WaitRecord(node2, "AA00^"), "AA00^1^sh/dx\r\n");
+  EXPECT_EQ(WaitRecord(node2, "AA00^"), "AA00^1^sh/dx\r\nsh/us\r\n");
   // The order is fixed: challenge, announcement, list, reports, then held input.
   const auto records = Records(node2.received());
   ASSERT_GE(records.size(), 5u);

@@ -45,6 +45,8 @@ std::string Describe(const NodeMessage& m) {
     case NodeMessageKind::kAttributes:
       return "attributes " + std::to_string(m.stream) + " [" + std::string(m.text) + "] " +
              std::to_string(m.tag);
+    case NodeMessageKind::kHandOver:
+      return "hand over [" + std::string(m.text) + "]";
     case NodeMessageKind::kMalformed:
       return "malformed " + std::string(m.error);
   }
@@ -88,6 +90,7 @@ TEST(DecodeNodeMessageTest, EachKindAndEachFaultSaysWhatItIs) {
       {"3|5|G4ABC|1|17", "identity 5 G4ABC 1 17"},
       {"4|0a1b|c2d3", "proof 0a1b c2d3"},
       {"5|5|priv=9|17", "attributes 5 [priv=9] 17"},
+      {"6|stopping", "hand over [stopping]"},
       {"0|x|hi|1", "malformed bad stream"},
       {"0|0|hi|1", "malformed bad stream"},
       {"0|2|hi|-1", "malformed bad tag"},

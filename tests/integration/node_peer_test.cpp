@@ -55,7 +55,9 @@ class NodePeerTest : public ::testing::Test {
   NodeSite node_{"K1QXA"};
 };
 
-TEST_F(NodePeerTest, LegacyPeerCallsTheNode) {
+// A legacy peer calls the node, traffic goes both ways, the node restarts unnoticed, and the
+// peer says goodbye.
+TEST_F(NodePeerTest, LegacyPeerCallsTheNodeAndSeesNoRestart) {
   node_.Define("K7LEG", "ARC");
   node_.Start();
   auto user = node_.LogIn("W1AAA");
@@ -92,6 +94,33 @@ TEST_F(NodePeerTest, LegacyPeerCallsTheNode) {
   peer->SendLine(SpotNow("PC11", "21025.0", "JA2XYZ", "W7OLD", "K7LEG", "H24^~"));
   ASSERT_TRUE(user->ReadUntil("JA2XYZ")) << user->received();
   EXPECT_THAT(user->received(), HasSubstr("DX de W7OLD:"));
+
+  // The node restarts: the peer sees no new start but hears our whole list again and of the
+  // user who left meanwhile, and what it sent meanwhile arrives.
+  auto leaver = node_.LogIn("W1GONE");
+  ASSERT_TRUE(peer->ReadUntil("PC16^K1QXA^W1GONE - 1^")) << peer->received();
+  ASSERT_EQ(node_.node().Stop(), 0);
+  leaver->Close();
+  peer->SendLine(SpotNow("PC11", "21030.0", "JA2QRP", "W7OLD", "K7LEG", "H24^~"));
+  peer->SendLine("PC12^W7OLD^*^news while down^ ^K7LEG^0^H30^~");
+  peer->SendLine("PC10^W7OLD^W1AAA^talk while down^*^ ^K7LEG^~");
+  peer->ClearReceived();
+  user->ClearReceived();
+  node_.StartNode();
+  ASSERT_TRUE(peer->ReadUntil("PC17^W1GONE^K1QXA^", 20s)) << peer->received();
+  EXPECT_THAT(peer->received(), HasSubstr("PC19^1^K1QXA^0^5457^H99^\r\n"));
+  EXPECT_THAT(peer->received(), HasSubstr("PC16^K1QXA^W1AAA - 1^H99^\r\n"));
+  for (std::string_view start : {"PC18^", "PC20^", "PC22^"}) {
+    EXPECT_THAT(peer->received(), ::testing::Not(HasSubstr(start))) << start;
+  }
+  EXPECT_THAT(node_.node().Output(), ::testing::Not(HasSubstr("Node link up")));
+  for (std::string_view what :
+       {"JA2QRP", "To ALL de W7OLD: news while down", "W1AAA de W7OLD: talk while down"}) {
+    EXPECT_TRUE(user->ReadUntil(what)) << what << "\n" << user->received();
+  }
+  EXPECT_TRUE(UserListed(*user, "W7OLD")) << user->received();
+  user->SendLine("DX 14030.0 JA1QRP after the restart");
+  ASSERT_TRUE(peer->ReadUntil("PC11^14030.0^JA1QRP^")) << peer->received();
 
   // Link checks both ways, then the peer says goodbye.
   ASSERT_TRUE(peer->ReadUntil("PC51^K7LEG^K1QXA^1^\r\n")) << peer->received();
@@ -212,7 +241,10 @@ TEST_F(NodePeerTest, NodeCallsAPc9xPeerAndKeepsTheLinkOverARestart) {
   EXPECT_THAT(peer.received(), HasSubstr("^1W1LATE:127.0.0.1^H99^"));
 }
 
-TEST_F(NodePeerTest, AcceptedPc9xPeerSeesNoNewStartAfterARestartAndCanCompleteOne) {
+// An accepted PC9x peer sees no new start when the node restarts, and nothing it sends right
+// before, during or right after the restart is lost: the stopping node answers what reached
+// it, and the front-end holds the rest for the next start.
+TEST_F(NodePeerTest, AcceptedPc9xPeerLosesNothingAcrossARestartAndCanStartAgain) {
   Stamps t;
   node_.Define("K9PCX", "DXS pc9x");
   node_.Start();
@@ -225,10 +257,28 @@ TEST_F(NodePeerTest, AcceptedPc9xPeerSeesNoNewStartAfterARestartAndCanCompleteOn
   auto user = node_.LogIn("W1AAA");
   ASSERT_TRUE(peer->ReadUntil("^A^^1W1AAA")) << peer->received();
   peer->ClearReceived();
+  constexpr std::string_view kPing = "PC51^K1QXA^K9PCX^1^", kAnswer = "PC51^K9PCX^K1QXA^0^";
+  peer->SendLine(kPing);
   ASSERT_EQ(node_.node().Stop(), 0);
+  peer->SendLine(kPing);
+  peer->SendLine(SpotNow("PC61", "14074.0", "JA3QRS", "W9USR", "K9PCX", "198.51.100.9^H30^~"));
+  peer->SendLine("PC93^K9PCX^" + t.Next() + "^*^W9USR^*^news while down^^198.51.100.9^H99^");
+  peer->SendLine("PC93^K9PCX^" + t.Next() + "^W1AAA^W9USR^*^talk while down^^198.51.100.9^H99^");
+  user->ClearReceived();
   node_.StartNode();
   ASSERT_TRUE(peer->ReadUntil("^1W1AAA:127.0.0.1^H99^", 20s)) << peer->received();
   EXPECT_THAT(peer->received(), ::testing::Not(HasSubstr("PC18^")));
+  peer->SendLine(kPing);
+  EXPECT_TRUE(WaitFor([&] {
+    peer->Drain(100ms);
+    return NodeSite::Occurrences(peer->received(), kAnswer) >= 3;
+  })) << peer->received();
+  for (std::string_view what :
+       {"JA3QRS", "To ALL de W9USR: news while down", "W1AAA de W9USR: talk while down"}) {
+    EXPECT_TRUE(user->ReadUntil(what)) << what << "\n" << user->received();
+  }
+  EXPECT_EQ(CountAfterDrain(*user, "JA3QRS"), 1u);
+  EXPECT_EQ(NodeSite::Occurrences(peer->received(), kAnswer), 3u);
   EXPECT_TRUE(UserListed(*user, "W9USR")) << user->received();
   // WHO shows the link with its configured kind and the time it began, not the restart.
   user->ClearReceived();

@@ -111,6 +111,11 @@ TEST_F(LoginTest, PasswordGivesPrivilegeAndThreeFailuresClose) {
   Type(1, "secret");
   EXPECT_TRUE(streams_.at(1).IsUser());
   EXPECT_EQ(streams_.at(1).privilege, 5);
+  // The front-end keeps the rights and the connection's start for a restart of the node.
+  const auto since =
+      std::chrono::duration_cast<std::chrono::seconds>(streams_.at(1).since.time_since_epoch());
+  EXPECT_EQ(out_.attributes[1], "since=" + std::to_string(since.count()) + " priv=5");
+  EXPECT_GT(since.count(), 0);
 
   Connect(2);
   Type(2, "K1SYS-2");

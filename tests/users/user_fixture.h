@@ -33,8 +33,11 @@ class RecordingOutput final : public StreamOutput {
   void SetStreamIdentity(int stream, std::string_view call, int state) override {
     identity[stream] = std::string(call);
   }
-  void SetStreamAttributes(int, std::string_view) override {}
+  void SetStreamAttributes(int stream, std::string_view text) override {
+    attributes[stream] = std::string(text);
+  }
   std::map<int, std::string> sent;
+  std::map<int, std::string> attributes;
   std::vector<int> closed;
   std::map<int, std::string> identity;
 };
@@ -112,6 +115,7 @@ class UserFixture : public ::testing::Test {
     StreamEntry& e = streams_.at(stream);
     e.state = kStateLoggingIn;
     e.peer_address = std::move(peer);
+    e.since = clock_.Now();
     login_.OnConnectRequest(stream);
     return stream;
   }
