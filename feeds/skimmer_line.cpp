@@ -111,6 +111,12 @@ bool SpotterShape(std::string_view text) {
   return true;
 }
 
+// A mode word: a letter, then letters and digits, at most 8 ("CW", "PSK31").
+bool ModeShape(std::string_view t) {
+  if (t.empty() || t.size() > 8 || !IsAlpha(t.front())) return false;
+  return std::all_of(t.begin(), t.end(), [](char c) { return IsAlpha(c) || IsDigit(c); });
+}
+
 // "FN42" or "FN42ab": the field letters A-R, two digits, optionally the subsquare a-x.
 bool GridShape(std::string_view t) {
   if (t.size() != 4 && t.size() != 6) return false;
@@ -298,7 +304,7 @@ SkimmerLineError ParseSkimmerLine(std::string_view line, SkimmerReport& out) {
       first = false;
       continue;
     }
-    if (first && IsAlpha(w.front()) && w.size() <= 8) {
+    if (first && ModeShape(w)) {
       out.mode_text.assign(w);
       for (char& c : out.mode_text) c = Upper(c);
       out.mode = SkimmerModeOf(out.mode_text);

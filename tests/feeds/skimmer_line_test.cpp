@@ -84,6 +84,11 @@ TEST(SkimmerLineTest, RefusesWhatIsNoReport) {
     SkimmerReport r;
     EXPECT_EQ(ParseSkimmerLine(line, r), error) << line;
   }
+  // A word holding a control character is never taken for the mode, which goes to users.
+  SkimmerReport r;
+  ASSERT_EQ(ParseSkimmerLine("DX de DL1ABC-#: 14025.1 K1ABC C\aW 18 dB 1854Z", r),
+            SkimmerLineError::kNone);
+  EXPECT_EQ(r.mode_text, "");
 }
 
 TEST(SkimmerLineTest, ModeColumnsAlignTheRatioBeforeDb) {
