@@ -28,9 +28,9 @@ std::vector<std::string> MakeLines(size_t count) {
   lines.reserve(count);
   while (lines.size() < count) {
     const int call = int(rng() % kCalls);
-    const std::string dx = fmt::format("{}{}{}{}{}", "KWNG"[call % 4], call % 10,
-                                       char('A' + call / 10 % 26), char('A' + call / 260 % 26),
-                                       char('A' + call / 6760 % 26));
+    const std::string dx =
+        fmt::format("{}{}{}{}{}", "KWNG"[call % 4], call % 10, char('A' + call / 10 % 26),
+                    char('A' + call / 260 % 26), char('A' + call / 6760 % 26));
     const double khz = kBandStarts[call % 9] + (call % 97) * 0.5;
     const int heard_by = 1 + int(rng() % 8);
     for (int i = 0; i < heard_by && lines.size() < count; ++i) {

@@ -270,8 +270,8 @@ const ReporterResult& ReporterFeed::Offer(std::string_view payload, SysTime now_
 
   const uint64_t key = StationKey(report_.sender, band, report_.mode);
   auto it = entries_.find(key);
-  if (it != entries_.end() && it->second.sender == report_.sender &&
-      it->second.band == band && it->second.mode == report_.mode) {
+  if (it != entries_.end() && it->second.sender == report_.sender && it->second.band == band &&
+      it->second.mode == report_.mode) {
     Count(it->second, report_.receiver);
     r.outcome = ReporterOutcome::kCollapsed;
     return r;
@@ -322,8 +322,7 @@ size_t ReporterFeed::TakeDue(SysTime now_time,
     const Item item = pending_.front();
     pending_.pop_front();
     const auto it = entries_.find(item.key);
-    if (it == entries_.end() || it->second.generation != item.generation ||
-        it->second.released) {
+    if (it == entries_.end() || it->second.generation != item.generation || it->second.released) {
       continue;
     }
     Release(it->second, due_sentence_);

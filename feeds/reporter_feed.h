@@ -43,7 +43,7 @@ struct ReporterReport {
 
 enum class ReporterError : uint8_t {
   kNone,
-  kTooLong,       // larger than any report
+  kTooLong,  // larger than any report
   kNotJson,
   kNotObject,
   kBadFrequency,  // f missing, not a number, or not positive
@@ -63,8 +63,8 @@ ReporterError ParseReporterPayload(std::string_view payload, ReporterReport& out
                                    size_t max_payload = 4096);
 
 struct ReporterSettings {
-  std::chrono::seconds window{300};  // one spot per DX call, band and mode in this time
-  std::chrono::seconds hold{30};     // a new spot waits this long for more receivers
+  std::chrono::seconds window{300};    // one spot per DX call, band and mode in this time
+  std::chrono::seconds hold{30};       // a new spot waits this long for more receivers
   std::chrono::seconds max_age{3600};  // older reports are no news
   std::chrono::seconds max_ahead{900};
   size_t max_entries = 1u << 15;  // DX calls, bands and modes held at most
@@ -78,7 +78,7 @@ enum class ReporterOutcome : uint8_t {
   kCollapsed,  // counted into a spot held or already sent
   kRejected,   // error says why
   kOffBand,
-  kStale,      // its time is too old or too far ahead
+  kStale,  // its time is too old or too far ahead
 };
 
 std::string_view ReporterOutcomeName(ReporterOutcome outcome);

@@ -34,7 +34,7 @@ struct SkimmerReport {
   SkimmerMode mode = SkimmerMode::kUnknown;
   bool has_snr = false;
   int snr_db = 0;
-  int speed = 0;  // 0 when none was sent
+  int speed = 0;              // 0 when none was sent
   bool speed_is_bps = false;  // "BPS" rather than "WPM"
   SkimmerKind kind = SkimmerKind::kOther;
   std::string grid;  // a Maidenhead locator when the line carries one (FT8, FT4)
@@ -53,8 +53,8 @@ enum class SkimmerLineError : uint8_t {
 
 std::string_view SkimmerLineErrorName(SkimmerLineError error);
 
-// Parses one line (without its line end).  On failure the report is left in an unspecified
-// state.
+// Parses one line (without its line end).  On failure the report may hold parts of the line
+// and must not be used.
 SkimmerLineError ParseSkimmerLine(std::string_view line, SkimmerReport& out);
 
 // The mode of a mode word ("CW", "RTTY", "PSK31", "BPSK63", "FT8", "FT4"); kUnknown otherwise.

@@ -35,9 +35,8 @@ std::string_view Morse(char c) {
       ".-",   "-...", "-.-.", "-..",  ".",   "..-.", "--.",  "....", "..",
       ".---", "-.-",  ".-..", "--",   "-.",  "---",  ".--.", "--.-", ".-.",
       "...",  "-",    "..-",  "...-", ".--", "-..-", "-.--", "--.."};
-  static constexpr std::string_view kDigits[10] = {"-----", ".----", "..---", "...--",
-                                                   "....-", ".....", "-....", "--...",
-                                                   "---..", "----."};
+  static constexpr std::string_view kDigits[10] = {"-----", ".----", "..---", "...--", "....-",
+                                                   ".....", "-....", "--...", "---..", "----."};
   if (c >= 'A' && c <= 'Z') return kLetters[c - 'A'];
   if (c >= '0' && c <= '9') return kDigits[c - '0'];
   if (c == '/') return "-..-.";
@@ -272,8 +271,7 @@ const SkimmerVerifier::Entry* SkimmerVerifier::FindBustOf(const SkimmerReport& r
   const int64_t from = int64_t(std::floor((r.khz - tol) * 10));
   const int64_t to = int64_t(std::floor((r.khz + tol) * 10));
   for (int64_t step = from; step <= to; ++step) {
-    const auto bucket =
-        by_bucket_.find((uint64_t(band) << 32) | uint32_t(step));
+    const auto bucket = by_bucket_.find((uint64_t(band) << 32) | uint32_t(step));
     if (bucket == by_bucket_.end()) continue;
     for (uint64_t key : bucket->second) {
       const auto it = entries_.find(key);
@@ -333,9 +331,8 @@ void SkimmerVerifier::BuildComment(const SkimmerReport& r) {
   // What does not fit before the tag goes: the speed first, then the locator, then the kind.
   c = ModeColumn(r.mode_text, r.has_snr, r.snr_db);
   const std::string_view tag_text(tag);
-  const size_t room = kFeedCommentWidth > tag_text.size() + 1
-                          ? kFeedCommentWidth - tag_text.size() - 1
-                          : 0;
+  const size_t room =
+      kFeedCommentWidth > tag_text.size() + 1 ? kFeedCommentWidth - tag_text.size() - 1 : 0;
   std::string_view parts[3] = {speed, r.grid, kind};
   auto length = [&] {
     size_t n = c.size();
@@ -447,8 +444,7 @@ const SkimmerDecision& SkimmerVerifier::Decide(const SkimmerReport& r, SysTime n
                                                      : SkimmerOutcome::kHeld;
     return d;
   }
-  if (settings_.dupes_not_allowed && e.passed &&
-      now - e.passed_t < settings_.dupe_window.count()) {
+  if (settings_.dupes_not_allowed && e.passed && now - e.passed_t < settings_.dupe_window.count()) {
     const bool moved = d.verdict == SkimmerVerdict::kQsy &&
                        std::fabs(r.khz - e.passed_khz) >= settings_.qsy_khz - kSlack;
     const bool upgrade = good && e.passed_verdict != SkimmerVerdict::kVerified &&

@@ -69,11 +69,11 @@ struct VerifierSettings {
 VerifierSettings VerifierSettingsFromConfig(const Config& config, VerifierSettings base = {});
 
 struct VerifierLists {
-  CallList skimmer_nok;      // skimmers whose reports are refused ("DL1ABC" or "DL1ABC-#")
-  CallList skimmer_dx_nok;   // DX calls never taken from skimmers
-  CallList do_not_verify;    // DX calls passed on without verification
-  CallList bad_cw_dx;        // "BadCwSkDx.dat": DX calls CW skimmers are known to invent
-  CallList known_calls;      // the known-calls database (MASTER.SCP)
+  CallList skimmer_nok;     // skimmers whose reports are refused ("DL1ABC" or "DL1ABC-#")
+  CallList skimmer_dx_nok;  // DX calls never taken from skimmers
+  CallList do_not_verify;   // DX calls passed on without verification
+  CallList bad_cw_dx;       // "BadCwSkDx.dat": calls that CW decoding is known to invent
+  CallList known_calls;     // the known-calls database (MASTER.SCP)
 };
 
 // Fills the three lists kept in the settings; the two files are loaded by their owner.

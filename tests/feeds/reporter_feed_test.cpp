@@ -111,10 +111,10 @@ TEST_F(ReporterFeedTest, OneSpotPerStationBandAndModeInTheWindow) {
             ReporterOutcome::kSpot);
   EXPECT_EQ(feed.Offer(Payload("K1ABC", "G4ABC", 7074000), kT0 + seconds(8)).outcome,
             ReporterOutcome::kSpot);
-  EXPECT_EQ(feed.Offer(Payload("K1ABC", "JA1ABC", 14074000, "FT8", kUnix0 + 290),
-                       kT0 + seconds(301))
-                .outcome,
-            ReporterOutcome::kSpot);
+  EXPECT_EQ(
+      feed.Offer(Payload("K1ABC", "JA1ABC", 14074000, "FT8", kUnix0 + 290), kT0 + seconds(301))
+          .outcome,
+      ReporterOutcome::kSpot);
 }
 
 TEST_F(ReporterFeedTest, AHeldSpotCountsTheReceiversHeardDuringItsHold) {

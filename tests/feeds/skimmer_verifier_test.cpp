@@ -160,7 +160,7 @@ TEST_F(VerifierTest, ReportsAndVerificationsExpire) {
 TEST_F(VerifierTest, ListsRefuseOrWaiveAsNamed) {
   v_.lists().skimmer_nok.AddCommaList("dl1aaa, G4BBB-#");
   v_.lists().skimmer_dx_nok.Add("K9BAD");
-  v_.lists().bad_cw_dx.LoadText("# invented by CW skimmers\nEK1ABC\n");
+  v_.lists().bad_cw_dx.LoadText("# invented by CW decoding\nEK1ABC\n");
   v_.lists().do_not_verify.Add("4U1UN");
   EXPECT_EQ(At(seconds(0), "DL1AAA", 14025.0, "K1ABC").outcome, SkimmerOutcome::kRefusedSkimmer);
   EXPECT_EQ(At(seconds(0), "G4BBB", 14025.0, "K1ABC").outcome, SkimmerOutcome::kRefusedSkimmer);
@@ -238,7 +238,7 @@ TEST(BustTest, OneSlipOfTheDecoder) {
            {"K1AB", "K1ABC"},
            {"TK1ABC", "K1ABC"},
            {"K1ABCE", "K1ABC"},
-           {"K1ETBC", "K1ABC"},  // A = .- read as E T
+           {"K1ETBC", "K1ABC"},    // A = .- read as E T
            {"DL1SEAB", "DL1HAB"},  // H = .... read as S E
            {"R5AB", "RHEAB"},      // H E read together as 5
        }) {
