@@ -285,7 +285,11 @@ bool NodeProcessor::HopeCheckEtc(const PcSentence& s) {
   if (n < 10) return Reject(s.stream, s.line, "no sentence number");
   // A PC11 comes in every shape its relays leave it in; the hop count is what must be there.
   if (n == 11) {
-    return HasSpotTrailer(s.fields) || Reject(s.stream, s.line, "spot without a hop count");
+    if (!HasSpotTrailer(s.fields)) return Reject(s.stream, s.line, "spot without a hop count");
+    // Nine fields: the spot is whole, but its sender left the terminator off.  The sysop who
+    // watches node traffic is told; the spot itself is taken.
+    if (s.last() == 8 && options_.monitor_view == 1) Show(" Protocol Violation", "blue", s.stream);
+    return true;
   }
   const int last = s.last();
   const int flags = flags_.Get(n);
