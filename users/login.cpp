@@ -259,8 +259,18 @@ void Login::OnName(int stream, std::string_view line) {
     return;
   }
   if (name.size() > 9 && ToUpper(name.substr(0, 9)) == "SET/NAME ") {
-    name = Trim(name.substr(name.find(' ') + 1));
-  } else if (IsCommandNotName(name)) {
+    // The name given as a command is meant as given: asking to confirm it would hold a
+    // logging program, whose next lines are commands, in the question.
+    e.pending_name = PersonalValue(Trim(name.substr(name.find(' ') + 1)));
+    if (!e.pending_name.empty()) {
+      e.session.name = e.pending_name;
+      Complete(stream, /*name_was_set=*/true);
+      return;
+    }
+    AskName(stream);
+    return;
+  }
+  if (IsCommandNotName(name)) {
     // A logging program that logs in by itself sends its start-up commands straight after
     // the call.  Asking it for a name would trap it in the question for good: the log-in
     // completes without a name and the command runs as if typed at the prompt.
@@ -285,6 +295,15 @@ void Login::OnNameConfirm(int stream, std::string_view line) {
     Complete(stream, /*name_was_set=*/true);
   } else if (MatchAbbrev("NO", 1, answer)) {
     AskName(stream);
+  } else if (IsCommandNotName(answer)) {
+    // A command instead of an answer: the sender has moved on, so the name stands as given
+    // and the command runs as if typed at the prompt.
+    const std::string command(answer);
+    e.session.name = e.pending_name;
+    Complete(stream, /*name_was_set=*/true);
+    if (e.login_stage != LoginStage::kLoggedIn || !e.IsUser()) return;
+    if (interpret_) interpret_(stream, command);
+    if (e.login_stage == LoginStage::kLoggedIn && e.IsUser()) BuildPrompt(stream);
   } else {
     ctx_.Send(stream, "Your name is " + e.pending_name + ".  Is this correct? (Y or N) >");
   }

@@ -44,7 +44,7 @@ TEST_F(LoginTest, NewUserIsAskedForNameAndConfirms) {
   EXPECT_EQ(Take(1), "Your name is Ann.  Is this correct? (Y or N) >");
   Type(1, "n");
   EXPECT_EQ(Take(1), "Please enter your name\r\n");
-  Type(1, "SET/NAME Anna");
+  Type(1, "Anna");
   EXPECT_EQ(Take(1), "Your name is Anna.  Is this correct? (Y or N) >");
   Type(1, "y");
   const std::string greeting = Take(1);
@@ -59,6 +59,32 @@ TEST_F(LoginTest, NewUserIsAskedForNameAndConfirms) {
   EXPECT_EQ(relay_.events[0].a, "PC41^K1ABC^1^Anna^H99^~\r\n");
   EXPECT_EQ(relay_.events.back().kind, "login");
   EXPECT_TRUE(std::filesystem::exists(dir_.Data("user") / "K1ABC.dat"));
+}
+
+// Logging programs answer the name question with commands.  "SET/NAME x" is a name meant as
+// given, and a command where the confirmation is expected confirms: neither may hold the
+// program in the question, whose lines would all be answered with it.
+TEST_F(LoginTest, ProgramsGivingTheNameByCommandAreNotHeldInTheQuestion) {
+  Connect(1);
+  Take(1);
+  Type(1, "k1abc");
+  Take(1);
+  Type(1, "set/name Al");
+  EXPECT_THAT(Take(1), StartsWith("Name set to Al.\r\nK1ABC\r\n"));
+  EXPECT_TRUE(streams_.at(1).IsUser());
+  EXPECT_EQ(store_.Load("K1ABC", kStateUser).settings.name, "Al");
+
+  Connect(2);
+  Take(2);
+  Type(2, "k2abc");
+  Take(2);
+  Type(2, "Bo");
+  EXPECT_EQ(Take(2), "Your name is Bo.  Is this correct? (Y or N) >");
+  Type(2, "sh/name");
+  const std::string text = Take(2);
+  EXPECT_THAT(text, StartsWith("Name set to Bo.\r\n"));
+  EXPECT_TRUE(streams_.at(2).IsUser());
+  EXPECT_THAT(text, HasSubstr("Name is Bo"));
 }
 
 TEST_F(LoginTest, KnownUserGoesStraightToGreeting) {
