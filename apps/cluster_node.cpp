@@ -15,6 +15,7 @@
 #include "downloads/http_get.h"
 #include "spots/call_sign.h"
 #include "spots/dx_command.h"
+#include "spots/dx_query.h"
 #include "spots/spot_line.h"
 
 namespace qx {
@@ -650,32 +651,26 @@ std::string ClusterNode::EnterSpot(int stream, std::string_view line, bool test_
 
 std::vector<std::string> ClusterNode::ShowDx(int stream, std::string_view args) {
   const StreamEntry& e = streams_.at(stream);
-  SpotQuery q;
-  q.count = size_t(std::max(1, config_.GetInt("Default Display Dx", 30)));
+  const size_t default_count = size_t(std::max(1, config_.GetInt("Default Display Dx", 30)));
   const size_t max_count = size_t(std::max(1, config_.GetInt("Maximum Display Dx", 100)));
+  ShowDxRequest r;
+  std::string error;
+  // No lines: the interpreter answers with its command error.
+  if (!ParseShowDx(args, bands_, default_count, max_count, r, &error)) return {};
   // A user sees the spots their filters let through, unless they ask for ALL.
-  bool filtered = true;
-  for (std::string_view word : Split(args, ' ')) {
-    if (word.empty() || EqualsIgnoreCase(word, "ON")) continue;
-    if (EqualsIgnoreCase(word, "ALL")) {
-      filtered = false;
-      continue;
-    }
-    long long n = 0;
-    if (ParseInt(word, n) && n > 0) {
-      q.count = size_t(n);
-    } else if (const uint32_t bit = bands_.BitByName(word); bit != 0) {
-      q.band_bit = bit;
-    } else {
-      q.call = ToUpper(word);
-    }
+  if (!r.all) {
+    r.query.accept = [&](const Spot& spot) { return filter_book_->Shows(stream, e, spot); };
   }
-  q.count = std::min(q.count, max_count);
-  if (filtered) {
-    q.accept = [&](const Spot& spot) { return filter_book_->Shows(stream, e, spot); };
+  std::vector<Spot> day_spots;
+  std::vector<const Spot*> found;
+  if (r.day >= 0) {
+    day_spots = history_->ReadDay(clock_.Now() - std::chrono::days(r.day), bands_);
+    found = SpotHistory::FindIn(day_spots, r.query);
+  } else {
+    found = history_->Find(r.query);
   }
   std::vector<std::string> lines;
-  for (const Spot* spot : history_->Find(q)) {
+  for (const Spot* spot : found) {
     lines.push_back(ShowDxLine(*spot, e.session.resolution >= 2 ? 2 : 1));
   }
   if (lines.empty()) lines.push_back("No spots found.");

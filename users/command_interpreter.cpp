@@ -821,7 +821,12 @@ void CommandInterpreter::Show(int stream, std::string_view line, std::string_vie
   } else if (upper_rest.find("STAT/USER") != std::string::npos) {
     Lines(stream, services_.NetworkLines("users"));
   } else if (MatchAbbrev("DX", 2, word)) {
-    Lines(stream, services_.ShowDx(stream, arg));
+    const std::vector<std::string> lines = services_.ShowDx(stream, arg);
+    if (lines.empty()) {
+      Reply(stream, CommandError(line));
+    } else {
+      Lines(stream, lines);
+    }
   } else if (MatchAbbrev("WIDTH", 1, word)) {
     Reply(stream, fmt::format("Width is {}", s.width));
   } else if (MatchAbbrev("NAME", 2, word)) {

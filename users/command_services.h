@@ -14,7 +14,8 @@ class CommandServices {
   // The DX command (or DXTEST with test_only): returns the reply for the user ("" when the
   // spot was taken without a reply).
   virtual std::string EnterSpot(int stream, std::string_view line, bool test_only) = 0;
-  // SHOW/DX with its arguments (count, call or prefix, band): the lines to send.
+  // SHOW/DX with its arguments (count, call or prefix, band, spotter, day, comment text): the
+  // lines to send; none when the arguments are wrong.
   virtual std::vector<std::string> ShowDx(int stream, std::string_view args) = 0;
   // Adds (add = true) or removes an item of a configuration list and saves the
   // configuration; true when the list changed.
