@@ -34,6 +34,20 @@ class CommandServices {
   virtual std::vector<std::string> ShowPropagation(std::string_view what, std::string_view args) {
     return {};
   }
+  // An announcement of a local user, before anybody sees it (to: "*" or "WX"): false when
+  // the announcer is refused (the AnnNok list; logged); true when it goes out, and it is
+  // then kept in the announcement history.
+  virtual bool TakeAnnouncement(std::string_view from, std::string_view to,
+                                std::string_view text) {
+    return true;
+  }
+  // SH/ANNOUNCE with its count argument: the lines, or none when the argument is wrong.
+  virtual std::vector<std::string> ShowAnnouncements(std::string_view args) { return {}; }
+  // REBUILD (sysop): what can be rebuilt from the files is read again; the lines say what.
+  virtual std::vector<std::string> Rebuild() { return {"Nothing to rebuild on this node."}; }
+  // RESTART (sysop): the node restarts without dropping a connection; the reply.  "" when
+  // this node cannot restart itself.
+  virtual std::string Restart() { return {}; }
   // The WWV command (line as typed, args after the keyword): the reply.
   virtual std::string EnterWwv(int stream, std::string_view line, std::string_view args) {
     return "WWV reports cannot be entered on this node.";
