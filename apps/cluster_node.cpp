@@ -266,8 +266,8 @@ bool ClusterNode::KeepAnnouncement(std::string_view from, std::string_view to,
                              " refused: " + std::string(text));
     return false;
   }
-  announcements_->Add(Announcement{clock_.Now(), std::string(from), std::string(to),
-                                   std::string(text)});
+  announcements_->Add(
+      Announcement{clock_.Now(), std::string(from), std::string(to), std::string(text)});
   return true;
 }
 
@@ -300,8 +300,8 @@ std::vector<std::string> ClusterNode::Rebuild() {
   bad_lists_.LoadTorAddresses(dir_.Data("files") / "torlist.dat");
   ApplyLists();
   lines.push_back("Special calls, passwords, bad words and refused addresses read again");
-  log_.Write("Rebuild", fmt::format("{} spots, {} announcements, {} WWV/WCY reports", spots, anns,
-                                    reports));
+  log_.Write("Rebuild",
+             fmt::format("{} spots, {} announcements, {} WWV/WCY reports", spots, anns, reports));
   return lines;
 }
 

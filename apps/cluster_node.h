@@ -94,8 +94,7 @@ class ClusterNode final : public LinkEvents,
   void Shutdown() override;
   std::vector<std::string> ShowPropagation(std::string_view what, std::string_view args) override;
   std::string EnterWwv(int stream, std::string_view line, std::string_view args) override;
-  bool TakeAnnouncement(std::string_view from, std::string_view to,
-                        std::string_view text) override;
+  bool TakeAnnouncement(std::string_view from, std::string_view to, std::string_view text) override;
   std::vector<std::string> ShowAnnouncements(std::string_view args) override;
   std::vector<std::string> Rebuild() override;
   std::string Restart() override;

@@ -79,8 +79,7 @@ struct NodeNetworkDeps {
   // An announcement from the network about to be shown to users (to: "*", "SYSOP" or "WX"):
   // false refuses it (a refused announcer): it is neither shown nor passed on.  True: it is
   // shown and passed on (and the callee keeps it).  Unset: every announcement is taken.
-  std::function<bool(std::string_view from, std::string_view to, std::string_view text)>
-      announce;
+  std::function<bool(std::string_view from, std::string_view to, std::string_view text)> announce;
 };
 
 class NodeNetwork final : public NodeRelay, private NodeOutput {

@@ -91,8 +91,8 @@ void SpotDistributor::SendTo(int stream, const SessionSettings& set, const Spot&
     locator_known_ = true;
     if (locator_of_) locator_ = locator_of_(spot.spotter());
     if (locator_.empty() && spot.spotter_country) {
-      locator_ = LocatorOf(spot.spotter_country->latitude, spot.spotter_country->longitude,
-                           locator_buf_);
+      locator_ =
+          LocatorOf(spot.spotter_country->latitude, spot.spotter_country->longitude, locator_buf_);
     }
   }
   if (locator_.empty()) with_locator = false;

@@ -37,8 +37,7 @@ class CommandServices {
   // An announcement of a local user, before anybody sees it (to: "*" or "WX"): false when
   // the announcer is refused (the AnnNok list; logged); true when it goes out, and it is
   // then kept in the announcement history.
-  virtual bool TakeAnnouncement(std::string_view from, std::string_view to,
-                                std::string_view text) {
+  virtual bool TakeAnnouncement(std::string_view from, std::string_view to, std::string_view text) {
     return true;
   }
   // SH/ANNOUNCE with its count argument: the lines, or none when the argument is wrong.
