@@ -15,6 +15,7 @@
 #include "downloads/http_get.h"
 #include "spots/call_sign.h"
 #include "spots/dx_command.h"
+#include "spots/dx_query.h"
 #include "spots/spot_line.h"
 
 namespace qx {
@@ -164,6 +165,9 @@ void ClusterNode::SetUpNetwork() {
     store_.StorePc41(call, record_line, /*remote=*/true);
   };
   deps.pc41.monitor = &monitor_;
+  deps.announce = [this](std::string_view from, std::string_view to, std::string_view text) {
+    return KeepAnnouncement(from, to, text, "network");
+  };
   deps.propagation = [this](const PcSentence& s) {
     using Intake = PropagationService::Intake;
     return (s.number == 23 ? propagation_->OnPc23(s.fields) : propagation_->OnPc73(s.fields)) ==
@@ -253,6 +257,63 @@ std::string ClusterNode::EnterWwv(int stream, std::string_view line, std::string
   return propagation_->EnterWwv(e.call, args);
 }
 
+// Announcements -------------------------------------------------------------------------
+
+bool ClusterNode::KeepAnnouncement(std::string_view from, std::string_view to,
+                                   std::string_view text, std::string_view source) {
+  if (announcements_->IsBadAnnouncer(from)) {
+    log_.Write("AnnNok", std::string(source) + " announcement from " + std::string(from) +
+                             " refused: " + std::string(text));
+    return false;
+  }
+  announcements_->Add(
+      Announcement{clock_.Now(), std::string(from), std::string(to), std::string(text)});
+  return true;
+}
+
+bool ClusterNode::TakeAnnouncement(std::string_view from, std::string_view to,
+                                   std::string_view text) {
+  return KeepAnnouncement(from, to, text, "local");
+}
+
+std::vector<std::string> ClusterNode::ShowAnnouncements(std::string_view args) {
+  return announcements_->Show(args, config_.GetInt("Default Display Ann", 5),
+                              config_.GetInt("Maximum Display Ann", 100));
+}
+
+// Sysop controls --------------------------------------------------------------------------
+
+std::vector<std::string> ClusterNode::Rebuild() {
+  const SysTime now = clock_.Now();
+  std::vector<std::string> lines;
+  history_->Clear();
+  const size_t spots = history_->LoadToday(now, bands_, nullptr);
+  lines.push_back(fmt::format("Spot history: {} spots read again from today's file", spots));
+  const size_t anns = announcements_->LoadToday(now);
+  lines.push_back(
+      fmt::format("Announcement history: {} announcements read again from today's file", anns));
+  const size_t reports = propagation_->ReloadToday();
+  lines.push_back(fmt::format("WWV and WCY: {} reports read again from today's files", reports));
+  access_.LoadFiles(dir_.Data("files"));
+  bad_lists_.LoadBadWords(dir_, nullptr);
+  bad_lists_.LoadRefusedAddresses(dir_.Data("files") / "ipnotok.dat");
+  bad_lists_.LoadTorAddresses(dir_.Data("files") / "torlist.dat");
+  ApplyLists();
+  lines.push_back("Special calls, passwords, bad words and refused addresses read again");
+  log_.Write("Rebuild",
+             fmt::format("{} spots, {} announcements, {} WWV/WCY reports", spots, anns, reports));
+  return lines;
+}
+
+std::string ClusterNode::Restart() {
+  monitor_.Console("Restart requested");
+  log_.Write("Restart", "restart requested by a sysop");
+  restart_requested_ = true;
+  boost::asio::post(io_, [this] { StopAfterHandOver([this] { io_.stop(); }); });
+  return "Restarting " + config_.Get("Cluster Call") +
+         ": every connection is kept; commands wait until the node is back.";
+}
+
 void ClusterNode::ApplySettings() {
   ApplyLists();
   if (network_) network_->Configure(config_);  // defined nodes and outgoing connections
@@ -327,6 +388,7 @@ void ClusterNode::SaveHighestRates(bool at_stop) {
 
 void ClusterNode::ApplyLists() {
   ApplySpotLists();
+  if (announcements_) announcements_->SetBadAnnouncers(config_.List("AnnNok").items);
   access_.locked_out.clear();
   for (const std::string& c : config_.List("LockOuts").items) {
     access_.locked_out.insert(ToUpper(BaseCall(c)));
@@ -351,8 +413,9 @@ bool ClusterNode::Start(std::string* error) {
 
   SetUpPropagation();  // "Loading WWV", "Loading WCY"
   Step("Loading Announcements");
-  // Kept as a daily file; the node reads today's to know it is there.
-  ReadFileText(dir_.Data("ann") / ("ann-" + DateText(clock_.Now())));
+  announcements_ = std::make_unique<AnnounceHistory>(
+      size_t(std::max(1, config_.GetInt("Maximum Announcements", 1000))), dir_.Data("ann"));
+  announcements_->LoadToday(clock_.Now());
   StepDone();
   SetUpSpots();
   history_->LoadToday(clock_.Now(), bands_, &monitor_);  // "Loading DX Spots" ... done
@@ -640,42 +703,45 @@ std::string ClusterNode::EnterSpot(int stream, std::string_view line, bool test_
   request.source_stream = stream;
   request.is_local = true;
   request.known_address = address;
-  const IntakeResult r = TakeSpot(request, !test_only);
   if (test_only) {
-    return r.accepted() ? "Spot would be accepted: " + dx.text + "\r\n"
-                        : "Spot would be refused: " + std::string(VerdictName(r.verdict)) + "\r\n";
+    // Every check runs, but the spot is neither kept, relayed nor counted: the user sees the
+    // line as it would reach them, and nobody else sees anything.
+    request.trial = true;
+    const IntakeResult r = intake_->Process(request);
+    if (!r.accepted()) {
+      return "DXTEST: the spot would be refused (" + std::string(VerdictName(r.verdict)) + ")\r\n";
+    }
+    distributor_->OutputSpotTo(*r.spot, stream);
+    std::string note = "DXTEST: the spot would be accepted; it was shown to you only";
+    if (!filter_book_->Shows(stream, e, *r.spot)) note += " (your filters would hold it back)";
+    return note + "\r\n";
   }
+  const IntakeResult r = TakeSpot(request, true);
   return std::string(r.reply);
 }
 
 std::vector<std::string> ClusterNode::ShowDx(int stream, std::string_view args) {
   const StreamEntry& e = streams_.at(stream);
-  SpotQuery q;
-  q.count = size_t(std::max(1, config_.GetInt("Default Display Dx", 30)));
+  const size_t default_count = size_t(std::max(1, config_.GetInt("Default Display Dx", 30)));
   const size_t max_count = size_t(std::max(1, config_.GetInt("Maximum Display Dx", 100)));
+  ShowDxRequest r;
+  std::string error;
+  // No lines: the interpreter answers with its command error.
+  if (!ParseShowDx(args, bands_, default_count, max_count, r, &error)) return {};
   // A user sees the spots their filters let through, unless they ask for ALL.
-  bool filtered = true;
-  for (std::string_view word : Split(args, ' ')) {
-    if (word.empty() || EqualsIgnoreCase(word, "ON")) continue;
-    if (EqualsIgnoreCase(word, "ALL")) {
-      filtered = false;
-      continue;
-    }
-    long long n = 0;
-    if (ParseInt(word, n) && n > 0) {
-      q.count = size_t(n);
-    } else if (const uint32_t bit = bands_.BitByName(word); bit != 0) {
-      q.band_bit = bit;
-    } else {
-      q.call = ToUpper(word);
-    }
+  if (!r.all) {
+    r.query.accept = [&](const Spot& spot) { return filter_book_->Shows(stream, e, spot); };
   }
-  q.count = std::min(q.count, max_count);
-  if (filtered) {
-    q.accept = [&](const Spot& spot) { return filter_book_->Shows(stream, e, spot); };
+  std::vector<Spot> day_spots;
+  std::vector<const Spot*> found;
+  if (r.day >= 0) {
+    day_spots = history_->ReadDay(clock_.Now() - std::chrono::days(r.day), bands_);
+    found = SpotHistory::FindIn(day_spots, r.query);
+  } else {
+    found = history_->Find(r.query);
   }
   std::vector<std::string> lines;
-  for (const Spot* spot : history_->Find(q)) {
+  for (const Spot* spot : found) {
     lines.push_back(ShowDxLine(*spot, e.session.resolution >= 2 ? 2 : 1));
   }
   if (lines.empty()) lines.push_back("No spots found.");

@@ -35,6 +35,7 @@
 #include "spots/rate_limit.h"
 #include "spots/spot_history.h"
 #include "users/access_lists.h"
+#include "users/announce_history.h"
 #include "users/command_interpreter.h"
 #include "users/command_services.h"
 #include "users/filter_book.h"
@@ -93,6 +94,14 @@ class ClusterNode final : public LinkEvents,
   void Shutdown() override;
   std::vector<std::string> ShowPropagation(std::string_view what, std::string_view args) override;
   std::string EnterWwv(int stream, std::string_view line, std::string_view args) override;
+  bool TakeAnnouncement(std::string_view from, std::string_view to, std::string_view text) override;
+  std::vector<std::string> ShowAnnouncements(std::string_view args) override;
+  std::vector<std::string> Rebuild() override;
+  std::string Restart() override;
+
+  // RESTART was asked for: once the node has stopped, the program runs itself again (the
+  // front-end keeps every connection meanwhile).
+  bool restart_requested() const { return restart_requested_; }
 
  private:
   friend class NodeConsoleModel;
@@ -136,6 +145,9 @@ class ClusterNode final : public LinkEvents,
   void SaveHighestRates(bool at_stop);
   void SetUpNetwork();
   void SetUpPropagation();  // WWV/WCY: today's reports loaded, the fetch set up
+  // Checks an announcement against the AnnNok list (a refusal is logged) and keeps it.
+  bool KeepAnnouncement(std::string_view from, std::string_view to, std::string_view text,
+                        std::string_view source);
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;
@@ -157,6 +169,7 @@ class ClusterNode final : public LinkEvents,
   std::unique_ptr<SpotRateLimiter> rates_;
   std::unique_ptr<SpotIntake> intake_;
   std::unique_ptr<SpotHistory> history_;
+  std::unique_ptr<AnnounceHistory> announcements_;
   std::unique_ptr<SpotDistributor> distributor_;
   std::unique_ptr<FilterBook> filter_book_;
   std::unique_ptr<PropagationService> propagation_;
@@ -171,6 +184,7 @@ class ClusterNode final : public LinkEvents,
   std::chrono::steady_clock::time_point rates_saved_at_{};
   SysTime started_;
   bool stopped_ = false;
+  bool restart_requested_ = false;
   int pruned_day_ = -1;  // days since the epoch of the last prune
 };
 

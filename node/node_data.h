@@ -60,7 +60,8 @@ struct NodeDeps {
   // An accepted PC92 took these nodes out of the view (also when it is not passed on).
   std::function<void(int from_stream, const std::vector<std::string>& calls)> nodes_left;
   // A PC93 that passed the time-stamp and duplicate checks (talk/announce/chat delivery).
-  // kRepeat (an announcement already seen under another stamp) is neither shown nor passed on.
+  // kRepeat (an announcement already seen under another stamp, or from a refused announcer)
+  // is neither shown nor passed on.
   enum class Pc93Outcome { kDelivered, kNotHere, kRepeat };
   std::function<Pc93Outcome(PcSentence& s)> pc93;
   // The sentences whose processing lives with other parts of the node (talk and announce

@@ -76,6 +76,10 @@ struct NodeNetworkDeps {
   // A PC23 (WWV) or PC73 (WCY) from a node, for the propagation service.  True when it is
   // new here, so that it goes on to the other links.
   std::function<bool(const PcSentence& s)> propagation;
+  // An announcement from the network about to be shown to users (to: "*", "SYSOP" or "WX"):
+  // false refuses it (a refused announcer): it is neither shown nor passed on.  True: it is
+  // shown and passed on (and the callee keeps it).  Unset: every announcement is taken.
+  std::function<bool(std::string_view from, std::string_view to, std::string_view text)> announce;
 };
 
 class NodeNetwork final : public NodeRelay, private NodeOutput {

@@ -347,6 +347,7 @@ bool NodeNetwork::OnPc12(PcSentence& s) {
   const bool for_all = s.fields[2] == "*";
   if (!for_all && ToUpper(s.fields[2]) != options_.our_call) return false;
   if (processor_.dup_cache().SeenAnnounce(from, to, body, Now())) return false;
+  if (deps_.announce && !deps_.announce(from, to, body)) return true;  // refused: dropped here
   DeliverAnnounce(from, to, body);
   if (!for_all) return true;
   std::string& hop = s.fields[7];
@@ -367,6 +368,7 @@ NodeDeps::Pc93Outcome NodeNetwork::OnPc93(PcSentence& s) {
   if (to == "LOCAL") return Outcome::kNotHere;  // never taken from another node
   if (IsAnnounceTarget(to)) {
     if (processor_.dup_cache().SeenAnnounce(from, to, body, Now())) return Outcome::kRepeat;
+    if (deps_.announce && !deps_.announce(from, to, body)) return Outcome::kRepeat;
     DeliverAnnounce(from, to, body);
     return Outcome::kDelivered;
   }

@@ -53,6 +53,11 @@ size_t PropagationService::LoadToday() {
   return loaded;
 }
 
+size_t PropagationService::ReloadToday() {
+  history_ = PropagationHistory();
+  return LoadToday();
+}
+
 PropagationService::Intake PropagationService::OnPc23(const std::vector<std::string>& fields) {
   const SysTime now = deps_.clock->Now();
   WwvReport r;

@@ -45,6 +45,8 @@ class PropagationService {
   // Today's files into the histories ("Loading WWV", "Loading WCY").  Returns how many
   // reports were read.
   size_t LoadToday();
+  // REBUILD: forgets the histories and reads today's files again.
+  size_t ReloadToday();
 
   // A PC23 / PC73 from a neighbour (fields split on "^").  kNew: shown and kept, to be
   // passed on; a refused one has been logged.

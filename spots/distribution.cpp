@@ -76,12 +76,34 @@ std::string_view SpotDistributor::UserText(const Spot& spot, int variant, int wi
   return r.text;
 }
 
-DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
-  DistributionStats stats;
+void SpotDistributor::Begin(const Spot& spot) {
   for (Variant& v : variants_) v.built = false;
   ready_used_ = 0;
   locator_ = {};
-  bool locator_known = false;
+  locator_known_ = false;
+}
+
+void SpotDistributor::SendTo(int stream, const SessionSettings& set, const Spot& spot,
+                             DistributionStats& stats) {
+  const int width = set.width > 0 ? set.width : kDefaultWidth;
+  bool with_locator = width >= kLocatorMinWidth && set.Has(kSwGridSquare);
+  if (with_locator && !locator_known_) {
+    locator_known_ = true;
+    if (locator_of_) locator_ = locator_of_(spot.spotter());
+    if (locator_.empty() && spot.spotter_country) {
+      locator_ =
+          LocatorOf(spot.spotter_country->latitude, spot.spotter_country->longitude, locator_buf_);
+    }
+  }
+  if (locator_.empty()) with_locator = false;
+  const int variant = ((set.resolution >= 2 ? 1 : 0) << 1) | (with_locator ? 1 : 0);
+  sink_.SendToStream(stream, UserText(spot, variant, width, set.Has(kSwBeep), stats));
+  ++stats.users;
+}
+
+DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
+  DistributionStats stats;
+  Begin(spot);
   if (filter_) filter_->Prepare(spot);
 
   const int high = streams_.high_socket();
@@ -94,21 +116,16 @@ DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
       ++stats.filtered;
       continue;
     }
-    const int width = set.width > 0 ? set.width : kDefaultWidth;
-    bool with_locator = width >= kLocatorMinWidth && set.Has(kSwGridSquare);
-    if (with_locator && !locator_known) {
-      locator_known = true;
-      if (locator_of_) locator_ = locator_of_(spot.spotter());
-      if (locator_.empty() && spot.spotter_country) {
-        locator_ = LocatorOf(spot.spotter_country->latitude, spot.spotter_country->longitude,
-                             locator_buf_);
-      }
-    }
-    if (locator_.empty()) with_locator = false;
-    const int variant = ((set.resolution >= 2 ? 1 : 0) << 1) | (with_locator ? 1 : 0);
-    sink_.SendToStream(stream, UserText(spot, variant, width, set.Has(kSwBeep), stats));
-    ++stats.users;
+    SendTo(stream, set, spot, stats);
   }
+  return stats;
+}
+
+DistributionStats SpotDistributor::OutputSpotTo(const Spot& spot, int stream) {
+  DistributionStats stats;
+  if (!streams_.InRange(stream) || !streams_.at(stream).IsUser()) return stats;
+  Begin(spot);
+  SendTo(stream, streams_.at(stream).session, spot, stats);
   return stats;
 }
 

@@ -58,6 +58,9 @@ class SpotDistributor {
   void set_locator_lookup(LocatorLookup lookup) { locator_of_ = std::move(lookup); }
 
   DistributionStats OutputSpotToAll(const Spot& spot);
+  // The line as that user would get it (width, resolution, locator, bell), to that user
+  // alone and whatever their switches and filters say: what DXTEST shows.
+  DistributionStats OutputSpotTo(const Spot& spot, int stream);
 
  private:
   struct Variant {
@@ -70,6 +73,8 @@ class SpotDistributor {
     bool bell;
     std::string text;
   };
+  void Begin(const Spot& spot);
+  void SendTo(int stream, const SessionSettings& set, const Spot& spot, DistributionStats& stats);
   const std::string& LineFor(const Spot& spot, int variant, DistributionStats& stats);
   std::string_view UserText(const Spot& spot, int variant, int width, bool bell,
                             DistributionStats& stats);
@@ -83,6 +88,7 @@ class SpotDistributor {
   size_t ready_used_ = 0;
   char locator_buf_[4];
   std::string_view locator_;
+  bool locator_known_ = false;
 };
 
 }  // namespace qx

@@ -54,7 +54,7 @@ void DupeDetector::Expire(int64_t now) {
   while (count_ > 0 && ring_[head_].t < now - keep) DropOldest();
 }
 
-bool DupeDetector::DupeFound(const Spot& spot, SysTime now_tp) {
+bool DupeDetector::DupeFound(const Spot& spot, SysTime now_tp, bool remember) {
   const int64_t now = Seconds(now_tp);
   Expire(now);
 
@@ -77,6 +77,7 @@ bool DupeDetector::DupeFound(const Spot& spot, SysTime now_tp) {
       }
     }
   }
+  if (!remember) return false;
 
   if (count_ == ring_.size()) {
     DropOldest();

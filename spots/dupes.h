@@ -27,8 +27,9 @@ class DupeDetector {
  public:
   explicit DupeDetector(DupeOptions options = {});
 
-  // True for a duplicate.  A spot that is not one is remembered.  now is the receive time.
-  bool DupeFound(const Spot& spot, SysTime now);
+  // True for a duplicate.  A spot that is not one is remembered unless remember is false (a
+  // trial).  now is the receive time.
+  bool DupeFound(const Spot& spot, SysTime now, bool remember = true);
 
   size_t size() const { return count_; }
   void Clear();

@@ -230,7 +230,7 @@ std::string_view SpotIntake::SourceCall() const {
 }
 
 void SpotIntake::Append(std::string_view folder, std::string_view file, std::string_view line) {
-  if (!deps_.dir) return;
+  if (!deps_.dir || trial_) return;
   const std::filesystem::path path = deps_.dir->Data(folder) / file;
   std::string text;
   text.reserve(line.size() + 2);
@@ -278,7 +278,7 @@ bool SpotIntake::BadWordCheck(std::string_view text, const Spot& spot, std::stri
 
 void SpotIntake::ShowInSpotList(std::string_view country_column, std::string_view marker,
                                 std::string_view colour) {
-  if (!deps_.monitor || !deps_.monitor->HasSinks()) return;
+  if (!deps_.monitor || trial_ || !deps_.monitor->HasSinks()) return;
   deps_.monitor->Write(MonitorChannel::kSpots, SpotListLine(spot_, country_column, marker), colour,
                        spot_.SourceStream);
 }
@@ -289,7 +289,18 @@ IntakeResult SpotIntake::Refuse(SpotVerdict verdict) {
   return r;
 }
 
+void SpotIntake::NoteOffence(std::string_view address) {
+  if (!trial_) deps_.bad_lists->NoteOffence(address);
+}
+
 IntakeResult SpotIntake::Process(const IntakeRequest& req) {
+  trial_ = req.trial;
+  IntakeResult r = Check(req);
+  trial_ = false;
+  return r;
+}
+
+IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   const std::string_view sentence = req.sentence;
   const SysTime now = deps_.clock->Now();
   Spot& s = spot_;
@@ -411,22 +422,22 @@ IntakeResult SpotIntake::Process(const IntakeRequest& req) {
   // 11 to 13. Words.  Each hit also counts against the spotter's address.
   if (BadWordCheck(s.comment(), s, "PC11")) {
     WriteRejection("Bad Word^", sentence);
-    deps_.bad_lists->NoteOffence(address);
+    NoteOffence(address);
     return Refuse(SpotVerdict::kBadWord);
   }
   if (deps_.bad_lists->BadPhraseCheck(s.comment())) {
     WriteRejection("Bad Phrase^", sentence);
-    deps_.bad_lists->NoteOffence(address);
+    NoteOffence(address);
     return Refuse(SpotVerdict::kBadPhrase);
   }
   if (BadWordCheck(s.spotter(), s, "PC11")) {
     WriteRejection("Bad word - spotter ", sentence);
-    deps_.bad_lists->NoteOffence(address);
+    NoteOffence(address);
     return Refuse(SpotVerdict::kBadWordSpotter);
   }
   if (BadWordCheck(s.dx_call(), s, "PC11")) {
     WriteRejection("Bad word dx^", sentence);
-    deps_.bad_lists->NoteOffence(address);
+    NoteOffence(address);
     return Refuse(SpotVerdict::kBadWordDx);
   }
   // 14. Refused DX calls.
@@ -443,7 +454,7 @@ IntakeResult SpotIntake::Process(const IntakeRequest& req) {
     line += ' ';
     line += TimeHHnnZ(now);
     Append("badinfo", "NotIssued.dat", line);
-    deps_.bad_lists->NoteOffence(address);
+    NoteOffence(address);
     return Refuse(SpotVerdict::kSpotterNotIssued);
   }
   // 16. The spotter's country.
@@ -457,8 +468,11 @@ IntakeResult SpotIntake::Process(const IntakeRequest& req) {
     return Refuse(SpotVerdict::kSpotterCountryUnknown);
   }
   // 17. Duplicates, then the rate limits.
-  if (deps_.dupes && deps_.dupes->DupeFound(s, now)) return Refuse(SpotVerdict::kDuplicate);
-  if (deps_.rates) {
+  if (deps_.dupes && deps_.dupes->DupeFound(s, now, /*remember=*/!trial_)) {
+    return Refuse(SpotVerdict::kDuplicate);
+  }
+  // The rate limits count what reaches users; a trial reaches nobody else.
+  if (deps_.rates && !trial_) {
     const RateVerdict rate = deps_.rates->Admit(s.dx_call(), s.spotter(), now);
     if (rate != RateVerdict::kAdmitted) {
       WriteRejection(rate == RateVerdict::kTooManySpots   ? "Rate limit - spots per minute^"

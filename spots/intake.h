@@ -63,6 +63,9 @@ struct IntakeRequest {
   // A "PC11" carries no address; when the caller knows the spotter's address (a user of
   // this node, or one a node announced), it is checked against the address lists here.
   std::string_view known_address;
+  // A trial (DXTEST): every check runs, but nothing is remembered: no duplicate record, no
+  // rate count, no log, nothing in the spot list, no offence counted against the address.
+  bool trial = false;
 };
 
 struct IntakeResult {
@@ -125,7 +128,9 @@ class SpotIntake {
   void set_options(const IntakeOptions& options) { options_ = options; }
 
  private:
+  IntakeResult Check(const IntakeRequest& request);
   IntakeResult Refuse(SpotVerdict verdict);
+  void NoteOffence(std::string_view address);
   void ShowInSpotList(std::string_view country_column, std::string_view marker,
                       std::string_view colour);
   void Append(std::string_view folder, std::string_view file, std::string_view line);
@@ -137,6 +142,7 @@ class SpotIntake {
   std::string upper_comment_;
   std::string sentence_;  // the sentence of the spot in hand, for the logs
   std::string day_;       // date text of the logs' file names
+  bool trial_ = false;    // the request in hand is a trial
 };
 
 // --- the rules intake applies, exposed for the history loader and for tests -------------

@@ -6,6 +6,7 @@
 #include "core/monitor.h"
 #include "core/text_util.h"
 #include "spots/bands.h"
+#include "spots/call_sign.h"
 #include "spots/intake.h"
 
 namespace qx {
@@ -50,44 +51,71 @@ void SpotHistory::Add(const Spot& spot) {
   }
 }
 
+std::vector<Spot> SpotHistory::ReadDay(SysTime day, const BandTable& bands) const {
+  std::vector<Spot> spots;
+  if (dir_.empty()) return spots;
+  const std::optional<std::string> text = ReadFileText(DayFile(day));
+  if (!text) return spots;
+  Spot spot;
+  std::string upper;
+  for (std::string_view line : SplitLines(*text)) {
+    // A line an older version wrote, or one edited by hand, may hold anything: it is held to
+    // what intake asks of a new spot (SpotFromSentence leaves control characters out; a date
+    // or time that cannot be is not taken).
+    if (!SpotFromSentence(Trim(line), spot) || !TimeOfSpot(spot, spot.received)) continue;
+    upper = ToUpper(spot.comment());
+    spot.ModeFlags = bands.BandBit(spot.FrequencyKHz) | ClassifyMode(upper);
+    spot.IsBeacon = IsBeaconSpot(spot.dx_call(), upper);
+    spots.push_back(spot);
+  }
+  return spots;
+}
+
 size_t SpotHistory::LoadToday(SysTime now, const BandTable& bands, Monitor* monitor) {
   if (monitor) monitor->Console("Loading DX Spots");
-  size_t loaded = 0;
-  if (!dir_.empty()) {
-    if (const std::optional<std::string> text = ReadFileText(DayFile(now))) {
-      Spot spot;
-      std::string upper;
-      for (std::string_view line : SplitLines(*text)) {
-        // A line an older version wrote, or one edited by hand, may hold anything: it is
-        // held to what intake asks of a new spot (SpotFromSentence leaves control
-        // characters out; a date or time that cannot be is not taken).
-        if (!SpotFromSentence(Trim(line), spot) || !TimeOfSpot(spot, spot.received)) continue;
-        upper = ToUpper(spot.comment());
-        spot.ModeFlags = bands.BandBit(spot.FrequencyKHz) | ClassifyMode(upper);
-        spot.IsBeacon = IsBeaconSpot(spot.dx_call(), upper);
-        Keep(spot);
-        ++loaded;
-      }
-    }
-  }
+  const std::vector<Spot> spots = ReadDay(now, bands);
+  for (const Spot& spot : spots) Keep(spot);
   if (monitor) monitor->Console("   ... done");
-  return loaded;
+  return spots.size();
+}
+
+void SpotHistory::Clear() {
+  for (Spot& s : ring_) s = Spot();
+  next_ = 0;
+  count_ = 0;
+}
+
+bool SpotHistory::Matches(const SpotQuery& query, const Spot& s) {
+  if (query.band_bit && !(s.ModeFlags & query.band_bit)) return false;
+  if (!query.call.empty()) {
+    std::string_view call = query.call;
+    const bool prefix = call.back() == '*';
+    if (prefix) call.remove_suffix(1);
+    const std::string_view dx = s.dx_call();
+    if (prefix ? !StartsWithIgnoreCase(dx, call) : !EqualsIgnoreCase(dx, call)) return false;
+  }
+  if (!query.spotter.empty() && !EqualsIgnoreCase(s.spotter(), query.spotter) &&
+      !EqualsIgnoreCase(BaseCall(s.spotter()), query.spotter)) {
+    return false;
+  }
+  if (!query.info.empty() && !ContainsIgnoreCase(s.comment(), query.info)) return false;
+  return !query.accept || query.accept(s);
 }
 
 std::vector<const Spot*> SpotHistory::Find(const SpotQuery& query) const {
   std::vector<const Spot*> out;
-  std::string call = ToUpper(Trim(query.call));
-  const bool prefix = !call.empty() && call.back() == '*';
-  if (prefix) call.pop_back();
   for (size_t i = 0; i < count_ && out.size() < query.count; ++i) {
     const Spot& s = ring_[(next_ + ring_.size() - 1 - i) % ring_.size()];
-    if (query.band_bit && !(s.ModeFlags & query.band_bit)) continue;
-    if (!call.empty()) {
-      const std::string_view dx = s.dx_call();
-      if (prefix ? !dx.starts_with(call) : dx != call) continue;
-    }
-    if (query.accept && !query.accept(s)) continue;
-    out.push_back(&s);
+    if (Matches(query, s)) out.push_back(&s);
+  }
+  return out;
+}
+
+std::vector<const Spot*> SpotHistory::FindIn(const std::vector<Spot>& spots,
+                                             const SpotQuery& query) {
+  std::vector<const Spot*> out;
+  for (auto it = spots.rbegin(); it != spots.rend() && out.size() < query.count; ++it) {
+    if (Matches(query, *it)) out.push_back(&*it);
   }
   return out;
 }

@@ -25,6 +25,10 @@ struct SpotQuery {
   uint32_t band_bit = 0;  // 0: every band
   // Unset: every spot.  Otherwise only spots it accepts are shown (and counted).
   std::function<bool(const Spot&)> accept;
+  // Empty: every spotter.  Otherwise the spotter's call, with or without an SSID.
+  std::string spotter;
+  // Empty: any comment.  Otherwise text the comment must hold (case ignored).
+  std::string info;
 };
 
 class SpotHistory {
@@ -39,9 +43,18 @@ class SpotHistory {
   // file holds more than the ring).
   // Band and mode bits are worked out again from frequency and comment.  Returns the count.
   size_t LoadToday(SysTime now, const BandTable& bands, Monitor* monitor);
+  // Forgets every spot in memory (REBUILD reads today's file again afterwards).
+  void Clear();
 
   // The spots that match, newest first, at most query.count.
   std::vector<const Spot*> Find(const SpotQuery& query) const;
+
+  // Every readable spot of the file of the day of `day` (UTC), oldest first, with band and
+  // mode bits worked out as at start-up.  Nothing is kept in memory.
+  std::vector<Spot> ReadDay(SysTime day, const BandTable& bands) const;
+  // The spots of `spots` (oldest first) that match, newest first, at most query.count.
+  static std::vector<const Spot*> FindIn(const std::vector<Spot>& spots, const SpotQuery& query);
+  static bool Matches(const SpotQuery& query, const Spot& spot);
 
   size_t size() const { return count_; }
   size_t capacity() const { return ring_.size(); }

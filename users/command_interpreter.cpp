@@ -362,7 +362,7 @@ bool CommandInterpreter::RunFirstTable(int stream, std::string_view line, std::s
   } else if (MatchAbbrev("WWV", 3, word)) {
     Reply(stream, services_.EnterWwv(stream, line, rest));
   } else if (MatchAbbrev("SPOOF", 5, word)) {
-    if (RequireSysop(stream, line)) Reply(stream, "SPOOF is not supported on this node.");
+    if (RequireSysop(stream, line)) Spoof(stream, line, rest);
   } else {
     return false;
   }
@@ -402,9 +402,20 @@ bool CommandInterpreter::RunSecondTable(int stream, std::string_view line, std::
     Reply(stream, kMailNotYet);
   } else if (MatchAbbrev("PURGE", 5, word) || MatchAbbrev("INITITIALISE", 4, word)) {
     if (RequireSysop(stream, line)) Reply(stream, kMailNotYet);
-  } else if (MatchAbbrev("REBUILD", 7, word) || MatchAbbrev("RESTART", 7, word)) {
-    if (RequireSysop(stream, line)) {
-      Reply(stream, std::string(word) + " is not available; stop and start the node instead.");
+  } else if (MatchAbbrev("REBUILD", 7, word)) {
+    if (!RequireSysop(stream, line)) return true;
+    if (!rest.empty()) {
+      Reply(stream, CommandError(line));
+    } else {
+      Lines(stream, services_.Rebuild());
+    }
+  } else if (MatchAbbrev("RESTART", 7, word)) {
+    if (!RequireSysop(stream, line)) return true;
+    const std::string reply = rest.empty() ? services_.Restart() : std::string();
+    if (!rest.empty()) {
+      Reply(stream, CommandError(line));
+    } else {
+      Reply(stream, reply.empty() ? "RESTART is not available on this node." : reply);
     }
   } else if (MatchAbbrev("STATUSER", 4, word)) {
     Lines(stream, services_.NetworkLines("users"));
@@ -423,6 +434,36 @@ bool CommandInterpreter::RunSecondTable(int stream, std::string_view line, std::
     return false;
   }
   return true;
+}
+
+void CommandInterpreter::Spoof(int stream, std::string_view line, std::string_view rest) {
+  // "SPOOF <call> <command>": the command runs on that user's stream, with their settings,
+  // record and rights, and what it answers comes to the sysop.
+  const size_t blank = rest.find(' ');
+  const std::string call = ToUpper(rest.substr(0, blank));
+  const std::string_view command =
+      blank == std::string_view::npos ? std::string_view() : Trim(rest.substr(blank + 1));
+  if (call.empty() || command.empty() || ctx_.spoofed_stream != 0) {
+    Reply(stream, CommandError(line));
+    return;
+  }
+  int target = 0;
+  for (int s = 1; s <= ctx_.streams.high_socket() && !target; ++s) {
+    const StreamEntry& u = ctx_.streams.at(s);
+    if (u.IsUser() && u.login_stage == LoginStage::kLoggedIn && u.call == call) target = s;
+  }
+  if (!target) {
+    Reply(stream, call + " is not logged in on this node; nothing was run.");
+    return;
+  }
+  const std::string& sysop = ctx_.streams.at(stream).call;
+  ctx_.log.Write("Spoof", sysop + " as " + call + ": " + std::string(command));
+  ctx_.monitor.Console("SPOOF by " + sysop + " as " + call + ": " + std::string(command));
+  ctx_.spoofed_stream = target;
+  ctx_.spoof_viewer = stream;
+  Execute(target, command);
+  ctx_.spoofed_stream = 0;
+  ctx_.spoof_viewer = 0;
 }
 
 void CommandInterpreter::Bye(int stream) {
@@ -466,6 +507,10 @@ void CommandInterpreter::Announce(int stream, std::string_view line, std::string
     return;
   }
   const std::string from = e.call;
+  if (!services_.TakeAnnouncement(from, wx ? "WX" : "*", Trim(text))) {
+    Reply(stream, "Sorry, announcements from " + from + " are not accepted on this node.");
+    return;
+  }
   const std::string shown =
       (wx ? "WX de " : "To ALL de ") + from + ": " + std::string(Trim(text)) + "\r\n";
   const uint32_t bit = wx ? kSwWx : kSwAnnouncements;
@@ -821,7 +866,19 @@ void CommandInterpreter::Show(int stream, std::string_view line, std::string_vie
   } else if (upper_rest.find("STAT/USER") != std::string::npos) {
     Lines(stream, services_.NetworkLines("users"));
   } else if (MatchAbbrev("DX", 2, word)) {
-    Lines(stream, services_.ShowDx(stream, arg));
+    const std::vector<std::string> lines = services_.ShowDx(stream, arg);
+    if (lines.empty()) {
+      Reply(stream, CommandError(line));
+    } else {
+      Lines(stream, lines);
+    }
+  } else if (MatchAbbrev("ANNOUNCE", 3, word)) {
+    const std::vector<std::string> lines = services_.ShowAnnouncements(arg);
+    if (lines.empty()) {
+      Reply(stream, CommandError(line));
+    } else {
+      Lines(stream, lines);
+    }
   } else if (MatchAbbrev("WIDTH", 1, word)) {
     Reply(stream, fmt::format("Width is {}", s.width));
   } else if (MatchAbbrev("NAME", 2, word)) {

@@ -38,6 +38,7 @@ class CommandInterpreter {
   void Announce(int stream, std::string_view line, std::string_view rest, bool wx);
   void Talk(int stream, std::string_view line, std::string_view rest);
   void Bye(int stream);
+  void Spoof(int stream, std::string_view line, std::string_view rest);
   void Who(int stream);
   bool RequireSysop(int stream, std::string_view line);
 

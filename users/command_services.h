@@ -14,7 +14,8 @@ class CommandServices {
   // The DX command (or DXTEST with test_only): returns the reply for the user ("" when the
   // spot was taken without a reply).
   virtual std::string EnterSpot(int stream, std::string_view line, bool test_only) = 0;
-  // SHOW/DX with its arguments (count, call or prefix, band): the lines to send.
+  // SHOW/DX with its arguments (count, call or prefix, band, spotter, day, comment text): the
+  // lines to send; none when the arguments are wrong.
   virtual std::vector<std::string> ShowDx(int stream, std::string_view args) = 0;
   // Adds (add = true) or removes an item of a configuration list and saves the
   // configuration; true when the list changed.
@@ -33,6 +34,19 @@ class CommandServices {
   virtual std::vector<std::string> ShowPropagation(std::string_view what, std::string_view args) {
     return {};
   }
+  // An announcement of a local user, before anybody sees it (to: "*" or "WX"): false when
+  // the announcer is refused (the AnnNok list; logged); true when it goes out, and it is
+  // then kept in the announcement history.
+  virtual bool TakeAnnouncement(std::string_view from, std::string_view to, std::string_view text) {
+    return true;
+  }
+  // SH/ANNOUNCE with its count argument: the lines, or none when the argument is wrong.
+  virtual std::vector<std::string> ShowAnnouncements(std::string_view args) { return {}; }
+  // REBUILD (sysop): what can be rebuilt from the files is read again; the lines say what.
+  virtual std::vector<std::string> Rebuild() { return {"Nothing to rebuild on this node."}; }
+  // RESTART (sysop): the node restarts without dropping a connection; the reply.  "" when
+  // this node cannot restart itself.
+  virtual std::string Restart() { return {}; }
   // The WWV command (line as typed, args after the keyword): the reply.
   virtual std::string EnterWwv(int stream, std::string_view line, std::string_view args) {
     return "WWV reports cannot be entered on this node.";

@@ -48,13 +48,20 @@ struct UserContext {
   uint64_t node_logins_refused = 0;  // neighbour calls that failed their password or address
   FilterBook* filters = nullptr;     // the users' compiled spot filters; null: none
 
+  // While SPOOF runs a command as another user, what that user's stream would be sent goes
+  // to the sysop who asked instead; 0 when no SPOOF runs.
+  int spoofed_stream = 0;
+  int spoof_viewer = 0;
+
   // Sends to a stream (the current stream is left alone).
-  void Send(int stream, std::string_view text) { out.SendToStream(stream, text); }
+  void Send(int stream, std::string_view text) {
+    out.SendToStream(stream == spoofed_stream ? spoof_viewer : stream, text);
+  }
   // One line, CR LF added.
   void SendLine(int stream, std::string_view text) {
     std::string line(text);
     line += "\r\n";
-    out.SendToStream(stream, line);
+    Send(stream, line);
   }
 };
 

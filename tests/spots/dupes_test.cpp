@@ -126,22 +126,22 @@ TEST(SpotHistoryTest, KeepsTheNewestAndSurvivesAReload) {
   monitor.Subscribe([&](const MonitorLine& l) { console.emplace_back(l.text); });
   EXPECT_EQ(h.LoadToday(kT0 + minutes(30), bands, &monitor), 4u);
   EXPECT_EQ(console.front(), "Loading DX Spots");
-  const auto all = h.Find(SpotQuery{10, "", 0, {}});
+  const auto all = h.Find(SpotQuery{10, "", 0, {}, {}, {}});
   ASSERT_EQ(all.size(), 3u);
   EXPECT_EQ(all[0]->dx_call(), "K3ABC");
   EXPECT_EQ(all[0]->ModeFlags, bands.BandBit(7025.0) | kModeFt8);
   EXPECT_EQ(all[0]->received, MakeUtc(2026, 11, 22, 3, 15));
 
-  EXPECT_EQ(h.Find(SpotQuery{10, "k2abc", 0, {}}).size(), 1u);
-  EXPECT_EQ(h.Find(SpotQuery{10, "K*", 0, {}}).size(), 3u);
-  EXPECT_EQ(h.Find(SpotQuery{10, "K2*", 0, {}}).size(), 1u);
-  EXPECT_EQ(h.Find(SpotQuery{10, "K2", 0, {}}).size(), 0u);
-  EXPECT_EQ(h.Find(SpotQuery{10, "", bands.BitByName("40m"), {}}).size(), 2u);
-  EXPECT_EQ(h.Find(SpotQuery{10, "", bands.BitByName("20"), {}}).size(), 1u);
-  EXPECT_EQ(h.Find(SpotQuery{1, "", 0, {}}).size(), 1u);
+  EXPECT_EQ(h.Find(SpotQuery{10, "k2abc", 0, {}, {}, {}}).size(), 1u);
+  EXPECT_EQ(h.Find(SpotQuery{10, "K*", 0, {}, {}, {}}).size(), 3u);
+  EXPECT_EQ(h.Find(SpotQuery{10, "K2*", 0, {}, {}, {}}).size(), 1u);
+  EXPECT_EQ(h.Find(SpotQuery{10, "K2", 0, {}, {}, {}}).size(), 0u);
+  EXPECT_EQ(h.Find(SpotQuery{10, "", bands.BitByName("40m"), {}, {}, {}}).size(), 2u);
+  EXPECT_EQ(h.Find(SpotQuery{10, "", bands.BitByName("20"), {}, {}, {}}).size(), 1u);
+  EXPECT_EQ(h.Find(SpotQuery{1, "", 0, {}, {}, {}}).size(), 1u);
   // A user's filter: the count is of the spots it lets through.
   const auto shown =
-      h.Find(SpotQuery{2, "", 0, [](const Spot& s) { return s.dx_call() != "K3ABC"; }});
+      h.Find(SpotQuery{2, "", 0, [](const Spot& s) { return s.dx_call() != "K3ABC"; }, {}, {}});
   ASSERT_EQ(shown.size(), 2u);
   EXPECT_NE(shown[0]->dx_call(), "K3ABC");
   EXPECT_NE(shown[1]->dx_call(), "K3ABC");
