@@ -32,10 +32,6 @@ void WwvFetcher::Tick() {
     Done(period, "already carried");
     return;
   }
-  if (now - period > options_.give_up) {
-    Done(period, "gave up for this period");
-    return;
-  }
   in_flight_ = true;
   ++fetches_;
   next_attempt_ = now + options_.retry;

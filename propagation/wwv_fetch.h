@@ -37,8 +37,9 @@ struct WwvFetchOptions {
   bool enabled = true;  // "Get WWV"
   std::string url = "https://services.swpc.noaa.gov/text/wwv.txt";
   std::chrono::seconds after_issue{10 * 60};  // first try this long into a period
-  std::chrono::seconds retry{15 * 60};        // while the period's text is not out yet
-  std::chrono::seconds give_up{2 * 3600};     // no more tries this late in a period
+  // While the period's text is not out yet.  A text issued late in its period is still
+  // sent while it is fresh (see kMaxAgeSeconds), so the tries go on to the period's end.
+  std::chrono::seconds retry{15 * 60};
 };
 
 class WwvFetcher {
