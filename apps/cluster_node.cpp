@@ -93,6 +93,7 @@ void ClusterNode::SetUpSpots() {
   distributor_ = std::make_unique<SpotDistributor>(streams_, *this);
   filter_book_ = std::make_unique<FilterBook>(bands_, &countries_, clock_);
   distributor_->set_filter(filter_book_.get());
+  distributor_->set_state_lookup([this](std::string_view call) { return states_.Find(call); });
 }
 
 void ClusterNode::ApplySpotLists() {
@@ -371,6 +372,7 @@ bool ClusterNode::Start(std::string* error) {
   if (!countries_.LoadFile(dir_.Data("files") / "cty_wt_mod.dat")) {
     monitor_.Console("   no country file: data/files/cty_wt_mod.dat (every lookup answers none)");
   }
+  states_.LoadFile(dir_.Data("files") / "states.dat");  // absent until SET/STATEADD
   StepDone();
 
   Step("Loading Log-on Messages");
@@ -391,6 +393,7 @@ bool ClusterNode::Start(std::string* error) {
                   messages_, &countries_, config_.Get("Cluster Call"), std::string(kVersion),
                   config_.Get("SSID Help Address"), started_, [this] { return Counts(); }});
   user_ctx_->filters = filter_book_.get();
+  user_ctx_->states = &states_;
   login_ = std::make_unique<Login>(*user_ctx_);
   interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
   interpreter_->set_help_address(config_.Get("Help Address"));
@@ -641,6 +644,7 @@ std::string ClusterNode::EnterSpot(int stream, std::string_view line, bool test_
   request.is_local = true;
   request.known_address = address;
   const IntakeResult r = TakeSpot(request, !test_only);
+  if (!test_only && r.accepted()) store_.CountSpot(e.call);  // STAT/USER shows the count
   if (test_only) {
     return r.accepted() ? "Spot would be accepted: " + dx.text + "\r\n"
                         : "Spot would be refused: " + std::string(VerdictName(r.verdict)) + "\r\n";

@@ -25,8 +25,7 @@ Equatorial FromEcliptic(double lambda, double beta, double days) {
   const double e = Obliquity(days) * kDeg;
   const double l = lambda * kDeg, b = beta * kDeg;
   const double ra = std::atan2(std::sin(l) * std::cos(e) - std::tan(b) * std::sin(e), std::cos(l));
-  const double dec =
-      std::asin(std::sin(b) * std::cos(e) + std::cos(b) * std::sin(e) * std::sin(l));
+  const double dec = std::asin(std::sin(b) * std::cos(e) + std::cos(b) * std::sin(e) * std::sin(l));
   return {Norm360(ra / kDeg), dec / kDeg};
 }
 
@@ -47,10 +46,10 @@ MoonEcliptic MoonPosition(double days) {
   const auto s = [t](double a, double b) { return std::sin((a + b * t) * kDeg); };
   const auto c = [t](double a, double b) { return std::cos((a + b * t) * kDeg); };
   MoonEcliptic m;
-  m.lambda = Norm360(218.32 + 481267.881 * t + 6.29 * s(135.0, 477198.87) -
-                     1.27 * s(259.3, -413335.36) + 0.66 * s(235.7, 890534.22) +
-                     0.21 * s(269.9, 954397.74) - 0.19 * s(357.5, 35999.05) -
-                     0.11 * s(186.5, 966404.03));
+  m.lambda =
+      Norm360(218.32 + 481267.881 * t + 6.29 * s(135.0, 477198.87) - 1.27 * s(259.3, -413335.36) +
+              0.66 * s(235.7, 890534.22) + 0.21 * s(269.9, 954397.74) - 0.19 * s(357.5, 35999.05) -
+              0.11 * s(186.5, 966404.03));
   m.beta = 5.13 * s(93.3, 483202.02) + 0.28 * s(228.2, 960400.89) - 0.28 * s(318.3, 6003.15) -
            0.17 * s(217.6, -407332.21);
   m.parallax = 0.9508 + 0.0518 * c(135.0, 477198.87) + 0.0095 * c(259.3, -413335.36) +
@@ -109,8 +108,7 @@ RiseSet FindEvents(double day0, F f) {
 }  // namespace
 
 double DaysSinceJ2000(std::chrono::system_clock::time_point t) {
-  const double unix_seconds =
-      std::chrono::duration<double>(t.time_since_epoch()).count();
+  const double unix_seconds = std::chrono::duration<double>(t.time_since_epoch()).count();
   // 2000-01-01 12:00:00 UTC is 946728000 seconds after the Unix epoch.
   return (unix_seconds - 946728000.0) / 86400.0;
 }
@@ -127,9 +125,8 @@ double MoonAltitude(double days, double latitude, double longitude) {
 RiseSet SunRiseSet(std::chrono::system_clock::time_point day_start, double latitude,
                    double longitude) {
   constexpr double kHorizon = -0.833;  // refraction 34', semi-diameter 16'
-  return FindEvents(DaysSinceJ2000(day_start), [&](double d) {
-    return SunAltitude(d, latitude, longitude) - kHorizon;
-  });
+  return FindEvents(DaysSinceJ2000(day_start),
+                    [&](double d) { return SunAltitude(d, latitude, longitude) - kHorizon; });
 }
 
 RiseSet MoonRiseSet(std::chrono::system_clock::time_point day_start, double latitude,

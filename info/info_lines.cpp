@@ -89,8 +89,8 @@ std::string MoonLine(const Place& place, system_clock::time_point now) {
                          r.rise_minute < 0 ? std::string("none ") : MinuteText(r.rise_minute),
                          r.set_minute < 0 ? std::string("none ") : MinuteText(r.set_minute));
   }
-  return fmt::format("{}  {}  {:.0f}% lit, {}", PlaceHead(place), events,
-                     phase.illuminated * 100, phase.waxing ? "waxing" : "waning");
+  return fmt::format("{}  {}  {:.0f}% lit, {}", PlaceHead(place), events, phase.illuminated * 100,
+                     phase.waxing ? "waxing" : "waning");
 }
 
 std::string HeadingLine(const Place& from, const Place& to) {
@@ -103,10 +103,9 @@ std::string HeadingLine(const Place& from, const Place& to) {
 }
 
 std::string CountryLine(std::string_view asked, const CountryInfo& c) {
-  return fmt::format("{}: {} {}  CQ {}  ITU {}  {}  {}  {}{}", ToUpper(asked), c.prefix,
-                     c.country, c.cq_zone, c.itu_zone, c.continent,
-                     PositionText({c.latitude, c.longitude}), OffsetText(c.utc_offset),
-                     c.wae_only ? "  (WAE only)" : "");
+  return fmt::format("{}: {} {}  CQ {}  ITU {}  {}  {}  {}{}", ToUpper(asked), c.prefix, c.country,
+                     c.cq_zone, c.itu_zone, c.continent, PositionText({c.latitude, c.longitude}),
+                     OffsetText(c.utc_offset), c.wae_only ? "  (WAE only)" : "");
 }
 
 std::string LocalTimeLine(std::string_view asked, const CountryInfo& c,

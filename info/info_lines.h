@@ -19,8 +19,8 @@ namespace qx {
 // A place that a command talks about: what the user typed (or their own call), what it is,
 // and where.
 struct Place {
-  std::string label;   // "K1ABC", "DL", "JO01"
-  std::string what;    // "United States", "locator", "K1ABC's location"
+  std::string label;  // "K1ABC", "DL", "JO01"
+  std::string what;   // "United States", "locator", "K1ABC's location"
   GeoPoint position;
 };
 

@@ -49,8 +49,8 @@ const std::string& SpotDistributor::LineFor(const Spot& spot, int decimals,
   return v.line;
 }
 
-const std::string& SpotDistributor::ExtendedLine(const Spot& spot, int decimals,
-                                                 uint8_t columns, DistributionStats& stats) {
+const std::string& SpotDistributor::ExtendedLine(const Spot& spot, int decimals, uint8_t columns,
+                                                 DistributionStats& stats) {
   for (size_t i = 0; i < extended_used_; ++i) {
     if (extended_[i].decimals == decimals && extended_[i].columns == columns) {
       return extended_[i].line;

@@ -1,8 +1,9 @@
 // OutputSpotToAll: an accepted spot goes to every logged-in user whose DX spots are on.  The
 // line is built once per variant (resolution 1 or 2 decimals, and the set of extra columns
 // behind the time that fit the user's width: locators, zones, states, country), then each
-// user gets it cut to their width, with a bell if they asked for one, ended by CR LF.  Per spot the cost is one build per variant in use plus one push per
-// user; per-user texts are assembled in buffers that are reused from spot to spot.
+// user gets it cut to their width, with a bell if they asked for one, ended by CR LF.  Per spot the
+// cost is one build per variant in use plus one push per user; per-user texts are assembled in
+// buffers that are reused from spot to spot.
 #pragma once
 
 #include <functional>
@@ -84,8 +85,8 @@ class SpotDistributor {
   const std::string& LineFor(const Spot& spot, int decimals, DistributionStats& stats);
   const std::string& ExtendedLine(const Spot& spot, int decimals, uint8_t columns,
                                   DistributionStats& stats);
-  std::string_view UserText(const Spot& spot, int decimals, uint8_t columns, int width,
-                            bool bell, DistributionStats& stats);
+  std::string_view UserText(const Spot& spot, int decimals, uint8_t columns, int width, bool bell,
+                            DistributionStats& stats);
   // Works out the spot's extra column texts (once per spot).
   void PrepareColumns(const Spot& spot);
 

@@ -193,8 +193,8 @@ TEST_F(DistributionTest, ExtraColumnsInOrderAsTheWidthAllowsBuiltOncePerChoice) 
   CountryInfo germany{"Germany", "DL", 14, 28, "EU", 51.0, 10.0};
   const auto all = [](StreamEntry& e, int width) -> StreamEntry& {
     e.session.width = width;
-    for (uint32_t bit : {kSwGridSquare, kSwDxsQth, kSwDxsCty, kSwDxCq, kSwDxItu, kSwDxGrid,
-                         kSwUsState}) {
+    for (uint32_t bit :
+         {kSwGridSquare, kSwDxsQth, kSwDxsCty, kSwDxCq, kSwDxItu, kSwDxGrid, kSwUsState}) {
       e.session.Set(bit, true);
     }
     return e;
