@@ -94,6 +94,18 @@ void ClusterNode::SetUpSpots() {
   filter_book_ = std::make_unique<FilterBook>(bands_, &countries_, clock_);
   distributor_->set_filter(filter_book_.get());
   distributor_->set_state_lookup([this](std::string_view call) { return states_.Find(call); });
+  // A spotter or DX station logged in here has its locator (or location) in its session; the
+  // others are shown at their country's position.  No record is read on the spot path.
+  distributor_->set_locator_lookup([this](std::string_view call) -> std::string_view {
+    for (int st = 1; st <= streams_.high_socket(); ++st) {
+      const StreamEntry& u = streams_.at(st);
+      if (!u.IsUser() || (u.call != call && BaseCall(u.call) != call)) continue;
+      if (!u.session.grid.empty()) return u.session.grid;
+      double lat = 0, lon = 0;
+      if (ParseLocation(u.session.location, lat, lon)) return LocatorOf(lat, lon, locator_buf_);
+    }
+    return {};
+  });
 }
 
 void ClusterNode::ApplySpotLists() {

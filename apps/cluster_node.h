@@ -151,7 +151,9 @@ class ClusterNode final : public LinkEvents,
   AccessLists access_;
   LogonMessages messages_;
   CountryLookup countries_;
-  CallStates states_;  // calls' states and provinces (SET/STATEADD, data/files/states.dat)
+  CallStates states_;
+  char locator_buf_[4] = {};  // the spot lines' locator of a user's location  // calls' states and
+                              // provinces (SET/STATEADD, data/files/states.dat)
   std::unique_ptr<NodeNetwork> network_;  // the node links; also the users' NodeRelay
   BadLists bad_lists_;
   BandTable bands_ = BandTable::SetupFreqRanges();
