@@ -55,9 +55,9 @@ class SpotDistributor {
   // The users' spot filters; null: every spot passes.  Must outlive the distributor.
   void set_filter(SpotFilter* filter) { filter_ = filter; }
   // The locator of a call as the node knows it (the node asks its logged-in users' settings);
-  // "" when unknown, in which case
-  // the locator of the call's country position is shown.  Asked at most once per spot for
-  // the spotter and once for the DX call, and only when some user shows the column.
+  // "" when unknown, in which case the locator of the call's country position is shown.
+  // Asked at most once per spot for the spotter and once for the DX call, and only when some
+  // user shows the column.
   using LocatorLookup = std::function<std::string_view(std::string_view call)>;
   void set_locator_lookup(LocatorLookup lookup) { locator_of_ = std::move(lookup); }
   // The state or province of a call (SET/STATEADD); "" when unknown.
