@@ -94,6 +94,19 @@ void ClusterNode::SetUpSpots() {
   distributor_ = std::make_unique<SpotDistributor>(streams_, *this);
   filter_book_ = std::make_unique<FilterBook>(bands_, &countries_, clock_);
   distributor_->set_filter(filter_book_.get());
+  distributor_->set_state_lookup([this](std::string_view call) { return states_.Find(call); });
+  // A spotter or DX station logged in here has its locator (or location) in its session; the
+  // others are shown at their country's position.  No record is read on the spot path.
+  distributor_->set_locator_lookup([this](std::string_view call) -> std::string_view {
+    for (int st = 1; st <= streams_.high_socket(); ++st) {
+      const StreamEntry& u = streams_.at(st);
+      if (!u.IsUser() || (u.call != call && BaseCall(u.call) != call)) continue;
+      if (!u.session.grid.empty()) return u.session.grid;
+      double lat = 0, lon = 0;
+      if (ParseLocation(u.session.location, lat, lon)) return LocatorOf(lat, lon, locator_buf_);
+    }
+    return {};
+  });
 }
 
 void ClusterNode::ApplySpotLists() {
@@ -434,6 +447,7 @@ bool ClusterNode::Start(std::string* error) {
   if (!countries_.LoadFile(dir_.Data("files") / "cty_wt_mod.dat")) {
     monitor_.Console("   no country file: data/files/cty_wt_mod.dat (every lookup answers none)");
   }
+  states_.LoadFile(dir_.Data("files") / "states.dat");  // absent until SET/STATEADD
   StepDone();
 
   Step("Loading Log-on Messages");
@@ -454,6 +468,7 @@ bool ClusterNode::Start(std::string* error) {
                   messages_, &countries_, config_.Get("Cluster Call"), std::string(kVersion),
                   config_.Get("SSID Help Address"), started_, [this] { return Counts(); }});
   user_ctx_->filters = filter_book_.get();
+  user_ctx_->states = &states_;
   login_ = std::make_unique<Login>(*user_ctx_);
   interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
   interpreter_->set_help_address(config_.Get("Help Address"));
@@ -717,6 +732,7 @@ std::string ClusterNode::EnterSpot(int stream, std::string_view line, bool test_
     return note + "\r\n";
   }
   const IntakeResult r = TakeSpot(request, true);
+  if (r.accepted()) store_.CountSpot(e.call);  // STAT/USER shows the count
   return std::string(r.reply);
 }
 

@@ -23,6 +23,7 @@
 #include "core/stream_output.h"
 #include "core/stream_table.h"
 #include "core/time_text.h"
+#include "info/call_states.h"
 #include "node/node_network.h"
 #include "propagation/propagation_service.h"
 #include "propagation/wwv_fetch.h"
@@ -162,6 +163,9 @@ class ClusterNode final : public LinkEvents,
   AccessLists access_;
   LogonMessages messages_;
   CountryLookup countries_;
+  CallStates states_;
+  char locator_buf_[4] = {};  // the spot lines' locator of a user's location  // calls' states and
+                              // provinces (SET/STATEADD, data/files/states.dat)
   std::unique_ptr<NodeNetwork> network_;  // the node links; also the users' NodeRelay
   BadLists bad_lists_;
   BandTable bands_ = BandTable::SetupFreqRanges();

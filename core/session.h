@@ -72,6 +72,8 @@ struct SessionSettings {
   int mail_number = 0;
   std::string prompt_form;  // "" (node default), "%M>" or ">"
   int settings_set = 0;     // 0, or the SSID when it is 16 or more
+  std::string last_login;   // "24-Nov-2026 1952Z" of the last log-in; "" never recorded
+  int spots_posted = 0;     // spots this person entered on this node
 
   bool Has(uint32_t bit) const { return (switches & bit) != 0; }
   void Set(uint32_t bit, bool on) { switches = on ? (switches | bit) : (switches & ~bit); }

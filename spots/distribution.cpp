@@ -1,5 +1,7 @@
 #include "spots/distribution.h"
 
+#include <cstdio>
+
 #include "core/stream_table.h"
 #include "spots/spot_line.h"
 
@@ -7,8 +9,8 @@ namespace qx {
 
 namespace {
 
-// Users whose lines are wider than the standard 75 columns may have the spotter's locator.
-constexpr int kLocatorMinWidth = int(kDxDeLineWidth) + 1;
+// Only lines wider than the standard 75 columns have room for extra columns.
+constexpr int kExtraMinWidth = int(kDxDeLineWidth) + 2;
 // Below this a line keeps its start only: the call and frequency matter more than the time.
 constexpr size_t kMinTimedWidth = 40;
 
@@ -34,14 +36,12 @@ bool SwitchesAllow(const SessionSettings& session, const Spot& spot) {
 SpotDistributor::SpotDistributor(const StreamTable& streams, SpotSink& sink)
     : streams_(streams), sink_(sink) {}
 
-const std::string& SpotDistributor::LineFor(const Spot& spot, int variant,
+const std::string& SpotDistributor::LineFor(const Spot& spot, int decimals,
                                             DistributionStats& stats) {
-  Variant& v = variants_[variant];
+  Variant& v = variants_[decimals - 1];
   if (!v.built) {
     char buf[kDxDeLineMax];
-    const int decimals = (variant >> 1) + 1;
-    const bool with_locator = (variant & 1) != 0;
-    const size_t n = BuildDxDeLine(spot, decimals, with_locator ? locator_ : "", buf);
+    const size_t n = BuildDxDeLine(spot, decimals, "", buf);
     v.line.assign(buf, n);
     v.built = true;
     ++stats.lines_built;
@@ -49,61 +49,111 @@ const std::string& SpotDistributor::LineFor(const Spot& spot, int variant,
   return v.line;
 }
 
-std::string_view SpotDistributor::UserText(const Spot& spot, int variant, int width, bool bell,
-                                           DistributionStats& stats) {
+const std::string& SpotDistributor::ExtendedLine(const Spot& spot, int decimals, uint8_t columns,
+                                                 DistributionStats& stats) {
+  for (size_t i = 0; i < extended_used_; ++i) {
+    if (extended_[i].decimals == decimals && extended_[i].columns == columns) {
+      return extended_[i].line;
+    }
+  }
+  if (extended_used_ == extended_.size()) extended_.emplace_back();
+  Extended& x = extended_[extended_used_++];
+  x.decimals = decimals;
+  x.columns = columns;
+  x.line = LineFor(spot, decimals, stats);
+  AppendExtraColumns(x.line, columns, columns_);
+  ++stats.lines_built;
+  return x.line;
+}
+
+void SpotDistributor::PrepareColumns(const Spot& spot) {
+  columns_ready_ = true;
+  const auto put = [&](ExtraColumn bit, std::string_view text) {
+    int i = 0;
+    while ((1u << i) != bit) ++i;
+    column_store_[i].assign(text);
+    columns_.text[i] = column_store_[i];
+  };
+  const auto locator = [&](std::string_view call, const CountryInfo* country) {
+    std::string_view known = locator_of_ ? locator_of_(call) : std::string_view();
+    char buf[4];
+    if (known.empty() && country) known = LocatorOf(country->latitude, country->longitude, buf);
+    return std::string(known);  // copied: the lookup may reuse its buffer for the next call
+  };
+  put(kColSpotterGrid, locator(spot.spotter(), spot.spotter_country));
+  put(kColSpotterState, state_of_ ? state_of_(spot.spotter()) : std::string_view());
+  put(kColSpotterCountry, spot.spotter_country ? spot.spotter_country->prefix : "");
+  char zone[16];
+  const CountryInfo* dx = spot.dx_country;
+  put(kColDxCq, dx && dx->cq_zone > 0
+                    ? std::string_view(zone, size_t(std::snprintf(zone, sizeof zone, "CQ%02d",
+                                                                  dx->cq_zone % 100)))
+                    : std::string_view());
+  put(kColDxItu, dx && dx->itu_zone > 0
+                     ? std::string_view(zone, size_t(std::snprintf(zone, sizeof zone, "IT%02d",
+                                                                   dx->itu_zone % 100)))
+                     : std::string_view());
+  put(kColDxGrid, locator(spot.dx_call(), dx));
+  put(kColDxState, state_of_ ? state_of_(spot.dx_call()) : std::string_view());
+}
+
+std::string_view SpotDistributor::UserText(const Spot& spot, int decimals, uint8_t columns,
+                                           int width, bool bell, DistributionStats& stats) {
   for (size_t i = 0; i < ready_used_; ++i) {
     const Ready& r = ready_[i];
-    if (r.variant == variant && r.width == width && r.bell == bell) return r.text;
+    if (r.decimals == decimals && r.columns == columns && r.width == width && r.bell == bell) {
+      return r.text;
+    }
   }
   if (ready_used_ == ready_.size()) ready_.emplace_back();
   Ready& r = ready_[ready_used_++];
-  r.variant = variant;
+  r.decimals = decimals;
+  r.columns = columns;
   r.width = width;
   r.bell = bell;
-  const std::string& line = LineFor(spot, variant, stats);
-  constexpr size_t kTime = 5;  // "HHnnZ", columns 71-75 of the full line
-  if (size_t(width) < kDxDeLineWidth && size_t(width) >= kMinTimedWidth &&
-      line.size() >= kDxDeLineWidth) {
-    // A narrow screen loses the end of the comment, never the time that programs parse.
-    r.text.assign(line, 0, size_t(width) - kTime - 1);
-    r.text += ' ';
-    r.text.append(line, kDxDeLineWidth - kTime, kTime);
+  if (columns != 0) {
+    r.text = ExtendedLine(spot, decimals, columns, stats);  // fits the width by its making
   } else {
-    r.text.assign(line, 0, std::min(line.size(), size_t(width)));
+    const std::string& line = LineFor(spot, decimals, stats);
+    constexpr size_t kTime = 5;  // "HHnnZ", columns 71-75 of the full line
+    if (size_t(width) < kDxDeLineWidth && size_t(width) >= kMinTimedWidth &&
+        line.size() >= kDxDeLineWidth) {
+      // A narrow screen loses the end of the comment, never the time that programs parse.
+      r.text.assign(line, 0, size_t(width) - kTime - 1);
+      r.text += ' ';
+      r.text.append(line, kDxDeLineWidth - kTime, kTime);
+    } else {
+      r.text.assign(line, 0, std::min(line.size(), size_t(width)));
+    }
   }
   if (bell) r.text += '\a';
   r.text += "\r\n";
   return r.text;
 }
 
-void SpotDistributor::Begin(const Spot& spot) {
+void SpotDistributor::Begin() {
   for (Variant& v : variants_) v.built = false;
+  extended_used_ = 0;
   ready_used_ = 0;
-  locator_ = {};
-  locator_known_ = false;
+  columns_ready_ = false;
 }
 
 void SpotDistributor::SendTo(int stream, const SessionSettings& set, const Spot& spot,
                              DistributionStats& stats) {
   const int width = set.width > 0 ? set.width : kDefaultWidth;
-  bool with_locator = width >= kLocatorMinWidth && set.Has(kSwGridSquare);
-  if (with_locator && !locator_known_) {
-    locator_known_ = true;
-    if (locator_of_) locator_ = locator_of_(spot.spotter());
-    if (locator_.empty() && spot.spotter_country) {
-      locator_ =
-          LocatorOf(spot.spotter_country->latitude, spot.spotter_country->longitude, locator_buf_);
-    }
+  uint8_t columns = width >= kExtraMinWidth ? ExtraColumnsOf(set) : 0;
+  if (columns != 0) {
+    if (!columns_ready_) PrepareColumns(spot);
+    columns = FittingColumns(columns, columns_, kDxDeLineWidth, size_t(width));
   }
-  if (locator_.empty()) with_locator = false;
-  const int variant = ((set.resolution >= 2 ? 1 : 0) << 1) | (with_locator ? 1 : 0);
-  sink_.SendToStream(stream, UserText(spot, variant, width, set.Has(kSwBeep), stats));
+  const int decimals = set.resolution >= 2 ? 2 : 1;
+  sink_.SendToStream(stream, UserText(spot, decimals, columns, width, set.Has(kSwBeep), stats));
   ++stats.users;
 }
 
 DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
   DistributionStats stats;
-  Begin(spot);
+  Begin();
   if (filter_) filter_->Prepare(spot);
 
   const int high = streams_.high_socket();
@@ -124,7 +174,7 @@ DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
 DistributionStats SpotDistributor::OutputSpotTo(const Spot& spot, int stream) {
   DistributionStats stats;
   if (!streams_.InRange(stream) || !streams_.at(stream).IsUser()) return stats;
-  Begin(spot);
+  Begin();
   SendTo(stream, streams_.at(stream).session, spot, stats);
   return stats;
 }

@@ -1,8 +1,9 @@
 // OutputSpotToAll: an accepted spot goes to every logged-in user whose DX spots are on.  The
-// line is built once per variant (resolution 1 or 2 decimals, with or without the spotter's
-// locator), then each user gets it cut to their width, with a bell if they asked for one,
-// ended by CR LF.  Per spot the cost is one build per variant in use plus one push per
-// user; per-user texts are assembled in buffers that are reused from spot to spot.
+// line is built once per variant (resolution 1 or 2 decimals, and the set of extra columns
+// behind the time that fit the user's width: locators, zones, states, country), then each
+// user gets it cut to their width, with a bell if they asked for one, ended by CR LF.  Per spot the
+// cost is one build per variant in use plus one push per user; per-user texts are assembled in
+// buffers that are reused from spot to spot.
 #pragma once
 
 #include <functional>
@@ -12,6 +13,7 @@
 
 #include "core/session.h"
 #include "spots/spot.h"
+#include "spots/spot_line.h"
 
 namespace qx {
 
@@ -52,13 +54,18 @@ class SpotDistributor {
 
   // The users' spot filters; null: every spot passes.  Must outlive the distributor.
   void set_filter(SpotFilter* filter) { filter_ = filter; }
-  // The spotter's locator as a user record or a PC41 gave it; "" when unknown, in which case
-  // the locator of the spotter's country position is shown.
-  using LocatorLookup = std::function<std::string_view(std::string_view spotter)>;
+  // The locator of a call as the node knows it (the node asks its logged-in users' settings);
+  // "" when unknown, in which case the locator of the call's country position is shown.
+  // Asked at most once per spot for the spotter and once for the DX call, and only when some
+  // user shows the column.
+  using LocatorLookup = std::function<std::string_view(std::string_view call)>;
   void set_locator_lookup(LocatorLookup lookup) { locator_of_ = std::move(lookup); }
+  // The state or province of a call (SET/STATEADD); "" when unknown.
+  using StateLookup = std::function<std::string_view(std::string_view call)>;
+  void set_state_lookup(StateLookup lookup) { state_of_ = std::move(lookup); }
 
   DistributionStats OutputSpotToAll(const Spot& spot);
-  // The line as that user would get it (width, resolution, locator, bell), to that user
+  // The line as that user would get it (width, resolution, columns, bell), to that user
   // alone and whatever their switches and filters say: what DXTEST shows.
   DistributionStats OutputSpotTo(const Spot& spot, int stream);
 
@@ -67,28 +74,41 @@ class SpotDistributor {
     std::string line;  // without line end
     bool built = false;
   };
-  struct Ready {  // a finished line for one (variant, width, bell) combination
-    int variant;
+  struct Extended {  // the line with a set of extra columns, built once per spot
+    int decimals;
+    uint8_t columns;
+    std::string line;
+  };
+  struct Ready {  // a finished line for one (resolution, columns, width, bell) combination
+    int decimals;
+    uint8_t columns;
     int width;
     bool bell;
     std::string text;
   };
-  void Begin(const Spot& spot);
+  void Begin();
   void SendTo(int stream, const SessionSettings& set, const Spot& spot, DistributionStats& stats);
-  const std::string& LineFor(const Spot& spot, int variant, DistributionStats& stats);
-  std::string_view UserText(const Spot& spot, int variant, int width, bool bell,
+  const std::string& LineFor(const Spot& spot, int decimals, DistributionStats& stats);
+  const std::string& ExtendedLine(const Spot& spot, int decimals, uint8_t columns,
+                                  DistributionStats& stats);
+  std::string_view UserText(const Spot& spot, int decimals, uint8_t columns, int width, bool bell,
                             DistributionStats& stats);
+  // Works out the spot's extra column texts (once per spot).
+  void PrepareColumns(const Spot& spot);
 
   const StreamTable& streams_;
   SpotSink& sink_;
   SpotFilter* filter_ = nullptr;
   LocatorLookup locator_of_;
-  Variant variants_[4];  // [decimals - 1][with locator]
+  StateLookup state_of_;
+  Variant variants_[2];  // by decimals - 1
+  std::vector<Extended> extended_;
+  size_t extended_used_ = 0;
   std::vector<Ready> ready_;
   size_t ready_used_ = 0;
-  char locator_buf_[4];
-  std::string_view locator_;
-  bool locator_known_ = false;
+  bool columns_ready_ = false;
+  std::string column_store_[kExtraColumnCount];
+  ExtraColumnTexts columns_;
 };
 
 }  // namespace qx

@@ -91,6 +91,40 @@ size_t BuildDxDeLine(const Spot& spot, int decimals, std::string_view locator, c
   return n;
 }
 
+uint8_t ExtraColumnsOf(const SessionSettings& session) {
+  uint8_t mask = 0;
+  if (session.Has(kSwGridSquare)) mask |= kColSpotterGrid;
+  if (session.Has(kSwDxsQth)) mask |= kColSpotterState;
+  if (session.Has(kSwDxsCty)) mask |= kColSpotterCountry;
+  if (session.Has(kSwDxCq)) mask |= kColDxCq;
+  if (session.Has(kSwDxItu)) mask |= kColDxItu;
+  if (session.Has(kSwDxGrid)) mask |= kColDxGrid;
+  if (session.Has(kSwUsState)) mask |= kColDxState;
+  return mask;
+}
+
+uint8_t FittingColumns(uint8_t mask, const ExtraColumnTexts& texts, size_t line_length,
+                       size_t width) {
+  uint8_t fit = 0;
+  size_t used = line_length;
+  for (int i = 0; i < kExtraColumnCount; ++i) {
+    const uint8_t bit = uint8_t(1u << i);
+    if (!(mask & bit) || texts.text[i].empty()) continue;
+    used += 1 + texts.text[i].size();
+    if (used > width) break;
+    fit |= bit;
+  }
+  return fit;
+}
+
+void AppendExtraColumns(std::string& line, uint8_t mask, const ExtraColumnTexts& texts) {
+  for (int i = 0; i < kExtraColumnCount; ++i) {
+    if (!(mask & (1u << i)) || texts.text[i].empty()) continue;
+    line += ' ';
+    line += texts.text[i];
+  }
+}
+
 std::string_view LocatorOf(double latitude, double longitude, char* out4) {
   if (!(latitude >= -90 && latitude <= 90 && longitude >= -180 && longitude <= 180)) return {};
   const double lon = std::min(longitude + 180.0, 359.999999);

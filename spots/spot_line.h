@@ -4,9 +4,11 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "core/session.h"
 #include "spots/spot.h"
 
 namespace qx {
@@ -29,6 +31,38 @@ size_t FormatFrequency(double khz, int decimals, char* out);
 // "HHnnZ" in columns 71 to 75.  With a non-empty locator, a blank and the locator follow.
 // Returns the length written to out (at least kDxDeLineMax bytes); no line end.
 size_t BuildDxDeLine(const Spot& spot, int decimals, std::string_view locator, char* out);
+
+// The columns a user may ask for behind the time, in the order they appear.  Each is one
+// blank and a short text: the spotter's locator (SET/GRIDSQUARE), the spotter's state or
+// province (SET/DXSQTH) and country prefix (SET/DXSCTY), then the DX station's CQ zone
+// "CQ14" (SET/DXCQ), ITU zone "IT28" (SET/DXITU), locator (SET/DXGRID) and US state
+// (SET/USSTATE).  A column whose value is unknown is left out.
+enum ExtraColumn : uint8_t {
+  kColSpotterGrid = 1u << 0,
+  kColSpotterState = 1u << 1,
+  kColSpotterCountry = 1u << 2,
+  kColDxCq = 1u << 3,
+  kColDxItu = 1u << 4,
+  kColDxGrid = 1u << 5,
+  kColDxState = 1u << 6,
+};
+constexpr int kExtraColumnCount = 7;
+
+// The columns a user's switches ask for.
+uint8_t ExtraColumnsOf(const SessionSettings& session);
+
+// One spot's column texts, indexed by the column's bit number; "" when unknown.
+struct ExtraColumnTexts {
+  std::string_view text[kExtraColumnCount];
+};
+
+// Of the columns in mask, those that fit whole behind a line of line_length characters
+// within width: taken in order, and the first that does not fit ends the list, so a
+// narrower screen loses columns from the end, never a piece of one.
+uint8_t FittingColumns(uint8_t mask, const ExtraColumnTexts& texts, size_t line_length,
+                       size_t width);
+// Appends the columns of mask (each a blank and its text) to line.
+void AppendExtraColumns(std::string& line, uint8_t mask, const ExtraColumnTexts& texts);
 
 // The four-character locator of a position ("JO01"); empty for an impossible position.
 std::string_view LocatorOf(double latitude, double longitude, char* out4);

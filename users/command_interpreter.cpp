@@ -8,11 +8,16 @@
 
 #include "core/text_util.h"
 #include "spots/call_sign.h"
+#include "spots/spot_line.h"
 #include "users/filter_book.h"
 #include "users/user_record.h"
 
 namespace qx {
 namespace {
+
+// The switches of the extra columns behind the time of a spot line.
+constexpr uint32_t kColumnSwitches =
+    kSwGridSquare | kSwDxsQth | kSwDxsCty | kSwDxCq | kSwDxItu | kSwDxGrid | kSwUsState;
 
 constexpr std::string_view kMailNotYet = "Mail is not available on this node yet.";
 constexpr std::string_view kFiltersOffNote =
@@ -313,8 +318,9 @@ void CommandInterpreter::Execute(int stream, std::string_view raw) {
     Reply(stream, std::string(line) + " QXC >");
     return;
   }
+  // Client programs ask for the sun at the user's own place with this line.
   if (upper.find("SHOWSUN SUN") != std::string::npos) {
-    Reply(stream, "Sun rise and set times are not available on this node yet.");
+    SunOrMoon(stream, line, {}, /*moon=*/false);
     return;
   }
 
@@ -418,7 +424,14 @@ bool CommandInterpreter::RunSecondTable(int stream, std::string_view line, std::
       Reply(stream, reply.empty() ? "RESTART is not available on this node." : reply);
     }
   } else if (MatchAbbrev("STATUSER", 4, word)) {
-    Lines(stream, services_.NetworkLines("users"));
+    // "STAT/USER [call]" is the same command written with a slash.
+    std::string_view args = rest;
+    if (EqualsIgnoreCase(word, "STAT")) {
+      std::string_view user, tail;
+      SplitArg(rest, user, tail);
+      if (EqualsIgnoreCase(user, "USER")) args = tail;
+    }
+    StatUser(stream, line, args);
   } else if (MatchAbbrev("QUIT", 1, word)) {
     Bye(stream);
   } else if (MatchAbbrev("WHO", 2, word)) {
@@ -590,6 +603,12 @@ void CommandInterpreter::Set(int stream, std::string_view line, std::string_view
       s.Set(entry->bit, entry->kind != SetKind::kSwitchOff);
       SaveSwitches(stream);
       Reply(stream, entry->reply);
+      if (entry->kind == SetKind::kSwitchOn && (entry->bit & kColumnSwitches) &&
+          s.width <= int(kDxDeLineWidth) + 1) {
+        Reply(stream,
+              "The column shows on lines wider than 75 characters, for example "
+              "SET/WIDTH 100.");
+      }
       break;
     case SetKind::kContest:
       // The contest settings are filters: they are switched on to take effect.
@@ -784,11 +803,7 @@ void CommandInterpreter::Set(int stream, std::string_view line, std::string_view
       break;
     }
     case SetKind::kStateAdd:
-      if (e.privilege <= 0) {
-        Reply(stream, std::string(line) + " - sysop command error");
-      } else {
-        Reply(stream, "State data is not kept on this node yet.");
-      }
+      StateAdd(stream, line, arg);
       break;
   }
 }
@@ -863,8 +878,9 @@ void CommandInterpreter::Show(int stream, std::string_view line, std::string_vie
   const std::string upper_rest = ToUpper(rest);
   if (upper_rest.find("SKIMMER/STATUS") != std::string::npos) {
     Reply(stream, "No skimmer feeds are connected to this node.");
-  } else if (upper_rest.find("STAT/USER") != std::string::npos) {
-    Lines(stream, services_.NetworkLines("users"));
+  } else if (const size_t at = upper_rest.find("STAT/USER"); at != std::string::npos) {
+    StatUser(stream, line, Trim(rest.substr(at + 9)));
+  } else if (InfoCommand(stream, line, word, arg)) {
   } else if (MatchAbbrev("DX", 2, word)) {
     const std::vector<std::string> lines = services_.ShowDx(stream, arg);
     if (lines.empty()) {

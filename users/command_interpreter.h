@@ -4,9 +4,12 @@
 // because READ is tried before REPLY).
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "info/info_lines.h"
 
 #include "users/command_services.h"
 #include "users/login.h"
@@ -53,6 +56,17 @@ class CommandInterpreter {
   void FilterCommand(int stream, std::string_view line);
   void TestFilter(int stream, std::string_view args);
   void Lines(int stream, const std::vector<std::string>& lines);
+
+  // Information commands (info_commands.cpp).  InfoCommand answers the SHOW/ words it owns
+  // and returns false for the others.
+  bool InfoCommand(int stream, std::string_view line, std::string_view word, std::string_view arg);
+  void SunOrMoon(int stream, std::string_view line, std::string_view arg, bool moon);
+  void StatUser(int stream, std::string_view line, std::string_view arg);
+  void StateAdd(int stream, std::string_view line, std::string_view arg);
+  // The user's own place: their location, their locator, else their call's country.
+  std::optional<Place> OwnPlace(int stream) const;
+  // A typed call, prefix or locator; nothing for text that is none of them.
+  std::optional<Place> PlaceOf(std::string_view text) const;
 
   UserContext& ctx_;
   Login& login_;

@@ -314,6 +314,8 @@ void Login::Complete(int stream, bool name_was_set) {
   e.login_stage = LoginStage::kLoggedIn;
   e.state = kStateUser;
   ctx_.log.Write("Login", "Login Ok " + e.call + " " + e.peer_address);
+  const SysTime login_time = ctx_.clock.Now();
+  ctx_.store.NoteLogin(e.call, DateText(login_time) + " " + TimeHHnnZ(login_time));
   ctx_.monitor.Write(MonitorChannel::kConsole, "Login Ok " + e.call, "green", stream);
   ctx_.out.SetStreamIdentity(stream, e.call, e.state);
   // The front-end keeps with the connection when it began (WHO shows it after a restart of

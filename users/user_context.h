@@ -21,6 +21,7 @@ namespace qx {
 class UserStore;
 class CountryLookup;
 class FilterBook;
+class CallStates;
 
 struct ClusterCounts {
   int nodes = 0;  // nodes in the network, this one included
@@ -47,6 +48,7 @@ struct UserContext {
   std::function<ClusterCounts()> counts;
   uint64_t node_logins_refused = 0;  // neighbour calls that failed their password or address
   FilterBook* filters = nullptr;     // the users' compiled spot filters; null: none
+  CallStates* states = nullptr;      // calls' states and provinces (SET/STATEADD); null: none
 
   // While SPOOF runs a command as another user, what that user's stream would be sent goes
   // to the sysop who asked instead; 0 when no SPOOF runs.

@@ -11,6 +11,7 @@
 #include "core/file_util.h"
 #include "core/stream_table.h"
 #include "core/text_util.h"
+#include "spots/call_sign.h"
 
 namespace qx {
 namespace {
@@ -224,6 +225,15 @@ void ApplyUserRecord(std::string_view text, int set, SessionSettings& s) {
       ApplyPc41(int(type), Field(line, 3), s);
       continue;
     }
+    // Log-in and spot counts describe the person, not a settings set: always set 0.
+    if (key == "LASTLOGIN") {
+      s.last_login = std::string(Trim(After(line, 2)));
+      continue;
+    }
+    if (key == "SPOTS") {
+      s.spots_posted = std::max(0, ParseIntOr(Trim(After(line, 2)), 0));
+      continue;
+    }
     if (LineSet(Field(line, 1)) != set) continue;
     const std::string_view value = After(line, 2);
     if (key == "WIDTH") {
@@ -397,6 +407,16 @@ bool UserStore::Save(std::string_view call, std::string_view key, std::string_vi
   const bool allow_caret = upper_key == "FILTER";
   return Rewrite(LocalPath(call), RemotePath(call), upper_key, SettingsSet(call),
                  CleanValue(value, allow_caret), false);
+}
+
+bool UserStore::NoteLogin(std::string_view call, std::string_view when) {
+  return Save(BaseCall(call), "LASTLOGIN", when);
+}
+
+int UserStore::CountSpot(std::string_view call) {
+  const std::string_view base = BaseCall(call);
+  const int count = Load(base, kStateUser).settings.spots_posted + 1;
+  return Save(base, "SPOTS", std::to_string(count)) ? count : count - 1;
 }
 
 bool UserStore::SavePersonal(std::string_view call, int type, std::string_view value) {

@@ -7,7 +7,8 @@
 // "PC41^0^<type>^<value>"; those lines belong to every set.
 //
 // Besides the classic keys (PC41, WIDTH, SETTINGS, DXBM, FILTER, MAILNUMBER) the record holds
-// "RESOLUTION" (1 or 2 decimals) and "PROMPT" ("", "%M>" or ">") in the same layout.  A set
+// "RESOLUTION" (1 or 2 decimals) and "PROMPT" ("", "%M>" or ">") in the same layout, and
+// "LASTLOGIN" and "SPOTS" (last log-in, spots posted), which are kept under set 0 only.  A set
 // holds one "FILTER" line per filter rule, "FILTER^set^<kind>^<id>^<rule as typed>" (see
 // users/filter_book.h); a line's value is everything after its set field, carets included.
 // Lines with keys this code does not know are kept on every rewrite.
@@ -100,6 +101,12 @@ class UserStore {
   // allowed in values); no values removes them.
   bool SaveLines(std::string_view call, std::string_view key,
                  const std::vector<std::string>& values);
+
+  // The person's last log-in ("24-Nov-2026 1952Z") and the count of spots they posted on
+  // this node; both are kept once per call, under set 0, whatever the SSID.
+  bool NoteLogin(std::string_view call, std::string_view when);
+  // Adds one to the call's count of spots posted; returns the new count.
+  int CountSpot(std::string_view call);
 
   // Personal information typed on this node (SET/NAME, QTH, LOCATION, HOMENODE, QRA):
   // type 1 name, 2 QTH, 3 location, 4 home node, 5 grid.  A location that does not parse

@@ -33,6 +33,30 @@ TEST_F(SpotsSystemTest, SpotReachesOtherUserAsExactLine) {
   EXPECT_THAT(a->received(), HasSubstr("DX de DL1ABC:    14025.0  K1ABC"));
 }
 
+// The columns behind the time come from the spotter's session (its locator), the state table
+// read at start-up and the DX call's country; posting counts in the spotter's record.
+TEST_F(SpotsSystemTest, ExtraColumnsAndSpotsPostedEndToEnd) {
+  WriteFile(home() / "data/files/states.dat", "K1XYZ MA\n");
+  StartAll();
+  auto a = LogIn("DL1ABC", "Hans");
+  auto b = LogIn("K1XYZ", "Joe");
+  for (const char* line : {"SET/WIDTH 100", "SET/GRIDSQUARE", "SET/DXSQTH", "SET/DXCQ"}) {
+    a->ClearReceived();
+    a->SendLine(line);
+    ASSERT_TRUE(a->ReadUntil("QXC >")) << a->received();
+  }
+  b->ClearReceived();
+  b->SendLine("SET/QRA FN42");
+  ASSERT_TRUE(b->ReadUntil("Grid set to FN42"));
+  b->SendLine("DX 14025 DL2ZZZ test");
+  ASSERT_TRUE(a->ReadUntil("Z FN42 MA CQ14\r\n")) << a->received();
+  ASSERT_TRUE(b->ReadUntil("DL2ZZZ"));
+  b->ClearReceived();
+  b->SendLine("STAT/USER");
+  ASSERT_TRUE(b->ReadUntil("QXC >"));
+  EXPECT_THAT(b->received(), HasSubstr("  Spots posted: 1\r\n"));
+}
+
 // Chr 4 ends every message from the node to the front-end; typed into a comment it must be
 // gone before the node sees it, or the spot would be stored with it and cut every list
 // that shows it.  A character-mode client's corrections are applied on the way, too.

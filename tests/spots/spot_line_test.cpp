@@ -161,7 +161,7 @@ TEST_F(DistributionTest, EachUserGetsTheirVariantAndLinesAreBuiltOncePerVariant)
 
 TEST_F(DistributionTest, LocatorLookupWinsAndFilterIsAsked) {
   StreamEntry& u = AddUser(1, "G1AAA");
-  u.session.width = 79;
+  u.session.width = 82;
   u.session.Set(kSwGridSquare, true);
   AddUser(2, "G2BBB");
   Spot s = MakeSpot();
@@ -179,8 +179,7 @@ TEST_F(DistributionTest, LocatorLookupWinsAndFilterIsAsked) {
   dist.set_filter(&filter);
   dist.OutputSpotToAll(s);
   EXPECT_EQ(filter.prepared, 1);
-  // Cut to the user's 79 columns.
-  EXPECT_EQ(sink_.sent[1].substr(70), "0315Z FN4\r\n");
+  EXPECT_EQ(sink_.sent[1].substr(70), "0315Z FN42lk\r\n");
   EXPECT_EQ(sink_.sent.count(2), 0u);
 
   // The next spot is built afresh, not served from the last one's lines.
@@ -188,6 +187,51 @@ TEST_F(DistributionTest, LocatorLookupWinsAndFilterIsAsked) {
   s.slots[kSlotDxCall] = "JA1ZZZ";
   dist.OutputSpotToAll(s);
   EXPECT_NE(sink_.sent[1].find("JA1ZZZ"), std::string::npos);
+}
+
+TEST_F(DistributionTest, ExtraColumnsInOrderAsTheWidthAllowsBuiltOncePerChoice) {
+  CountryInfo germany{"Germany", "DL", 14, 28, "EU", 51.0, 10.0};
+  const auto all = [](StreamEntry& e, int width) -> StreamEntry& {
+    e.session.width = width;
+    for (uint32_t bit :
+         {kSwGridSquare, kSwDxsQth, kSwDxsCty, kSwDxCq, kSwDxItu, kSwDxGrid, kSwUsState}) {
+      e.session.Set(bit, true);
+    }
+    return e;
+  };
+  all(AddUser(1, "G1AAA"), 120);
+  all(AddUser(2, "G2BBB"), 120).session.resolution = 2;
+  all(AddUser(3, "G3CCC"), 91);  // room for 16 characters behind the time
+  all(AddUser(4, "G4DDD"), 80);  // 5: the spotter's locator only
+  all(AddUser(5, "G5EEE"), 75);  // the standard line: no room
+  AddUser(6, "G6FFF").session.width = 120;
+  AddUser(6, "G6FFF").session.Set(kSwDxCq, true);  // one column, asked alone
+  AddUser(7, "G7GGG").session.width = 120;
+  AddUser(7, "G7GGG").session.Set(kSwDxCq, true);  // same choice as user 6
+
+  Spot s = MakeSpot();
+  s.spotter_country = &usa_;
+  s.dx_country = &germany;
+  SpotDistributor dist(streams_, sink_);
+  int state_asks = 0;
+  dist.set_state_lookup([&](std::string_view call) {
+    ++state_asks;
+    return call == "K1ABC" ? std::string_view("MA") : std::string_view();
+  });
+  const DistributionStats stats = dist.OutputSpotToAll(s);
+  const std::string base =
+      "DX de K1ABC:     14025.1  DL1XYZ       test                           0315Z";
+  // The DX call has no state: that column is left out, not shown empty.
+  EXPECT_EQ(sink_.sent[1], base + " FN42 MA K CQ14 IT28 JO51\r\n");
+  EXPECT_EQ(sink_.sent[2].substr(70), "0315Z FN42 MA K CQ14 IT28 JO51\r\n");
+  EXPECT_EQ(sink_.sent[3], base + " FN42 MA K CQ14\r\n");  // IT28 would make 95
+  EXPECT_EQ(sink_.sent[4], base + " FN42\r\n");
+  EXPECT_EQ(sink_.sent[5], base + "\r\n");
+  EXPECT_EQ(sink_.sent[6], base + " CQ14\r\n");
+  EXPECT_EQ(sink_.sent[7], sink_.sent[6]);
+  // Two base lines, then one per (resolution, columns): 1+2 full, 3, 4, 6 and 7.
+  EXPECT_EQ(stats.lines_built, 2 + 5);
+  EXPECT_EQ(state_asks, 2);  // the spotter and the DX call, once per spot
 }
 
 TEST_F(DistributionTest, UserSwitchesForKindsOfSpots) {
