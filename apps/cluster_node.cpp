@@ -164,6 +164,11 @@ void ClusterNode::SetUpNetwork() {
     store_.StorePc41(call, record_line, /*remote=*/true);
   };
   deps.pc41.monitor = &monitor_;
+  deps.mail = [this](const PcSentence& s) {
+    if (!mail_forwarder_) return false;
+    SyncMailLinks();  // a link that has just come up may send mail at once
+    return mail_forwarder_->OnSentence(s.stream, s.line, clock_.Now());
+  };
   deps.propagation = [this](const PcSentence& s) {
     using Intake = PropagationService::Intake;
     return (s.number == 23 ? propagation_->OnPc23(s.fields) : propagation_->OnPc73(s.fields)) ==
@@ -255,6 +260,7 @@ std::string ClusterNode::EnterWwv(int stream, std::string_view line, std::string
 
 void ClusterNode::ApplySettings() {
   ApplyLists();
+  ApplyMailSettings();
   if (network_) network_->Configure(config_);  // defined nodes and outgoing connections
   if (rates_) {
     rates_->set_limits({config_.GetInt("NewMaxSpotsPerMin", 0),
@@ -382,6 +388,7 @@ bool ClusterNode::Start(std::string* error) {
   StepDone();
 
   Step("Purging Old Mail");
+  SetUpMail();
   StepDone();
   PruneLogs();
 
@@ -391,6 +398,7 @@ bool ClusterNode::Start(std::string* error) {
                   messages_, &countries_, config_.Get("Cluster Call"), std::string(kVersion),
                   config_.Get("SSID Help Address"), started_, [this] { return Counts(); }});
   user_ctx_->filters = filter_book_.get();
+  user_ctx_->mail_notices = [this](int s) { return mail_->LoginNotices(s); };
   login_ = std::make_unique<Login>(*user_ctx_);
   interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
   interpreter_->set_help_address(config_.Get("Help Address"));
@@ -469,6 +477,7 @@ void ClusterNode::OnTimer() {
     if (network_->TakeStateChanged()) SaveNetworkState();
   }
   if (wwv_fetch_) wwv_fetch_->Tick();
+  MailTick();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (!ec) OnTimer();
@@ -550,7 +559,11 @@ void ClusterNode::OnStreamLine(int stream, std::string_view line) {
       if (line.starts_with("PC") && line.find('^') != std::string_view::npos) {
         log_.Write("DataArrival", " User is really a Node, but node not defined " + e.call);
       }
-      interpreter_->OnLine(stream, line);
+      if (mail_->Composing(stream)) {
+        mail_->OnEditorLine(stream, line);
+      } else {
+        interpreter_->OnLine(stream, line);
+      }
     }
   } catch (const std::exception& ex) {
     // One bad line must never take the node down; it is logged and the next line is served.
@@ -577,6 +590,7 @@ void ClusterNode::OnStreamTimedOut(int stream) {
 void ClusterNode::OnStreamClosed(int stream, int previous_state) {
   if (IsUserState(previous_state)) login_->OnLoggedOut(stream);
   filter_book_->Drop(stream);
+  mail_->StreamClosed(stream);
   network_->OnStreamClosed(stream);
   monitor_.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
 }

@@ -23,6 +23,9 @@
 #include "core/stream_output.h"
 #include "core/stream_table.h"
 #include "core/time_text.h"
+#include "mail/mail_forwarder.h"
+#include "mail/mail_service.h"
+#include "mail/mail_store.h"
 #include "node/node_network.h"
 #include "propagation/propagation_service.h"
 #include "propagation/wwv_fetch.h"
@@ -93,6 +96,8 @@ class ClusterNode final : public LinkEvents,
   void Shutdown() override;
   std::vector<std::string> ShowPropagation(std::string_view what, std::string_view args) override;
   std::string EnterWwv(int stream, std::string_view line, std::string_view args) override;
+  std::vector<std::string> Mail(int stream, std::string_view verb, std::string_view args) override;
+  bool MailComposing(int stream) const override;
 
  private:
   friend class NodeConsoleModel;
@@ -136,6 +141,13 @@ class ClusterNode final : public LinkEvents,
   void SaveHighestRates(bool at_stop);
   void SetUpNetwork();
   void SetUpPropagation();  // WWV/WCY: today's reports loaded, the fetch set up
+  // Mail (cluster_node_mail.cpp): the store read and purged, the service and the forwarder.
+  void SetUpMail();
+  void ApplyMailSettings();
+  // Once a second: the forwarder follows the node links and its timers; a purge once a day.
+  void MailTick();
+  // Tells the forwarder of node links that came up or went down since it last looked.
+  void SyncMailLinks();
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;
@@ -161,6 +173,11 @@ class ClusterNode final : public LinkEvents,
   std::unique_ptr<FilterBook> filter_book_;
   std::unique_ptr<PropagationService> propagation_;
   std::unique_ptr<WwvFetcher> wwv_fetch_;
+  std::unique_ptr<MailStore> mail_store_;
+  std::unique_ptr<MailService> mail_;
+  std::unique_ptr<MailForwarder> mail_forwarder_;
+  std::map<int, std::string> mail_links_;  // node links the forwarder knows: stream -> peer
+  int mail_purged_day_ = -1;
   std::unique_ptr<UserContext> user_ctx_;
   std::unique_ptr<Login> login_;
   std::unique_ptr<CommandInterpreter> interpreter_;

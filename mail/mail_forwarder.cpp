@@ -42,8 +42,8 @@ void MailForwarder::Scan(int stream, Peer& p, SysTime now) {
 
 void MailForwarder::LinkUp(int stream, std::string_view peer, SysTime now) {
   peers_.erase(stream);
-  Peer& p = peers_.emplace(stream, Peer(MailLink(deps_.node_call, std::string(peer))))
-                .first->second;
+  Peer& p =
+      peers_.emplace(stream, Peer(MailLink(deps_.node_call, std::string(peer)))).first->second;
   Scan(stream, p, now);
   Pump(stream, p, now);
 }
@@ -66,8 +66,7 @@ void MailForwarder::Stored(int number, SysTime now) {
       Pump(stream, p, now);
     }
   }
-  if (m->is_private && !m->bound_for.empty() &&
-      (!deps_.route || deps_.route(m->bound_for) == 0)) {
+  if (m->is_private && !m->bound_for.empty() && (!deps_.route || deps_.route(m->bound_for) == 0)) {
     Log(fmt::format("message {} for {} waits: no route to {} yet", number, m->to, m->bound_for));
   }
 }

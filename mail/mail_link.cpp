@@ -64,8 +64,8 @@ void MailLink::SendFailed(std::string why, Output& out) {
 
 void MailLink::OnSentence(const MailSentence& s, SysTime now, Output& out) {
   if (!EqualsIgnoreCase(s.from_node, peer_)) {
-    out.notes.push_back(fmt::format("mail sentence from {} on the link to {} dropped",
-                                    s.from_node, peer_));
+    out.notes.push_back(
+        fmt::format("mail sentence from {} on the link to {} dropped", s.from_node, peer_));
     return;
   }
   switch (s.kind) {
@@ -111,8 +111,8 @@ void MailLink::OnSenderAck(const MailSentence& s, SysTime now, Output& out) {
     send_state_ = SendState::kIdle;
     remote_stream_ = 0;
   } else {
-    out.notes.push_back(fmt::format("unexpected acknowledgement for stream {} from {} dropped",
-                                    s.stream, peer_));
+    out.notes.push_back(
+        fmt::format("unexpected acknowledgement for stream {} from {} dropped", s.stream, peer_));
   }
 }
 
@@ -120,8 +120,8 @@ void MailLink::OnReceiverSentence(const MailSentence& s, SysTime now, Output& ou
   if (s.kind == Kind::kHeader) {
     if (receiving_) {
       // The sender holds one message at a time: a new header means it gave up the last one.
-      out.notes.push_back(fmt::format("{} started a new message; the unfinished one is dropped",
-                                      peer_));
+      out.notes.push_back(
+          fmt::format("{} started a new message; the unfinished one is dropped", peer_));
     }
     receiving_ = true;
     in_header_ = s;
@@ -146,8 +146,8 @@ void MailLink::OnReceiverSentence(const MailSentence& s, SysTime now, Output& ou
       in_lines_.push_back(s.text);
     } else if (!in_cut_) {
       in_cut_ = true;
-      out.notes.push_back(fmt::format("message from {} cut at {} lines", in_header_.author,
-                                      kMailLinesMax));
+      out.notes.push_back(
+          fmt::format("message from {} cut at {} lines", in_header_.author, kMailLinesMax));
     }
     if (++since_ack_ >= in_header_.lines_per_ack) {
       since_ack_ = 0;
@@ -184,8 +184,8 @@ void MailLink::Tick(SysTime now, Output& out) {
   if (receiving_ && now >= receive_deadline_) {
     receiving_ = false;
     out.sentences.push_back(BuildMailSentence(Reply(Kind::kAbort, local_stream_)));
-    out.notes.push_back(fmt::format("message from {} abandoned: {} stopped sending",
-                                    in_header_.author, peer_));
+    out.notes.push_back(
+        fmt::format("message from {} abandoned: {} stopped sending", in_header_.author, peer_));
   }
 }
 

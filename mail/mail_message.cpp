@@ -174,7 +174,8 @@ std::optional<MailSentence> ParseMailSentence(std::string_view line, std::string
     Fail(why, text);
     return std::nullopt;
   };
-  if (f.size() < 4 || f[0].size() != 4 || !f[0].starts_with("PC")) return fail("not a mail sentence");
+  if (f.size() < 4 || f[0].size() != 4 || !f[0].starts_with("PC"))
+    return fail("not a mail sentence");
   MailSentence s;
   const std::string_view head = f[0];
   if (head == "PC28") {

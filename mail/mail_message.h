@@ -15,22 +15,22 @@ namespace qx {
 
 // Limits that keep one message from filling the disk or a link.
 inline constexpr size_t kMailSubjectMax = 30;
-inline constexpr size_t kMailLineMax = 240;  // longer lines are cut
+inline constexpr size_t kMailLineMax = 240;   // longer lines are cut
 inline constexpr size_t kMailLinesMax = 300;  // later lines are dropped, and the writer told
 
 struct MailMessage {
-  int number = 0;            // this node's number; never reused
-  std::string from;          // the author's call
-  std::string to;            // a call (private) or a bulletin address such as ALL
-  SysTime time{};            // when the author wrote it
+  int number = 0;    // this node's number; never reused
+  std::string from;  // the author's call
+  std::string to;    // a call (private) or a bulletin address such as ALL
+  SysTime time{};    // when the author wrote it
   std::string subject;
-  bool is_private = true;    // false: a bulletin
-  bool read = false;         // the addressee has read it (private mail)
-  bool deleted = false;      // killed; the next purge removes the file
-  bool keep = false;         // never purged for age
-  std::string origin;        // the node where it was written
-  std::string received_from; // the neighbour it came from ("" when written here)
-  std::string bound_for;     // the node a private message travels to ("" when delivered here)
+  bool is_private = true;     // false: a bulletin
+  bool read = false;          // the addressee has read it (private mail)
+  bool deleted = false;       // killed; the next purge removes the file
+  bool keep = false;          // never purged for age
+  std::string origin;         // the node where it was written
+  std::string received_from;  // the neighbour it came from ("" when written here)
+  std::string bound_for;      // the node a private message travels to ("" when delivered here)
   std::vector<std::string> forwarded_to;  // neighbours that confirmed receipt (PC33)
   std::vector<std::string> text;          // the lines; only in files and full reads
 

@@ -101,7 +101,8 @@ std::string MailService::Address(std::string_view args, bool force_private, Draf
     if (word.empty()) continue;
     std::string call = ToUpper(word);
     if (IsBulletinAddress(call)) {
-      if (force_private) return call + " is a bulletin address; SEND " + call + " sends a bulletin.";
+      if (force_private)
+        return call + " is a bulletin address; SEND " + call + " sends a bulletin.";
       bulletin = true;
     } else if (!ValidCall(call, /*strict=*/false, CallCheckContext{})) {
       return std::string(word) + " is not a valid call.";
@@ -212,7 +213,8 @@ std::vector<std::string> MailService::Read(int stream, std::string_view args) {
   }
   const MailMessage* h = deps_.store->Find(number);
   if (!h || h->deleted) return {fmt::format("Message {} not found.", number)};
-  if (!Visible(*h, call)) return {fmt::format("Message {} is a private message for someone else.", number)};
+  if (!Visible(*h, call))
+    return {fmt::format("Message {} is a private message for someone else.", number)};
   MailMessage m;
   if (!deps_.store->ReadFull(number, m)) {
     Log(fmt::format("message {} is indexed but its file cannot be read", number));
@@ -247,9 +249,10 @@ std::vector<std::string> MailService::Reply(int stream, std::string_view args) {
   d.to = {m->from};
   d.is_private = true;
   d.have_subject = true;
-  d.subject = CutSubject(StartsWithIgnoreCase(m->subject, "Re:") ? m->subject : "Re: " + m->subject);
-  std::vector<std::string> out{
-      fmt::format("Replying to {}, subject \"{}\".", m->from, d.subject), std::string(kTextPrompt)};
+  d.subject =
+      CutSubject(StartsWithIgnoreCase(m->subject, "Re:") ? m->subject : "Re: " + m->subject);
+  std::vector<std::string> out{fmt::format("Replying to {}, subject \"{}\".", m->from, d.subject),
+                               std::string(kTextPrompt)};
   drafts_[stream] = std::move(d);
   return out;
 }

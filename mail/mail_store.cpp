@@ -41,7 +41,8 @@ int MailStore::Rebuild(std::vector<std::string>* notes) {
     MailMessage m;
     std::string why;
     if (!text || !ParseMailFile(*text, m, &why, /*with_text=*/false)) {
-      if (notes) notes->push_back(entry.path().filename().string() + ": " + (text ? why : "unreadable"));
+      if (notes)
+        notes->push_back(entry.path().filename().string() + ": " + (text ? why : "unreadable"));
       continue;
     }
     if (entry.path().filename() != PathOf(m.number).filename()) {

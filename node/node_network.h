@@ -76,6 +76,9 @@ struct NodeNetworkDeps {
   // A PC23 (WWV) or PC73 (WCY) from a node, for the propagation service.  True when it is
   // new here, so that it goes on to the other links.
   std::function<bool(const PcSentence& s)> propagation;
+  // A mail sentence (PC28 to PC33, PC42) from a neighbour, for the mail forwarder.  True
+  // when it was taken.
+  std::function<bool(const PcSentence& s)> mail;
 };
 
 class NodeNetwork final : public NodeRelay, private NodeOutput {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "core/error_log.h"
 #include "core/monitor.h"
@@ -47,6 +48,8 @@ struct UserContext {
   std::function<ClusterCounts()> counts;
   uint64_t node_logins_refused = 0;  // neighbour calls that failed their password or address
   FilterBook* filters = nullptr;     // the users' compiled spot filters; null: none
+  // The mail notices for a user who has just logged in; unset: no mail on this node.
+  std::function<std::vector<std::string>(int stream)> mail_notices = nullptr;
 
   // Sends to a stream (the current stream is left alone).
   void Send(int stream, std::string_view text) { out.SendToStream(stream, text); }

@@ -101,14 +101,14 @@ TEST_F(MailServiceTest, SendListReadReplyKill) {
   const auto dir = Cmd(2, "DIRECTORY");
   ASSERT_EQ(dir.size(), 2u);
   EXPECT_THAT(dir[1], HasSubstr("1 PN    K1ABC      G4XYZ      15-Nov-2026 1030Z Antenna"));
-  EXPECT_THAT(Cmd(2, "READ"), ElementsAre("Msg# 1 from K1ABC to G4XYZ, 15-Nov-2026 1030Z, private",
-                                          "Subject: Antenna", "Hello Bob,", "SH/DX", "73",
-                                          "End of message 1"));
+  EXPECT_THAT(Cmd(2, "READ"),
+              ElementsAre("Msg# 1 from K1ABC to G4XYZ, 15-Nov-2026 1030Z, private",
+                          "Subject: Antenna", "Hello Bob,", "SH/DX", "73", "End of message 1"));
   EXPECT_TRUE(store_.Find(1)->read);
   EXPECT_THAT(Cmd(2, "READ"), ElementsAre("You have no unread mail."));
 
-  EXPECT_THAT(Cmd(2, "REPLY"), ElementsAre("Replying to K1ABC, subject \"Re: Antenna\".",
-                                           HasSubstr("/EX")));
+  EXPECT_THAT(Cmd(2, "REPLY"),
+              ElementsAre("Replying to K1ABC, subject \"Re: Antenna\".", HasSubstr("/EX")));
   EXPECT_EQ(Type(2, {"Thanks", "/EX"}), "Message no 2 saved and directed to K1ABC\r\n");
   MailMessage reply;
   ASSERT_TRUE(store_.ReadFull(2, reply));
@@ -121,8 +121,8 @@ TEST_F(MailServiceTest, SendListReadReplyKill) {
   EXPECT_THAT(Cmd(3, "READ", "1"), ElementsAre("Message 1 is a private message for someone else."));
   EXPECT_THAT(Cmd(3, "KILL", "1"), ElementsAre("Message 1 is not yours to delete."));
   EXPECT_THAT(Cmd(3, "REPLY", "1"), ElementsAre("Message 1 not found."));
-  EXPECT_THAT(Cmd(2, "DELETE", "1 99 x"),
-              ElementsAre("Message 1 deleted.", "Message 99 not found.", "x is not a message number."));
+  EXPECT_THAT(Cmd(2, "DELETE", "1 99 x"), ElementsAre("Message 1 deleted.", "Message 99 not found.",
+                                                      "x is not a message number."));
   EXPECT_THAT(Cmd(1, "READ", "1"), ElementsAre("Message 1 not found."));
   EXPECT_THAT(Cmd(1, "KILL"), ElementsAre(HasSubstr("Usage")));
   // A sysop may delete any message, and purge and rebuild.
@@ -136,10 +136,12 @@ TEST_F(MailServiceTest, SendListReadReplyKill) {
 TEST_F(MailServiceTest, BulletinsAreForEveryoneAndAddressesAreChecked) {
   SendMail(3, "dx", "3B8 active", {"on 20m"});
   ASSERT_TRUE(store_.Find(1) && !store_.Find(1)->is_private);
-  EXPECT_THAT(Cmd(1, "DIRECTORY"), ElementsAre(MailListHeader(), HasSubstr("1 BN    DL1AAA     DX")));
+  EXPECT_THAT(Cmd(1, "DIRECTORY"),
+              ElementsAre(MailListHeader(), HasSubstr("1 BN    DL1AAA     DX")));
   EXPECT_THAT(Cmd(2, "READ", "1"), ::testing::Contains("Subject: 3B8 active"));
   EXPECT_THAT(Cmd(1, "KILL", "1"), ElementsAre("Message 1 is not yours to delete."));
-  EXPECT_THAT(Cmd(1, "SP", "ALL"), ElementsAre("ALL is a bulletin address; SEND ALL sends a bulletin."));
+  EXPECT_THAT(Cmd(1, "SP", "ALL"),
+              ElementsAre("ALL is a bulletin address; SEND ALL sends a bulletin."));
   EXPECT_THAT(Cmd(1, "SEND", "ALL K1ABC"), ElementsAre("A bulletin goes to one address alone."));
   EXPECT_THAT(Cmd(1, "SEND", "12345"), ElementsAre("12345 is not a valid call."));
   EXPECT_THAT(Cmd(1, "SEND")[0], HasSubstr("Usage: SEND"));
