@@ -122,7 +122,7 @@ bool ParseMailFile(std::string_view text, MailMessage& m, std::string* why, bool
         m.to = std::string(value);
         have_to = !value.empty();
       } else if (key == "Time") {
-        if (!ParseInt(value, n)) return Fail(why, "bad time");
+        if (!ParseInt(value, n) || n < 0 || n > 7'000'000'000LL) return Fail(why, "bad time");
         m.time = SysTime(std::chrono::seconds(n));
       } else if (key == "Subject") {
         m.subject = std::string(value);
@@ -230,12 +230,16 @@ std::optional<MailSentence> ParseMailSentence(std::string_view line, std::string
   if (!ParseSpotDate(Trim(f[5]), date) || !ParseSpotTime(Trim(f[6]), hour, minute)) {
     return fail("PC28 date or time is not real");
   }
+  // Far-off years are no mail date, and would not fit the clock's range.
+  if (date.year < 1980 || date.year > 2200) return fail("PC28 date is out of range");
   s.time = MakeUtc(date.year, date.month, date.day, hour, minute);
   const std::string_view priv = Trim(f[7]);
   if (priv != "1" && priv != "0") return fail("PC28 private flag is not 0 or 1");
   s.is_private = priv == "1";
   s.subject = std::string(Trim(f[8]));
-  if (s.subject.size() > kMailSubjectMax * 2) s.subject.resize(kMailSubjectMax * 2);
+  if (s.subject.size() > kMailSubjectMax * 2) {
+    s.subject = std::string(Trim(std::string_view(s.subject).substr(0, kMailSubjectMax * 2)));
+  }
   long long per_ack = 5;
   if (!ParseInt(Trim(f[10]), per_ack) || per_ack < 1 || per_ack > 50) per_ack = 5;
   s.lines_per_ack = int(per_ack);

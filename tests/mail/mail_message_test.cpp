@@ -49,6 +49,8 @@ TEST(MailFileTest, RoundTripKeepsEveryFieldAndBlankLines) {
   EXPECT_TRUE(head.text.empty());
   EXPECT_FALSE(ParseMailFile("From: K1ABC\r\nTo: ALL\r\n\r\n", head, &why));  // no number
   EXPECT_FALSE(ParseMailFile("garbage", head, &why));
+  EXPECT_FALSE(
+      ParseMailFile("Number: 1\r\nFrom: A\r\nTo: B\r\nTime: 99999999999999\r\n", head, &why));
 }
 
 TEST(MailSentenceTest, HeaderBuildsAndReadsBack) {
@@ -104,6 +106,7 @@ TEST(MailSentenceTest, LinesAndAcksAndMalformedInput) {
   for (const char* bad : {"PC30^A1AA^B1BB^x^", "PC30^A1AA^B1BB^0^", "PC30^A1AA^^3^",
                           "PC30^A1AA^B1BB", "PC34^A1AA^B1BB^3^", "PC28^A1AA^B1BB^ALL^K1ABC^",
                           "PC28^A1AA^B1BB^ALL^K1ABC^31-Feb-2026^0907Z^0^s^ ^5^0^ ^B1BB^~",
+                          "PC28^A1AA^B1BB^ALL^K1ABC^ 5-Nov-8026^0907Z^0^s^ ^5^0^ ^B1BB^~",
                           "PC28^A1AA^B1BB^ALL^K1ABC^ 5-Nov-2026^0907Z^2^s^ ^5^0^ ^B1BB^~",
                           "PC28^A1AA^B1BB^ALL^!!^ 5-Nov-2026^0907Z^0^s^ ^5^0^ ^B1BB^~", ""}) {
     std::string why;
