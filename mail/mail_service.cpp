@@ -125,6 +125,8 @@ void MailService::OnEditorLine(int stream, std::string_view raw) {
   if (it == drafts_.end()) return;
   Draft& d = it->second;
   const std::string_view line = Trim(raw);
+  // A logging program's keep-alive is no part of the text.
+  if (EqualsIgnoreCase(line, "KeepAlive")) return;
   if (EqualsIgnoreCase(line, "/ABORT")) {
     Send(stream, "Message aborted; nothing was saved.");
     Close(stream);

@@ -53,7 +53,10 @@ class MailService {
   // A line typed while composing; replies go straight to the stream.
   void OnEditorLine(int stream, std::string_view line);
   // The stream closed: an unfinished message is dropped.
-  void StreamClosed(int stream) { drafts_.erase(stream); }
+  void StreamClosed(int stream) {
+    drafts_.erase(stream);
+    last_read_.erase(stream);
+  }
 
   // The lines for a user who has just logged in: one per unread message addressed to them,
   // and a count of bulletins that came since they were last told.

@@ -89,7 +89,7 @@ TEST_F(MailServiceTest, SendListReadReplyKill) {
   EXPECT_EQ(Type(1, {"Antenna"}),
             "Enter the message text; end with /EX on a line of its own, or /ABORT to cancel:\r\n");
   // Text lines (even ones that look like commands) are the editor's, without an answer.
-  EXPECT_EQ(Type(1, {"Hello Bob,", "SH/DX", "73"}), "");
+  EXPECT_EQ(Type(1, {"Hello Bob,", "SH/DX", "KeepAlive", "73"}), "");
   EXPECT_EQ(Type(1, {"/ex"}), "Message no 1 saved and directed to G4XYZ\r\n");
   EXPECT_FALSE(mail_->Composing(1));
   EXPECT_EQ(prompts_[1], 1);
