@@ -180,6 +180,10 @@ void ClusterNode::SetUpNetwork() {
   deps.pc41.monitor = &monitor_;
   deps.announce = [this](std::string_view from, std::string_view to, std::string_view text) {
     return KeepAnnouncement(from, to, text, "network");
+  deps.mail = [this](const PcSentence& s) {
+    if (!mail_forwarder_) return false;
+    SyncMailLinks();  // a link that has just come up may send mail at once
+    return mail_forwarder_->OnSentence(s.stream, s.line, clock_.Now());
   };
   deps.propagation = [this](const PcSentence& s) {
     using Intake = PropagationService::Intake;
@@ -329,6 +333,7 @@ std::string ClusterNode::Restart() {
 
 void ClusterNode::ApplySettings() {
   ApplyLists();
+  ApplyMailSettings();
   if (network_) network_->Configure(config_);  // defined nodes and outgoing connections
   if (rates_) {
     rates_->set_limits({config_.GetInt("NewMaxSpotsPerMin", 0),
@@ -459,6 +464,7 @@ bool ClusterNode::Start(std::string* error) {
   StepDone();
 
   Step("Purging Old Mail");
+  SetUpMail();
   StepDone();
   PruneLogs();
 
@@ -469,6 +475,7 @@ bool ClusterNode::Start(std::string* error) {
                   config_.Get("SSID Help Address"), started_, [this] { return Counts(); }});
   user_ctx_->filters = filter_book_.get();
   user_ctx_->states = &states_;
+  user_ctx_->mail_notices = [this](int s) { return mail_->LoginNotices(s); };
   login_ = std::make_unique<Login>(*user_ctx_);
   interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
   interpreter_->set_help_address(config_.Get("Help Address"));
@@ -547,6 +554,7 @@ void ClusterNode::OnTimer() {
     if (network_->TakeStateChanged()) SaveNetworkState();
   }
   if (wwv_fetch_) wwv_fetch_->Tick();
+  MailTick();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (!ec) OnTimer();
@@ -628,7 +636,11 @@ void ClusterNode::OnStreamLine(int stream, std::string_view line) {
       if (line.starts_with("PC") && line.find('^') != std::string_view::npos) {
         log_.Write("DataArrival", " User is really a Node, but node not defined " + e.call);
       }
-      interpreter_->OnLine(stream, line);
+      if (mail_->Composing(stream)) {
+        mail_->OnEditorLine(stream, line);
+      } else {
+        interpreter_->OnLine(stream, line);
+      }
     }
   } catch (const std::exception& ex) {
     // One bad line must never take the node down; it is logged and the next line is served.
@@ -655,6 +667,7 @@ void ClusterNode::OnStreamTimedOut(int stream) {
 void ClusterNode::OnStreamClosed(int stream, int previous_state) {
   if (IsUserState(previous_state)) login_->OnLoggedOut(stream);
   filter_book_->Drop(stream);
+  mail_->StreamClosed(stream);
   network_->OnStreamClosed(stream);
   monitor_.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
 }

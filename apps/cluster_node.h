@@ -24,6 +24,9 @@
 #include "core/stream_table.h"
 #include "core/time_text.h"
 #include "info/call_states.h"
+#include "mail/mail_forwarder.h"
+#include "mail/mail_service.h"
+#include "mail/mail_store.h"
 #include "node/node_network.h"
 #include "propagation/propagation_service.h"
 #include "propagation/wwv_fetch.h"
@@ -103,6 +106,8 @@ class ClusterNode final : public LinkEvents,
   // RESTART was asked for: once the node has stopped, the program runs itself again (the
   // front-end keeps every connection meanwhile).
   bool restart_requested() const { return restart_requested_; }
+  std::vector<std::string> Mail(int stream, std::string_view verb, std::string_view args) override;
+  bool MailComposing(int stream) const override;
 
  private:
   friend class NodeConsoleModel;
@@ -149,6 +154,13 @@ class ClusterNode final : public LinkEvents,
   // Checks an announcement against the AnnNok list (a refusal is logged) and keeps it.
   bool KeepAnnouncement(std::string_view from, std::string_view to, std::string_view text,
                         std::string_view source);
+  // Mail (cluster_node_mail.cpp): the store read and purged, the service and the forwarder.
+  void SetUpMail();
+  void ApplyMailSettings();
+  // Once a second: the forwarder follows the node links and its timers; a purge once a day.
+  void MailTick();
+  // Tells the forwarder of node links that came up or went down since it last looked.
+  void SyncMailLinks();
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;
@@ -178,6 +190,11 @@ class ClusterNode final : public LinkEvents,
   std::unique_ptr<FilterBook> filter_book_;
   std::unique_ptr<PropagationService> propagation_;
   std::unique_ptr<WwvFetcher> wwv_fetch_;
+  std::unique_ptr<MailStore> mail_store_;
+  std::unique_ptr<MailService> mail_;
+  std::unique_ptr<MailForwarder> mail_forwarder_;
+  std::map<int, std::string> mail_links_;  // node links the forwarder knows: stream -> peer
+  int mail_purged_day_ = -1;
   std::unique_ptr<UserContext> user_ctx_;
   std::unique_ptr<Login> login_;
   std::unique_ptr<CommandInterpreter> interpreter_;

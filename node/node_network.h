@@ -80,6 +80,9 @@ struct NodeNetworkDeps {
   // false refuses it (a refused announcer): it is neither shown nor passed on.  True: it is
   // shown and passed on (and the callee keeps it).  Unset: every announcement is taken.
   std::function<bool(std::string_view from, std::string_view to, std::string_view text)> announce;
+  // A mail sentence (PC28 to PC33, PC42) from a neighbour, for the mail forwarder.  True
+  // when it was taken.
+  std::function<bool(const PcSentence& s)> mail;
 };
 
 class NodeNetwork final : public NodeRelay, private NodeOutput {

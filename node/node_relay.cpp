@@ -286,6 +286,8 @@ bool NodeNetwork::OnOther(PcSentence& s) {
     case 39:
       return OnPc39(s);
     default:
+      // Mail (PC28 to PC33, PC42) is the mail forwarder's.
+      if ((s.number >= 28 && s.number <= 33) || s.number == 42) return deps_.mail && deps_.mail(s);
       return false;
   }
 }

@@ -19,7 +19,6 @@ namespace {
 constexpr uint32_t kColumnSwitches =
     kSwGridSquare | kSwDxsQth | kSwDxsCty | kSwDxCq | kSwDxItu | kSwDxGrid | kSwUsState;
 
-constexpr std::string_view kMailNotYet = "Mail is not available on this node yet.";
 constexpr std::string_view kFiltersOffNote =
     "Filters are off for you: SET/FILTERS uses them again.";
 
@@ -50,6 +49,20 @@ void SplitArg(std::string_view rest, std::string_view& arg, std::string_view& ta
     arg = rest.substr(0, cut);
     tail = Trim(rest.substr(cut + 1));
   }
+}
+
+// The mail keyword a typed word stands for, in the order of the command tables (READ before
+// REPLY, so "R" reads; SP before SEND).
+std::string_view MailVerb(std::string_view word) {
+  static constexpr struct {
+    std::string_view keyword;
+    int min;
+  } kVerbs[] = {{"READ", 1}, {"KILL", 1},      {"DELETE", 3}, {"REPLY", 1}, {"SP", 2},
+                {"SEND", 1}, {"DIRECTORY", 1}, {"LIST", 1},   {"PURGE", 5}, {"INITITIALISE", 4}};
+  for (const auto& v : kVerbs) {
+    if (MatchAbbrev(v.keyword, v.min, word)) return v.keyword;
+  }
+  return {};
 }
 
 enum class SetKind : uint8_t {
@@ -281,7 +294,8 @@ void CommandInterpreter::OnLine(int stream, std::string_view line) {
   Execute(stream, line);
   // No prompt for a user who has just logged out or been taken over by a new connection.
   if (ctx_.streams.InRange(stream) && ctx_.streams.at(stream).IsUser() &&
-      ctx_.streams.at(stream).login_stage == LoginStage::kLoggedIn) {
+      ctx_.streams.at(stream).login_stage == LoginStage::kLoggedIn &&
+      !services_.MailComposing(stream)) {
     login_.BuildPrompt(stream);
   }
 }
@@ -353,13 +367,13 @@ bool CommandInterpreter::RunFirstTable(int stream, std::string_view line, std::s
   } else if (MatchAbbrev("READ", 1, word) || MatchAbbrev("KILL", 1, word) ||
              MatchAbbrev("DELETE", 3, word) || MatchAbbrev("REPLY", 1, word) ||
              MatchAbbrev("SP", 2, word) || MatchAbbrev("SEND", 1, word)) {
-    Reply(stream, kMailNotYet);
+    Lines(stream, services_.Mail(stream, MailVerb(word), rest));
   } else if (MatchAbbrev("TALK", 1, word)) {
     Talk(stream, line, rest);
   } else if (MatchAbbrev("ECHO", 4, word)) {
     Reply(stream, "Echo is disabled");
   } else if (MatchAbbrev("INITITIALISE", 4, word)) {
-    if (RequireSysop(stream, line)) Reply(stream, kMailNotYet);
+    if (RequireSysop(stream, line)) Lines(stream, services_.Mail(stream, "INITITIALISE", rest));
   } else if (MatchAbbrev("SHUTDOWN", 4, word)) {
     if (RequireSysop(stream, line)) {
       Reply(stream, "Shutting down " + ctx_.node_call);
@@ -405,9 +419,9 @@ bool CommandInterpreter::RunSecondTable(int stream, std::string_view line, std::
   } else if (MatchAbbrev("DIRECTORY", 1, word) || MatchAbbrev("LIST", 1, word) ||
              MatchAbbrev("SEND", 4, word) || MatchAbbrev("SP", 2, word) ||
              MatchAbbrev("REPLY", 2, word)) {
-    Reply(stream, kMailNotYet);
+    Lines(stream, services_.Mail(stream, MailVerb(word), rest));
   } else if (MatchAbbrev("PURGE", 5, word) || MatchAbbrev("INITITIALISE", 4, word)) {
-    if (RequireSysop(stream, line)) Reply(stream, kMailNotYet);
+    if (RequireSysop(stream, line)) Lines(stream, services_.Mail(stream, MailVerb(word), rest));
   } else if (MatchAbbrev("REBUILD", 7, word)) {
     if (!RequireSysop(stream, line)) return true;
     if (!rest.empty()) {

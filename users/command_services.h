@@ -47,6 +47,14 @@ class CommandServices {
   // RESTART (sysop): the node restarts without dropping a connection; the reply.  "" when
   // this node cannot restart itself.
   virtual std::string Restart() { return {}; }
+  // A mail command (READ, KILL, DELETE, REPLY, SP, SEND, DIRECTORY, LIST, PURGE or
+  // INITITIALISE, the keyword in full) with what followed it: the reply lines.  SEND, SP and
+  // REPLY open the mail editor.
+  virtual std::vector<std::string> Mail(int stream, std::string_view verb, std::string_view args) {
+    return {"Mail is not available on this node."};
+  }
+  // True while the stream's lines go to the mail editor; the prompt waits until it closes.
+  virtual bool MailComposing(int stream) const { return false; }
   // The WWV command (line as typed, args after the keyword): the reply.
   virtual std::string EnterWwv(int stream, std::string_view line, std::string_view args) {
     return "WWV reports cannot be entered on this node.";

@@ -356,8 +356,9 @@ void Login::SendGreeting(int stream) {
       if (!Trim(line).empty()) interpret_(stream, Trim(line));
     }
   }
-  // The mail notice reads the mail index; this node keeps no mail yet, so the index is
-  // empty and no notice is due.
+  if (ctx_.mail_notices) {
+    for (const std::string& notice : ctx_.mail_notices(stream)) ctx_.SendLine(stream, notice);
+  }
 }
 
 bool Login::CheckDupeConnection(int stream) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "core/error_log.h"
 #include "core/monitor.h"
@@ -54,6 +55,8 @@ struct UserContext {
   // to the sysop who asked instead; 0 when no SPOOF runs.
   int spoofed_stream = 0;
   int spoof_viewer = 0;
+  // The mail notices for a user who has just logged in; unset: no mail on this node.
+  std::function<std::vector<std::string>(int stream)> mail_notices = nullptr;
 
   // Sends to a stream (the current stream is left alone).
   void Send(int stream, std::string_view text) {

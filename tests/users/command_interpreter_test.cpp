@@ -39,9 +39,16 @@ TEST_F(InterpreterTest, DispatchFollowsTableOrderAndAbbreviations) {
       {"HELP", "For Help please go to https://example.org/help \r\n"},
       {"hel", "hel command error\r\n"},      // HELP needs all four letters
       {"HELPS", "HELPS command error\r\n"},  // longer than the keyword
-      {"R 12", "Mail is not available on this node yet.\r\n"},
-      {"REP", "Mail is not available on this node yet.\r\n"},
-      {"DIR", "Mail is not available on this node yet.\r\n"},
+      {"R 12", "mail:READ(12)\r\n"},         // READ is tried before REPLY
+      {"REP", "mail:REPLY()\r\n"},
+      {"DIR", "mail:DIRECTORY()\r\n"},
+      {"l 5", "mail:LIST(5)\r\n"},
+      {"SP G4XYZ", "mail:SP(G4XYZ)\r\n"},
+      {"S ALL", "mail:SEND(ALL)\r\n"},
+      {"DEL 3 4", "mail:DELETE(3 4)\r\n"},
+      {"K 3", "mail:KILL(3)\r\n"},
+      {"PURGE", "PURGE - sysop command error\r\n"},
+      {"INIT", "INIT - sysop command error\r\n"},
       {"SH/VERSION", "QX Cluster version 0.1.0\r\n"},
       {"sh/width", "Width is 75\r\n"},
       {"SH/NAME", "Name is Ann\r\n"},
@@ -71,6 +78,15 @@ TEST_F(InterpreterTest, LongUnknownLineIsCutAtSixty) {
   EXPECT_EQ(Run(line), std::string(60, 'Z') + " ...  command error\r\n");
   const std::string sixty(60, 'Y');
   EXPECT_EQ(Run(sixty), sixty + " command error\r\n");
+}
+
+TEST_F(InterpreterTest, NoPromptWhileTheMailEditorHasTheLines) {
+  services_.composing = true;
+  Type(1, "SEND G4XYZ");
+  EXPECT_EQ(Take(1), "mail:SEND(G4XYZ)\r\n");
+  services_.composing = false;
+  Type(1, "DIR");
+  EXPECT_THAT(Take(1), EndsWith("QXC >\r\n"));
 }
 
 TEST_F(InterpreterTest, EveryCommandIsFollowedByThePrompt) {

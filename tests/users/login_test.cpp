@@ -94,6 +94,20 @@ TEST_F(LoginTest, KnownUserGoesStraightToGreeting) {
   EXPECT_THAT(text, HasSubstr("Hello Bob."));
 }
 
+TEST_F(LoginTest, MailNoticesComeAfterTheStatisticsAndBeforeThePrompt) {
+  ctx_.mail_notices = [this](int stream) {
+    return std::vector<std::string>{"notice for " + streams_.at(stream).call};
+  };
+  LogIn(1, "K1ABC", "Bob");
+  const std::string text = Take(1);
+  const size_t stats = text.find("Cluster: ");
+  const size_t notice = text.find("notice for K1ABC\r\n");
+  const size_t prompt = text.find("K1ABC de XX0QX-1");
+  ASSERT_NE(notice, std::string::npos);
+  EXPECT_LT(stats, notice);
+  EXPECT_LT(notice, prompt);
+}
+
 TEST_F(LoginTest, InvalidCallIsRefusedAndClosed) {
   Connect(3);
   Take(3);

@@ -73,10 +73,15 @@ class FakeServices final : public CommandServices {
     return (connect ? "connect " : "disconnect ") + std::string(node);
   }
   void Shutdown() override { shutdown = true; }
+  std::vector<std::string> Mail(int, std::string_view verb, std::string_view args) override {
+    return {"mail:" + std::string(verb) + "(" + std::string(args) + ")"};
+  }
+  bool MailComposing(int stream) const override { return composing; }
 
   std::vector<std::string> spots;
   std::map<std::string, std::vector<std::string>> lists;
   bool shutdown = false;
+  bool composing = false;
 };
 
 class UserFixture : public ::testing::Test {
