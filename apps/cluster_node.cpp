@@ -180,6 +180,7 @@ void ClusterNode::SetUpNetwork() {
   deps.pc41.monitor = &monitor_;
   deps.announce = [this](std::string_view from, std::string_view to, std::string_view text) {
     return KeepAnnouncement(from, to, text, "network");
+  };
   deps.mail = [this](const PcSentence& s) {
     if (!mail_forwarder_) return false;
     SyncMailLinks();  // a link that has just come up may send mail at once
