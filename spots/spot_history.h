@@ -43,6 +43,12 @@ class SpotHistory {
   // The spots that match, newest first, at most query.count.
   std::vector<const Spot*> Find(const SpotQuery& query) const;
 
+  // Forgets the n oldest spots in memory (their day file keeps them); for the memory
+  // ceiling.  Returns how many went.
+  size_t DropOldest(size_t n);
+  // Roughly what the spots in memory take, texts included.
+  size_t ApproxBytes() const;
+
   size_t size() const { return count_; }
   size_t capacity() const { return ring_.size(); }
   std::filesystem::path DayFile(SysTime t) const;
