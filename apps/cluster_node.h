@@ -18,11 +18,14 @@
 #include "core/config.h"
 #include "core/error_log.h"
 #include "core/frontend_link.h"
+#include "core/memory_ceiling.h"
 #include "core/monitor.h"
 #include "core/program_dir.h"
 #include "core/stream_output.h"
 #include "core/stream_table.h"
 #include "core/time_text.h"
+#include "downloads/download_manager.h"
+#include "downloads/update_check.h"
 #include "node/node_network.h"
 #include "propagation/propagation_service.h"
 #include "propagation/wwv_fetch.h"
@@ -93,6 +96,14 @@ class ClusterNode final : public LinkEvents,
   void Shutdown() override;
   std::vector<std::string> ShowPropagation(std::string_view what, std::string_view args) override;
   std::string EnterWwv(int stream, std::string_view line, std::string_view args) override;
+  std::vector<std::string> UpdateCommand(std::string_view args) override;
+
+  // Reference data: reload is called on the node's thread after a new copy of file was
+  // installed in data/files/ (the country file is reloaded by the node itself).
+  void OnReferenceFile(std::string file, std::function<void(const InstalledFile&)> reload);
+  DownloadManager* downloads() { return downloads_.get(); }
+  // What the last program update check came to.
+  std::string UpdateOutcome() const;
 
  private:
   friend class NodeConsoleModel;
@@ -136,6 +147,12 @@ class ClusterNode final : public LinkEvents,
   void SaveHighestRates(bool at_stop);
   void SetUpNetwork();
   void SetUpPropagation();  // WWV/WCY: today's reports loaded, the fetch set up
+  // Reference downloads and the update check, from the settings (again after a change).
+  void SetUpDownloads();
+  void ConfigureDownloads();
+  void OnReferenceInstalled(const InstalledFile& f);
+  // Every ten seconds: the resident size against "MaxMem".
+  void CheckMemory();
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;
@@ -161,6 +178,11 @@ class ClusterNode final : public LinkEvents,
   std::unique_ptr<FilterBook> filter_book_;
   std::unique_ptr<PropagationService> propagation_;
   std::unique_ptr<WwvFetcher> wwv_fetch_;
+  std::unique_ptr<DownloadManager> downloads_;
+  std::unique_ptr<UpdateCheck> update_check_;
+  std::map<std::string, std::function<void(const InstalledFile&)>> reloaders_;  // upper case
+  MemoryCeiling memory_ceiling_;
+  int memory_tick_ = 0;
   std::unique_ptr<UserContext> user_ctx_;
   std::unique_ptr<Login> login_;
   std::unique_ptr<CommandInterpreter> interpreter_;

@@ -52,6 +52,15 @@ size_t SpotHistory::DropOldest(size_t n) {
   return n;
 }
 
+void SpotHistory::RefreshCountries(
+    const std::function<const CountryInfo*(std::string_view call)>& find) {
+  for (size_t i = 0; i < count_; ++i) {
+    Spot& s = ring_[(next_ + ring_.size() - 1 - i) % ring_.size()];
+    s.dx_country = find(s.dx_call());
+    s.spotter_country = find(s.spotter());
+  }
+}
+
 size_t SpotHistory::ApproxBytes() const {
   size_t bytes = ring_.size() * sizeof(Spot);
   for (const Spot& s : ring_) {

@@ -406,6 +406,8 @@ bool CommandInterpreter::RunSecondTable(int stream, std::string_view line, std::
     if (RequireSysop(stream, line)) {
       Reply(stream, std::string(word) + " is not available; stop and start the node instead.");
     }
+  } else if (MatchAbbrev("UPDATE", 6, word)) {
+    if (RequireSysop(stream, line)) Lines(stream, services_.UpdateCommand(rest));
   } else if (MatchAbbrev("STATUSER", 4, word)) {
     Lines(stream, services_.NetworkLines("users"));
   } else if (MatchAbbrev("QUIT", 1, word)) {

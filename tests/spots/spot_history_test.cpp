@@ -67,6 +67,11 @@ TEST(SpotHistoryTest, DropOldestKeepsTheNewest) {
   std::vector<const Spot*> spots = history.Find(SpotQuery{});
   ASSERT_EQ(spots.size(), 1u);
   EXPECT_EQ(spots[0]->dx_call(), "K5ABC");
+  // A new country table: the spots kept point into it, never into the old one.
+  CountryInfo dl;
+  dl.country = "Germany";
+  history.RefreshCountries([&](std::string_view call) { return call == "K5ABC" ? &dl : nullptr; });
+  EXPECT_EQ(spots[0]->dx_country, &dl);
   EXPECT_EQ(history.DropOldest(5), 1u);
   EXPECT_TRUE(history.Find(SpotQuery{}).empty());
 }
