@@ -16,6 +16,7 @@
 #include "spots/call_sign.h"
 #include "spots/dx_command.h"
 #include "spots/dx_query.h"
+#include "spots/reference_check.h"
 #include "spots/spot_line.h"
 
 namespace qx {
@@ -330,11 +331,149 @@ std::string ClusterNode::Restart() {
   boost::asio::post(io_, [this] { StopAfterHandOver([this] { io_.stop(); }); });
   return "Restarting " + config_.Get("Cluster Call") +
          ": every connection is kept; commands wait until the node is back.";
+// Reference data and the update check ------------------------------------------------------
+
+namespace {
+constexpr std::string_view kCountryFile = "cty_wt_mod.dat";
+constexpr std::string_view kKnownCallsFile = "MASTER.SCP";
+// A real country file has some 340 entities; far fewer means a wrong or cut-down file.
+constexpr size_t kMinCountries = 100;
+}  // namespace
+
+void ClusterNode::SetUpDownloads() {
+  DownloadManagerOptions o;
+  o.downloads_dir = dir_.Data("downloads");
+  o.unzipped_dir = dir_.Data("unzipped");
+  o.files_dir = dir_.Data("files");
+  o.timing.interval = std::chrono::hours(std::max(0, config_.GetInt("Download Hours", 24)));
+  downloads_ = std::make_unique<DownloadManager>(io_, clock_, o, [this](std::string_view text) {
+    log_.Write("Download", text);
+    monitor_.Console(std::string(text));
+  });
+  // Both checks run on the download thread: they build their own tables and touch nothing
+  // of the node's.
+  downloads_->SetCheck(kCountryFile, [](std::string_view text, std::shared_ptr<void>* prepared) {
+    auto lookup = std::make_shared<CountryLookup>();
+    std::string error = CheckCountryFile(text, kMinCountries, lookup.get());
+    if (error.empty()) *prepared = lookup;
+    return error;
+  });
+  downloads_->SetCheck(kKnownCallsFile, [](std::string_view text, std::shared_ptr<void>*) {
+    return CheckCallFile(text, nullptr);
+  });
+  downloads_->set_on_installed([this](const InstalledFile& f) { OnReferenceInstalled(f); });
+  ConfigureDownloads();
+}
+
+void ClusterNode::ConfigureDownloads() {
+  if (!downloads_) return;
+  std::vector<DownloadSource> sources;
+  if (const std::string_view url = Trim(config_.Get("Country File URL")); !url.empty()) {
+    sources.push_back({std::string(kCountryFile), std::string(url)});
+  }
+  if (const std::string_view url = Trim(config_.Get("Known Calls URL")); !url.empty()) {
+    sources.push_back({std::string(kKnownCallsFile), std::string(url)});
+  }
+  std::vector<std::string> errors;
+  for (DownloadSource& s : ParseDownloadList(config_.Get("Download Files"), &errors)) {
+    sources.push_back(std::move(s));
+  }
+  for (const std::string& e : errors) log_.Write("Download", "Download Files: " + e);
+  downloads_->SetSources(std::move(sources));
+
+  UpdateCheckOptions u;
+  u.url = std::string(Trim(config_.Get("Update URL")));
+  u.running = std::string(kVersion);
+  u.automatic = EqualsIgnoreCase(Trim(config_.Get("Auto Update")), "True");
+  update_check_ = std::make_unique<UpdateCheck>(
+      io_, clock_, u, config_.Get("Last Version Reported"), [this](const UpdateResult& r) {
+        if (r.verdict.tell) {
+          // Told once per version, across restarts.
+          config_.Set("Last Version Reported", r.newest);
+          WriteCfgFile(config_, dir_);
+        }
+        if (r.verdict.tell || r.requested || !r.ok) log_.Write("Update", r.text);
+        if (r.verdict.tell || r.requested) monitor_.Console(r.text);
+      });
+}
+
+void ClusterNode::OnReferenceFile(std::string file,
+                                  std::function<void(const InstalledFile&)> reload) {
+  reloaders_[ToUpper(file)] = std::move(reload);
+}
+
+void ClusterNode::OnReferenceInstalled(const InstalledFile& f) {
+  if (EqualsIgnoreCase(f.file, kCountryFile)) {
+    if (auto lookup = std::static_pointer_cast<CountryLookup>(f.prepared)) {
+      countries_ = std::move(*lookup);
+    } else {
+      countries_.LoadFile(f.path);
+    }
+    // The spots kept in memory pointed into the old table.
+    if (history_) {
+      history_->RefreshCountries([this](std::string_view call) { return countries_.Find(call); });
+    }
+    monitor_.Console("Country file reloaded: " + std::to_string(countries_.country_count()) +
+                     " countries");
+  }
+  if (const auto it = reloaders_.find(ToUpper(f.file)); it != reloaders_.end()) it->second(f);
+}
+
+std::string ClusterNode::UpdateOutcome() const {
+  return update_check_ ? update_check_->outcome() : std::string();
+}
+
+std::vector<std::string> ClusterNode::UpdateCommand(std::string_view args) {
+  const std::string what = ToUpper(Trim(args));
+  std::vector<std::string> lines;
+  if (what == "STATUS") {
+    for (const DownloadStatus& s : downloads_->Status()) {
+      std::string line = fmt::format("{:<16} {}", s.file, s.outcome);
+      if (s.last_success != SysTime{}) {
+        line += ", last fetched " + DateText(s.last_success) + " " + TimeHHnnZ(s.last_success);
+      }
+      if (s.next && !s.busy) line += ", next " + DateText(*s.next) + " " + TimeHHnnZ(*s.next);
+      lines.push_back(std::move(line));
+    }
+    if (lines.empty()) lines.push_back("No reference files are kept current.");
+    lines.push_back("Program: " + UpdateOutcome());
+    return lines;
+  }
+  if (what == "VERSION") {
+    return {update_check_->Request() ? "Checking for a newer program; the answer goes to the "
+                                       "console and the error log."
+                                     : "No Update URL is set."};
+  }
+  if (!downloads_->Request(what == "ALL" ? std::string_view() : std::string_view(what))) {
+    return {what.empty() || what == "ALL" ? "No reference files are kept current."
+                                          : what + " is not a reference file of this node."};
+  }
+  return {"Fetching " +
+          (what.empty() || what == "ALL" ? std::string("the reference files") : what) +
+          "; UPDATE STATUS shows how it went."};
+}
+
+void ClusterNode::CheckMemory() {
+  memory_ceiling_.set_ceiling_mb(config_.GetInt("MaxMem", 0));
+  if (memory_ceiling_.ceiling_bytes() == 0) return;
+  // The spot history is the one backlog the node may give up: its day file keeps every spot.
+  // The output towards the front-end is bounded by the link itself and only reported.
+  const std::vector<Backlog> backlogs = {
+      {"spot history", history_ ? history_->ApproxBytes() : 0, true},
+      {"front-end output", link_ ? link_->queue_depth() : 0, false}};
+  const MemoryDecision d = memory_ceiling_.Check(ResidentBytes(), backlogs, clock_.Now());
+  if (d.shed == 0) {
+    const size_t dropped = history_->DropOldest((history_->size() + 1) / 2);
+    monitor_.Console("Memory near MaxMem: the oldest " + std::to_string(dropped) +
+                     " spots left memory (SH/DX shows fewer; data/dx keeps them)");
+  }
+  if (!d.note.empty()) log_.Write("MaxMem", d.note);
 }
 
 void ClusterNode::ApplySettings() {
   ApplyLists();
   ApplyMailSettings();
+  ConfigureDownloads();
   if (network_) network_->Configure(config_);  // defined nodes and outgoing connections
   if (rates_) {
     rates_->set_limits({config_.GetInt("NewMaxSpotsPerMin", 0),
@@ -469,6 +608,7 @@ bool ClusterNode::Start(std::string* error) {
   StepDone();
   PruneLogs();
 
+  SetUpDownloads();
   SetUpNetwork();
   user_ctx_ = std::make_unique<UserContext>(
       UserContext{streams_, *this, store_, log_, monitor_, clock_, *network_, dir_, access_,
@@ -556,6 +696,9 @@ void ClusterNode::OnTimer() {
   }
   if (wwv_fetch_) wwv_fetch_->Tick();
   MailTick();
+  if (downloads_) downloads_->Tick();
+  if (update_check_) update_check_->Tick();
+  if (++memory_tick_ % 10 == 0) CheckMemory();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (!ec) OnTimer();

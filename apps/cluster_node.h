@@ -18,6 +18,7 @@
 #include "core/config.h"
 #include "core/error_log.h"
 #include "core/frontend_link.h"
+#include "core/memory_ceiling.h"
 #include "core/monitor.h"
 #include "core/program_dir.h"
 #include "core/stream_output.h"
@@ -27,6 +28,8 @@
 #include "mail/mail_forwarder.h"
 #include "mail/mail_service.h"
 #include "mail/mail_store.h"
+#include "downloads/download_manager.h"
+#include "downloads/update_check.h"
 #include "node/node_network.h"
 #include "propagation/propagation_service.h"
 #include "propagation/wwv_fetch.h"
@@ -108,6 +111,14 @@ class ClusterNode final : public LinkEvents,
   bool restart_requested() const { return restart_requested_; }
   std::vector<std::string> Mail(int stream, std::string_view verb, std::string_view args) override;
   bool MailComposing(int stream) const override;
+  std::vector<std::string> UpdateCommand(std::string_view args) override;
+
+  // Reference data: reload is called on the node's thread after a new copy of file was
+  // installed in data/files/ (the country file is reloaded by the node itself).
+  void OnReferenceFile(std::string file, std::function<void(const InstalledFile&)> reload);
+  DownloadManager* downloads() { return downloads_.get(); }
+  // What the last program update check came to.
+  std::string UpdateOutcome() const;
 
  private:
   friend class NodeConsoleModel;
@@ -161,6 +172,12 @@ class ClusterNode final : public LinkEvents,
   void MailTick();
   // Tells the forwarder of node links that came up or went down since it last looked.
   void SyncMailLinks();
+  // Reference downloads and the update check, from the settings (again after a change).
+  void SetUpDownloads();
+  void ConfigureDownloads();
+  void OnReferenceInstalled(const InstalledFile& f);
+  // Every ten seconds: the resident size against "MaxMem".
+  void CheckMemory();
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;
@@ -195,6 +212,11 @@ class ClusterNode final : public LinkEvents,
   std::unique_ptr<MailForwarder> mail_forwarder_;
   std::map<int, std::string> mail_links_;  // node links the forwarder knows: stream -> peer
   int mail_purged_day_ = -1;
+  std::unique_ptr<DownloadManager> downloads_;
+  std::unique_ptr<UpdateCheck> update_check_;
+  std::map<std::string, std::function<void(const InstalledFile&)>> reloaders_;  // upper case
+  MemoryCeiling memory_ceiling_;
+  int memory_tick_ = 0;
   std::unique_ptr<UserContext> user_ctx_;
   std::unique_ptr<Login> login_;
   std::unique_ptr<CommandInterpreter> interpreter_;

@@ -61,10 +61,19 @@ const std::vector<GroupInfo>& Groups() {
         {"IP Required", ""},
         {"Mail Purge", ""},
         {"Modes", ""},
-        {"MaxMem", ""},
+        {"MaxMem",
+         "memory ceiling in MB of resident memory: near it the node sheds the oldest spots "
+         "kept in memory; 0: none"},
         {"Log Days", "days of daily logs kept under data/ (today included); 0: all"},
-        {"Auto Update", ""},
+        {"Auto Update", "True: check daily for a newer program (it is never installed)"},
         {"Last Version Reported", "", true}}},
+      {"Reference data",
+       {{"Country File URL", "where cty_wt_mod.dat is fetched from; empty: never"},
+        {"Known Calls URL", "where MASTER.SCP is fetched from; empty: never"},
+        {"Download Files",
+         "further files, comma-separated: address, or file=address (needed for a zip)"},
+        {"Download Hours", "hours between checks; 0: only when asked (restart to apply)"},
+        {"Update URL", "where the newest program version is read"}}},
       {"Connection limits (restart qxfront to apply)",
        {{"Max Connections", "connections qxfront holds in all; 0: no limit"},
         {"Max Connections Per Address", "connections from one address; 0: no limit"},
@@ -92,7 +101,7 @@ bool IsNumberKey(std::string_view key) {
         "Default Display Ann", "Maximum Display Ann", "Default Display Wwv", "Maximum Display Wwv",
         "NewMaxSpotsPerMin", "NewMaxSpotsPerMinPerDx", "NewMaxSpotsPerMinPerSpotter",
         "Connection Retry", "Max Connections", "Max Connections Per Address",
-        "Max Connects Per Minute", "Login Timeout", "Log Days"}) {
+        "Max Connects Per Minute", "Login Timeout", "Log Days", "MaxMem", "Download Hours"}) {
     if (k == key) return true;
   }
   return false;
@@ -421,6 +430,25 @@ std::optional<std::vector<std::string>> NodeConsoleModel::SearchLog(std::string_
 void NodeConsoleModel::Shutdown() {
   node_.log_.Write("Console", "Shut down by the sysop");
   node_.Shutdown();
+}
+
+std::vector<ConsoleDownload> NodeConsoleModel::Downloads() const {
+  std::vector<ConsoleDownload> out;
+  if (!node_.downloads_) return out;
+  for (const DownloadStatus& s : node_.downloads_->Status()) {
+    out.push_back(ConsoleDownload{s.file, s.url, s.busy, s.outcome, s.last_success, s.next});
+  }
+  return out;
+}
+
+std::string NodeConsoleModel::UpdateCheckOutcome() const { return node_.UpdateOutcome(); }
+
+ConsoleResult NodeConsoleModel::UpdateReferenceData() {
+  const bool files = node_.downloads_ && node_.downloads_->Request();
+  const bool program = node_.update_check_ && node_.update_check_->Request();
+  if (!files && !program) return ConsoleResult::Fail("no reference file or update address is set");
+  node_.log_.Write("Console", "reference data update asked for from the web console");
+  return ConsoleResult::Ok();
 }
 
 }  // namespace qx

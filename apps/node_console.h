@@ -44,6 +44,9 @@ class NodeConsoleModel final : public ConsoleModel {
   ConsoleResult SetMonitorView(int view) override;
 
   ConsoleStats Statistics() const override;
+  std::vector<ConsoleDownload> Downloads() const override;
+  std::string UpdateCheckOutcome() const override;
+  ConsoleResult UpdateReferenceData() override;
   ConsoleMetrics Metrics() const override;
 
   std::vector<std::string> LogFiles() const override;

@@ -171,6 +171,18 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
                            {"uptime", UptimeText(std::chrono::seconds(s.uptime_seconds))},
                            {"history", s.spots_per_minute_history}});
   }
+  if (path == "downloads") {
+    json files = json::array();
+    for (const ConsoleDownload& d : model_.Downloads()) {
+      files.push_back({{"file", d.file},
+                       {"url", d.url},
+                       {"busy", d.busy},
+                       {"outcome", d.outcome},
+                       {"lastSuccess", UnixSeconds(d.last_success)},
+                       {"next", d.next ? json(UnixSeconds(*d.next)) : json(nullptr)}});
+    }
+    return Reply(200, json{{"files", files}, {"program", model_.UpdateCheckOutcome()}});
+  }
   if (path == "monitor/view") return Reply(200, json{{"view", model_.MonitorView()}});
   if (path == "logs") return Reply(200, json{{"files", model_.LogFiles()}});
   if (path == "logs/tail") {
@@ -267,6 +279,7 @@ ApiReply ConsoleApi::Post(std::string_view path, const json& body) {
     if (!r.ok) return Error(400, r.error);
     return Reply(200, json{{"ok", true}, {"view", model_.MonitorView()}});
   }
+  if (path == "downloads/update") return FromResult(model_.UpdateReferenceData());
   if (path == "shutdown") {
     const auto it = body.find("confirm");
     if (it == body.end() || !it->is_boolean() || !it->get<bool>()) {

@@ -92,8 +92,8 @@ struct ConsoleMetrics {
   std::map<std::string, uint64_t> spots_in;   // source ("user", "node", "skimmer", ...) -> count
   std::map<std::string, uint64_t> spots_out;  // source -> lines sent to users
   std::map<std::string, uint64_t> spots_filtered;  // source -> lines users' filters held back
-  std::map<std::string, uint64_t> refusals;   // reason -> count
-  int64_t link_queue_depth = 0;               // bytes waiting on the front-end link
+  std::map<std::string, uint64_t> refusals;        // reason -> count
+  int64_t link_queue_depth = 0;                    // bytes waiting on the front-end link
   int64_t link_peak_pending = 0;
   std::vector<std::pair<std::string, int64_t>> user_queue_high_water;  // call -> lines
   // Spot delivery delay (intake to last user write) as a cumulative histogram.
@@ -102,6 +102,16 @@ struct ConsoleMetrics {
   double delay_sum_seconds = 0;
   // The front-end's counters as it last reported them: name -> value.
   std::map<std::string, uint64_t, std::less<>> frontend;
+};
+
+// One reference file the node keeps current, and where its downloads stand.
+struct ConsoleDownload {
+  std::string file;
+  std::string url;
+  bool busy = false;
+  std::string outcome;          // "installed", "not modified", "failed: ..."
+  SysTime last_success{};       // the epoch when never
+  std::optional<SysTime> next;  // nullopt: only when asked
 };
 
 class ConsoleModel {
@@ -170,6 +180,14 @@ class ConsoleModel {
   virtual std::optional<std::vector<std::string>> SearchLog(std::string_view name,
                                                             std::string_view needle,
                                                             size_t max_hits) const = 0;
+
+  // Reference data: the files kept current and the last program update check.
+  virtual std::vector<ConsoleDownload> Downloads() const { return {}; }
+  virtual std::string UpdateCheckOutcome() const { return {}; }
+  // Fetches every reference file now (and checks for a newer program when an address is set).
+  virtual ConsoleResult UpdateReferenceData() {
+    return ConsoleResult::Fail("reference data is not kept current on this node");
+  }
 
   // Ends the program the way the sysop's "end program" does.
   virtual void Shutdown() = 0;

@@ -158,6 +158,15 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "WWV Callers", ""},
       // Days of daily logs kept under data/ (today included); 0 keeps them all.
       {EntryKind::kSingle, "Log Days", "90"},
+      // Reference data kept current: where the country file and the known-calls file come
+      // from ("" leaves that file alone), further files ("," list of addresses or
+      // file=address), and the hours between checks (0: only when the sysop asks).
+      {EntryKind::kSingle, "Country File URL", "https://www.country-files.com/cty/cty_wt_mod.dat"},
+      {EntryKind::kSingle, "Known Calls URL", "https://www.supercheckpartial.com/MASTER.SCP"},
+      {EntryKind::kSingle, "Download Files", ""},
+      {EntryKind::kSingle, "Download Hours", "24"},
+      // Where "Auto Update" and the sysop's UPDATE VERSION read the newest version from.
+      {EntryKind::kSingle, "Update URL", "https://www.qxcluster.example/version.txt"},
   };
   return table;
 }

@@ -1,5 +1,6 @@
 #include "spots/spot_history.h"
 
+#include <algorithm>
 #include <system_error>
 
 #include "core/file_util.h"
@@ -37,6 +38,38 @@ void SpotHistory::Keep(const Spot& spot) {
   ring_[next_] = spot;
   next_ = (next_ + 1) % ring_.size();
   if (count_ < ring_.size()) ++count_;
+}
+
+size_t SpotHistory::DropOldest(size_t n) {
+  n = std::min(n, count_);
+  const size_t oldest = (next_ + ring_.size() - count_) % ring_.size();
+  for (size_t i = 0; i < n; ++i) {
+    Spot& slot = ring_[(oldest + i) % ring_.size()];
+    // Moved out, so that the texts' memory goes with it (assigning would keep it).
+    Spot gone = std::move(slot);
+    slot = Spot{};
+  }
+  count_ -= n;
+  return n;
+}
+
+void SpotHistory::RefreshCountries(
+    const std::function<const CountryInfo*(std::string_view call)>& find) {
+  for (size_t i = 0; i < count_; ++i) {
+    Spot& s = ring_[(next_ + ring_.size() - 1 - i) % ring_.size()];
+    s.dx_country = find(s.dx_call());
+    s.spotter_country = find(s.spotter());
+  }
+}
+
+size_t SpotHistory::ApproxBytes() const {
+  size_t bytes = ring_.size() * sizeof(Spot);
+  for (const Spot& s : ring_) {
+    for (const std::string& slot : s.slots) {
+      if (slot.capacity() > 15) bytes += slot.capacity() + 1;  // beyond the short-string room
+    }
+  }
+  return bytes;
 }
 
 void SpotHistory::Add(const Spot& spot) {

@@ -55,6 +55,14 @@ class SpotHistory {
   // The spots of `spots` (oldest first) that match, newest first, at most query.count.
   static std::vector<const Spot*> FindIn(const std::vector<Spot>& spots, const SpotQuery& query);
   static bool Matches(const SpotQuery& query, const Spot& spot);
+  // Forgets the n oldest spots in memory (their day file keeps them); for the memory
+  // ceiling.  Returns how many went.
+  size_t DropOldest(size_t n);
+  // After the country table was replaced: every spot in memory looks up its countries
+  // again, since what it pointed to went with the old table.
+  void RefreshCountries(const std::function<const CountryInfo*(std::string_view call)>& find);
+  // Roughly what the spots in memory take, texts included.
+  size_t ApproxBytes() const;
 
   size_t size() const { return count_; }
   size_t capacity() const { return ring_.size(); }

@@ -437,6 +437,8 @@ bool CommandInterpreter::RunSecondTable(int stream, std::string_view line, std::
     } else {
       Reply(stream, reply.empty() ? "RESTART is not available on this node." : reply);
     }
+  } else if (MatchAbbrev("UPDATE", 6, word)) {
+    if (RequireSysop(stream, line)) Lines(stream, services_.UpdateCommand(rest));
   } else if (MatchAbbrev("STATUSER", 4, word)) {
     // "STAT/USER [call]" is the same command written with a slash.
     std::string_view args = rest;

@@ -59,6 +59,11 @@ class CommandServices {
   virtual std::string EnterWwv(int stream, std::string_view line, std::string_view args) {
     return "WWV reports cannot be entered on this node.";
   }
+  // UPDATE (sysop) with its arguments: fetch reference files now, show their state, or
+  // check for a newer program.  The lines to send.
+  virtual std::vector<std::string> UpdateCommand(std::string_view args) {
+    return {"Reference data is not kept current on this node."};
+  }
 };
 
 }  // namespace qx

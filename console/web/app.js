@@ -421,6 +421,31 @@ async function loadStats() {
   fillPairs($('stats-refusals'), Object.entries(s.refusals));
   fillPairs($('stats-pc41'), Object.entries(s.pc41));
   drawChart($('stats-chart'), s.history);
+  await loadDownloads();
+}
+
+async function loadDownloads() {
+  const d = await api('downloads');
+  const tbody = $('downloads-table').tBodies[0];
+  tbody.replaceChildren();
+  for (const f of d.files) {
+    tbody.append(el('tr', {title: f.url}, el('td', {}, f.file), el('td', {}, f.outcome),
+                    el('td', {}, timeText(f.lastSuccess)),
+                    el('td', {}, f.next === null ? 'when asked' : timeText(f.next) || 'now')));
+  }
+  $('downloads-program').textContent = d.program ? 'Program: ' + d.program : '';
+}
+
+async function updateReferenceData() {
+  $('downloads-error').textContent = '';
+  try {
+    await api('downloads/update', {});
+  } catch (e) {
+    $('downloads-error').textContent = e.message;
+  }
+  // The downloads take a moment; the table shows them under way, then how they ended.
+  await loadDownloads();
+  setTimeout(() => loadDownloads().catch(() => {}), 3000);
 }
 
 function fillPairs(table, rows) {
@@ -587,6 +612,7 @@ async function start() {
   $('settings-reload').addEventListener('click', () => loadSettings().catch(showError));
   $('password-form').addEventListener('submit', changePassword);
   $('links-refresh').addEventListener('click', () => loadLinks().catch(showError));
+  $('downloads-update').addEventListener('click', () => updateReferenceData().catch(showError));
   $('link-form').addEventListener('submit', saveLink);
   $('logs-tail').addEventListener('click', tailLog);
   $('logs-form').addEventListener('submit', searchLog);

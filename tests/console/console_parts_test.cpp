@@ -186,6 +186,24 @@ TEST_F(ConsoleApiTest, LogsAndStatistics) {
   EXPECT_EQ(s["uptime"], UptimeText(std::chrono::seconds(3600 * 26 + 60 * 5)));
 }
 
+TEST_F(ConsoleApiTest, ReferenceDataStateAndUpdateButton) {
+  EXPECT_EQ(Call("POST", "downloads/update", "{}", 400)["error"],
+            "no reference file or update address is set");
+  const SysTime fetched = SysTime{} + std::chrono::seconds(1'800'000'000);
+  model_.downloads = {{"cty_wt_mod.dat", "https://h/cty", false, "installed", fetched,
+                       fetched + std::chrono::hours(24)},
+                      {"MASTER.SCP", "https://h/scp", true, "downloading", {}, std::nullopt}};
+  const json d = Call("GET", "downloads");
+  ASSERT_EQ(d["files"].size(), 2u);
+  EXPECT_EQ(d["files"][0]["outcome"], "installed");
+  EXPECT_EQ(d["files"][0]["lastSuccess"], 1'800'000'000);
+  EXPECT_EQ(d["files"][0]["next"], 1'800'000'000 + 24 * 3600);
+  EXPECT_TRUE(d["files"][1]["next"].is_null());
+  EXPECT_EQ(d["program"], "not checked yet");
+  Call("POST", "downloads/update", "{}");
+  EXPECT_EQ(model_.download_requests, 1);
+}
+
 TEST(ConsoleApiTextTest, QueryAndPercentDecoding) {
   EXPECT_EQ(QueryValue("a=1&name=x%20y+z&b", "name"), "x y z");
   EXPECT_EQ(QueryValue("a=1", "name"), "");

@@ -52,10 +52,19 @@ class FakeConsoleModel : public ConsoleModel {
   int monitor_view = 0;
   ConsoleMetrics metrics;
   ConsoleStats stats;
+  std::vector<ConsoleDownload> downloads;
+  int download_requests = 0;
   std::map<std::string, std::vector<std::string>> log_files;  // name -> lines
 
   Monitor& monitor() override { return monitor_obj; }
   std::string NodeCall() const override { return Value("Cluster Call"); }
+  std::vector<ConsoleDownload> Downloads() const override { return downloads; }
+  std::string UpdateCheckOutcome() const override { return "not checked yet"; }
+  ConsoleResult UpdateReferenceData() override {
+    if (downloads.empty()) return ConsoleResult::Fail("no reference file or update address is set");
+    ++download_requests;
+    return ConsoleResult::Ok();
+  }
   void LogEvent(std::string_view heading, std::string_view text) override {
     events.push_back(std::string(heading) + " " + std::string(text));
   }

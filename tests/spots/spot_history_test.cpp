@@ -52,5 +52,29 @@ TEST(SpotHistoryTest, DayFileIsReadCleanAtStartUp) {
   }
 }
 
+// Under the memory ceiling the oldest spots leave memory first, across the ring's wrap.
+TEST(SpotHistoryTest, DropOldestKeepsTheNewest) {
+  SpotHistory history(4, "");
+  for (int i = 0; i < 6; ++i) {
+    Spot spot;
+    spot.slots[kSlotDxCall] = "K" + std::to_string(i) + "ABC";
+    spot.slots[kSlotComment] = std::string(100, 'x');
+    history.Add(spot);
+  }
+  const size_t full = history.ApproxBytes();
+  EXPECT_EQ(history.DropOldest(3), 3u);
+  EXPECT_LT(history.ApproxBytes(), full);
+  std::vector<const Spot*> spots = history.Find(SpotQuery{});
+  ASSERT_EQ(spots.size(), 1u);
+  EXPECT_EQ(spots[0]->dx_call(), "K5ABC");
+  // A new country table: the spots kept point into it, never into the old one.
+  CountryInfo dl;
+  dl.country = "Germany";
+  history.RefreshCountries([&](std::string_view call) { return call == "K5ABC" ? &dl : nullptr; });
+  EXPECT_EQ(spots[0]->dx_country, &dl);
+  EXPECT_EQ(history.DropOldest(5), 1u);
+  EXPECT_TRUE(history.Find(SpotQuery{}).empty());
+}
+
 }  // namespace
 }  // namespace qx

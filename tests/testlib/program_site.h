@@ -36,6 +36,7 @@ class ProgramSite {
     cfg += "Frontend Ports^" + std::to_string(user_port_) + "\r\n";
     cfg += "Console Port^" + std::to_string(console_port_) + "\r\n";
     cfg += "Get WWV^False\r\n";  // a test never fetches from outside the machine
+    cfg += "Country File URL^\r\nKnown Calls URL^\r\nUpdate URL^\r\n";
     cfg += extra;
     WriteFile(home() / "cluster.cfg", cfg);
   }

@@ -87,6 +87,11 @@ if (demo) {
     `Winsock Port^${ports.link}`,
     `Frontend Ports^${ports.users}`,
     `Console Port^${ports.console}`,
+    // Nothing is fetched from outside the machine.
+    'Get WWV^False',
+    'Country File URL^',
+    'Known Calls URL^',
+    'Update URL^',
     '',
   ].join('\r\n'));
 }
