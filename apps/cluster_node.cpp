@@ -331,6 +331,8 @@ std::string ClusterNode::Restart() {
   boost::asio::post(io_, [this] { StopAfterHandOver([this] { io_.stop(); }); });
   return "Restarting " + config_.Get("Cluster Call") +
          ": every connection is kept; commands wait until the node is back.";
+}
+
 // Reference data and the update check ------------------------------------------------------
 
 namespace {
