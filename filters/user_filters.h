@@ -58,20 +58,36 @@ class UserFilters {
   bool HasRules() const;
 
  private:
-  FilterDecision Decide(FilterKind kind, const SpotFacts& facts, int utc_minute) const;
+  // What the compiled rules decided: pass or drop, and by which rule of the kind (kNoRule:
+  // nothing decided; kNoAccept: there were accept lines and none matched).
+  static constexpr int kNoRule = -1;
+  static constexpr int kNoAccept = -2;
+  struct Verdict {
+    bool pass = true;
+    int rule = kNoRule;
+  };
+  Verdict Decide(FilterKind kind, const SpotFacts& facts, int utc_minute) const;
+  FilterDecision Name(FilterKind kind, Verdict v) const;
   void Insert(FilterRule rule);
   void RemoveRule(FilterKind kind, std::string_view id);
+  // Copies the kind's rules, in order, into its one block of code.
+  void Compile(FilterKind kind);
 
   void SetBandMode(BandModeMask mask, std::string typed);
 
+  // What a decision reads comes first: the mask and, per kind, every rule's code side by side
+  // in one block (a header word per rule: its rank, accept or reject, its position among the
+  // rules and the length of its code; then the code).
+  BandModeMask band_mode_;
+  std::array<std::vector<uint64_t>, 3> code_;
   const BandTable* bands_;
   const CountryLookup* countries_;
   uint32_t dxbm_ = kDxbmNewUser;
   uint32_t dxbm2_ = kDxbmNewUser2;
-  BandModeMask band_mode_;
   std::string band_mode_typed_;  // "SET/FILTER DXBM/..." as typed; "" while the numbers rule
   std::string band_mode_text_;   // what a decision by the mask names
-  // Per kind, ordered: keyword rules, then R0-R9, then A0-A9.
+  // Per kind, ordered: keyword rules, then R0-R9, then A0-A9.  Read only to name the rule
+  // that decided, to list and to store the rules.
   std::array<std::vector<FilterRule>, 3> rules_;
 };
 
