@@ -139,6 +139,20 @@ void FilterBook::Remember(Entry& e, const Spot& spot, const FilterDecision& d) {
   r.generation = e.generation;
 }
 
+FilterBook::UserGate FilterBook::OriginGate(FilterKind kind, std::string_view sender,
+                                            std::string_view text,
+                                            std::string_view origin) const {
+  return [this, kind, from = std::string(sender),
+          facts = MakeOriginFacts(sender, text, origin, countries_, nullptr)](
+             int stream, const StreamEntry& user) {
+    if (!user.session.Has(kSwFilters) || IsOwnSpot(user.call, from)) return true;
+    const Entry* e = At(stream);
+    if (!e) return true;
+    return (kind == FilterKind::kWwv ? e->filters.CheckWwv(facts) : e->filters.CheckAnnounce(facts))
+        .pass;
+  };
+}
+
 bool FilterBook::Shows(int stream, const StreamEntry& user, const Spot& spot) const {
   if (!user.session.Has(kSwFilters) || IsOwnSpot(user.call, spot.spotter())) return true;
   const Entry* e = At(stream);
@@ -185,11 +199,7 @@ std::vector<std::string> FilterBook::Describe(int stream, const SessionSettings&
   for (const std::string& stored : e->filters.RecordLines()) {
     const std::vector<std::string_view> parts = SplitLimit(stored, '^', 3);
     if (parts.size() != 3 || parts[1] == "DXBM") continue;
-    std::string text = fmt::format("{} {}: {}", parts[0], parts[1], parts[2]);
-    if (parts[0] != FilterKindName(FilterKind::kSpots)) {
-      text += "  (kept; not applied to this traffic yet)";
-    }
-    out.push_back(std::move(text));
+    out.push_back(fmt::format("{} {}: {}", parts[0], parts[1], parts[2]));
   }
   if (!e->filters.HasRules()) out.push_back("No filter rules.");
   return out;

@@ -14,6 +14,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -55,6 +56,14 @@ class FilterBook final : public SpotFilter {
   // SpotFilter
   void Prepare(const Spot& spot) override;
   bool Passes(int stream, const StreamEntry& user, const Spot& spot) override;
+
+  // Announcements and WX/WWV/WCY lines go through the same rules (ANNOUNCE rules for
+  // announcements, WWV rules for WX announcements and WWV/WCY lines).  The sender's facts are
+  // built once here, per line; the gate answers per user, on the same terms as spots: filters
+  // switched off or the user's own line always pass.  kind: kAnnounce or kWwv.
+  using UserGate = std::function<bool(int stream, const StreamEntry& user)>;
+  UserGate OriginGate(FilterKind kind, std::string_view sender, std::string_view text,
+                      std::string_view origin) const;
 
   // Whether SH/DX shows the spot to the user (facts built here: SH/DX is not the hot path).
   bool Shows(int stream, const StreamEntry& user, const Spot& spot) const;
