@@ -841,36 +841,48 @@ std::string_view FilterKindName(FilterKind kind) {
   return "SPOTS";
 }
 
+Predicate& Predicate::operator=(const Predicate& other) {
+  if (this != &other) {
+    code_ = other.code_;
+    tree_ = other.tree_ ? std::make_unique<Tree>(*other.tree_) : nullptr;
+  }
+  return *this;
+}
+
+Predicate::Tree& Predicate::tree() {
+  if (!tree_) tree_ = std::make_unique<Tree>();
+  return *tree_;
+}
+
 uint16_t Predicate::AddTerm(Term term) {
-  terms_.push_back(std::move(term));
-  return AddNode({Op::kTerm, uint16_t(terms_.size() - 1), 0});
+  tree().terms.push_back(std::move(term));
+  return AddNode({Op::kTerm, uint16_t(tree_->terms.size() - 1), 0});
 }
 
 uint16_t Predicate::AddNode(Node node) {
-  nodes_.push_back(node);
-  return uint16_t(nodes_.size() - 1);
+  tree().nodes.push_back(node);
+  return uint16_t(tree_->nodes.size() - 1);
 }
 
 uint16_t Predicate::AddGroup(Op op, const std::vector<uint16_t>& children) {
-  const uint16_t first = uint16_t(children_.size());
-  children_.insert(children_.end(), children.begin(), children.end());
+  Tree& t = tree();
+  const uint16_t first = uint16_t(t.children.size());
+  t.children.insert(t.children.end(), children.begin(), children.end());
   return AddNode({op, first, uint16_t(children.size())});
 }
 
 void Predicate::SetRoot(uint16_t root) {
   code_.clear();
-  if (root < nodes_.size()) Emit(root);
+  if (tree_ && root < tree_->nodes.size()) Emit(root);
   code_.shrink_to_fit();
-  nodes_ = {};
-  children_ = {};
-  terms_ = {};
+  tree_.reset();
 }
 
 void Predicate::Emit(uint16_t index) {
-  const Node n = nodes_[index];
+  const Node n = tree_->nodes[index];
   switch (n.op) {
     case Op::kTerm:
-      EmitTerm(terms_[n.first]);
+      EmitTerm(tree_->terms[n.first]);
       return;
     case Op::kNot:
       Emit(n.first);
@@ -881,7 +893,7 @@ void Predicate::Emit(uint16_t index) {
       // After each child but the last, a jump to the end once the group's value is known.
       std::vector<size_t> jumps;
       for (uint16_t i = 0; i < n.count; ++i) {
-        Emit(children_[n.first + i]);
+        Emit(tree_->children[n.first + i]);
         if (i + 1 == n.count) break;
         jumps.push_back(code_.size());
         code_.push_back(n.op == Op::kAnd ? kOpJumpIfFalse : kOpJumpIfTrue);

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -45,6 +46,12 @@ std::string_view FilterKindName(FilterKind kind);  // "SPOTS", "ANNOUNCE", "WWV"
 // Matches and Run do no allocation.
 class Predicate {
  public:
+  Predicate() = default;
+  Predicate(const Predicate& other) { *this = other; }
+  Predicate& operator=(const Predicate& other);
+  Predicate(Predicate&&) = default;
+  Predicate& operator=(Predicate&&) = default;
+
   bool Matches(const SpotFacts& facts, int utc_minute) const {
     return Run(code_.data(), code_.size(), facts, utc_minute);
   }
@@ -118,10 +125,15 @@ class Predicate {
   void EmitTerm(const Term& term);
 
   // The tree, only while the parser builds it.
-  std::vector<Node> nodes_;
-  std::vector<uint16_t> children_;
-  std::vector<Term> terms_;
+  struct Tree {
+    std::vector<Node> nodes;
+    std::vector<uint16_t> children;
+    std::vector<Term> terms;
+  };
+  Tree& tree();
+
   std::vector<uint64_t> code_;
+  std::unique_ptr<Tree> tree_;
 };
 
 // One rule as the user holds it.

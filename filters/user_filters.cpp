@@ -83,6 +83,7 @@ void UserFilters::Compile(FilterKind kind) {
     code.insert(code.end(), body.begin(), body.end());
   }
   code.shrink_to_fit();
+  rules_[KindIndex(kind)].shrink_to_fit();
 }
 
 UserFilters::Reply UserFilters::Apply(std::string_view typed) {
