@@ -212,8 +212,7 @@ void ClusterNode::SetUpPropagation() {
     if (network_) network_->SendPropagation(sentence);
   };
   // WWV and WCY lines pass each user's WWV rules.
-  deps.user_gate = [this](std::string_view logger, std::string_view origin,
-                          std::string_view line) {
+  deps.user_gate = [this](std::string_view logger, std::string_view origin, std::string_view line) {
     return filter_book_->OriginGate(FilterKind::kWwv, logger, line, origin);
   };
   propagation_ = std::make_unique<PropagationService>(config_.Get("Cluster Call"), std::move(deps));

@@ -373,8 +373,8 @@ NodeDeps::Pc93Outcome NodeNetwork::OnPc93(PcSentence& s) {
   return DeliverTalk(from, to, body) ? Outcome::kDelivered : Outcome::kNotHere;
 }
 
-void NodeNetwork::DeliverAnnounce(std::string_view from, std::string_view to,
-                                  std::string_view text, std::string_view origin) {
+void NodeNetwork::DeliverAnnounce(std::string_view from, std::string_view to, std::string_view text,
+                                  std::string_view origin) {
   std::string line;
   uint32_t bit = kSwAnnouncements;
   if (to == "WX") {
@@ -389,9 +389,9 @@ void NodeNetwork::DeliverAnnounce(std::string_view from, std::string_view to,
   line += ": ";
   line += Trim(text);
   line += "\r\n";
-  const NodeNetworkDeps::UserGate gate =
-      deps_.announce_gate ? deps_.announce_gate(from, to, Trim(text), origin)
-                          : NodeNetworkDeps::UserGate();
+  const NodeNetworkDeps::UserGate gate = deps_.announce_gate
+                                             ? deps_.announce_gate(from, to, Trim(text), origin)
+                                             : NodeNetworkDeps::UserGate();
   StreamTable& t = *deps_.streams;
   for (int s = 1; s <= t.high_socket(); ++s) {
     const StreamEntry& u = t.at(s);

@@ -36,8 +36,7 @@ struct PropagationDeps {
   // origin node and the line; what it returns is asked once per user whose switch is on.
   // Unset: all of those get it.
   using UserGate = std::function<bool(int stream, const StreamEntry& user)>;
-  std::function<UserGate(std::string_view logger, std::string_view origin,
-                         std::string_view line)>
+  std::function<UserGate(std::string_view logger, std::string_view origin, std::string_view line)>
       user_gate;
 };
 

@@ -471,8 +471,8 @@ void CommandInterpreter::Announce(int stream, std::string_view line, std::string
   const uint32_t bit = wx ? kSwWx : kSwAnnouncements;
   // Each user's announcement (or, for WX, WWV) rules; the sender's facts are built once.
   const FilterBook::UserGate gate =
-      ctx_.filters ? ctx_.filters->OriginGate(wx ? FilterKind::kWwv : FilterKind::kAnnounce,
-                                              from, Trim(text), ctx_.node_call)
+      ctx_.filters ? ctx_.filters->OriginGate(wx ? FilterKind::kWwv : FilterKind::kAnnounce, from,
+                                              Trim(text), ctx_.node_call)
                    : FilterBook::UserGate();
   for (int s = 1; s <= ctx_.streams.high_socket(); ++s) {
     const StreamEntry& u = ctx_.streams.at(s);

@@ -140,8 +140,7 @@ void FilterBook::Remember(Entry& e, const Spot& spot, const FilterDecision& d) {
 }
 
 FilterBook::UserGate FilterBook::OriginGate(FilterKind kind, std::string_view sender,
-                                            std::string_view text,
-                                            std::string_view origin) const {
+                                            std::string_view text, std::string_view origin) const {
   return [this, kind, from = std::string(sender),
           facts = MakeOriginFacts(sender, text, origin, countries_, nullptr)](
              int stream, const StreamEntry& user) {

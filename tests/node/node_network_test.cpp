@@ -545,11 +545,10 @@ TEST_F(RingTest, ReceivedAnnouncementsPassEachUsersRules) {
     };
   };
   clock_.Advance(1s);
-  b_->net->OnLine(21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) +
-                          "^WX^Q5USR^*^foggy^^^H99^");
+  b_->net->OnLine(
+      21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) + "^WX^Q5USR^*^foggy^^^H99^");
   b_->net->OnLine(21, "PC12^Q7OLD^*^old style^ ^Q7XXX^0^H29^~");
-  EXPECT_EQ(asked, (std::vector<std::string>{"Q5USR|WX|foggy|Q1AAA",
-                                             "Q7OLD|*|old style|Q7XXX"}));
+  EXPECT_EQ(asked, (std::vector<std::string>{"Q5USR|WX|foggy|Q1AAA", "Q7OLD|*|old style|Q7XXX"}));
   EXPECT_EQ(Count(b_->out.To(1), "foggy"), 0u);
   EXPECT_EQ(Count(b_->out.To(2), "WX de Q5USR: foggy\r\n"), 1u);
   EXPECT_EQ(Count(b_->out.To(1), "To ALL de Q7OLD: old style\r\n"), 1u);
