@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -21,6 +22,21 @@ bool IsLineId(std::string_view id) {
 int Rank(const FilterRule& r) { return !IsLineId(r.id) ? 0 : r.id[0] == 'R' ? 1 : 2; }
 
 size_t KindIndex(FilterKind kind) { return static_cast<size_t>(kind); }
+
+// A rule id (at most eight characters: "A1", "BANDTIME") in one word, as the block keeps it.
+uint64_t PackId(std::string_view id) {
+  uint64_t word = 0;
+  std::memcpy(&word, id.data(), std::min(id.size(), sizeof(word)));
+  return word;
+}
+
+UserFilters::Verdict MakeVerdict(bool pass, int16_t rule, uint64_t id) {
+  UserFilters::Verdict v;
+  v.pass = pass;
+  v.rule = rule;
+  std::memcpy(v.id.data(), &id, sizeof(id));
+  return v;
+}
 
 }  // namespace
 
@@ -68,18 +84,27 @@ void UserFilters::RemoveRule(FilterKind kind, std::string_view id) {
   Compile(kind);
 }
 
+std::vector<uint64_t>& UserFilters::CodeOf(FilterKind kind) {
+  return kind == FilterKind::kSpots ? spot_code_ : origin_code_[KindIndex(kind) - 1];
+}
+
+const std::vector<uint64_t>& UserFilters::CodeOf(FilterKind kind) const {
+  return kind == FilterKind::kSpots ? spot_code_ : origin_code_[KindIndex(kind) - 1];
+}
+
 void UserFilters::Compile(FilterKind kind) {
   const std::vector<FilterRule>& rules = rules_[KindIndex(kind)];
-  std::vector<uint64_t>& code = code_[KindIndex(kind)];
+  std::vector<uint64_t>& code = CodeOf(kind);
   code.clear();
   size_t words = 0;
-  for (const FilterRule& r : rules) words += 1 + r.predicate.code().size();
+  for (const FilterRule& r : rules) words += 2 + r.predicate.code().size();
   code.reserve(words);
   for (size_t i = 0; i < rules.size(); ++i) {
     const FilterRule& r = rules[i];
     const std::vector<uint64_t>& body = r.predicate.code();
     code.push_back(uint64_t(Rank(r)) | uint64_t(r.pass) << 8 | uint64_t(i) << 16 |
                    uint64_t(body.size()) << 32);
+    code.push_back(PackId(r.id));
     code.insert(code.end(), body.begin(), body.end());
   }
   code.shrink_to_fit();
@@ -132,43 +157,56 @@ UserFilters::Reply UserFilters::Apply(std::string_view typed) {
 
 UserFilters::Verdict UserFilters::Decide(FilterKind kind, const SpotFacts& facts,
                                          int utc_minute) const {
-  const std::vector<uint64_t>& code = code_[KindIndex(kind)];
+  const std::vector<uint64_t>& code = CodeOf(kind);
   const uint64_t* at = code.data();
   const uint64_t* const end = at + code.size();
   bool any_accept = false;
   while (at < end) {
-    const uint64_t head = *at++;
+    const uint64_t head = at[0];
+    const uint64_t id = at[1];
     const size_t size = size_t(head >> 32);
-    const bool matches = Predicate::Run(at, size, facts, utc_minute);
-    at += size;
+    const bool matches = Predicate::Run(at + 2, size, facts, utc_minute);
+    at += 2 + size;
     const int rank = int(head & 0xff);
     const bool pass = ((head >> 8) & 1u) != 0;
-    const int rule = int((head >> 16) & 0xffff);
+    const auto rule = int16_t((head >> 16) & 0x7fff);
     if (rank == 0) {
-      if (matches != pass) return {false, rule};
+      if (matches != pass) return MakeVerdict(false, rule, id);
     } else if (!pass) {
-      if (matches) return {false, rule};
+      if (matches) return MakeVerdict(false, rule, id);
     } else {
-      if (matches) return {true, rule};
+      if (matches) return MakeVerdict(true, rule, id);
       any_accept = true;
     }
   }
-  if (any_accept) return {false, kNoAccept};
+  if (any_accept) return MakeVerdict(false, kNoAccept, PackId("ACCEPT"));
   return {};
 }
 
-FilterDecision UserFilters::Name(FilterKind kind, Verdict v) const {
-  if (v.rule == kNoRule) return {v.pass, {}, {}};
-  if (v.rule == kNoAccept) return {false, "ACCEPT", kNoAcceptLine};
+UserFilters::Verdict UserFilters::DecideSpot(const SpotFacts& facts, int utc_minute_of_day) const {
+  if (!band_mode_.Passes(facts.band_index, facts.mode)) {
+    return MakeVerdict(false, kMask, PackId("DXBM"));
+  }
+  return Decide(FilterKind::kSpots, facts, utc_minute_of_day);
+}
+
+FilterDecision UserFilters::Name(FilterKind kind, const Verdict& v) const {
+  switch (v.rule) {
+    case kNoRule:
+      return {v.pass, {}, {}};
+    case kNoAccept:
+      return {false, "ACCEPT", kNoAcceptLine};
+    case kMask:
+      return {false, "DXBM", band_mode_text_};
+    default:
+      break;
+  }
   const FilterRule& r = rules_[KindIndex(kind)][size_t(v.rule)];
   return {v.pass, r.id, r.text};
 }
 
 FilterDecision UserFilters::Check(const SpotFacts& facts, int utc_minute_of_day) const {
-  if (!band_mode_.Passes(facts.band_index, facts.mode)) {
-    return {false, "DXBM", band_mode_text_};
-  }
-  return Name(FilterKind::kSpots, Decide(FilterKind::kSpots, facts, utc_minute_of_day));
+  return Name(FilterKind::kSpots, DecideSpot(facts, utc_minute_of_day));
 }
 
 FilterDecision UserFilters::CheckAnnounce(const SpotFacts& facts) const {
@@ -193,7 +231,9 @@ std::vector<std::string> UserFilters::RecordLines() const {
 std::vector<std::string> UserFilters::Load(const std::vector<std::string>& lines) {
   std::vector<std::string> errors;
   for (auto& rules : rules_) rules.clear();
-  for (auto& code : code_) code.clear();
+  for (FilterKind kind : {FilterKind::kSpots, FilterKind::kAnnounce, FilterKind::kWwv}) {
+    CodeOf(kind).clear();
+  }
   SetBandMode(BandModeMask::FromNumbers(dxbm_, dxbm2_), "");
   for (const std::string& line : lines) {
     const std::vector<std::string_view> fields = SplitLimit(line, '^', 3);

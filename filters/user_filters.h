@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstring>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -22,7 +23,7 @@ struct FilterDecision {
   std::string_view rule_text;  // the rule as typed; for the band-mode mask its words
 };
 
-class UserFilters {
+class alignas(64) UserFilters {
  public:
   // Both must outlive the filters.  countries may be null.
   explicit UserFilters(const BandTable& bands, const CountryLookup* countries = nullptr);
@@ -37,6 +38,17 @@ class UserFilters {
   // The order: band-mode mask, keyword rules, reject lines 0-9, accept lines 0-9.  A spot
   // that passes no accept line, when there is one, is dropped.
   FilterDecision Check(const SpotFacts& facts, int utc_minute_of_day) const;
+  // A spot decision in a few bytes, for the per-user path of distribution and for keeping:
+  // it reads only the mask and the block of code, and holds the deciding rule's id and place.
+  // NameOf turns it into Check's answer while the filters are unchanged.
+  struct Verdict {
+    bool pass = true;
+    int16_t rule = -1;         // the rule's place among the kind's rules; < 0: see Check
+    std::array<char, 8> id{};  // the rule's id, up to eight characters, "" when none decided
+    std::string_view Id() const { return {id.data(), strnlen(id.data(), id.size())}; }
+  };
+  Verdict DecideSpot(const SpotFacts& facts, int utc_minute_of_day) const;
+  FilterDecision NameOf(const Verdict& v) const { return Name(FilterKind::kSpots, v); }
   // Announcements (AOC, AOS, the ANNOUNCE lines) and WX/WWV (WOC, WOS, the WWV lines), on
   // facts from MakeOriginFacts.
   FilterDecision CheckAnnounce(const SpotFacts& facts) const;
@@ -58,16 +70,11 @@ class UserFilters {
   bool HasRules() const;
 
  private:
-  // What the compiled rules decided: pass or drop, and by which rule of the kind (kNoRule:
-  // nothing decided; kNoAccept: there were accept lines and none matched).
-  static constexpr int kNoRule = -1;
-  static constexpr int kNoAccept = -2;
-  struct Verdict {
-    bool pass = true;
-    int rule = kNoRule;
-  };
+  static constexpr int16_t kNoRule = -1;
+  static constexpr int16_t kNoAccept = -2;  // there were accept lines and none matched
+  static constexpr int16_t kMask = -3;      // the band-mode mask
   Verdict Decide(FilterKind kind, const SpotFacts& facts, int utc_minute) const;
-  FilterDecision Name(FilterKind kind, Verdict v) const;
+  FilterDecision Name(FilterKind kind, const Verdict& v) const;
   void Insert(FilterRule rule);
   void RemoveRule(FilterKind kind, std::string_view id);
   // Copies the kind's rules, in order, into its one block of code.
@@ -75,11 +82,15 @@ class UserFilters {
 
   void SetBandMode(BandModeMask mask, std::string typed);
 
-  // What a decision reads comes first: the mask and, per kind, every rule's code side by side
-  // in one block (a header word per rule: its rank, accept or reject, its position among the
-  // rules and the length of its code; then the code).
+  // What a decision reads comes first, in the object's first two cache lines: per kind, every
+  // rule's code side by side in one block (a header word per rule: its rank, accept or
+  // reject, its position among the rules and the length of its code; then the code), with the
+  // mask between the block for spots and the other two.
+  std::vector<uint64_t> spot_code_;
   BandModeMask band_mode_;
-  std::array<std::vector<uint64_t>, 3> code_;
+  std::array<std::vector<uint64_t>, 2> origin_code_;  // announcements, WWV
+  std::vector<uint64_t>& CodeOf(FilterKind kind);
+  const std::vector<uint64_t>& CodeOf(FilterKind kind) const;
   const BandTable* bands_;
   const CountryLookup* countries_;
   uint32_t dxbm_ = kDxbmNewUser;

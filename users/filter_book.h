@@ -85,8 +85,7 @@ class FilterBook final : public SpotFilter {
     double khz = 0;
     std::array<char, 16> dx{};
     std::array<char, 16> spotter{};
-    std::array<char, 12> rule_id{};
-    std::string_view rule_text;  // into the filters; valid while generation is unchanged
+    UserFilters::Verdict verdict;  // its rule is named while generation is unchanged
     uint64_t generation = 0;
   };
   struct Entry {
@@ -100,7 +99,7 @@ class FilterBook final : public SpotFilter {
   };
   Entry* At(int stream) const;
   Entry& Make(int stream);
-  void Remember(Entry& e, const Spot& spot, const FilterDecision& d);
+  void Remember(Entry& e, const Spot& spot, const UserFilters::Verdict& v);
 
   const BandTable& bands_;
   const CountryLookup* countries_;
