@@ -192,6 +192,12 @@ void ClusterNode::SetUpNetwork() {
     return (s.number == 23 ? propagation_->OnPc23(s.fields) : propagation_->OnPc73(s.fields)) ==
            Intake::kNew;
   };
+  // Announcements from other nodes pass each user's announcement rules, WX ones the WWV rules.
+  deps.announce_gate = [this](std::string_view from, std::string_view to, std::string_view text,
+                              std::string_view origin) {
+    return filter_book_->OriginGate(to == "WX" ? FilterKind::kWwv : FilterKind::kAnnounce, from,
+                                    text, origin);
+  };
   network_ = std::make_unique<NodeNetwork>(
       NodeNetworkOptions::FromConfig(config_, std::string(kVersion)), std::move(deps));
   network_->Configure(config_);
@@ -227,6 +233,10 @@ void ClusterNode::SetUpPropagation() {
   deps.log = [this](std::string_view tag, std::string_view text) { log_.Write(tag, text); };
   deps.originate = [this](std::string_view sentence) {
     if (network_) network_->SendPropagation(sentence);
+  };
+  // WWV and WCY lines pass each user's WWV rules.
+  deps.user_gate = [this](std::string_view logger, std::string_view origin, std::string_view line) {
+    return filter_book_->OriginGate(FilterKind::kWwv, logger, line, origin);
   };
   propagation_ = std::make_unique<PropagationService>(config_.Get("Cluster Call"), std::move(deps));
   propagation_->LoadToday();

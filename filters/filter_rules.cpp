@@ -1,7 +1,9 @@
 #include "filters/filter_rules.h"
 
 #include <algorithm>
+#include <bit>
 #include <cctype>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -112,6 +114,7 @@ constexpr FieldName kFields[] = {
     {"BY_ZONE", Predicate::Field::kByZone, true},
     {"BY_STATE", Predicate::Field::kByState, true},
     {"BY_CONT", Predicate::Field::kByCont, true},
+    {"SOURCE", Predicate::Field::kSource, false},
 };
 
 bool CountryItem(const Token& item, const FilterParseContext& ctx, uint64_t& key,
@@ -246,6 +249,13 @@ bool BandTimeItem(const Token& item, const BandTable& bands, Predicate::Term& te
   return true;
 }
 
+std::optional<SourceKind> SourceFromText(std::string_view text) {
+  if (EqualsIgnoreCase(text, "HUMAN")) return SourceKind::kHuman;
+  if (EqualsIgnoreCase(text, "SKIMMER")) return SourceKind::kSkimmer;
+  if (EqualsIgnoreCase(text, "REPORTER")) return SourceKind::kReporter;
+  return std::nullopt;
+}
+
 // Fills a term's values from a list.
 bool FillTerm(Predicate::Term& term, std::string_view list, size_t offset,
               const FilterParseContext& ctx, FilterError& error) {
@@ -309,6 +319,15 @@ bool FillTerm(Predicate::Term& term, std::string_view list, size_t offset,
       case F::kBandTime:
         ok = BandTimeItem(item, *ctx.bands, term, error);
         break;
+      case F::kSource: {
+        const std::optional<SourceKind> source = SourceFromText(item.text);
+        if (!source) {
+          error = {item.pos, std::string(item.text), "not a source (human, skimmer, reporter)"};
+        }
+        ok = source.has_value();
+        if (ok) term.sources |= uint8_t(1u << static_cast<int>(*source));
+        break;
+      }
     }
     if (!ok) return false;
   }
@@ -449,18 +468,56 @@ bool GlobMatch(std::string_view pattern, std::string_view text) {
   return p == pattern.size();
 }
 
-bool CallMatches(const std::vector<Predicate::CallPattern>& patterns, std::string_view call) {
+// The flat form.  Every instruction is one word:
+//   bits 0-7 the op, 8-15 the field, 16-23 a small inline value (continents, sources, the
+//   band-time flag), 24-39 the number of list items, 40-63 the number of data words that
+//   follow a term, or how far forward a jump goes.
+// A term's list follows it inline: an "on" item is one word (band bits, modes, beacon; bit 63
+// marks a kHz range, whose two bounds follow as doubles); a call or text item is a word with
+// its kind and length, then its characters packed eight to a word; keys are a word each;
+// zones are two words of bits; a band-time window is one word.
+enum CodeOp : uint8_t { kOpTerm, kOpJumpIfFalse, kOpJumpIfTrue, kOpNot };
+
+constexpr uint64_t kRangeItem = uint64_t(1) << 63;
+
+uint64_t Instruction(CodeOp op, uint64_t field, uint64_t inline_value, uint64_t items,
+                     uint64_t words) {
+  return uint64_t(op) | field << 8 | (inline_value & 0xff) << 16 | (items & 0xffff) << 24 |
+         words << 40;
+}
+
+void PackText(std::vector<uint64_t>& out, uint8_t kind, std::string_view text) {
+  out.push_back(uint64_t(kind) | uint64_t(text.size()) << 8);
+  const size_t at = out.size();
+  out.resize(at + (text.size() + 7) / 8, 0);
+  std::memcpy(out.data() + at, text.data(), text.size());
+}
+
+// The text of a packed item at d; d moves past it.
+std::string_view UnpackText(const uint64_t*& d, uint8_t& kind) {
+  kind = uint8_t(*d & 0xff);
+  const size_t size = size_t((*d >> 8) & 0xffff);
+  const char* chars = reinterpret_cast<const char*>(d + 1);
+  d += 1 + (size + 7) / 8;
+  return {chars, size};
+}
+
+bool CallMatches(const uint64_t* d, size_t items, std::string_view call) {
   using K = Predicate::CallPattern::Kind;
-  for (const Predicate::CallPattern& p : patterns) {
-    switch (p.kind) {
+  for (size_t i = 0; i < items; ++i) {
+    uint8_t kind = 0;
+    const std::string_view p = UnpackText(d, kind);
+    switch (static_cast<K>(kind)) {
       case K::kPrefix:
-        if (call.substr(0, p.text.size()) == p.text) return true;
+        if (call.size() >= p.size() && std::memcmp(call.data(), p.data(), p.size()) == 0) {
+          return true;
+        }
         break;
       case K::kExact:
-        if (call == p.text || BaseCall(call) == p.text) return true;
+        if (call == p || BaseCall(call) == p) return true;
         break;
       case K::kGlob:
-        if (GlobMatch(p.text, call)) return true;
+        if (GlobMatch(p, call)) return true;
         break;
     }
   }
@@ -483,22 +540,108 @@ bool HasWord(std::string_view comment, std::string_view word) {
   return false;
 }
 
-bool HasKey(const std::vector<uint64_t>& keys, uint64_t key) {
-  return key != 0 && std::find(keys.begin(), keys.end(), key) != keys.end();
+bool TextMatches(const uint64_t* d, size_t items, std::string_view comment, bool words) {
+  for (size_t i = 0; i < items; ++i) {
+    uint8_t kind = 0;
+    const std::string_view text = UnpackText(d, kind);
+    if (words ? HasWord(comment, text) : comment.find(text) != std::string_view::npos) {
+      return true;
+    }
+  }
+  return false;
 }
 
-bool ZoneIn(const std::array<uint64_t, 2>& zones, uint8_t zone) {
+bool HasKey(const uint64_t* d, size_t items, uint64_t key) {
+  if (key == 0) return false;
+  for (size_t i = 0; i < items; ++i) {
+    if (d[i] == key) return true;
+  }
+  return false;
+}
+
+bool ZoneIn(const uint64_t* zones, uint8_t zone) {
   return zone != 0 && ((zones[zone / 64] >> (zone % 64)) & 1u) != 0;
 }
 
-bool ContinentIn(uint8_t continents, Continent c) {
-  return c != Continent::kNone && ((continents >> static_cast<int>(c)) & 1u) != 0;
+bool BitIn(uint64_t bits, int index) { return index > 0 && ((bits >> index) & 1u) != 0; }
+
+bool InWindow(uint16_t from, uint16_t to, int minute) {
+  if (from == to) return true;
+  if (from < to) return minute >= from && minute < to;
+  return minute >= from || minute < to;
 }
 
-bool InWindow(const Predicate::BandWindow& w, int minute) {
-  if (w.from == w.to) return true;
-  if (w.from < w.to) return minute >= w.from && minute < w.to;
-  return minute >= w.from || minute < w.to;
+bool OnMatches(const uint64_t* d, size_t items, const SpotFacts& f) {
+  for (size_t i = 0; i < items; ++i) {
+    const uint64_t item = *d++;
+    if (item & kRangeItem) {
+      const double low = std::bit_cast<double>(d[0]);
+      const double high = std::bit_cast<double>(d[1]);
+      d += 2;
+      if (f.khz >= low && f.khz <= high) return true;
+    } else if ((f.band_bit & uint32_t(item)) != 0 && ((item >> 32) & ModeBit(f.mode)) != 0 &&
+               (!((item >> 48) & 1u) || f.beacon)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool BandTimeMatches(const uint64_t* d, size_t items, bool unlisted_matches, const SpotFacts& f,
+                     int minute) {
+  bool listed = false;
+  for (size_t i = 0; i < items; ++i) {
+    const uint64_t w = d[i];
+    if (int(w & 0xff) != f.band_index) continue;
+    if (InWindow(uint16_t(w >> 8), uint16_t(w >> 24), minute)) return true;
+    listed = true;
+  }
+  return !listed && unlisted_matches;
+}
+
+bool TermMatches(uint64_t insn, const uint64_t* d, const SpotFacts& f, int minute) {
+  using F = Predicate::Field;
+  const size_t items = size_t((insn >> 24) & 0xffff);
+  const uint64_t small = (insn >> 16) & 0xff;
+  switch (static_cast<F>((insn >> 8) & 0xff)) {
+    case F::kOn:
+      return OnMatches(d, items, f);
+    case F::kCall:
+      return CallMatches(d, items, f.dx.call);
+    case F::kBy:
+      return CallMatches(d, items, f.spotter.call);
+    case F::kOrigin:
+      return CallMatches(d, items, f.origin);
+    case F::kInfo:
+      return TextMatches(d, items, f.comment, false);
+    case F::kWords:
+      return TextMatches(d, items, f.comment, true);
+    case F::kCallDxcc:
+      return HasKey(d, items, f.dx.country_key);
+    case F::kByDxcc:
+      return HasKey(d, items, f.spotter.country_key);
+    case F::kCallItu:
+      return ZoneIn(d, f.dx.itu_zone);
+    case F::kByItu:
+      return ZoneIn(d, f.spotter.itu_zone);
+    case F::kCallZone:
+      return ZoneIn(d, f.dx.cq_zone);
+    case F::kByZone:
+      return ZoneIn(d, f.spotter.cq_zone);
+    case F::kCallState:
+      return HasKey(d, items, f.dx.state);
+    case F::kByState:
+      return HasKey(d, items, f.spotter.state);
+    case F::kCallCont:
+      return BitIn(small, static_cast<int>(f.dx.continent));
+    case F::kByCont:
+      return BitIn(small, static_cast<int>(f.spotter.continent));
+    case F::kBandTime:
+      return BandTimeMatches(d, items, small != 0, f, minute);
+    case F::kSource:
+      return ((small >> static_cast<int>(f.source)) & 1u) != 0;
+  }
+  return false;
 }
 
 struct KeywordName {
@@ -698,106 +841,155 @@ std::string_view FilterKindName(FilterKind kind) {
   return "SPOTS";
 }
 
+Predicate& Predicate::operator=(const Predicate& other) {
+  if (this != &other) {
+    code_ = other.code_;
+    tree_ = other.tree_ ? std::make_unique<Tree>(*other.tree_) : nullptr;
+  }
+  return *this;
+}
+
+Predicate::Tree& Predicate::tree() {
+  if (!tree_) tree_ = std::make_unique<Tree>();
+  return *tree_;
+}
+
 uint16_t Predicate::AddTerm(Term term) {
-  terms_.push_back(std::move(term));
-  return AddNode({Op::kTerm, uint16_t(terms_.size() - 1), 0});
+  tree().terms.push_back(std::move(term));
+  return AddNode({Op::kTerm, uint16_t(tree_->terms.size() - 1), 0});
 }
 
 uint16_t Predicate::AddNode(Node node) {
-  nodes_.push_back(node);
-  return uint16_t(nodes_.size() - 1);
+  tree().nodes.push_back(node);
+  return uint16_t(tree_->nodes.size() - 1);
 }
 
 uint16_t Predicate::AddGroup(Op op, const std::vector<uint16_t>& children) {
-  const uint16_t first = uint16_t(children_.size());
-  children_.insert(children_.end(), children.begin(), children.end());
+  Tree& t = tree();
+  const uint16_t first = uint16_t(t.children.size());
+  t.children.insert(t.children.end(), children.begin(), children.end());
   return AddNode({op, first, uint16_t(children.size())});
 }
 
-bool Predicate::Matches(const SpotFacts& facts, int utc_minute) const {
-  return nodes_.empty() || Eval(root_, facts, utc_minute);
+void Predicate::SetRoot(uint16_t root) {
+  code_.clear();
+  if (tree_ && root < tree_->nodes.size()) Emit(root);
+  code_.shrink_to_fit();
+  tree_.reset();
 }
 
-bool Predicate::Eval(uint16_t index, const SpotFacts& facts, int utc_minute) const {
-  const Node& n = nodes_[index];
+void Predicate::Emit(uint16_t index) {
+  const Node n = tree_->nodes[index];
   switch (n.op) {
     case Op::kTerm:
-      return TermMatches(terms_[n.first], facts, utc_minute);
+      EmitTerm(tree_->terms[n.first]);
+      return;
     case Op::kNot:
-      return !Eval(n.first, facts, utc_minute);
+      Emit(n.first);
+      code_.push_back(Instruction(kOpNot, 0, 0, 0, 0));
+      return;
     case Op::kAnd:
+    case Op::kOr: {
+      // After each child but the last, a jump to the end once the group's value is known.
+      std::vector<size_t> jumps;
       for (uint16_t i = 0; i < n.count; ++i) {
-        if (!Eval(children_[n.first + i], facts, utc_minute)) return false;
+        Emit(tree_->children[n.first + i]);
+        if (i + 1 == n.count) break;
+        jumps.push_back(code_.size());
+        code_.push_back(n.op == Op::kAnd ? kOpJumpIfFalse : kOpJumpIfTrue);
       }
-      return true;
-    case Op::kOr:
-      for (uint16_t i = 0; i < n.count; ++i) {
-        if (Eval(children_[n.first + i], facts, utc_minute)) return true;
-      }
-      return false;
-  }
-  return false;
-}
-
-bool Predicate::TermMatches(const Term& t, const SpotFacts& f, int utc_minute) const {
-  switch (t.field) {
-    case Field::kOn:
-      for (const FreqItem& item : t.freqs) {
-        if (item.band_bits == 0) {
-          if (f.khz >= item.low_khz && f.khz <= item.high_khz) return true;
-        } else if ((f.band_bit & item.band_bits) != 0 && (item.modes & ModeBit(f.mode)) != 0 &&
-                   (!item.beacon_only || f.beacon)) {
-          return true;
-        }
-      }
-      return false;
-    case Field::kCall:
-      return CallMatches(t.calls, f.dx.call);
-    case Field::kBy:
-      return CallMatches(t.calls, f.spotter.call);
-    case Field::kOrigin:
-      return CallMatches(t.calls, f.origin);
-    case Field::kInfo:
-      for (const std::string& text : t.texts) {
-        if (f.comment.find(text) != std::string::npos) return true;
-      }
-      return false;
-    case Field::kWords:
-      for (const std::string& text : t.texts) {
-        if (HasWord(f.comment, text)) return true;
-      }
-      return false;
-    case Field::kCallDxcc:
-      return HasKey(t.keys, f.dx.country_key);
-    case Field::kByDxcc:
-      return HasKey(t.keys, f.spotter.country_key);
-    case Field::kCallItu:
-      return ZoneIn(t.zones, f.dx.itu_zone);
-    case Field::kByItu:
-      return ZoneIn(t.zones, f.spotter.itu_zone);
-    case Field::kCallZone:
-      return ZoneIn(t.zones, f.dx.cq_zone);
-    case Field::kByZone:
-      return ZoneIn(t.zones, f.spotter.cq_zone);
-    case Field::kCallState:
-      return HasKey(t.keys, f.dx.state);
-    case Field::kByState:
-      return HasKey(t.keys, f.spotter.state);
-    case Field::kCallCont:
-      return ContinentIn(t.continents, f.dx.continent);
-    case Field::kByCont:
-      return ContinentIn(t.continents, f.spotter.continent);
-    case Field::kBandTime: {
-      bool listed = false;
-      for (const BandWindow& w : t.windows) {
-        if (w.band_index != f.band_index) continue;
-        if (InWindow(w, utc_minute)) return true;
-        listed = true;
-      }
-      return !listed && t.unlisted_band_matches;
+      for (const size_t at : jumps) code_[at] |= uint64_t(code_.size() - at) << 40;
+      return;
     }
   }
-  return false;
+}
+
+void Predicate::EmitTerm(const Term& t) {
+  const size_t head = code_.size();
+  code_.push_back(0);
+  size_t items = 0;
+  uint64_t small = 0;
+  switch (t.field) {
+    case Field::kOn:
+      for (const FreqItem& f : t.freqs) {
+        if (f.band_bits == 0) {
+          code_.push_back(kRangeItem);
+          code_.push_back(std::bit_cast<uint64_t>(f.low_khz));
+          code_.push_back(std::bit_cast<uint64_t>(f.high_khz));
+        } else {
+          code_.push_back(f.band_bits | uint64_t(f.modes) << 32 | uint64_t(f.beacon_only) << 48);
+        }
+      }
+      items = t.freqs.size();
+      break;
+    case Field::kCall:
+    case Field::kBy:
+    case Field::kOrigin:
+      for (const CallPattern& p : t.calls) PackText(code_, uint8_t(p.kind), p.text);
+      items = t.calls.size();
+      break;
+    case Field::kInfo:
+    case Field::kWords:
+      for (const std::string& text : t.texts) PackText(code_, 0, text);
+      items = t.texts.size();
+      break;
+    case Field::kCallDxcc:
+    case Field::kByDxcc:
+    case Field::kCallState:
+    case Field::kByState:
+      code_.insert(code_.end(), t.keys.begin(), t.keys.end());
+      items = t.keys.size();
+      break;
+    case Field::kCallItu:
+    case Field::kByItu:
+    case Field::kCallZone:
+    case Field::kByZone:
+      code_.insert(code_.end(), t.zones.begin(), t.zones.end());
+      break;
+    case Field::kCallCont:
+    case Field::kByCont:
+      small = t.continents;
+      break;
+    case Field::kSource:
+      small = t.sources;
+      break;
+    case Field::kBandTime:
+      for (const BandWindow& w : t.windows) {
+        code_.push_back(uint64_t(uint8_t(w.band_index)) | uint64_t(w.from) << 8 |
+                        uint64_t(w.to) << 24);
+      }
+      items = t.windows.size();
+      small = t.unlisted_band_matches;
+      break;
+  }
+  code_[head] = Instruction(kOpTerm, uint64_t(t.field), small, items, code_.size() - head - 1);
+}
+
+bool Predicate::Run(const uint64_t* code, size_t size, const SpotFacts& facts, int utc_minute) {
+  bool value = true;
+  size_t pc = 0;
+  while (pc < size) {
+    const uint64_t insn = code[pc];
+    switch (static_cast<CodeOp>(insn & 0xff)) {
+      case kOpTerm:
+        value = TermMatches(insn, code + pc + 1, facts, utc_minute);
+        pc += 1 + size_t(insn >> 40);
+        break;
+      case kOpJumpIfFalse:
+        pc += value ? 1 : size_t(insn >> 40);
+        break;
+      case kOpJumpIfTrue:
+        pc += value ? size_t(insn >> 40) : 1;
+        break;
+      case kOpNot:
+        value = !value;
+        ++pc;
+        break;
+      default:
+        return false;
+    }
+  }
+  return value;
 }
 
 std::optional<Predicate> ParseFilterExpr(std::string_view text, FilterKind kind,

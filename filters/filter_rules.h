@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,11 +38,27 @@ struct FilterError {
 enum class FilterKind : uint8_t { kSpots, kAnnounce, kWwv };
 std::string_view FilterKindName(FilterKind kind);  // "SPOTS", "ANNOUNCE", "WWV"
 
-// A compiled rule body.  Matches does no allocation.
+// A compiled rule body.  The parser builds it as a tree (AddTerm, AddNode, AddGroup) and
+// SetRoot flattens the tree into one array of 64-bit words: the terms with their lists
+// inline, joined by conditional jumps that stop an "and" at its first miss and an "or" at its
+// first hit.  A user's rules are copied side by side into one such array per kind of traffic,
+// so deciding for a user walks a single contiguous block instead of a web of small vectors.
+// Matches and Run do no allocation.
 class Predicate {
  public:
-  bool Matches(const SpotFacts& facts, int utc_minute) const;
-  bool empty() const { return nodes_.empty(); }
+  Predicate() = default;
+  Predicate(const Predicate& other) { *this = other; }
+  Predicate& operator=(const Predicate& other);
+  Predicate(Predicate&&) = default;
+  Predicate& operator=(Predicate&&) = default;
+
+  bool Matches(const SpotFacts& facts, int utc_minute) const {
+    return Run(code_.data(), code_.size(), facts, utc_minute);
+  }
+  bool empty() const { return code_.empty(); }
+  // The flat form; an empty one matches everything.
+  const std::vector<uint64_t>& code() const { return code_; }
+  static bool Run(const uint64_t* code, size_t size, const SpotFacts& facts, int utc_minute);
 
   // Building blocks, used by the parser.
   enum class Field : uint8_t {
@@ -62,6 +79,7 @@ class Predicate {
     kCallCont,
     kByCont,
     kBandTime,
+    kSource,
   };
   struct FreqItem {
     uint32_t band_bits = 0;  // 0: a kHz range
@@ -80,6 +98,7 @@ class Predicate {
   struct Term {
     Field field = Field::kOn;
     uint8_t continents = 0;              // bit per Continent
+    uint8_t sources = 0;                 // bit per SourceKind
     std::array<uint64_t, 2> zones{};     // bit per zone number 0..127
     std::vector<uint64_t> keys;          // CountryKey / StateKey values
     std::vector<CallPattern> calls;      // call, by, origin
@@ -98,16 +117,23 @@ class Predicate {
   uint16_t AddTerm(Term term);
   uint16_t AddNode(Node node);
   uint16_t AddGroup(Op op, const std::vector<uint16_t>& children);
-  void SetRoot(uint16_t root) { root_ = root; }
+  // Compiles the tree under root into the flat form and frees the tree.
+  void SetRoot(uint16_t root);
 
  private:
-  bool Eval(uint16_t node, const SpotFacts& facts, int utc_minute) const;
-  bool TermMatches(const Term& term, const SpotFacts& facts, int utc_minute) const;
+  void Emit(uint16_t node);
+  void EmitTerm(const Term& term);
 
-  std::vector<Node> nodes_;
-  std::vector<uint16_t> children_;
-  std::vector<Term> terms_;
-  uint16_t root_ = 0;
+  // The tree, only while the parser builds it.
+  struct Tree {
+    std::vector<Node> nodes;
+    std::vector<uint16_t> children;
+    std::vector<Term> terms;
+  };
+  Tree& tree();
+
+  std::vector<uint64_t> code_;
+  std::unique_ptr<Tree> tree_;
 };
 
 // One rule as the user holds it.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -21,6 +22,21 @@ bool IsLineId(std::string_view id) {
 int Rank(const FilterRule& r) { return !IsLineId(r.id) ? 0 : r.id[0] == 'R' ? 1 : 2; }
 
 size_t KindIndex(FilterKind kind) { return static_cast<size_t>(kind); }
+
+// A rule id (at most eight characters: "A1", "BANDTIME") in one word, as the block keeps it.
+uint64_t PackId(std::string_view id) {
+  uint64_t word = 0;
+  std::memcpy(&word, id.data(), std::min(id.size(), sizeof(word)));
+  return word;
+}
+
+UserFilters::Verdict MakeVerdict(bool pass, int16_t rule, uint64_t id) {
+  UserFilters::Verdict v;
+  v.pass = pass;
+  v.rule = rule;
+  std::memcpy(v.id.data(), &id, sizeof(id));
+  return v;
+}
 
 }  // namespace
 
@@ -53,16 +69,46 @@ bool UserFilters::HasRules() const {
 
 void UserFilters::Insert(FilterRule rule) {
   std::vector<FilterRule>& rules = rules_[KindIndex(rule.kind)];
-  RemoveRule(rule.kind, rule.id);
+  std::erase_if(rules, [&](const FilterRule& r) { return r.id == rule.id; });
   const auto at = std::find_if(rules.begin(), rules.end(), [&](const FilterRule& r) {
     return std::make_pair(Rank(r), std::string_view(r.id)) >
            std::make_pair(Rank(rule), std::string_view(rule.id));
   });
+  const FilterKind kind = rule.kind;
   rules.insert(at, std::move(rule));
+  Compile(kind);
 }
 
 void UserFilters::RemoveRule(FilterKind kind, std::string_view id) {
   std::erase_if(rules_[KindIndex(kind)], [&](const FilterRule& r) { return r.id == id; });
+  Compile(kind);
+}
+
+std::vector<uint64_t>& UserFilters::CodeOf(FilterKind kind) {
+  return kind == FilterKind::kSpots ? spot_code_ : origin_code_[KindIndex(kind) - 1];
+}
+
+const std::vector<uint64_t>& UserFilters::CodeOf(FilterKind kind) const {
+  return kind == FilterKind::kSpots ? spot_code_ : origin_code_[KindIndex(kind) - 1];
+}
+
+void UserFilters::Compile(FilterKind kind) {
+  const std::vector<FilterRule>& rules = rules_[KindIndex(kind)];
+  std::vector<uint64_t>& code = CodeOf(kind);
+  code.clear();
+  size_t words = 0;
+  for (const FilterRule& r : rules) words += 2 + r.predicate.code().size();
+  code.reserve(words);
+  for (size_t i = 0; i < rules.size(); ++i) {
+    const FilterRule& r = rules[i];
+    const std::vector<uint64_t>& body = r.predicate.code();
+    code.push_back(uint64_t(Rank(r)) | uint64_t(r.pass) << 8 | uint64_t(i) << 16 |
+                   uint64_t(body.size()) << 32);
+    code.push_back(PackId(r.id));
+    code.insert(code.end(), body.begin(), body.end());
+  }
+  code.shrink_to_fit();
+  rules_[KindIndex(kind)].shrink_to_fit();
 }
 
 UserFilters::Reply UserFilters::Apply(std::string_view typed) {
@@ -86,6 +132,7 @@ UserFilters::Reply UserFilters::Apply(std::string_view typed) {
         return IsLineId(r.id) && (cmd.line < 0 || r.id[1] - '0' == cmd.line);
       });
       const size_t removed = before - rules.size();
+      Compile(cmd.kind);
       if (cmd.line < 0) {
         return {true, fmt::format("{} {} filter lines cleared", removed, FilterKindName(cmd.kind))};
       }
@@ -108,36 +155,66 @@ UserFilters::Reply UserFilters::Apply(std::string_view typed) {
   return {false, "Filter error: unknown command"};
 }
 
-FilterDecision UserFilters::Decide(FilterKind kind, const SpotFacts& facts, int utc_minute) const {
+UserFilters::Verdict UserFilters::Decide(FilterKind kind, const SpotFacts& facts,
+                                         int utc_minute) const {
+  const std::vector<uint64_t>& code = CodeOf(kind);
+  const uint64_t* at = code.data();
+  const uint64_t* const end = at + code.size();
   bool any_accept = false;
-  for (const FilterRule& r : rules_[KindIndex(kind)]) {
-    const bool matches = r.predicate.Matches(facts, utc_minute);
-    if (!IsLineId(r.id)) {
-      if (matches != r.pass) return {false, r.id, r.text};
-    } else if (!r.pass) {
-      if (matches) return {false, r.id, r.text};
+  while (at < end) {
+    const uint64_t head = at[0];
+    const uint64_t id = at[1];
+    const size_t size = size_t(head >> 32);
+    const bool matches = Predicate::Run(at + 2, size, facts, utc_minute);
+    at += 2 + size;
+    const int rank = int(head & 0xff);
+    const bool pass = ((head >> 8) & 1u) != 0;
+    const auto rule = int16_t((head >> 16) & 0x7fff);
+    if (rank == 0) {
+      if (matches != pass) return MakeVerdict(false, rule, id);
+    } else if (!pass) {
+      if (matches) return MakeVerdict(false, rule, id);
     } else {
-      if (matches) return {true, r.id, r.text};
+      if (matches) return MakeVerdict(true, rule, id);
       any_accept = true;
     }
   }
-  if (any_accept) return {false, "ACCEPT", kNoAcceptLine};
+  if (any_accept) return MakeVerdict(false, kNoAccept, PackId("ACCEPT"));
   return {};
 }
 
-FilterDecision UserFilters::Check(const SpotFacts& facts, int utc_minute_of_day) const {
+UserFilters::Verdict UserFilters::DecideSpot(const SpotFacts& facts, int utc_minute_of_day) const {
   if (!band_mode_.Passes(facts.band_index, facts.mode)) {
-    return {false, "DXBM", band_mode_text_};
+    return MakeVerdict(false, kMask, PackId("DXBM"));
   }
   return Decide(FilterKind::kSpots, facts, utc_minute_of_day);
 }
 
+FilterDecision UserFilters::Name(FilterKind kind, const Verdict& v) const {
+  switch (v.rule) {
+    case kNoRule:
+      return {v.pass, {}, {}};
+    case kNoAccept:
+      return {false, "ACCEPT", kNoAcceptLine};
+    case kMask:
+      return {false, "DXBM", band_mode_text_};
+    default:
+      break;
+  }
+  const FilterRule& r = rules_[KindIndex(kind)][size_t(v.rule)];
+  return {v.pass, r.id, r.text};
+}
+
+FilterDecision UserFilters::Check(const SpotFacts& facts, int utc_minute_of_day) const {
+  return Name(FilterKind::kSpots, DecideSpot(facts, utc_minute_of_day));
+}
+
 FilterDecision UserFilters::CheckAnnounce(const SpotFacts& facts) const {
-  return Decide(FilterKind::kAnnounce, facts, 0);
+  return Name(FilterKind::kAnnounce, Decide(FilterKind::kAnnounce, facts, 0));
 }
 
 FilterDecision UserFilters::CheckWwv(const SpotFacts& facts) const {
-  return Decide(FilterKind::kWwv, facts, 0);
+  return Name(FilterKind::kWwv, Decide(FilterKind::kWwv, facts, 0));
 }
 
 std::vector<std::string> UserFilters::RecordLines() const {
@@ -154,6 +231,9 @@ std::vector<std::string> UserFilters::RecordLines() const {
 std::vector<std::string> UserFilters::Load(const std::vector<std::string>& lines) {
   std::vector<std::string> errors;
   for (auto& rules : rules_) rules.clear();
+  for (FilterKind kind : {FilterKind::kSpots, FilterKind::kAnnounce, FilterKind::kWwv}) {
+    CodeOf(kind).clear();
+  }
   SetBandMode(BandModeMask::FromNumbers(dxbm_, dxbm2_), "");
   for (const std::string& line : lines) {
     const std::vector<std::string_view> fields = SplitLimit(line, '^', 3);

@@ -34,6 +34,7 @@ class Monitor;
 class StreamOutput;
 class StreamTable;
 struct NetworkState;
+struct StreamEntry;
 struct Spot;
 
 struct NodeNetworkOptions {
@@ -83,6 +84,13 @@ struct NodeNetworkDeps {
   // A mail sentence (PC28 to PC33, PC42) from a neighbour, for the mail forwarder.  True
   // when it was taken.
   std::function<bool(const PcSentence& s)> mail;
+  // The users' own rules for announcements from other nodes.  Asked once per announcement
+  // with its sender, target ("*", "SYSOP" or "WX"), text and origin node; what it returns is
+  // asked once per user.  Unset: every user whose switch is on gets it.
+  using UserGate = std::function<bool(int stream, const StreamEntry& user)>;
+  std::function<UserGate(std::string_view from, std::string_view to, std::string_view text,
+                         std::string_view origin)>
+      announce_gate;
 };
 
 class NodeNetwork final : public NodeRelay, private NodeOutput {
@@ -276,7 +284,8 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   bool OnLegacyTopology(PcSentence& s);
 
   // Local delivery of what came from the network.
-  void DeliverAnnounce(std::string_view from, std::string_view to, std::string_view text);
+  void DeliverAnnounce(std::string_view from, std::string_view to, std::string_view text,
+                       std::string_view origin);
   // False when no local user has the call.
   bool DeliverTalk(std::string_view from, std::string_view to, std::string_view text);
   int LocalUserStream(std::string_view call) const;

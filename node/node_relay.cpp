@@ -350,7 +350,7 @@ bool NodeNetwork::OnPc12(PcSentence& s) {
   if (!for_all && ToUpper(s.fields[2]) != options_.our_call) return false;
   if (processor_.dup_cache().SeenAnnounce(from, to, body, Now())) return false;
   if (deps_.announce && !deps_.announce(from, to, body)) return true;  // refused: dropped here
-  DeliverAnnounce(from, to, body);
+  DeliverAnnounce(from, to, body, origin);
   if (!for_all) return true;
   std::string& hop = s.fields[7];
   if (!processor_.state().HopsOk(hop)) return true;
@@ -371,14 +371,14 @@ NodeDeps::Pc93Outcome NodeNetwork::OnPc93(PcSentence& s) {
   if (IsAnnounceTarget(to)) {
     if (processor_.dup_cache().SeenAnnounce(from, to, body, Now())) return Outcome::kRepeat;
     if (deps_.announce && !deps_.announce(from, to, body)) return Outcome::kRepeat;
-    DeliverAnnounce(from, to, body);
+    DeliverAnnounce(from, to, body, s.fields[1]);
     return Outcome::kDelivered;
   }
   return DeliverTalk(from, to, body) ? Outcome::kDelivered : Outcome::kNotHere;
 }
 
-void NodeNetwork::DeliverAnnounce(std::string_view from, std::string_view to,
-                                  std::string_view text) {
+void NodeNetwork::DeliverAnnounce(std::string_view from, std::string_view to, std::string_view text,
+                                  std::string_view origin) {
   std::string line;
   uint32_t bit = kSwAnnouncements;
   if (to == "WX") {
@@ -393,11 +393,15 @@ void NodeNetwork::DeliverAnnounce(std::string_view from, std::string_view to,
   line += ": ";
   line += Trim(text);
   line += "\r\n";
+  const NodeNetworkDeps::UserGate gate = deps_.announce_gate
+                                             ? deps_.announce_gate(from, to, Trim(text), origin)
+                                             : NodeNetworkDeps::UserGate();
   StreamTable& t = *deps_.streams;
   for (int s = 1; s <= t.high_socket(); ++s) {
     const StreamEntry& u = t.at(s);
     if (!u.IsUser() || !u.session.Has(bit)) continue;
     if (to == "SYSOP" && u.privilege <= 0) continue;
+    if (gate && !gate(s, u)) continue;
     deps_.out->SendToStream(s, line);
   }
 }

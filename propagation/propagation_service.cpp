@@ -68,7 +68,7 @@ PropagationService::Intake PropagationService::OnPc23(const std::vector<std::str
   }
   if (!history_.AddWwv(r, now)) return Intake::kRepeat;
   Keep(deps_.wwv_dir, "wwv-", BuildPc23(r, kOriginatedReportHops));
-  ToUsers(kSwWwv, WwvUserLine(r));
+  ToUsers(kSwWwv, WwvUserLine(r), r.logger, r.origin);
   return Intake::kNew;
 }
 
@@ -82,7 +82,7 @@ PropagationService::Intake PropagationService::OnPc73(const std::vector<std::str
   }
   if (!history_.AddWcy(r, now)) return Intake::kRepeat;
   Keep(deps_.wcy_dir, "wcy-", BuildPc73(r, kOriginatedReportHops));
-  ToUsers(kSwWcy, WcyUserLine(r));
+  ToUsers(kSwWcy, WcyUserLine(r), r.logger, r.origin);
   return Intake::kNew;
 }
 
@@ -97,7 +97,7 @@ std::string PropagationService::EnterWwv(std::string_view logger, std::string_vi
   r.origin = our_call_;
   if (!history_.AddWwv(r, now)) return "This WWV has been sent already.";
   Keep(deps_.wwv_dir, "wwv-", BuildPc23(r, kOriginatedReportHops));
-  ToUsers(kSwWwv, WwvUserLine(r));
+  ToUsers(kSwWwv, WwvUserLine(r), r.logger, r.origin);
   if (deps_.originate) deps_.originate(BuildPc23(r, kOriginatedReportHops));
   return "WWV sent: " + WwvUserLine(r);
 }
@@ -109,7 +109,7 @@ bool PropagationService::OriginateWwv(WwvReport r) {
   r.origin = our_call_;
   if (!history_.AddWwv(r, now)) return false;
   Keep(deps_.wwv_dir, "wwv-", BuildPc23(r, kOriginatedReportHops));
-  ToUsers(kSwWwv, WwvUserLine(r));
+  ToUsers(kSwWwv, WwvUserLine(r), r.logger, r.origin);
   if (deps_.originate) deps_.originate(BuildPc23(r, kOriginatedReportHops));
   return true;
 }
@@ -139,14 +139,17 @@ void PropagationService::Keep(const std::filesystem::path& dir, std::string_view
   if (!AppendToFile(path, line)) Log("Propagation", "cannot append to " + path.string());
 }
 
-void PropagationService::ToUsers(uint32_t bit, std::string_view text) {
+void PropagationService::ToUsers(uint32_t bit, std::string_view text, std::string_view logger,
+                                 std::string_view origin) {
   // Built once per form (with and without the bell), not once per user.
   const std::string plain = std::string(text) + "\r\n";
   const std::string bell = std::string(text) + "\a\r\n";
+  const PropagationDeps::UserGate gate =
+      deps_.user_gate ? deps_.user_gate(logger, origin, text) : PropagationDeps::UserGate();
   StreamTable& t = *deps_.streams;
   for (int s = 1; s <= t.high_socket(); ++s) {
     const StreamEntry& e = t.at(s);
-    if (!e.IsUser() || !e.session.Has(bit)) continue;
+    if (!e.IsUser() || !e.session.Has(bit) || (gate && !gate(s, e))) continue;
     deps_.out->SendToStream(s, e.session.Has(kSwBeep) ? bell : plain);
   }
 }

@@ -19,6 +19,7 @@ namespace qx {
 class Monitor;
 class StreamOutput;
 class StreamTable;
+struct StreamEntry;
 
 struct PropagationDeps {
   StreamTable* streams = nullptr;  // required
@@ -31,6 +32,12 @@ struct PropagationDeps {
   std::function<void(std::string_view tag, std::string_view text)> log;
   // A sentence this node made (CR LF included), for every node link.
   std::function<void(std::string_view sentence)> originate;
+  // The users' own rules for WWV and WCY lines.  Asked once per report shown, with its logger,
+  // origin node and the line; what it returns is asked once per user whose switch is on.
+  // Unset: all of those get it.
+  using UserGate = std::function<bool(int stream, const StreamEntry& user)>;
+  std::function<UserGate(std::string_view logger, std::string_view origin, std::string_view line)>
+      user_gate;
 };
 
 // Hops a report we make starts with.
@@ -69,7 +76,8 @@ class PropagationService {
 
  private:
   void Keep(const std::filesystem::path& dir, std::string_view prefix, std::string_view line);
-  void ToUsers(uint32_t bit, std::string_view text);
+  void ToUsers(uint32_t bit, std::string_view text, std::string_view logger,
+               std::string_view origin);
   void Log(std::string_view tag, std::string_view text) const {
     if (deps_.log) deps_.log(tag, text);
   }

@@ -543,9 +543,14 @@ void CommandInterpreter::Announce(int stream, std::string_view line, std::string
   const std::string shown =
       (wx ? "WX de " : "To ALL de ") + from + ": " + std::string(Trim(text)) + "\r\n";
   const uint32_t bit = wx ? kSwWx : kSwAnnouncements;
+  // Each user's announcement (or, for WX, WWV) rules; the sender's facts are built once.
+  const FilterBook::UserGate gate =
+      ctx_.filters ? ctx_.filters->OriginGate(wx ? FilterKind::kWwv : FilterKind::kAnnounce, from,
+                                              Trim(text), ctx_.node_call)
+                   : FilterBook::UserGate();
   for (int s = 1; s <= ctx_.streams.high_socket(); ++s) {
     const StreamEntry& u = ctx_.streams.at(s);
-    if (u.IsUser() && u.session.Has(bit)) ctx_.Send(s, shown);
+    if (u.IsUser() && u.session.Has(bit) && (!gate || gate(s, u))) ctx_.Send(s, shown);
   }
   ctx_.relay.Announce(from, wx ? "WX" : "*", Trim(text), hops);
 }

@@ -121,12 +121,13 @@ bool FilterBook::Passes(int stream, const StreamEntry& user, const Spot& spot) {
   if (!user.session.Has(kSwFilters) || IsOwnSpot(user.call, spot.spotter())) return true;
   Entry* e = At(stream);
   if (!e) return true;
-  const FilterDecision d = e->filters.Check(facts_, minute_);
-  if (!d.pass) Remember(*e, spot, d);
-  return d.pass;
+  // The rule that dropped a spot is named only when SH/FILTER WHY asks.
+  const UserFilters::Verdict v = e->filters.DecideSpot(facts_, minute_);
+  if (!v.pass) Remember(*e, spot, v);
+  return v.pass;
 }
 
-void FilterBook::Remember(Entry& e, const Spot& spot, const FilterDecision& d) {
+void FilterBook::Remember(Entry& e, const Spot& spot, const UserFilters::Verdict& v) {
   Dropped& r = e.ring[e.ring_next];
   e.ring_next = (e.ring_next + 1) % kWhyKept;
   e.ring_count = std::min(e.ring_count + 1, kWhyKept);
@@ -134,9 +135,21 @@ void FilterBook::Remember(Entry& e, const Spot& spot, const FilterDecision& d) {
   r.khz = spot.FrequencyKHz;
   CopyCut(r.dx, spot.dx_call());
   CopyCut(r.spotter, spot.spotter());
-  CopyCut(r.rule_id, d.rule_id);
-  r.rule_text = d.rule_text;
+  r.verdict = v;
   r.generation = e.generation;
+}
+
+FilterBook::UserGate FilterBook::OriginGate(FilterKind kind, std::string_view sender,
+                                            std::string_view text, std::string_view origin) const {
+  return [this, kind, from = std::string(sender),
+          facts = MakeOriginFacts(sender, text, origin, countries_, nullptr)](
+             int stream, const StreamEntry& user) {
+    if (!user.session.Has(kSwFilters) || IsOwnSpot(user.call, from)) return true;
+    const Entry* e = At(stream);
+    if (!e) return true;
+    return (kind == FilterKind::kWwv ? e->filters.CheckWwv(facts) : e->filters.CheckAnnounce(facts))
+        .pass;
+  };
 }
 
 bool FilterBook::Shows(int stream, const StreamEntry& user, const Spot& spot) const {
@@ -185,11 +198,7 @@ std::vector<std::string> FilterBook::Describe(int stream, const SessionSettings&
   for (const std::string& stored : e->filters.RecordLines()) {
     const std::vector<std::string_view> parts = SplitLimit(stored, '^', 3);
     if (parts.size() != 3 || parts[1] == "DXBM") continue;
-    std::string text = fmt::format("{} {}: {}", parts[0], parts[1], parts[2]);
-    if (parts[0] != FilterKindName(FilterKind::kSpots)) {
-      text += "  (kept; not applied to this traffic yet)";
-    }
-    out.push_back(std::move(text));
+    out.push_back(fmt::format("{} {}: {}", parts[0], parts[1], parts[2]));
   }
   if (!e->filters.HasRules()) out.push_back("No filter rules.");
   return out;
@@ -201,10 +210,11 @@ std::vector<std::string> FilterBook::WhyLines(int stream) const {
   if (!e) return out;
   for (size_t i = 0; i < e->ring_count; ++i) {
     const Dropped& r = e->ring[(e->ring_next + kWhyKept - e->ring_count + i) % kWhyKept];
-    const std::string_view rule =
-        r.generation == e->generation ? r.rule_text : std::string_view("(changed since)");
+    const std::string_view rule = r.generation == e->generation
+                                      ? e->filters.NameOf(r.verdict).rule_text
+                                      : std::string_view("(changed since)");
     out.push_back(fmt::format("{} {:>9.1f} {:<12} by {:<10} {}: {}", TimeHHnnZ(r.when), r.khz,
-                              View(r.dx), View(r.spotter), View(r.rule_id), rule));
+                              View(r.dx), View(r.spotter), r.verdict.Id(), rule));
   }
   return out;
 }

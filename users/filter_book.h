@@ -14,6 +14,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -56,6 +57,14 @@ class FilterBook final : public SpotFilter {
   void Prepare(const Spot& spot) override;
   bool Passes(int stream, const StreamEntry& user, const Spot& spot) override;
 
+  // Announcements and WX/WWV/WCY lines go through the same rules (ANNOUNCE rules for
+  // announcements, WWV rules for WX announcements and WWV/WCY lines).  The sender's facts are
+  // built once here, per line; the gate answers per user, on the same terms as spots: filters
+  // switched off or the user's own line always pass.  kind: kAnnounce or kWwv.
+  using UserGate = std::function<bool(int stream, const StreamEntry& user)>;
+  UserGate OriginGate(FilterKind kind, std::string_view sender, std::string_view text,
+                      std::string_view origin) const;
+
   // Whether SH/DX shows the spot to the user (facts built here: SH/DX is not the hot path).
   bool Shows(int stream, const StreamEntry& user, const Spot& spot) const;
   // A spot as intake would leave it, for TEST/FILTER.
@@ -76,8 +85,7 @@ class FilterBook final : public SpotFilter {
     double khz = 0;
     std::array<char, 16> dx{};
     std::array<char, 16> spotter{};
-    std::array<char, 12> rule_id{};
-    std::string_view rule_text;  // into the filters; valid while generation is unchanged
+    UserFilters::Verdict verdict;  // its rule is named while generation is unchanged
     uint64_t generation = 0;
   };
   struct Entry {
@@ -91,7 +99,7 @@ class FilterBook final : public SpotFilter {
   };
   Entry* At(int stream) const;
   Entry& Make(int stream);
-  void Remember(Entry& e, const Spot& spot, const FilterDecision& d);
+  void Remember(Entry& e, const Spot& spot, const UserFilters::Verdict& v);
 
   const BandTable& bands_;
   const CountryLookup* countries_;

@@ -67,6 +67,27 @@ TEST_F(FilterRulesTest, AndBindsTighterThanOrAndBracketsAndNotWork) {
   EXPECT_FALSE(Matches("NOT NOT on 20m", f));
   EXPECT_TRUE(Matches("on 40m and call_dxcc JA and by_state MA", f));
   EXPECT_TRUE(Matches("call_dxcc K, JA and on 40m", f));  // a list over blanks after commas
+  // Groups stop at the first term that settles them; what follows must still be reached.
+  EXPECT_TRUE(Matches("(on 20m and call JA) or (on 40m and not by DL) or call K", f));
+  EXPECT_FALSE(Matches("(on 40m or call K) and (by DL or call_cont EU or not on 40m)", f));
+  EXPECT_TRUE(Matches("not (on 20m or by DL) and (info x or on 40m) and call =JA1XYZ", f));
+  EXPECT_FALSE(Matches("not ((on 40m and by K) or on 20m)", f));
+}
+
+TEST_F(FilterRulesTest, SourceTellsHumanSpotsFromFeeds) {
+  Spot spot = w_.MakeSpot(14025.0, "K1ABC");
+  const SpotFacts human = MakeSpotFacts(spot, w_.bands, nullptr);
+  spot.SourceTag = SourceTagText(SpotSource::kSkimmer);
+  const SpotFacts skimmer = MakeSpotFacts(spot, w_.bands, nullptr);
+  spot.SourceTag = SourceTagText(SpotSource::kReporter);
+  const SpotFacts reporter = MakeSpotFacts(spot, w_.bands, nullptr);
+  EXPECT_TRUE(Matches("source human", human));
+  EXPECT_FALSE(Matches("source human", skimmer));
+  EXPECT_TRUE(Matches("source Skimmer,reporter", skimmer));
+  EXPECT_TRUE(Matches("source skimmer, reporter", reporter));
+  EXPECT_FALSE(Matches("not source reporter", reporter));
+  EXPECT_EQ(Error("rej/spots source robot").word, "robot");
+  EXPECT_EQ(Error("rej/ann source skimmer").word, "source");  // announcements have no source
 }
 
 TEST_F(FilterRulesTest, BadInputNamesTheWord) {

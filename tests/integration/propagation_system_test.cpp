@@ -44,6 +44,13 @@ TEST_F(PropagationSystemTest, AWwvEnteredOnOneNodeReachesTheOthersUsers) {
   auto sysop = a.LogIn("K1SYS", "secret");
   auto user_a = a.LogIn("W1AAA");
   auto user_b = b.LogIn("W2BBB");
+  // A user whose WWV rules refuse the United States, and whose announcement rules North
+  // America, sees neither the WWV nor the announcement from there.
+  auto choosy = b.LogIn("DL1CCC");
+  choosy->SendLine("SET/FILTER WOC/REJ K");
+  ASSERT_TRUE(choosy->ReadUntil("WWV filter WOC set")) << choosy->received();
+  choosy->SendLine("REJ/ANN by_cont NA");
+  ASSERT_TRUE(choosy->ReadUntil("ANNOUNCE filter R1 set")) << choosy->received();
 
   user_a->SendLine("WWV SF=150,A=8,K=2,Quiet");
   ASSERT_TRUE(user_a->ReadUntil("sysop command error")) << user_a->received();
@@ -55,6 +62,10 @@ TEST_F(PropagationSystemTest, AWwvEnteredOnOneNodeReachesTheOthersUsers) {
   ASSERT_TRUE(user_b->ReadUntil(line)) << user_b->received() << Logs(b);
   ASSERT_TRUE(user_a->ReadUntil(line)) << user_a->received();
   EXPECT_EQ(CountAfterDrain(*user_b, "WWV de"), 1u);
+  user_a->SendLine("ANNOUNCE hello from W1AAA");
+  ASSERT_TRUE(user_b->ReadUntil("To ALL de W1AAA: hello from W1AAA")) << user_b->received();
+  EXPECT_EQ(CountAfterDrain(*choosy, "WWV de"), 0u);
+  EXPECT_EQ(CountAfterDrain(*choosy, "To ALL de"), 0u);
   for (auto* u : {user_a.get(), user_b.get()}) {
     u->ClearReceived();
     u->SendLine("SH/WWV");

@@ -3,6 +3,7 @@
 // one manager talking to a scripted peer.
 #include "node/node_network.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -98,6 +99,10 @@ struct TestNode {
     d.errors = [this](int, std::string_view tag, std::string_view text) {
       errors.push_back(std::string(tag) + ": " + std::string(text));
     };
+    d.announce_gate = [this](std::string_view from, std::string_view to, std::string_view text,
+                             std::string_view origin) {
+      return announce_gate ? announce_gate(from, to, text, origin) : NodeNetworkDeps::UserGate();
+    };
     net = std::make_unique<NodeNetwork>(o, std::move(d));
     net->Configure(cfg);
     streams.EnsureCapacity(32);
@@ -123,6 +128,8 @@ struct TestNode {
   }
 
   // A logged-in local user on stream.
+  decltype(NodeNetworkDeps::announce_gate) announce_gate;  // the users' rules, when set
+
   void AddUser(int stream, std::string_view user, uint32_t switches = ~0u) {
     StreamEntry& e = streams.at(stream);
     e.state = kStateUser;
@@ -524,6 +531,26 @@ TEST_F(RingTest, ReceivedAnnouncementsReachOnlyTheirAudience) {
   clock_.Advance(1s);
   b_->net->OnLine(21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) +
                           "^*^Q7OLD^*^old style^Q7XXX^^H99^");
+  EXPECT_EQ(Count(b_->out.To(1), "To ALL de Q7OLD: old style\r\n"), 1u);
+}
+
+TEST_F(RingTest, ReceivedAnnouncementsPassEachUsersRules) {
+  b_->AddUser(2, "Q6TWO");
+  std::vector<std::string> asked;
+  b_->announce_gate = [&](std::string_view from, std::string_view to, std::string_view text,
+                          std::string_view origin) {
+    asked.push_back(fmt::format("{}|{}|{}|{}", from, to, text, origin));
+    return [wx = to == "WX"](int stream, const StreamEntry& user) {
+      return !(wx && stream == 1 && user.call == "Q6USR");  // user 1 refuses WX
+    };
+  };
+  clock_.Advance(1s);
+  b_->net->OnLine(
+      21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) + "^WX^Q5USR^*^foggy^^^H99^");
+  b_->net->OnLine(21, "PC12^Q7OLD^*^old style^ ^Q7XXX^0^H29^~");
+  EXPECT_EQ(asked, (std::vector<std::string>{"Q5USR|WX|foggy|Q1AAA", "Q7OLD|*|old style|Q7XXX"}));
+  EXPECT_EQ(Count(b_->out.To(1), "foggy"), 0u);
+  EXPECT_EQ(Count(b_->out.To(2), "WX de Q5USR: foggy\r\n"), 1u);
   EXPECT_EQ(Count(b_->out.To(1), "To ALL de Q7OLD: old style\r\n"), 1u);
 }
 

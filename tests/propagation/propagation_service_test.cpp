@@ -65,6 +65,35 @@ class PropagationServiceTest : public ::testing::Test {
   std::vector<std::string> originated;
 };
 
+TEST_F(PropagationServiceTest, EachReportAsksTheUsersGateOnceAndSkipsWhomItRefuses) {
+  std::vector<std::string> asked;
+  std::vector<int> users_asked;
+  auto service = [&] {
+    PropagationDeps d;
+    d.streams = &streams;
+    d.out = &out;
+    d.clock = &clock;
+    d.user_gate = [&](std::string_view logger, std::string_view origin, std::string_view line) {
+      asked.push_back(fmt::format("{}|{}|{}", logger, origin, line));
+      return [&, refuse = logger == "Q4LOG"](int stream, const StreamEntry&) {
+        users_asked.push_back(stream);
+        return !(refuse && stream == 1);
+      };
+    };
+    return std::make_unique<PropagationService>("Q9NODE", d);
+  }();
+  service->OnPc23(F("PC23^05-Nov-2026^15^220^4^1^No Storms^Q4LOG^Q6VVV^H20^~"));
+  service->OnPc73(F("PC73^05-Nov-2026^15^220^3^1^0^212^act^qui^no^Q5LOG^Q6VVV^H9^"));
+  EXPECT_EQ(asked, (std::vector<std::string>{
+                       "Q4LOG|Q6VVV|WWV de Q4LOG <15>: SFI=220, A=4, K=1, No Storms",
+                       "Q5LOG|Q6VVV|WCY de Q5LOG <15> : K=1 expK=0 A=3 R=212 SFI=220 SA=act "
+                       "GMF=qui Au=no"}));
+  EXPECT_EQ(users_asked, (std::vector<int>{1, 2, 1, 2}));  // only users with the switch on
+  ASSERT_EQ(out.sent.size(), 3u);
+  EXPECT_EQ(out.sent[0].first, 2);
+  EXPECT_EQ(out.sent[1].first, 1);
+}
+
 TEST_F(PropagationServiceTest, ReceivedReportsAreShownKeptAndSurviveARestart) {
   auto service = Make();
   using Intake = PropagationService::Intake;

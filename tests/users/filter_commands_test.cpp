@@ -65,7 +65,7 @@ TEST_F(FilterCommandsTest, EveryFormTakesEffectAtOnceAndIsStoredOneLinePerRule) 
   const std::string shown = Run("SH/FILTER");
   EXPECT_THAT(shown, StartsWith("Filters are on.\r\nDXBM 1610792964/65535: 160m,80m,"));
   EXPECT_THAT(shown, HasSubstr("SPOTS R2: REJ/SPOTS 2 by_cont EU and info iota\r\n"));
-  EXPECT_THAT(shown, HasSubstr("ANNOUNCE A1: ACCEPT/ANNOUNCE by_cont NA  (kept; not applied"));
+  EXPECT_THAT(shown, HasSubstr("ANNOUNCE A1: ACCEPT/ANNOUNCE by_cont NA\r\n"));
   EXPECT_EQ(Run("SH/DXBM"), "DXBM 1610792964/65535: 160m,80m,40m,20m,15m,10m\r\n");
 
   // A log-in on another stream compiles the same rules from the record; an SSID of 16 or
@@ -159,6 +159,36 @@ TEST_F(FilterCommandsTest, AnOldRecordLineIsReadOnceAndABrokenOneDropped) {
     log += ReadFileText(f.path()).value_or("");
   }
   EXPECT_THAT(log, HasSubstr("W1OLD: stored filter dropped: Filter error"));
+}
+
+TEST_F(FilterCommandsTest, AnnouncementsAndWxPassTheirOwnRules) {
+  LogIn(2, "DL1XYZ", "Bob");
+  LogIn(3, "JA1XYZ", "Cho");
+  LogIn(4, "W2XYZ", "Dan");
+  Run("REJ/ANN by_cont NA", 2);
+  Run("SET/FILTER AOC/REJ K", 3);  // "W" or "K": the United States either way
+  Run("SET/FILTER WOC/PASS JA,DL", 4);
+  for (int s = 1; s <= 4; ++s) Take(s);
+  const auto got = [&](int s, std::string_view text) {
+    return Take(s).find(text) != std::string::npos;
+  };
+  Run("ANNOUNCE QRV on 6m");  // K1ABC in North America
+  EXPECT_FALSE(got(2, "To ALL de K1ABC: QRV on 6m"));
+  EXPECT_FALSE(got(3, "To ALL de K1ABC"));
+  EXPECT_TRUE(got(4, "To ALL de K1ABC: QRV on 6m"));  // WX rules leave announcements alone
+  Run("WX sunny", 3);
+  EXPECT_TRUE(got(1, "WX de JA1XYZ: sunny"));
+  EXPECT_TRUE(got(2, "WX de JA1XYZ: sunny"));
+  EXPECT_TRUE(got(4, "WX de JA1XYZ: sunny"));
+  Run("WX rain");
+  EXPECT_TRUE(got(2, "WX de K1ABC: rain"));
+  EXPECT_FALSE(got(4, "WX de K1ABC"));
+  Run("SET/FILTER AOC/REJ DL", 2);
+  Type(2, "ANNOUNCE hello");
+  EXPECT_TRUE(got(2, "To ALL de DL1XYZ: hello"));  // the sender sees their own
+  Run("SET/NOFILTERS", 3);
+  Run("ANNOUNCE again");
+  EXPECT_TRUE(got(3, "To ALL de K1ABC: again"));
 }
 
 }  // namespace
