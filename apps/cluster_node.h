@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/feed_manager.h"
 #include "apps/node_stats.h"
 #include "console/console_server.h"
 #include "core/config.h"
@@ -93,6 +94,7 @@ class ClusterNode final : public LinkEvents,
   void Shutdown() override;
   std::vector<std::string> ShowPropagation(std::string_view what, std::string_view args) override;
   std::string EnterWwv(int stream, std::string_view line, std::string_view args) override;
+  bool SkimmerStatus(std::string_view call, std::vector<std::string>& lines) override;
 
  private:
   friend class NodeConsoleModel;
@@ -136,6 +138,7 @@ class ClusterNode final : public LinkEvents,
   void SaveHighestRates(bool at_stop);
   void SetUpNetwork();
   void SetUpPropagation();  // WWV/WCY: today's reports loaded, the fetch set up
+  void SetUpFeeds();        // skimmer, reverse-beacon and reporter feeds
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;
@@ -151,6 +154,7 @@ class ClusterNode final : public LinkEvents,
   LogonMessages messages_;
   CountryLookup countries_;
   std::unique_ptr<NodeNetwork> network_;  // the node links; also the users' NodeRelay
+  std::unique_ptr<FeedManager> feeds_;
   BadLists bad_lists_;
   BandTable bands_ = BandTable::SetupFreqRanges();
   DupeDetector dupes_;

@@ -457,7 +457,9 @@ IntakeResult SpotIntake::Process(const IntakeRequest& req) {
     return Refuse(SpotVerdict::kSpotterCountryUnknown);
   }
   // 17. Duplicates, then the rate limits.
-  if (deps_.dupes && deps_.dupes->DupeFound(s, now)) return Refuse(SpotVerdict::kDuplicate);
+  if (deps_.dupes && !req.skip_dupe_check && deps_.dupes->DupeFound(s, now)) {
+    return Refuse(SpotVerdict::kDuplicate);
+  }
   if (deps_.rates) {
     const RateVerdict rate = deps_.rates->Admit(s.dx_call(), s.spotter(), now);
     if (rate != RateVerdict::kAdmitted) {

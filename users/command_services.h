@@ -33,6 +33,11 @@ class CommandServices {
   virtual std::vector<std::string> ShowPropagation(std::string_view what, std::string_view args) {
     return {};
   }
+  // SKIMMER/STATUS with an optional call: the feeds with their rates and counts, then the
+  // call's recent skimmer reports.  False when the status cannot be given.
+  virtual bool SkimmerStatus(std::string_view call, std::vector<std::string>& lines) {
+    return false;
+  }
   // The WWV command (line as typed, args after the keyword): the reply.
   virtual std::string EnterWwv(int stream, std::string_view line, std::string_view args) {
     return "WWV reports cannot be entered on this node.";
