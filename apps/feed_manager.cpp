@@ -152,9 +152,11 @@ void FeedManager::ConfigureReporter(const Config& config) {
       ParseBrokerAddress(config.Get("FT8 URL"), config.Get("FT8 Port"), o.host, o.port);
   o.topic = std::string(Trim(config.Get("FT8 Topic")));
   if (o.topic.empty()) o.topic = "#";
-  if (!reporter_) {
-    ReporterSettings settings;
+  ReporterSettings settings;
+  settings.hold = std::chrono::seconds(std::clamp(config.GetInt("FT8 Hold", 30), 0, 300));
+  if (!reporter_ || settings.hold != reporter_hold_) {
     reporter_ = std::make_unique<ReporterFeed>(*deps_.bands, settings);
+    reporter_hold_ = settings.hold;
   }
   const bool same = reporter_client_ && o.host == reporter_options_.host &&
                     o.port == reporter_options_.port && o.topic == reporter_options_.topic;

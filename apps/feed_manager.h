@@ -163,6 +163,7 @@ class FeedManager {
   Spot scratch_;
   // The reporter network.
   std::unique_ptr<ReporterFeed> reporter_;
+  std::chrono::seconds reporter_hold_{0};
   std::unique_ptr<ReporterClient> reporter_client_;
   ReporterClientOptions reporter_options_;
   FeedRate reporter_rate_;

@@ -136,6 +136,8 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "FT8 Port", ""},
       // The reporter broker's topic filter ("#": everything it publishes).
       {EntryKind::kSingle, "FT8 Topic", "#"},
+      // Seconds a reporter spot waits for more receivers of the station before it goes out.
+      {EntryKind::kSingle, "FT8 Hold", "30"},
       {EntryKind::kSingle, "Modes", ""},
       {EntryKind::kSingle, "MaxMem", "0"},
       {EntryKind::kSingle, "NewMaxSpotsPerMin", "2000"},
