@@ -38,33 +38,7 @@ std::string StreamCallOf(std::string_view name) {
 
 }  // namespace
 
-bool ParseBrokerAddress(std::string_view url, std::string_view port_text, std::string& host,
-                        int& port) {
-  std::string_view u = Trim(url);
-  for (std::string_view scheme : {"mqtt://", "tcp://"}) {
-    if (u.size() >= scheme.size() && EqualsIgnoreCase(u.substr(0, scheme.size()), scheme)) {
-      u.remove_prefix(scheme.size());
-    }
-  }
-  u = u.substr(0, u.find('/'));
-  port = ParseIntOr(Trim(port_text), 1883);
-  // "host:port", but an IPv6 address only in brackets.
-  if (!u.empty() && u.front() == '[') {
-    const size_t close = u.find(']');
-    if (close == std::string_view::npos) return false;
-    if (close + 1 < u.size() && u[close + 1] == ':') port = ParseIntOr(u.substr(close + 2), port);
-    u = u.substr(1, close - 1);
-  } else if (const size_t colon = u.find(':');
-             colon != std::string_view::npos && u.find(':', colon + 1) == std::string_view::npos) {
-    port = ParseIntOr(u.substr(colon + 1), port);
-    u = u.substr(0, colon);
-  }
-  host = std::string(u);
-  return !host.empty() && port > 0 && port <= 65535;
-}
-
-FeedManager::FeedManager(boost::asio::io_context& io, FeedManagerDeps deps,
-                         FeedHealthLimits limits)
+FeedManager::FeedManager(boost::asio::io_context& io, FeedManagerDeps deps, FeedHealthLimits limits)
     : io_(io), deps_(std::move(deps)), limits_(limits), verifier_(*deps_.bands) {}
 
 FeedManager::~FeedManager() { Stop(); }
@@ -379,7 +353,7 @@ void FeedManager::OnLine(int stream, std::string_view line) {
       return;
     }
     if (!line.starts_with("DX de ")) return;  // the server's greeting
-    f.logged_in = true;  // a server that asks nothing
+    f.logged_in = true;                       // a server that asks nothing
   }
   SkimmerReport report;
   const SkimmerLineError error =
@@ -391,8 +365,8 @@ void FeedManager::OnLine(int stream, std::string_view line) {
     if (f.garbage_logged < kGarbageLogged && error != SkimmerLineError::kNotASpot) {
       ++f.garbage_logged;
       if (deps_.log) {
-        deps_.log->Write("Feeds", f.name + ": " + std::string(SkimmerLineErrorName(error)) +
-                                      ": " + std::string(line.substr(0, 120)));
+        deps_.log->Write("Feeds", f.name + ": " + std::string(SkimmerLineErrorName(error)) + ": " +
+                                      std::string(line.substr(0, 120)));
       }
     }
     if (f.garbage_run >= limits_.max_garbage_in_a_row) {
@@ -612,9 +586,9 @@ std::vector<FeedStatus> FeedManager::Status() const {
 
 std::vector<std::string> FeedManager::StatusLines(std::string_view call) const {
   const std::string upper = ToUpper(Trim(call));
-  return FeedStatusLines(Status(), upper,
-                         upper.empty() ? std::vector<const RecentReport*>{}
-                                       : recent_.Of(upper, kStatusReports));
+  return FeedStatusLines(
+      Status(), upper,
+      upper.empty() ? std::vector<const RecentReport*>{} : recent_.Of(upper, kStatusReports));
 }
 
 }  // namespace qx

@@ -38,9 +38,9 @@ class StreamTable;
 struct CountryInfo;
 
 struct FeedManagerDeps {
-  StreamTable* streams = nullptr;  // required
-  StreamOutput* out = nullptr;     // required
-  const Clock* clock = nullptr;    // required
+  StreamTable* streams = nullptr;    // required
+  StreamOutput* out = nullptr;       // required
+  const Clock* clock = nullptr;      // required
   const BandTable* bands = nullptr;  // required
   const ProgramDir* dir = nullptr;   // required: data/files, data/busted
   Monitor* monitor = nullptr;
@@ -152,7 +152,7 @@ class FeedManager {
   FeedHealthLimits limits_;
   std::string our_call_;
   std::vector<Feed> outgoing_;
-  std::map<int, Feed> inbound_;  // by stream
+  std::map<int, Feed> inbound_;                                    // by stream
   std::map<std::string, FeedStreamKind, std::less<>> feed_calls_;  // defined nodes of feed types
   SkimmerVerifier verifier_;
   FeedCounts totals_;
@@ -171,10 +171,5 @@ class FeedManager {
   uint64_t reporter_spots_ = 0;
   uint64_t reporter_rejected_ = 0;
 };
-
-// "mqtt.example.org", "mqtt://mqtt.example.org:1883/", "tcp://10.0.0.1" with the port key
-// as fallback: host and port of the broker.  False when no host is named.
-bool ParseBrokerAddress(std::string_view url, std::string_view port_text, std::string& host,
-                        int& port);
 
 }  // namespace qx

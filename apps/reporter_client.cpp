@@ -147,7 +147,8 @@ void ReporterClient::ConnectLibrary(const std::string& address) {
     mosquitto_connect_callback_set(mosq_, &ReporterClient::OnConnectCallback);
     mosquitto_message_callback_set(mosq_, &ReporterClient::OnMessageCallback);
   }
-  const int rc = mosquitto_connect(mosq_, address.c_str(), options_.port, options_.keepalive_seconds);
+  const int rc =
+      mosquitto_connect(mosq_, address.c_str(), options_.port, options_.keepalive_seconds);
   if (rc != MOSQ_ERR_SUCCESS) {
     Fail(std::string("cannot connect to ") + peer() + ": " + mosquitto_strerror(rc));
     return;
@@ -208,19 +209,19 @@ void ReporterClient::WaitWrite() {
   if (write_waiting_ || !descriptor_.is_open() || !mosq_ || !mosquitto_want_write(mosq_)) return;
   write_waiting_ = true;
   const uint64_t gen = generation_;
-  descriptor_.async_wait(boost::asio::posix::stream_descriptor::wait_write,
-                         [this, gen, alive = alive_](const boost::system::error_code& ec) {
-                           if (!*alive || gen != generation_) return;
-                           write_waiting_ = false;
-                           if (ec || !mosq_) return;
-                           const int rc = mosquitto_loop_write(mosq_, 1);
-                           if (rc != MOSQ_ERR_SUCCESS) {
-                             Fail(std::string("cannot write to the reporter broker: ") +
-                                  mosquitto_strerror(rc));
-                             return;
-                           }
-                           WaitWrite();
-                         });
+  descriptor_.async_wait(
+      boost::asio::posix::stream_descriptor::wait_write,
+      [this, gen, alive = alive_](const boost::system::error_code& ec) {
+        if (!*alive || gen != generation_) return;
+        write_waiting_ = false;
+        if (ec || !mosq_) return;
+        const int rc = mosquitto_loop_write(mosq_, 1);
+        if (rc != MOSQ_ERR_SUCCESS) {
+          Fail(std::string("cannot write to the reporter broker: ") + mosquitto_strerror(rc));
+          return;
+        }
+        WaitWrite();
+      });
 }
 
 void ReporterClient::Tick() {

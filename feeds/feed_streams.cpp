@@ -122,8 +122,8 @@ void FeedRate::Advance(int64_t now) const {
 
 void FeedRate::Add(int64_t now, uint32_t n) {
   Advance(now);
-  if (now < last_) return;  // a clock that went back counts in the current second
-  buckets_[size_t(now % 60)] += n;
+  // A clock that went back counts in the current second.
+  buckets_[size_t(std::max(now, last_) % 60)] += n;
 }
 
 uint32_t FeedRate::PerMinute(int64_t now) const {
@@ -177,10 +177,35 @@ std::vector<std::string> FeedStatusLines(const std::vector<FeedStatus>& feeds,
   for (const RecentReport* r : reports) {
     const std::string_view verdict = SkimmerVerdictName(r->verdict);
     lines.push_back(fmt::format("  {} {} {:>9} {:<12} {:<11} {} ({})", DateText(r->at),
-                                TimeHHnnZ(r->at), r->freq_text, r->spotter, r->mode_column,
-                                verdict, r->skimmers));
+                                TimeHHnnZ(r->at), r->freq_text, r->spotter, r->mode_column, verdict,
+                                r->skimmers));
   }
   return lines;
+}
+
+bool ParseBrokerAddress(std::string_view url, std::string_view port_text, std::string& host,
+                        int& port) {
+  std::string_view u = Trim(url);
+  for (std::string_view scheme : {"mqtt://", "tcp://"}) {
+    if (u.size() >= scheme.size() && EqualsIgnoreCase(u.substr(0, scheme.size()), scheme)) {
+      u.remove_prefix(scheme.size());
+    }
+  }
+  u = u.substr(0, u.find('/'));
+  port = ParseIntOr(Trim(port_text), 1883);
+  // "host:port", but an IPv6 address only in brackets.
+  if (!u.empty() && u.front() == '[') {
+    const size_t close = u.find(']');
+    if (close == std::string_view::npos) return false;
+    if (close + 1 < u.size() && u[close + 1] == ':') port = ParseIntOr(u.substr(close + 2), port);
+    u = u.substr(1, close - 1);
+  } else if (const size_t colon = u.find(':');
+             colon != std::string_view::npos && u.find(':', colon + 1) == std::string_view::npos) {
+    port = ParseIntOr(u.substr(colon + 1), port);
+    u = u.substr(0, colon);
+  }
+  host = std::string(u);
+  return !host.empty() && port > 0 && port <= 65535;
 }
 
 }  // namespace qx

@@ -53,25 +53,25 @@ class FeedBackoff {
 
 // Limits that make a feed connection be dropped (and called again after the back-off).
 struct FeedHealthLimits {
-  int64_t stall_seconds = 300;       // no line at all for this long
-  int max_lines_per_second = 2000;   // lines past this in one second are dropped (counted)
-  int64_t flood_seconds = 30;        // ... and a feed over the limit this many seconds is cut
-  int max_garbage_in_a_row = 200;    // lines that are no report, one after the other
+  int64_t stall_seconds = 300;         // no line at all for this long
+  int max_lines_per_second = 2000;     // lines past this in one second are dropped (counted)
+  int64_t flood_seconds = 30;          // ... and a feed over the limit this many seconds is cut
+  int max_garbage_in_a_row = 200;      // lines that are no report, one after the other
   int64_t healthy_after_seconds = 60;  // up this long with reports: the back-off starts over
 };
 
 // Counts for one feed (or for the node's whole reporter feed).
 struct FeedCounts {
   uint64_t lines = 0;
-  uint64_t reports = 0;     // lines read as skimmer reports
-  uint64_t garbage = 0;     // lines that were not, after log-in
-  uint64_t flooded = 0;     // lines dropped by the rate limit
-  uint64_t verified = 0;    // verdicts: verified or QSY
+  uint64_t reports = 0;   // lines read as skimmer reports
+  uint64_t garbage = 0;   // lines that were not, after log-in
+  uint64_t flooded = 0;   // lines dropped by the rate limit
+  uint64_t verified = 0;  // verdicts: verified or QSY
   uint64_t busted = 0;
   uint64_t unverified = 0;
-  uint64_t refused = 0;     // skimmer or DX call refused, no band
-  uint64_t passed = 0;      // handed to intake
-  uint64_t accepted = 0;    // taken by intake
+  uint64_t refused = 0;   // skimmer or DX call refused, no band
+  uint64_t passed = 0;    // handed to intake
+  uint64_t accepted = 0;  // taken by intake
   uint64_t connects = 0;
   uint64_t drops = 0;
 
@@ -132,5 +132,10 @@ struct FeedStatus {
 std::vector<std::string> FeedStatusLines(const std::vector<FeedStatus>& feeds,
                                          std::string_view call,
                                          const std::vector<const RecentReport*>& reports);
+
+// "mqtt.example.org", "mqtt://mqtt.example.org:1883/", "tcp://10.0.0.1" with the port key
+// as fallback: host and port of the broker.  False when no host is named.
+bool ParseBrokerAddress(std::string_view url, std::string_view port_text, std::string& host,
+                        int& port);
 
 }  // namespace qx

@@ -28,8 +28,8 @@ std::string NowHHnnZ() {
 // Three skimmers agree on a call: the verification stage lets it through.
 void SendAgreeingReports(PeerListener& feed, std::string_view dx, std::string_view khz) {
   for (std::string_view skimmer : {"DL1AAA-#", "OH2BBB-#", "G3CCC-#"}) {
-    feed.SendLine(fmt::format("DX de {}:  {}  {}  CW  18 dB  26 WPM  CQ  {}", skimmer, khz, dx,
-                              NowHHnnZ()));
+    feed.SendLine(
+        fmt::format("DX de {}:  {}  {}  CW  18 dB  26 WPM  CQ  {}", skimmer, khz, dx, NowHHnnZ()));
   }
 }
 
@@ -95,6 +95,30 @@ TEST_F(FeedsSystemTest, SkimmerSpotsReachOnlyUsersWhoAskAndTheFeedOutlivesANodeR
   EXPECT_FALSE(server.WaitClosed(500ms));
 }
 
+TEST_F(FeedsSystemTest, AFeedThatSendsOnlyGarbageIsDroppedAndCalledAgain) {
+  NodeSite site("K1QXA");
+  PeerListener server;
+  site.Setting("Feed Name", "Own skimmer");
+  site.Setting("Feed Kind", "SKIMMER");
+  site.Setting("Feed Address", "127.0.0.1");
+  site.Setting("Feed Port", std::to_string(server.port()));
+  site.Setting("Feed Active", "True");
+  site.Start();
+  ASSERT_TRUE(server.Accept()) << site.node().Output();
+  server.SendLine("login:");
+  ASSERT_TRUE(server.ReadUntil("K1QXA\r\n")) << server.received();  // the node's own call
+  for (int i = 0; i < 250; ++i)
+    server.SendLine("To ALL de XX1XX: nothing but chatter " + std::to_string(i));
+  EXPECT_TRUE(server.WaitClosed(10s));
+  // Called again after the first pause (5 s), and the node goes on serving users.
+  EXPECT_TRUE(server.Accept(15s)) << site.node().Output();
+  EXPECT_THAT(site.node().Output(), HasSubstr("sends no skimmer reports"));
+  auto user = site.LogIn("W1USR");
+  user->SendLine("SHOW/SKIMMER/STATUS");
+  ASSERT_TRUE(user->ReadUntil("QXC >")) << user->received();
+  EXPECT_THAT(user->received(), HasSubstr("Own skimmer"));
+}
+
 TEST_F(FeedsSystemTest, ASkimmerLoggingInAsANodeOfKindSkmIsAFeed) {
   NodeSite site("K1QXA");
   site.Define("DL9SKM", "SKM");
@@ -108,8 +132,7 @@ TEST_F(FeedsSystemTest, ASkimmerLoggingInAsANodeOfKindSkmIsAFeed) {
   skimmer->SendLine("DL9SKM");
   ASSERT_TRUE(skimmer->ReadUntil("skimmer reports welcome")) << skimmer->received();
   user->ClearReceived();
-  skimmer->SendLine(
-      fmt::format("DX de DL9SKM-#: 14010.2 K7QQT CW 12 dB 22 WPM CQ {}", NowHHnnZ()));
+  skimmer->SendLine(fmt::format("DX de DL9SKM-#: 14010.2 K7QQT CW 12 dB 22 WPM CQ {}", NowHHnnZ()));
   ASSERT_TRUE(user->ReadUntil("K7QQT", 10s)) << user->received() << Logs(site);
   EXPECT_THAT(user->received(), HasSubstr("?1"));
   user->ClearReceived();
@@ -132,8 +155,8 @@ class Broker {
   int port() const { return port_; }
   // One report published with mosquitto_pub.
   bool Publish(std::string_view topic, std::string_view payload) {
-    const std::string command = fmt::format("{} -h 127.0.0.1 -p {} -t '{}' -m '{}'", kPublisher,
-                                            port_, topic, payload);
+    const std::string command =
+        fmt::format("{} -h 127.0.0.1 -p {} -t '{}' -m '{}'", kPublisher, port_, topic, payload);
     return std::system(command.c_str()) == 0;
   }
   static bool Installed() {
