@@ -442,12 +442,12 @@ bool ClusterNode::Start(std::string* error) {
   interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
   interpreter_->set_help_address(config_.Get("Help Address"));
   login_->set_interpreter([this](int s, std::string_view l) { interpreter_->Execute(s, l); });
-  login_->set_node_hooks(
-      {[this](std::string_view call) { return network_->NodeAddresses(call); },
-       [this](int s, const std::string& call) {
-         // A defined node of a feed type is a skimmer that logs in to send its reports.
-         if (!feeds_->AdoptLogin(s, call)) network_->OnNodeLogin(s, call);
-       }});
+  login_->set_node_hooks({[this](std::string_view call) { return network_->NodeAddresses(call); },
+                          [this](int s, const std::string& call) {
+                            // A defined node of a feed type is a skimmer that logs in to send its
+                            // reports.
+                            if (!feeds_->AdoptLogin(s, call)) network_->OnNodeLogin(s, call);
+                          }});
 
   FrontendLinkOptions link_options;
   link_options.host = config_.Get("Winsock IP");
@@ -584,7 +584,7 @@ void ClusterNode::SetStreamAttributes(int stream, std::string_view text) {
 void ClusterNode::OnLinkUp() {}
 
 void ClusterNode::OnConnectRequest(int stream) {
-  if (feeds_->OnConnectRequest(stream)) return;   // one of our feed connections
+  if (feeds_->OnConnectRequest(stream)) return;    // one of our feed connections
   if (network_->OnConnectRequest(stream)) return;  // one of our outgoing node links
   login_->OnConnectRequest(stream);
 }

@@ -527,8 +527,8 @@ Config ParseCfg(std::string_view text) {
     } else if (IsFeedKey(key)) {
       static constexpr std::array<std::string_view, 6> kFeedKeys = {
           kFeedName, kFeedKind, kFeedAddress, kFeedPort, kFeedCall, kFeedActive};
-      const size_t index = size_t(std::find(kFeedKeys.begin(), kFeedKeys.end(), key) -
-                                  kFeedKeys.begin());
+      const size_t index =
+          size_t(std::find(kFeedKeys.begin(), kFeedKeys.end(), key) - kFeedKeys.begin());
       if (index == 0) {
         feeds.emplace_back();
         feed_seen = {};

@@ -48,11 +48,10 @@ enum SwitchBit : uint32_t {
 // and the skimmer reports of their own call.  Machine-made spots (skimmer and reporter) come
 // at rates that would bury people's spots, so a user asks for them (SET/SKIMMERSPOTS,
 // SET/PSKR); skimmer dupes likewise.
-constexpr uint32_t kDefaultSwitches = kSwDxSpots | kSwBottomOfBand | kSwAnnouncements | kSwWwv |
-                                      kSwWcy | kSwWx | kSwTalk | kSwSelfSpots | kSwBeaconSpots |
-                                      kSwCwSpots | kSwFt4Spots | kSwFt8Spots | kSwMskSpots |
-                                      kSwPskSpots | kSwRttySpots | kSwOwnSkimmer | kSwLogin |
-                                      kSwFilters;
+constexpr uint32_t kDefaultSwitches =
+    kSwDxSpots | kSwBottomOfBand | kSwAnnouncements | kSwWwv | kSwWcy | kSwWx | kSwTalk |
+    kSwSelfSpots | kSwBeaconSpots | kSwCwSpots | kSwFt4Spots | kSwFt8Spots | kSwMskSpots |
+    kSwPskSpots | kSwRttySpots | kSwOwnSkimmer | kSwLogin | kSwFilters;
 
 constexpr uint32_t kDefaultDxbmMask = 1006827524u;
 constexpr uint32_t kDefaultDxbmMask2 = 15370u;

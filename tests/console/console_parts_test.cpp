@@ -248,7 +248,8 @@ TEST(ConsoleMetricsTest, PrometheusText) {
   const std::string text = FormatMetrics(m);
   EXPECT_THAT(text, HasSubstr("qx_feed_up{feed=\"RBN \\\"cw\\\"\",type=\"RBN\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("qx_feed_up{feed=\"Own\",type=\"SKIMMER\"} 0\n"));
-  EXPECT_THAT(text, HasSubstr("qx_feed_events_total{feed=\"RBN \\\"cw\\\"\",event=\"busted\"} 3\n"));
+  EXPECT_THAT(text,
+              HasSubstr("qx_feed_events_total{feed=\"RBN \\\"cw\\\"\",event=\"busted\"} 3\n"));
   EXPECT_THAT(text, HasSubstr("# TYPE qx_users gauge\nqx_users 12\n"));
   EXPECT_THAT(text, HasSubstr("qx_spots_in_total{source=\"node\"} 100\n"));
   EXPECT_THAT(text, HasSubstr("# TYPE qx_spots_filtered_total counter\n"));
