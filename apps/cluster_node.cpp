@@ -118,7 +118,8 @@ void ClusterNode::ApplySpotLists() {
 
 IntakeResult ClusterNode::TakeSpot(const IntakeRequest& request, bool distribute) {
   const auto start = std::chrono::steady_clock::now();
-  const std::string_view source = request.is_local ? "user" : "node";
+  const bool from_feed = request.source != SpotSource::kCluster;
+  const std::string_view source = request.is_local ? "user" : from_feed ? "feed" : "node";
   IntakeResult r = intake_->Process(request);
   if (!r.accepted()) {
     stats_.SpotRefused(VerdictName(r.verdict));
@@ -131,7 +132,9 @@ IntakeResult ClusterNode::TakeSpot(const IntakeRequest& request, bool distribute
   stats_.LinesOut(source, uint64_t(d.users));
   stats_.Filtered(source, uint64_t(d.filtered));
   stats_.Delay(std::chrono::steady_clock::now() - start);
-  if (network_) network_->RelaySpot(*r.spot, request.source_stream);
+  // Machine-made spots stay on this node: every node takes them from the feeds itself, and
+  // the network would carry each of them many times over.
+  if (network_ && !from_feed) network_->RelaySpot(*r.spot, request.source_stream);
   return r;
 }
 
@@ -158,6 +161,9 @@ void ClusterNode::SetUpNetwork() {
     request.sentence = sentence;
     request.source_stream = stream;
     return TakeSpot(request, true).accepted();
+  };
+  deps.feed = [this](int stream, int, std::string_view line) {
+    if (feeds_) feeds_->OnLine(stream, line);
   };
   // Calls in user information pass the log-in's strict test: no N0CALL, not our own call.
   const std::string our_call = ToUpper(config_.Get("Cluster Call"));
@@ -218,6 +224,44 @@ void ClusterNode::SaveNetworkState() {
   if (!AtomicWriteFile(NetworkStatePath(), network_->SavedState())) {
     log_.Write("NetworkState", "cannot write " + NetworkStatePath().string());
   }
+}
+
+// Feeds ----------------------------------------------------------------------------------
+
+void ClusterNode::SetUpFeeds() {
+  FeedManagerDeps deps;
+  deps.streams = &streams_;
+  deps.out = this;
+  deps.clock = &clock_;
+  deps.bands = &bands_;
+  deps.dir = &dir_;
+  deps.monitor = &monitor_;
+  deps.log = &log_;
+  deps.open_outgoing = [this](std::string_view host, int port, std::string_view label) {
+    if (link_) link_->OpenOutgoing(host, port, label);
+  };
+  deps.take_spot = [this](const IntakeRequest& request) {
+    return TakeSpot(request, true).accepted();
+  };
+  deps.distribute = [this](const Spot& spot) {
+    const DistributionStats d = distributor_->OutputSpotToAll(spot);
+    stats_.LinesOut("feed", uint64_t(d.users));
+  };
+  deps.country_of = [this](std::string_view call) { return countries_.Find(call); };
+  feeds_ = std::make_unique<FeedManager>(io_, std::move(deps));
+  feeds_->LoadFiles();
+  feeds_->Configure(config_);
+}
+
+bool ClusterNode::SkimmerStatus(std::string_view call, std::vector<std::string>& lines) {
+  if (!feeds_) return false;
+  try {
+    lines = feeds_->StatusLines(call);
+  } catch (const std::exception& ex) {
+    log_.Write("SkimmerStatus", ex.what());
+    return false;
+  }
+  return true;
 }
 
 // WWV and WCY ---------------------------------------------------------------------------
@@ -487,6 +531,7 @@ void ClusterNode::ApplySettings() {
   ApplyMailSettings();
   ConfigureDownloads();
   if (network_) network_->Configure(config_);  // defined nodes and outgoing connections
+  if (feeds_) feeds_->Configure(config_);
   if (rates_) {
     rates_->set_limits({config_.GetInt("NewMaxSpotsPerMin", 0),
                         config_.GetInt("NewMaxSpotsPerMinPerDx", 0),
@@ -559,6 +604,7 @@ void ClusterNode::SaveHighestRates(bool at_stop) {
 void ClusterNode::ApplyLists() {
   ApplySpotLists();
   if (announcements_) announcements_->SetBadAnnouncers(config_.List("AnnNok").items);
+  if (feeds_) feeds_->ApplyLists(config_);
   access_.locked_out.clear();
   for (const std::string& c : config_.List("LockOuts").items) {
     access_.locked_out.insert(ToUpper(BaseCall(c)));
@@ -622,6 +668,7 @@ bool ClusterNode::Start(std::string* error) {
 
   SetUpDownloads();
   SetUpNetwork();
+  SetUpFeeds();
   user_ctx_ = std::make_unique<UserContext>(
       UserContext{streams_, *this, store_, log_, monitor_, clock_, *network_, dir_, access_,
                   messages_, &countries_, config_.Get("Cluster Call"), std::string(kVersion),
@@ -633,9 +680,12 @@ bool ClusterNode::Start(std::string* error) {
   interpreter_ = std::make_unique<CommandInterpreter>(*user_ctx_, *login_, *this);
   interpreter_->set_help_address(config_.Get("Help Address"));
   login_->set_interpreter([this](int s, std::string_view l) { interpreter_->Execute(s, l); });
-  login_->set_node_hooks(
-      {[this](std::string_view call) { return network_->NodeAddresses(call); },
-       [this](int s, const std::string& call) { network_->OnNodeLogin(s, call); }});
+  login_->set_node_hooks({[this](std::string_view call) { return network_->NodeAddresses(call); },
+                          [this](int s, const std::string& call) {
+                            // A defined node of a feed type is a skimmer that logs in to send its
+                            // reports.
+                            if (!feeds_->AdoptLogin(s, call)) network_->OnNodeLogin(s, call);
+                          }});
 
   FrontendLinkOptions link_options;
   link_options.host = config_.Get("Winsock IP");
@@ -711,6 +761,7 @@ void ClusterNode::OnTimer() {
   if (downloads_) downloads_->Tick();
   if (update_check_) update_check_->Tick();
   if (++memory_tick_ % 10 == 0) CheckMemory();
+  if (feeds_) feeds_->Tick();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (!ec) OnTimer();
@@ -723,6 +774,7 @@ void ClusterNode::Stop() {
   timer_.cancel();
   SaveHighestRates(/*at_stop=*/true);
   SaveNetworkState();
+  if (feeds_) feeds_->Stop();
   if (link_) link_->Stop();
   if (console_) console_->Stop();
   log_.Write("Shutdown", "Node stopped");
@@ -774,6 +826,7 @@ void ClusterNode::SetStreamAttributes(int stream, std::string_view text) {
 void ClusterNode::OnLinkUp() {}
 
 void ClusterNode::OnConnectRequest(int stream) {
+  if (feeds_->OnConnectRequest(stream)) return;    // one of our feed connections
   if (network_->OnConnectRequest(stream)) return;  // one of our outgoing node links
   login_->OnConnectRequest(stream);
 }
@@ -824,6 +877,7 @@ void ClusterNode::OnStreamClosed(int stream, int previous_state) {
   if (IsUserState(previous_state)) login_->OnLoggedOut(stream);
   filter_book_->Drop(stream);
   mail_->StreamClosed(stream);
+  feeds_->OnStreamClosed(stream);
   network_->OnStreamClosed(stream);
   monitor_.Write(MonitorChannel::kConnections, std::to_string(stream), "", stream);
 }
@@ -839,23 +893,30 @@ void ClusterNode::OnStreamRecovered(int stream) {
     OnConnectRequest(stream);
     return;
   }
+  if (feeds_->OnStreamRecovered(stream)) return;
   login_->OnRecovered(stream);
   network_->OnStreamRecovered(stream);
 }
 
-void ClusterNode::OnRecoveryComplete() { network_->RecoveryComplete(); }
+void ClusterNode::OnRecoveryComplete() {
+  network_->RecoveryComplete();
+  feeds_->SetReady(true);
+}
 
 void ClusterNode::OnStreamListReported(int count) {
   // The front-end may be a new one whose connections are all new: neighbours we call that
   // are not linked now are called again at once rather than after the retry interval.
   network_->RedialNow();
+  feeds_->RedialNow();
 }
 
 void ClusterNode::OnOutgoingFailed(std::string_view label, std::string_view reason) {
+  if (feeds_->OnOutgoingFailed(label, reason)) return;
   network_->OnOutgoingFailed(label, reason);
 }
 
 bool ClusterNode::OnStreamPartial(int stream, std::string_view text) {
+  if (feeds_ && feeds_->OnPartialLine(stream, text)) return true;
   return network_ && network_->OnPartialLine(stream, text);
 }
 
@@ -958,10 +1019,13 @@ std::vector<std::string> ClusterNode::NetworkLines(std::string_view what) {
   if (what == "who") {
     for (int s = 1; s <= streams_.high_socket(); ++s) {
       const StreamEntry& e = streams_.at(s);
-      if (!e.IsUser() && !e.IsNode()) continue;
+      if (!e.IsUser() && !e.IsNode() && !e.IsFeed()) continue;
       std::string type = "USER";
       std::string name(DisplayName(e.session));
-      if (e.IsNode()) {
+      if (e.IsFeed()) {
+        type = feeds_->WhoType(s);
+        name.clear();
+      } else if (e.IsNode()) {
         type = network_->WhoType(s);
         if (type.empty()) type = "NODE";
         // A neighbour's name is what it gave as user information, if it ever did.

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/feed_manager.h"
 #include "apps/node_stats.h"
 #include "console/console_server.h"
 #include "core/config.h"
@@ -119,6 +120,7 @@ class ClusterNode final : public LinkEvents,
   DownloadManager* downloads() { return downloads_.get(); }
   // What the last program update check came to.
   std::string UpdateOutcome() const;
+  bool SkimmerStatus(std::string_view call, std::vector<std::string>& lines) override;
 
  private:
   friend class NodeConsoleModel;
@@ -178,6 +180,7 @@ class ClusterNode final : public LinkEvents,
   void OnReferenceInstalled(const InstalledFile& f);
   // Every ten seconds: the resident size against "MaxMem".
   void CheckMemory();
+  void SetUpFeeds();        // skimmer, reverse-beacon and reporter feeds
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;
@@ -196,6 +199,7 @@ class ClusterNode final : public LinkEvents,
   char locator_buf_[4] = {};  // the spot lines' locator of a user's location  // calls' states and
                               // provinces (SET/STATEADD, data/files/states.dat)
   std::unique_ptr<NodeNetwork> network_;  // the node links; also the users' NodeRelay
+  std::unique_ptr<FeedManager> feeds_;
   BadLists bad_lists_;
   BandTable bands_ = BandTable::SetupFreqRanges();
   DupeDetector dupes_;

@@ -375,8 +375,33 @@ ConsoleResult NodeConsoleModel::SetMonitorView(int view) {
   return ConsoleResult::Ok();
 }
 
+namespace {
+
+std::vector<ConsoleFeed> ConsoleFeeds(const FeedManager* feeds) {
+  std::vector<ConsoleFeed> out;
+  if (!feeds) return out;
+  for (const FeedStatus& f : feeds->Status()) {
+    ConsoleFeed c;
+    c.name = f.name;
+    c.type = f.type;
+    c.state = f.state;
+    c.lines_per_minute = f.lines_per_minute;
+    c.spots_per_minute = f.spots_per_minute;
+    const FeedCounts& n = f.counts;
+    c.counts = {{"lines", n.lines},     {"reports", n.reports},       {"verified", n.verified},
+                {"busted", n.busted},   {"unverified", n.unverified}, {"garbage", n.garbage},
+                {"flooded", n.flooded}, {"accepted", n.accepted},     {"connects", n.connects},
+                {"drops", n.drops}};
+    out.push_back(std::move(c));
+  }
+  return out;
+}
+
+}  // namespace
+
 ConsoleStats NodeConsoleModel::Statistics() const {
   ConsoleStats s;
+  s.feeds = ConsoleFeeds(node_.feeds_.get());
   const SysTime now = node_.clock_.Now();
   const ClusterCounts c = node_.Counts();
   s.users = c.local_users + c.remote_users;
@@ -393,6 +418,7 @@ ConsoleStats NodeConsoleModel::Statistics() const {
 
 ConsoleMetrics NodeConsoleModel::Metrics() const {
   ConsoleMetrics m;
+  m.feeds = ConsoleFeeds(node_.feeds_.get());
   const ClusterCounts c = node_.Counts();
   m.link_up = node_.link_ && node_.link_->connected();
   m.users = c.local_users;

@@ -160,7 +160,17 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
   }
   if (path == "stats") {
     const ConsoleStats s = model_.Statistics();
-    return Reply(200, json{{"users", s.users},
+    json feeds = json::array();
+    for (const ConsoleFeed& f : s.feeds) {
+      feeds.push_back(json{{"name", f.name},
+                           {"type", f.type},
+                           {"state", f.state},
+                           {"linesPerMinute", f.lines_per_minute},
+                           {"spotsPerMinute", f.spots_per_minute},
+                           {"counts", f.counts}});
+    }
+    return Reply(200, json{{"feeds", feeds},
+                           {"users", s.users},
                            {"nodes", s.nodes},
                            {"spotsPerMinute", s.spots_per_minute},
                            {"highestSpotsPerMinute", s.highest_spots_per_minute},

@@ -75,6 +75,28 @@ std::string FormatMetrics(const ConsoleMetrics& m) {
                  "qx_spot_delivery_delay_seconds_count {}\n",
                  m.delay_count, m.delay_sum_seconds, m.delay_count);
   // The front-end names its own numbers; "_total" marks a counter, anything else a gauge.
+  if (!m.feeds.empty()) {
+    Header(out, "qx_feed_up", "gauge", "1 while a skimmer or reporter feed is connected.");
+    for (const ConsoleFeed& f : m.feeds) {
+      fmt::format_to(std::back_inserter(out), "qx_feed_up{{feed=\"{}\",type=\"{}\"}} {}\n",
+                     Label(f.name), Label(f.type), f.state == "connected" ? 1 : 0);
+    }
+    Header(out, "qx_feed_lines_per_minute", "gauge", "Lines a feed sent in the last minute.");
+    for (const ConsoleFeed& f : m.feeds) {
+      fmt::format_to(std::back_inserter(out), "qx_feed_lines_per_minute{{feed=\"{}\"}} {}\n",
+                     Label(f.name), f.lines_per_minute);
+    }
+    Header(out, "qx_feed_events_total", "counter",
+           "What came of a feed's lines (lines, reports, verified, busted, unverified, garbage, "
+           "flooded, accepted, connects, drops).");
+    for (const ConsoleFeed& f : m.feeds) {
+      for (const auto& [what, n] : f.counts) {
+        fmt::format_to(std::back_inserter(out),
+                       "qx_feed_events_total{{feed=\"{}\",event=\"{}\"}} {}\n", Label(f.name),
+                       Label(what), n);
+      }
+    }
+  }
   for (const auto& [name, value] : m.frontend) {
     const std::string metric = "qx_frontend_" + name;
     Header(out, metric, name.ends_with("_total") ? "counter" : "gauge",

@@ -71,6 +71,16 @@ struct ConsoleLink {
   int stream = 0;           // its stream while connected, 0 otherwise
 };
 
+// One skimmer, reverse-beacon or reporter feed: its state, rates and counts.
+struct ConsoleFeed {
+  std::string name;
+  std::string type;   // "SKIMMER", "RBN", "RBN FT8", "REPORTER"
+  std::string state;  // "connected", "logging in", "connecting", "waiting", "off"
+  uint64_t lines_per_minute = 0;
+  uint64_t spots_per_minute = 0;
+  std::map<std::string, uint64_t> counts;  // "lines", "verified", "busted", ... since start
+};
+
 struct ConsoleStats {
   int users = 0;
   int nodes = 0;
@@ -82,6 +92,7 @@ struct ConsoleStats {
   int64_t uptime_seconds = 0;
   // Spots per minute, one value per minute, oldest first, up to the last few hours.
   std::vector<int> spots_per_minute_history;
+  std::vector<ConsoleFeed> feeds;
 };
 
 // The numbers behind /metrics.
@@ -102,6 +113,7 @@ struct ConsoleMetrics {
   double delay_sum_seconds = 0;
   // The front-end's counters as it last reported them: name -> value.
   std::map<std::string, uint64_t, std::less<>> frontend;
+  std::vector<ConsoleFeed> feeds;
 };
 
 // One reference file the node keeps current, and where its downloads stand.

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <optional>
 #include <system_error>
 #include <unordered_map>
@@ -12,7 +13,7 @@
 namespace qx {
 namespace {
 
-enum class EntryKind { kSingle, kNodeGroup, kOutgoingGroup };
+enum class EntryKind { kSingle, kNodeGroup, kOutgoingGroup, kFeedGroup };
 
 struct KeyEntry {
   EntryKind kind;
@@ -106,6 +107,7 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "AnnNok", ""},
       {EntryKind::kNodeGroup, "Node Call & Node Type", ""},
       {EntryKind::kOutgoingGroup, "Outgoing Cluster", ""},
+      {EntryKind::kFeedGroup, "Feed Name", ""},
       {EntryKind::kSingle, "Logon 1", ""},
       {EntryKind::kSingle, "Logon 2", ""},
       {EntryKind::kSingle, "Logon 4", ""},
@@ -132,6 +134,10 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "Last Version Reported", ""},
       {EntryKind::kSingle, "FT8 URL", ""},
       {EntryKind::kSingle, "FT8 Port", ""},
+      // The reporter broker's topic filter ("#": everything it publishes).
+      {EntryKind::kSingle, "FT8 Topic", "#"},
+      // Seconds a reporter spot waits for more receivers of the station before it goes out.
+      {EntryKind::kSingle, "FT8 Hold", "30"},
       {EntryKind::kSingle, "Modes", ""},
       {EntryKind::kSingle, "MaxMem", "0"},
       {EntryKind::kSingle, "NewMaxSpotsPerMin", "2000"},
@@ -196,11 +202,22 @@ constexpr std::string_view kOutRemote = "RemoteNodeIs";
 constexpr std::string_view kOutIp = "IP Address";
 constexpr std::string_view kOutPort = "IP Port";
 constexpr std::string_view kOutActive = "Cluster Active";
+constexpr std::string_view kFeedName = "Feed Name";
+constexpr std::string_view kFeedKind = "Feed Kind";
+constexpr std::string_view kFeedAddress = "Feed Address";
+constexpr std::string_view kFeedPort = "Feed Port";
+constexpr std::string_view kFeedCall = "Feed Call";
+constexpr std::string_view kFeedActive = "Feed Active";
+
+bool IsFeedKey(std::string_view key) {
+  return key == kFeedName || key == kFeedKind || key == kFeedAddress || key == kFeedPort ||
+         key == kFeedCall || key == kFeedActive;
+}
 
 bool IsGroupKey(std::string_view key) {
   return key == kNodeBoth || key == kNodeCall || key == kNodeType || key == kLocalNode ||
          key == kNodeAddress || key == kOutName || key == kOutRemote || key == kOutIp ||
-         key == kOutPort || key == kOutActive;
+         key == kOutPort || key == kOutActive || IsFeedKey(key);
 }
 
 // The lists that the main file also holds as one ","-joined key.
@@ -286,6 +303,13 @@ bool OutgoingConnection::IsActive() const { return IsTrueText(active); }
 int OutgoingConnection::Port() const {
   const int port = ParseIntOr(Trim(ip_port), 0);
   return port > 0 && port <= 65535 ? port : 0;
+}
+
+bool FeedConnection::IsActive() const { return IsTrueText(active); }
+
+int FeedConnection::Port() const {
+  const int n = ParseIntOr(Trim(port), 0);
+  return n > 0 && n <= 65535 ? n : 0;
 }
 
 bool ConfigList::Contains(std::string_view item) const {
@@ -412,6 +436,16 @@ std::string FormatCfg(const Config& config) {
           AppendLine(out, kOutActive, c.active);
         }
         break;
+      case EntryKind::kFeedGroup:
+        for (const FeedConnection& f : config.feeds()) {
+          AppendLine(out, kFeedName, f.name);
+          AppendLine(out, kFeedKind, f.kind);
+          AppendLine(out, kFeedAddress, f.address);
+          AppendLine(out, kFeedPort, f.port);
+          AppendLine(out, kFeedCall, f.call);
+          AppendLine(out, kFeedActive, f.active);
+        }
+        break;
     }
   }
   for (const auto& [key, value] : config.unknown()) AppendLine(out, key, value);
@@ -437,6 +471,19 @@ Config ParseCfg(std::string_view text) {
   auto new_out = [&] {
     outgoing.emplace_back();
     out_seen = {};
+  };
+  // A feed starts with its name; a field seen twice without one starts a new feed too.
+  auto& feeds = config.feeds();
+  std::array<bool, 6> feed_seen{};
+  auto feed_field = [&](size_t index) -> std::string& {
+    if (feeds.empty() || feed_seen[index]) {
+      feeds.emplace_back();
+      feed_seen = {};
+    }
+    feed_seen[index] = true;
+    FeedConnection& f = feeds.back();
+    std::string* fields[] = {&f.name, &f.kind, &f.address, &f.port, &f.call, &f.active};
+    return *fields[index];
   };
 
   for (std::string_view line : SplitLines(text)) {
@@ -486,6 +533,16 @@ Config ParseCfg(std::string_view text) {
       if (outgoing.empty() || out_seen.active) new_out();
       outgoing.back().active = std::string(value);
       out_seen.active = true;
+    } else if (IsFeedKey(key)) {
+      static constexpr std::array<std::string_view, 6> kFeedKeys = {
+          kFeedName, kFeedKind, kFeedAddress, kFeedPort, kFeedCall, kFeedActive};
+      const size_t index =
+          size_t(std::find(kFeedKeys.begin(), kFeedKeys.end(), key) - kFeedKeys.begin());
+      if (index == 0) {
+        feeds.emplace_back();
+        feed_seen = {};
+      }
+      feed_field(index) = std::string(value);
     } else {
       config.Set(key, std::string(value));
     }

@@ -47,6 +47,24 @@ struct OutgoingConnection {
   bool operator==(const OutgoingConnection&) const = default;
 };
 
+// One outgoing feed connection: "Feed Name", "Feed Kind", "Feed Address", "Feed Port",
+// "Feed Call", "Feed Active".  The kind says what the server sends: "SKIMMER" (one skimmer
+// of one's own), "RBN" (the reverse beacon network's CW and RTTY server) or "RBN FT8" (its
+// digital-mode server).  The call is what the node answers the server's log-in prompt with;
+// empty: the node's call without SSID.
+struct FeedConnection {
+  std::string name;
+  std::string kind;
+  std::string address;
+  std::string port;
+  std::string call;
+  std::string active = "False";
+
+  bool IsActive() const;
+  int Port() const;  // 0 when the text is not a port number
+  bool operator==(const FeedConnection&) const = default;
+};
+
 // An editable list: its window's top, left, height and width, and its items.
 struct ConfigList {
   std::array<int, 4> window{0, 0, 4000, 3000};
@@ -85,6 +103,8 @@ class Config {
   const std::vector<NodeDefinition>& nodes() const { return nodes_; }
   std::vector<OutgoingConnection>& outgoing() { return outgoing_; }
   const std::vector<OutgoingConnection>& outgoing() const { return outgoing_; }
+  std::vector<FeedConnection>& feeds() { return feeds_; }
+  const std::vector<FeedConnection>& feeds() const { return feeds_; }
 
   // The named list, created empty when no list of that name exists yet.
   ConfigList& List(std::string_view name);
@@ -105,6 +125,7 @@ class Config {
   mutable std::vector<std::string> values_;  // by key-table index; list mirrors refreshed
   std::vector<NodeDefinition> nodes_;
   std::vector<OutgoingConnection> outgoing_;
+  std::vector<FeedConnection> feeds_;
   std::map<std::string, ConfigList, std::less<>> lists_;
   std::vector<std::pair<std::string, std::string>> unknown_;
   ConfigSource source_ = ConfigSource::kDefaults;

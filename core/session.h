@@ -44,12 +44,14 @@ enum SwitchBit : uint32_t {
   kSwFilters = 1u << 30,
 };
 
-// What a new user gets: spots, announcements, talk, WWV/WCY/WX, every mode, login notices.
-constexpr uint32_t kDefaultSwitches = kSwDxSpots | kSwBottomOfBand | kSwAnnouncements | kSwWwv |
-                                      kSwWcy | kSwWx | kSwTalk | kSwSelfSpots | kSwBeaconSpots |
-                                      kSwCwSpots | kSwFt4Spots | kSwFt8Spots | kSwMskSpots |
-                                      kSwPskSpots | kSwRttySpots | kSwSkimmerSpots | kSwOwnSkimmer |
-                                      kSwPskReporter | kSwLogin | kSwFilters;
+// What a new user gets: spots, announcements, talk, WWV/WCY/WX, every mode, login notices,
+// and the skimmer reports of their own call.  Machine-made spots (skimmer and reporter) come
+// at rates that would bury people's spots, so a user asks for them (SET/SKIMMERSPOTS,
+// SET/PSKR); skimmer dupes likewise.
+constexpr uint32_t kDefaultSwitches =
+    kSwDxSpots | kSwBottomOfBand | kSwAnnouncements | kSwWwv | kSwWcy | kSwWx | kSwTalk |
+    kSwSelfSpots | kSwBeaconSpots | kSwCwSpots | kSwFt4Spots | kSwFt8Spots | kSwMskSpots |
+    kSwPskSpots | kSwRttySpots | kSwOwnSkimmer | kSwLogin | kSwFilters;
 
 constexpr uint32_t kDefaultDxbmMask = 1006827524u;
 constexpr uint32_t kDefaultDxbmMask2 = 15370u;

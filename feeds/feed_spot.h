@@ -33,7 +33,11 @@ struct FeedSpotFields {
 void BuildFeedSentence(const FeedSpotFields& fields, std::string& out);
 
 // The request that hands a feed spot to intake: feed comments are built here and carry no
-// requests, so the request filter is skipped.
+// requests, so the request filter is skipped.  Nor does the spot meet the duplicate check of
+// people's and nodes' spots (and it leaves no trace there): feeds judge repeats by their own
+// rules (one verified spot per call and band per dupe window; one reporter spot per station
+// per window), which know a QSY and a verified spot after an unverified one as news, and a
+// person's spot of a call a skimmer just reported must not be refused either.
 inline IntakeRequest FeedIntakeRequest(std::string_view sentence, SpotSource source,
                                        int source_stream) {
   IntakeRequest r;
@@ -41,6 +45,7 @@ inline IntakeRequest FeedIntakeRequest(std::string_view sentence, SpotSource sou
   r.source = source;
   r.source_stream = source_stream;
   r.skip_request_filter = true;
+  r.skip_dupe_check = true;
   return r;
 }
 

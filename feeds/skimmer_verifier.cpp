@@ -439,6 +439,9 @@ const SkimmerDecision& SkimmerVerifier::Decide(const SkimmerReport& r, SysTime n
                         : r.khz >= settings_.vhf_from_khz        ? settings_.vhf_uhf_verified
                         : r.mode == SkimmerMode::kCw             ? settings_.cw_verified
                                                                  : settings_.data_verified;
+  // The spot as it would stand is built whatever the outcome: a user who asked for their
+  // own call's raw reports, or for skimmer dupes, sees what intake does not get.
+  Finish(r, now_time);
   if (!good && required) {
     d.outcome = d.verdict == SkimmerVerdict::kBusted ? SkimmerOutcome::kBustedDropped
                                                      : SkimmerOutcome::kHeld;
@@ -459,7 +462,6 @@ const SkimmerDecision& SkimmerVerifier::Decide(const SkimmerReport& r, SysTime n
   e.passed_khz = r.khz;
   e.passed_verdict = d.verdict;
   d.outcome = SkimmerOutcome::kPass;
-  Finish(r, now_time);
   return d;
 }
 

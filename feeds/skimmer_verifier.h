@@ -89,8 +89,10 @@ struct SkimmerDecision {
   SkimmerVerdict verdict = SkimmerVerdict::kUnverified;
   int skimmers = 0;            // distinct skimmers agreeing on this frequency in the window
   std::string corrected_call;  // kBusted: the verified call
-  std::string comment;         // the spot's comment with the tag at its end
-  std::string sentence;        // kPass: what intake takes (FeedIntakeRequest, kSkimmer)
+  // Filled for kPass, kHeld, kBustedDropped and kDuplicate (empty for the refusals):
+  std::string comment;   // the spot's comment with the tag at its end
+  std::string sentence;  // kPass: what intake takes (FeedIntakeRequest, kSkimmer); the others:
+                         // the spot as it would stand, for users who ask for raw reports
   // kBusted: a line for the day's busted log, data/busted/<busted_folder>/<busted_file>.
   std::string_view busted_folder;
   std::string busted_file;

@@ -27,8 +27,12 @@ bool SwitchesAllow(const SessionSettings& session, const Spot& spot) {
   if (spot.SourceTag == SourceTagText(SpotSource::kReporter) && !session.Has(kSwPskReporter)) {
     return false;
   }
-  if (spot.SourceTag == SourceTagText(SpotSource::kSkimmer) && !session.Has(kSwSkimmerSpots)) {
-    return false;
+  if (spot.SourceTag == SourceTagText(SpotSource::kSkimmer)) {
+    if (!session.Has(kSwSkimmerSpots)) return false;
+    if (spot.SkimmerDupe && !session.Has(kSwSkimmerDupes)) return false;
+    // CW has no mode bit (people's spots rarely say so); a skimmer's comment starts with
+    // its mode column.
+    if (!session.Has(kSwCwSpots) && spot.comment().starts_with("CW ")) return false;
   }
   return true;
 }

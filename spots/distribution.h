@@ -34,8 +34,9 @@ struct DistributionStats {
 };
 
 // The user's own switches for kinds of spots: beacons, the digital modes, reporter and
-// skimmer spots.  A spot of a kind the user switched off is not sent; spots of no particular
-// kind always pass.  (The spot filters proper come on top, through a SpotFilter.)
+// skimmer spots (skimmer dupes, and CW, which only a skimmer's comment tells for sure).  A spot of
+// a kind the user switched off is not sent; spots of no particular kind always pass.  (The spot
+// filters proper come on top, through a SpotFilter.)
 bool SwitchesAllow(const SessionSettings& session, const Spot& spot);
 
 // The users' spot filters as distribution sees them.  Prepare is called once per spot before

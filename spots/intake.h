@@ -60,6 +60,9 @@ struct IntakeRequest {
   // Feed input that is known to carry no requests (skimmer and reporter spots, whose
   // comments the feed builds itself) skips the request filter.
   bool skip_request_filter = false;
+  // Feed spots, whose repeats the feed judges itself, neither meet nor fill the duplicate
+  // detector of people's and nodes' spots.
+  bool skip_dupe_check = false;
   // A "PC11" carries no address; when the caller knows the spotter's address (a user of
   // this node, or one a node announced), it is checked against the address lists here.
   std::string_view known_address;

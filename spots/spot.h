@@ -68,6 +68,9 @@ struct Spot {
   uint32_t ModeFlags = 0;
   bool IsLocal = false;
   bool IsBeacon = false;  // DX call ends "/B", "/BC", "/BCN", "/BEACON" or comment word "BCN"
+  // A skimmer spot the feed's once-per-window rule held back: it reaches only the users who
+  // asked for skimmer dupes, and never intake, the history or other nodes.
+  bool SkimmerDupe = false;
   int SourceStream = 0;
   std::string_view SourceTag = SourceTagText(SpotSource::kCluster);
   // Pointers into the country table; they stay valid while that table is not reloaded.

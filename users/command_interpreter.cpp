@@ -897,8 +897,15 @@ void CommandInterpreter::Show(int stream, std::string_view line, std::string_vie
     Reply(stream, std::string(what) + (s.Has(bit) ? " is enabled" : " is disabled"));
   };
   const std::string upper_rest = ToUpper(rest);
-  if (upper_rest.find("SKIMMER/STATUS") != std::string::npos) {
-    Reply(stream, "No skimmer feeds are connected to this node.");
+  if (const size_t at = upper_rest.find("SKIMMER/STATUS"); at != std::string::npos) {
+    std::string_view call = Trim(std::string_view(rest).substr(at + 14));
+    call = call.substr(0, call.find(' '));
+    std::vector<std::string> lines;
+    if (services_.SkimmerStatus(call, lines)) {
+      Lines(stream, lines);
+    } else {
+      Reply(stream, " SKIMMER/STATUS Fatal command error");
+    }
   } else if (const size_t at = upper_rest.find("STAT/USER"); at != std::string::npos) {
     StatUser(stream, line, Trim(rest.substr(at + 9)));
   } else if (InfoCommand(stream, line, word, arg)) {

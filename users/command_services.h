@@ -55,6 +55,11 @@ class CommandServices {
   }
   // True while the stream's lines go to the mail editor; the prompt waits until it closes.
   virtual bool MailComposing(int stream) const { return false; }
+  // SKIMMER/STATUS with an optional call: the feeds with their rates and counts, then the
+  // call's recent skimmer reports.  False when the status cannot be given.
+  virtual bool SkimmerStatus(std::string_view call, std::vector<std::string>& lines) {
+    return false;
+  }
   // The WWV command (line as typed, args after the keyword): the reply.
   virtual std::string EnterWwv(int stream, std::string_view line, std::string_view args) {
     return "WWV reports cannot be entered on this node.";

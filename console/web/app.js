@@ -420,6 +420,11 @@ async function loadStats() {
   fillPairs($('stats-table'), rows);
   fillPairs($('stats-refusals'), Object.entries(s.refusals));
   fillPairs($('stats-pc41'), Object.entries(s.pc41));
+  fillPairs($('stats-feeds'), (s.feeds || []).map((f) => [
+    `${f.name} (${f.type})`,
+    `${f.state}; ${f.linesPerMinute} lines/min, ${f.spotsPerMinute} spots/min; ` +
+        `verified ${f.counts.verified || 0}, busted ${f.counts.busted || 0}, ` +
+        `unverified ${f.counts.unverified || 0}, garbage ${f.counts.garbage || 0}`]));
   drawChart($('stats-chart'), s.history);
   await loadDownloads();
 }

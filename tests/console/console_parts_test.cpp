@@ -261,7 +261,13 @@ TEST(ConsoleMetricsTest, PrometheusText) {
   m.delay_count = 8;
   m.delay_sum_seconds = 0.5;
   m.frontend = {{"open_connections", 5}, {"refused_rate_total", 2}};
+  m.feeds = {{"RBN \"cw\"", "RBN", "connected", 600, 40, {{"busted", 3}, {"verified", 30}}},
+             {"Own", "SKIMMER", "waiting", 0, 0, {}}};
   const std::string text = FormatMetrics(m);
+  EXPECT_THAT(text, HasSubstr("qx_feed_up{feed=\"RBN \\\"cw\\\"\",type=\"RBN\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("qx_feed_up{feed=\"Own\",type=\"SKIMMER\"} 0\n"));
+  EXPECT_THAT(text,
+              HasSubstr("qx_feed_events_total{feed=\"RBN \\\"cw\\\"\",event=\"busted\"} 3\n"));
   EXPECT_THAT(text, HasSubstr("# TYPE qx_users gauge\nqx_users 12\n"));
   EXPECT_THAT(text, HasSubstr("qx_spots_in_total{source=\"node\"} 100\n"));
   EXPECT_THAT(text, HasSubstr("# TYPE qx_spots_filtered_total counter\n"));

@@ -102,6 +102,8 @@ TEST(ParseCfg, RoundTripsEveryKeyGroup) {
   c.nodes().push_back({"XX8ABC", "DXS", "False", "192.0.2.0/24, 2001:db8::7"});
   c.outgoing().push_back({"First", "QXC", "10.0.0.1", "7300", "True"});
   c.outgoing().push_back({"Second", "ARC", "host.example", "23", "False"});
+  c.feeds().push_back({"RBN", "RBN", "feed.example", "7000", "XX9QX", "True"});
+  c.feeds().push_back({"Own", "SKIMMER", "10.0.0.9", "7550", "", "False"});
   c.List("DxNok").items = {"XX1BAD", "XX2BAD"};
   c.List("LockOuts").items = {"XX3LOCK"};
   c.Set("Some Future Key", "kept as is");
@@ -120,6 +122,9 @@ TEST(ParseCfg, RoundTripsEveryKeyGroup) {
   EXPECT_THAT(FrontendPorts(back), ElementsAre(7300, 7301, 8000));
   EXPECT_EQ(back.nodes(), c.nodes());
   EXPECT_EQ(back.outgoing(), c.outgoing());
+  EXPECT_EQ(back.feeds(), c.feeds());
+  EXPECT_TRUE(back.feeds()[0].IsActive());
+  EXPECT_EQ(back.feeds()[1].Port(), 7550);
   EXPECT_TRUE(back.nodes()[0].IsLocal());
   EXPECT_FALSE(back.nodes()[1].IsLocal());
   EXPECT_TRUE(back.outgoing()[0].IsActive());

@@ -235,25 +235,39 @@ TEST_F(DistributionTest, ExtraColumnsInOrderAsTheWidthAllowsBuiltOncePerChoice) 
 }
 
 TEST_F(DistributionTest, UserSwitchesForKindsOfSpots) {
+  // A new user gets people's spots of every mode, but no machine-made ones until asked.
   AddUser(1, "G1AAA");
   AddUser(2, "G2BBB").session.Set(kSwFt8Spots, false);
   AddUser(3, "G3CCC").session.Set(kSwBeaconSpots, false);
-  AddUser(4, "G4DDD").session.Set(kSwPskReporter, false);
+  AddUser(4, "G4DDD").session.switches |= kSwPskReporter | kSwSkimmerSpots;
+  StreamEntry& dupes = AddUser(5, "G5EEE");
+  dupes.session.switches |= kSwPskReporter | kSwSkimmerSpots | kSwSkimmerDupes;
+  dupes.session.Set(kSwCwSpots, false);
   SpotDistributor dist(streams_, sink_);
+  auto receivers = [&](const Spot& spot) {
+    sink_.sent.clear();
+    dist.OutputSpotToAll(spot);
+    std::string who;
+    for (const auto& [stream, text] : sink_.sent) who += std::to_string(stream);
+    return who;
+  };
   Spot s = MakeSpot();
   s.ModeFlags = kModeFt8 | 16;
-  EXPECT_EQ(dist.OutputSpotToAll(s).users, 3);
-  EXPECT_EQ(sink_.sent.count(2), 0u);
+  EXPECT_EQ(receivers(s), "1345");
   s.ModeFlags = kModeFt4 | 16;
   s.IsBeacon = true;
-  sink_.sent.clear();
-  EXPECT_EQ(dist.OutputSpotToAll(s).users, 3);
-  EXPECT_EQ(sink_.sent.count(3), 0u);
+  EXPECT_EQ(receivers(s), "1245");
   s.IsBeacon = false;
   s.SourceTag = SourceTagText(SpotSource::kReporter);
-  sink_.sent.clear();
-  EXPECT_EQ(dist.OutputSpotToAll(s).users, 3);
-  EXPECT_EQ(sink_.sent.count(4), 0u);
+  EXPECT_EQ(receivers(s), "45");
+  s.SourceTag = SourceTagText(SpotSource::kSkimmer);
+  s.ModeFlags = 16;
+  s.slots[kSlotComment] = "CW    18 dB 26 WPM CQ V3";
+  EXPECT_EQ(receivers(s), "4");
+  s.slots[kSlotComment] = "RTTY  25 dB 45 BPS CQ V3";
+  s.ModeFlags = kModeRtty | 16;
+  s.SkimmerDupe = true;
+  EXPECT_EQ(receivers(s), "5");
 }
 
 }  // namespace
