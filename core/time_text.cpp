@@ -1,5 +1,7 @@
 #include "core/time_text.h"
 
+#include <algorithm>
+
 #include <array>
 #include <cctype>
 #include <cstdio>
@@ -33,7 +35,8 @@ void Put2(char* out, int v) {
 
 SysTime MakeUtc(int year, int month, int day, int hour, int minute, int second) {
   using namespace std::chrono;
-  const sys_days d = year_month_day{std::chrono::year{year}, std::chrono::month{unsigned(month)},
+  const sys_days d = year_month_day{std::chrono::year{std::min(year, kLatestYear)},
+                                    std::chrono::month{unsigned(month)},
                                     std::chrono::day{unsigned(day)}};
   return SysTime{d} + hours{hour} + minutes{minute} + seconds{second};
 }
@@ -145,7 +148,7 @@ bool ParseSpotDate(std::string_view text, SpotDate& out) {
     if (c < '0' || c > '9') return false;
     year = year * 10 + (c - '0');
   }
-  if (day < 1 || month == 0 || year < 1970) return false;
+  if (day < 1 || month == 0 || year < 1970 || year > kLatestYear) return false;
   const std::chrono::year_month_day ymd{std::chrono::year{year},
                                         std::chrono::month{unsigned(month)},
                                         std::chrono::day{unsigned(day)}};

@@ -35,6 +35,10 @@ class ManualClock final : public Clock {
 };
 
 // Builds a UTC time point from calendar fields (for tests and parsers).
+// The latest year a date text may name.  SysTime counts nanoseconds in 64 bits and ends in
+// 2262, so later years (a peer's "31-Dec-9999") would overflow; no real date is near it.
+constexpr int kLatestYear = 2199;
+// Years past kLatestYear are taken as kLatestYear.
 SysTime MakeUtc(int year, int month, int day, int hour = 0, int minute = 0, int second = 0);
 
 // "05-Nov-2026": day, English month abbreviation, four-digit year, UTC.

@@ -50,6 +50,7 @@ TEST(SpotDateTime, RealDatesAndTimesOnly) {
       {"005-Nov-2026", false}, {"05-Nov-26", false},   {"05-Nov-20260", false},
       {"05-Nov-1969", false},  {"5/Nov/2026", false},  {"05-Nov-2O26", false},
       {"  5-Nov-2026", false}, {"-Nov-2026", false},   {"", false},
+      {"31-Dec-2199", true},   {"01-Jan-2200", false}, {"31-Dec-9999", false},
   };
   for (const auto& c : kDates) {
     SpotDate d;
