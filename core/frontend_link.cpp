@@ -803,7 +803,7 @@ void FrontendLink::FinishHandOver() {
   hand_over_timer_.cancel();
   // Not from inside a record or a write completion: done closes the socket.
   std::weak_ptr<int> alive = alive_;
-  asio::post(io_, [this, alive, done = std::move(hand_over_done_)] {
+  asio::post(io_, [alive, done = std::move(hand_over_done_)] {
     if (!alive.expired()) done();
   });
   hand_over_done_ = nullptr;
