@@ -21,12 +21,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using namespace std::chrono_literals;
 
-class PropagationSystemTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
-  }
-};
+using PropagationSystemTest = NodeSiteTest;
 
 int HourNow() { return SecondsOfDay(SystemClock().Now()) / 3600; }
 
