@@ -253,6 +253,18 @@ std::string Cfg(std::initializer_list<std::string> defined,
 
 class NodeNetworkTest : public ::testing::Test {
  protected:
+  struct Pair {
+    TestNode& a;
+    TestNode& b;
+  };
+  // Q2BBB calls Q1AAA and their link comes up: A's end is stream 5, B's stream 7.
+  Pair LinkedPair(NodeNetworkOptions o = {}) {
+    TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
+    TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
+    net_.Link(a, 5, b, 7, "Q1AAA");
+    return {a, b};
+  }
+
   ManualClock clock_{MakeUtc(2026, 11, 21, 22, 0, 0)};
   Network net_{clock_};
 };
@@ -1009,9 +1021,7 @@ TEST_F(NodeNetworkTest, PingsAreAnsweredAndTimed) {
   NodeNetworkOptions o;
   o.first_ping_delay = 10;
   o.ping_interval = 300;
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
-  net_.Link(a, 5, b, 7, "Q1AAA");
+  auto [a, b] = LinkedPair(o);
   clock_.Advance(9s);
   a.net->Tick();
   EXPECT_EQ(Count(a.out.To(5), "PC51"), 0u);
@@ -1070,9 +1080,7 @@ TEST_F(NodeNetworkTest, KeepaliveAndFullConfigurationOnTheirTimers) {
   o.keepalive_interval = 3600;
   o.config_interval = 4 * 3600;
   o.config_after_change = 900;
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
-  net_.Link(a, 5, b, 7, "Q1AAA");
+  auto [a, b] = LinkedPair(o);
   const size_t k0 = Count(a.out.To(5), "^K^5Q1AAA");
   const size_t c0 = Count(a.out.To(5), "^C^5Q1AAA");
   const auto tick = [&](std::chrono::seconds d) {
@@ -1095,9 +1103,7 @@ TEST_F(NodeNetworkTest, KeepaliveAndFullConfigurationOnTheirTimers) {
 }
 
 TEST_F(NodeNetworkTest, QuietNodeExpiresUnlessItSendsAKeepalive) {
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}));
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
-  net_.Link(a, 5, b, 7, "Q1AAA");
+  auto [a, b] = LinkedPair();
   // Two nodes beyond B, each heard once.
   const auto far = [&](std::string_view call, std::string_view type) {
     const std::string t = std::to_string(SecondsOfDay(clock_.Now()));
@@ -1134,9 +1140,7 @@ TEST_F(NodeNetworkTest, QuietNodeExpiresUnlessItSendsAKeepalive) {
 TEST_F(NodeNetworkTest, QuietCountdownIsHourlyWhateverOurKeepaliveInterval) {
   NodeNetworkOptions o;
   o.keepalive_interval = 600;
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
-  net_.Link(a, 5, b, 7, "Q1AAA");
+  auto [a, b] = LinkedPair(o);
   const auto far_k = [&] {
     const std::string t = std::to_string(SecondsOfDay(clock_.Now()));
     a.net->OnLine(5, "PC92^Q8FAR^" + t + "^K^5Q8FAR:5457^1^0^H97^");
