@@ -419,6 +419,17 @@ class RingTest : public NodeNetworkTest {
     c_->AddUser(2, "Q7QUIET", kDefaultSwitches & ~(kSwAnnouncements | kSwTalk | kSwWx));
     net_.Pump();
   }
+  // A fourth, legacy neighbour Q7XXX logs in to A on stream 15, sends its configuration and
+  // PC20; what A answered is taken.
+  void LinkLegacyToA(std::initializer_list<std::string_view> config) {
+    a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
+    a_->streams.at(15).state = kStateLoggingIn;
+    ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
+    for (std::string_view l : config) a_->net->OnLine(15, l);
+    a_->net->OnLine(15, "PC20^");
+    net_.Pump();
+    net_.TakeFrom(*a_, 15);
+  }
   Spot LocalSpot(std::string_view address) {
     Spot s;
     s.slots = {"PC61",    "14025.0", "Q4DX",  "21-Nov-2026",        "2200Z",
@@ -635,12 +646,7 @@ TEST_F(RingTest, LostLinkIsAnnouncedAndTheViewHealsAtOnce) {
 }
 
 TEST_F(RingTest, LegacyNeighbourHearsOnlyOfNodesThatAreReallyGone) {
-  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
-  a_->streams.at(15).state = kStateLoggingIn;
-  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
-  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^H25^", "PC20^"}) a_->net->OnLine(15, l);
-  net_.Pump();
-  net_.TakeFrom(*a_, 15);
+  LinkLegacyToA({"PC19^1^Q7XXX^0^5455^H25^"});
   // B is still reached through C: no PC21 for it, nor for what C says of its lost links.
   net_.Cut(*b_, 21, *a_, 11);
   std::string sent = net_.TakeFrom(*a_, 15);
@@ -654,13 +660,7 @@ TEST_F(RingTest, LegacyNeighbourHearsOnlyOfNodesThatAreReallyGone) {
 }
 
 TEST_F(RingTest, LostLegacyLinkTakesItsNodesOffThePc9xSide) {
-  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
-  a_->streams.at(15).state = kStateLoggingIn;
-  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
-  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^1^Q6OLD^0^5455^H25^", "PC20^"}) {
-    a_->net->OnLine(15, l);
-  }
-  net_.Pump();
+  LinkLegacyToA({"PC19^1^Q7XXX^0^5455^1^Q6OLD^0^5455^H25^"});
   ASSERT_NE(b_->net->view().FindNode("Q6OLD"), nullptr);
   a_->net->OnStreamClosed(15);
   a_->streams.Reset(15);
@@ -674,15 +674,7 @@ TEST_F(RingTest, LostLegacyLinkTakesItsNodesOffThePc9xSide) {
 }
 
 TEST_F(RingTest, LegacyNeighbourGetsPc11Pc12AndPc10) {
-  // A fourth, legacy neighbour of A on stream 15.
-  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
-  a_->streams.at(15).state = kStateLoggingIn;
-  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
-  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^H25^", "PC20^"}) {
-    a_->net->OnLine(15, l);
-  }
-  net_.Pump();
-  net_.TakeFrom(*a_, 15);
+  LinkLegacyToA({"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^H25^"});
   // The legacy node's user is known network-wide through PC92 sent on its behalf.
   EXPECT_EQ(b_->net->view().RouteTo("Q7OLD"), 21);
 
