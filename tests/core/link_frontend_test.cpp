@@ -145,10 +145,12 @@ class LinkFixture : public ::testing::Test {
 // ---------------------------------------------------------------------------------------
 // Record handling, driven through the arrival entry.
 
-using LinkRecordsTest = LinkFixture;
+class LinkRecordsTest : public LinkFixture {
+ protected:
+  void SetUp() override { MakeLink(); }
+};
 
 TEST_F(LinkRecordsTest, ConnectRequestOpensAFreshEntryInTheLoginState) {
-  MakeLink();
   table_.EnsureCapacity(2);
   table_.at(2).call = "OLD1";
   table_.at(2).line_carry = "stale";
@@ -180,7 +182,6 @@ TEST_F(LinkRecordsTest, ConnectRequestOpensAFreshEntryInTheLoginState) {
 }
 
 TEST_F(LinkRecordsTest, StreamDataIsCutIntoLinesWithCaretsIntact) {
-  MakeLink();
   link_->Arrive("AA03^Connect Request^3^192.0.2.1:1^5^in^0\x03");
   link_->Arrive("AA00^3^sh/dx 5\r\nDX 14025 DL1ABC a^b^c\r\n\x03");
   // Lone CR and lone LF end lines as well; an empty line (Enter alone) is a line too.  LF CR
@@ -194,7 +195,6 @@ TEST_F(LinkRecordsTest, StreamDataIsCutIntoLinesWithCaretsIntact) {
 }
 
 TEST_F(LinkRecordsTest, ALineCutAcrossRecordsIsHandedOnOnceComplete) {
-  MakeLink();
   link_->Arrive("AA03^Connect Request^3^192.0.2.1:1^5^in^0\x03");
   link_->Arrive("AA00^3^PC61^14025.0^DL1\x03");
   EXPECT_TRUE(events_.lines.empty());
@@ -220,7 +220,6 @@ TEST_F(LinkRecordsTest, ALineCutAcrossRecordsIsHandedOnOnceComplete) {
 }
 
 TEST_F(LinkRecordsTest, FrontEndCountersAreKeptAndABadOneLoggedOnce) {
-  MakeLink();
   link_->Arrive("AA20^open_connections=3^login_timeouts_total=1\x03");
   link_->Arrive(
       "AA20^open_connections=4^bad=x\x03"
@@ -240,7 +239,6 @@ TEST_F(LinkRecordsTest, TextNodeSpotLinesAreNormalisedOnNodeStreamsOnly) {
   NormaliseTextNodeLine("a:  b: c:   d", out);
   EXPECT_EQ(out, "a:b:c:d");
 
-  MakeLink();
   link_->Arrive("AA03^Connect Request^4^192.0.2.1:1^5^in^0\x03");
   link_->Arrive("AA03^Connect Request^5^192.0.2.1:2^6^in^0\x03");
   table_.at(4).state = kStateFeedRbn;
@@ -252,7 +250,6 @@ TEST_F(LinkRecordsTest, TextNodeSpotLinesAreNormalisedOnNodeStreamsOnly) {
 }
 
 TEST_F(LinkRecordsTest, CallTimeOutAttributeAndCountRecords) {
-  MakeLink();
   link_->Arrive("AA03^Connect Request^6^192.0.2.1:1^5^in^0\x03");
   link_->Arrive("AA16^G4ABC^6^1\x03");
   EXPECT_EQ(table_.at(6).call, "G4ABC");
@@ -292,7 +289,6 @@ TEST_F(LinkRecordsTest, CallTimeOutAttributeAndCountRecords) {
 }
 
 TEST_F(LinkRecordsTest, ClosingALoggedInUserIsAnnouncedBeforeTheEntryIsFreed) {
-  MakeLink();
   table_.EnsureCapacity(8);  // grown by someone else first
   link_->Arrive("AA17^5^8^never used\x03");
   EXPECT_EQ(events_.closed, std::vector<std::string>{"8/0/"});
@@ -310,7 +306,6 @@ TEST_F(LinkRecordsTest, ClosingALoggedInUserIsAnnouncedBeforeTheEntryIsFreed) {
 }
 
 TEST_F(LinkRecordsTest, CloseOfAStreamOutsideTheTableRestartsTheLink) {
-  MakeLink();
   table_.EnsureCapacity(4);
   link_->Arrive("AA17^5^9^gone\x03");
   const std::string log = ErrorLogText();
@@ -324,7 +319,6 @@ TEST_F(LinkRecordsTest, CloseOfAStreamOutsideTheTableRestartsTheLink) {
 }
 
 TEST_F(LinkRecordsTest, BadStreamNumbersAreLoggedAndDropped) {
-  MakeLink();
   link_->Arrive(
       "AA00^0^hello\r\n\x03"
       "AA00^x1^hello\r\n\x03"
@@ -343,7 +337,6 @@ TEST_F(LinkRecordsTest, BadStreamNumbersAreLoggedAndDropped) {
 }
 
 TEST_F(LinkRecordsTest, AHandlerErrorIsLoggedAndTheNextRecordStillHandled) {
-  MakeLink();
   link_->Arrive("AA03^Connect Request^1^192.0.2.1:1^5^in^0\x03");
   events_.on_line = [](int, std::string_view line) {
     if (line == "boom") throw std::runtime_error("handler failed");
@@ -356,7 +349,6 @@ TEST_F(LinkRecordsTest, AHandlerErrorIsLoggedAndTheNextRecordStillHandled) {
 }
 
 TEST_F(LinkRecordsTest, RecoveryRebuildsEveryReportedStream) {
-  MakeLink();
   link_->Arrive("AA01^3^2,5,7\x03");
   EXPECT_EQ(events_.list_counts, std::vector<int>{3});
   EXPECT_EQ(table_.high_socket(), 7);
@@ -411,7 +403,6 @@ TEST_F(LinkRecordsTest, RecoveryRebuildsEveryReportedStream) {
 }
 
 TEST_F(LinkRecordsTest, WatchdogLogsTheStuckArrivalAndReleasesTheLink) {
-  MakeLink();
   link_->Arrive("AA03^Connect Request^1^192.0.2.1:1^5^in^0\x03");
   events_.on_line = [&](int, std::string_view line) {
     if (line != "stuck") return;
@@ -429,7 +420,6 @@ TEST_F(LinkRecordsTest, WatchdogLogsTheStuckArrivalAndReleasesTheLink) {
 }
 
 TEST_F(LinkRecordsTest, NothingIsSentWhileTheLinkIsDown) {
-  MakeLink();
   link_->Arrive(
       "AA03^Connect Request^1^192.0.2.1:1^5^in^0\x03"
       "AA18\x03");

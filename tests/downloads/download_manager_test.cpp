@@ -5,86 +5,21 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read_until.hpp>
-#include <boost/asio/write.hpp>
 #include <map>
 
 #include "downloads/update_check.h"
 #include "spots/country.h"
 #include "spots/reference_check.h"
+#include "tests/testlib/http_server.h"
 #include "tests/testlib/test_util.h"
 
 namespace qx {
 namespace {
 
 namespace asio = boost::asio;
-using asio::ip::tcp;
 
-// Files on a loopback port.  A file with an ETag is answered 304 when the request carries
-// it; `short_by` promises more bytes than are sent and closes; `silent` never answers.
-struct Served {
-  Served(std::string b = "", std::string e = "", size_t s = 0, bool quiet = false)
-      : body(std::move(b)), etag(std::move(e)), short_by(s), silent(quiet) {}
-  std::string body;
-  std::string etag;
-  size_t short_by = 0;
-  bool silent = false;
-};
-
-class LocalServer {
- public:
-  explicit LocalServer(asio::io_context& io)
-      : acceptor_(io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0)) {
-    Accept();
-  }
-  std::string Url(std::string_view path) const {
-    return "http://127.0.0.1:" + std::to_string(acceptor_.local_endpoint().port()) +
-           std::string(path);
-  }
-  std::map<std::string, Served> files;
-  std::vector<std::string> requests;
-
- private:
-  void Accept() {
-    acceptor_.async_accept([this](boost::system::error_code ec, tcp::socket socket) {
-      if (ec) return;
-      auto s = std::make_shared<tcp::socket>(std::move(socket));
-      auto buffer = std::make_shared<std::string>();
-      asio::async_read_until(*s, asio::dynamic_buffer(*buffer), "\r\n\r\n",
-                             [this, s, buffer](boost::system::error_code ec, size_t n) {
-                               if (!ec) Answer(s, buffer->substr(0, n));
-                             });
-      Accept();
-    });
-  }
-  void Answer(std::shared_ptr<tcp::socket> s, std::string request) {
-    requests.push_back(request);
-    const std::string path = request.substr(4, request.find(' ', 4) - 4);
-    auto reply =
-        std::make_shared<std::string>("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
-    if (const auto it = files.find(path); it != files.end()) {
-      const Served& f = it->second;
-      if (f.silent) {
-        held_.push_back(s);
-        return;
-      }
-      if (!f.etag.empty() && request.find("If-None-Match: " + f.etag) != std::string::npos) {
-        *reply = "HTTP/1.1 304 Not Modified\r\nContent-Length: 0\r\n\r\n";
-      } else {
-        *reply = "HTTP/1.1 200 OK\r\n" + (f.etag.empty() ? "" : "ETag: " + f.etag + "\r\n") +
-                 "Content-Length: " + std::to_string(f.body.size() + f.short_by) + "\r\n\r\n" +
-                 f.body;
-      }
-    }
-    asio::async_write(*s, asio::buffer(*reply), [s, reply](boost::system::error_code, size_t) {
-      boost::system::error_code ignored;
-      s->shutdown(tcp::socket::shutdown_both, ignored);
-    });
-  }
-  tcp::acceptor acceptor_;
-  std::vector<std::shared_ptr<tcp::socket>> held_;
-};
+using testing::HttpTestServer;
+using testing::ServedFile;
 
 std::string CountryFile(int countries) {
   std::string text = "# test country file\n";
@@ -179,7 +114,7 @@ class DownloadManagerTest : public ::testing::Test {
 
   testing::TempDir dir_;
   asio::io_context io_;
-  LocalServer server_{io_};
+  HttpTestServer server_{io_};
   ManualClock clock_{SysTime{} + std::chrono::hours(24 * 20000)};
   DownloadManagerOptions options_;
   std::unique_ptr<DownloadManager> manager_;
@@ -189,7 +124,7 @@ class DownloadManagerTest : public ::testing::Test {
 
 TEST_F(DownloadManagerTest, NewFileIsInstalledAndHandedOnThenNotModified) {
   testing::WriteFile(dir_ / "files" / "cty_wt_mod.dat", CountryFile(10));
-  server_.files["/cty/cty_wt_mod.dat"] = {CountryFile(12), "\"v2\""};
+  server_.Serve("/cty/cty_wt_mod.dat", {CountryFile(12), "\"v2\""});
   Fetch("cty_wt_mod.dat");
   EXPECT_EQ(Status("cty_wt_mod.dat").outcome, "installed");
   EXPECT_EQ(Installed("cty_wt_mod.dat"), CountryFile(12));
@@ -202,7 +137,7 @@ TEST_F(DownloadManagerTest, NewFileIsInstalledAndHandedOnThenNotModified) {
 
   Fetch("cty_wt_mod.dat");
   EXPECT_EQ(Status("cty_wt_mod.dat").outcome, "not modified");
-  EXPECT_NE(server_.requests.back().find("If-None-Match: \"v2\""), std::string::npos);
+  EXPECT_NE(server_.requests().back().find("If-None-Match: \"v2\""), std::string::npos);
   EXPECT_EQ(installed_.size(), 1u);
   ASSERT_TRUE(Status("cty_wt_mod.dat").next.has_value());
   EXPECT_EQ(*Status("cty_wt_mod.dat").next, clock_.Now() + std::chrono::hours(24));
@@ -210,7 +145,8 @@ TEST_F(DownloadManagerTest, NewFileIsInstalledAndHandedOnThenNotModified) {
   // A restart remembers the success and the validator: nothing is due for a day (the
   // never-fetched MASTER.SCP is, at once).
   auto asked = [&] {
-    return std::count_if(server_.requests.begin(), server_.requests.end(),
+    const std::vector<std::string> requests = server_.requests();
+    return std::count_if(requests.begin(), requests.end(),
                          [](const std::string& r) { return r.starts_with("GET /cty/"); });
   };
   const auto before = asked();
@@ -228,7 +164,7 @@ TEST_F(DownloadManagerTest, TruncatedGarbageAndMissingFilesNeverReplaceTheOneInU
   testing::WriteFile(dir_ / "files" / "cty_wt_mod.dat", good);
   const std::string newer = CountryFile(13);
   struct Case {
-    Served served;
+    ServedFile served;
     std::string outcome;
   };
   const std::vector<Case> cases = {
@@ -242,7 +178,7 @@ TEST_F(DownloadManagerTest, TruncatedGarbageAndMissingFilesNeverReplaceTheOneInU
   };
   int failures = 0;
   for (const Case& c : cases) {
-    server_.files["/cty/cty_wt_mod.dat"] = c.served;
+    server_.Serve("/cty/cty_wt_mod.dat", c.served);
     if (failures == 0) {
       Fetch("cty_wt_mod.dat");
     } else {  // the retries come by themselves, each after a longer wait
@@ -255,7 +191,7 @@ TEST_F(DownloadManagerTest, TruncatedGarbageAndMissingFilesNeverReplaceTheOneInU
     EXPECT_EQ(*s.next, clock_.Now() + std::chrono::minutes(5 << (failures - 1)));
     EXPECT_EQ(Installed("cty_wt_mod.dat"), good);
   }
-  server_.files.erase("/cty/cty_wt_mod.dat");
+  server_.Remove("/cty/cty_wt_mod.dat");
   Fetch("cty_wt_mod.dat");  // the sysop's request starts the run of failures over
   EXPECT_EQ(Status("cty_wt_mod.dat").outcome, "failed: the server answered 404");
   EXPECT_EQ(Status("cty_wt_mod.dat").failures, 1);
@@ -265,7 +201,7 @@ TEST_F(DownloadManagerTest, TruncatedGarbageAndMissingFilesNeverReplaceTheOneInU
   EXPECT_NE(log_.back().find("the file in use stays"), std::string::npos);
 
   // A retry that finds a good file installs it and ends the run of failures.
-  server_.files["/cty/cty_wt_mod.dat"] = {newer};
+  server_.Serve("/cty/cty_wt_mod.dat", {newer});
   clock_.Advance(std::chrono::minutes(5));
   RunDue();
   EXPECT_EQ(Installed("cty_wt_mod.dat"), newer);
@@ -274,8 +210,8 @@ TEST_F(DownloadManagerTest, TruncatedGarbageAndMissingFilesNeverReplaceTheOneInU
 
 TEST_F(DownloadManagerTest, ArchivesAreUnpackedAndTheNamedMemberInstalled) {
   const std::string calls = "# known calls\nK1ABC\nDL1XYZ\nG4ABC\n";
-  server_.files["/scp/master.zip"] = {
-      Zip({{"MASTER.SCP", calls}, {"readme.txt", "about"}, {"../../evil.txt", "x"}})};
+  server_.Serve("/scp/master.zip",
+                {Zip({{"MASTER.SCP", calls}, {"readme.txt", "about"}, {"../../evil.txt", "x"}})});
   Fetch("MASTER.SCP");
   EXPECT_EQ(Status("MASTER.SCP").outcome, "installed");
   EXPECT_EQ(Installed("MASTER.SCP"), calls);
@@ -286,10 +222,10 @@ TEST_F(DownloadManagerTest, ArchivesAreUnpackedAndTheNamedMemberInstalled) {
   EXPECT_FALSE(std::filesystem::exists(dir_ / "evil.txt"));
   EXPECT_TRUE(std::filesystem::exists(dir_ / "downloads" / "master.zip"));
 
-  server_.files["/scp/master.zip"] = {Zip({{"other.txt", calls}})};
+  server_.Serve("/scp/master.zip", {Zip({{"other.txt", calls}})});
   Fetch("MASTER.SCP");
   EXPECT_EQ(Status("MASTER.SCP").outcome, "failed: the archive holds no MASTER.SCP");
-  server_.files["/scp/master.zip"] = {"PK\x03\x04 not really a zip"};
+  server_.Serve("/scp/master.zip", {"PK\x03\x04 not really a zip"});
   Fetch("MASTER.SCP");
   EXPECT_TRUE(Status("MASTER.SCP").outcome.starts_with("failed: ")) << Status("MASTER.SCP").outcome;
   EXPECT_EQ(Installed("MASTER.SCP"), calls);
@@ -300,17 +236,17 @@ TEST_F(DownloadManagerTest, SilentAndHugeAnswersFailWithinTheirLimits) {
   options_.max_bytes = 64 * 1024;
   Make();
   testing::WriteFile(dir_ / "files" / "cty_wt_mod.dat", CountryFile(12));
-  server_.files["/cty/cty_wt_mod.dat"] = {"", "", 0, /*silent=*/true};
+  server_.Serve("/cty/cty_wt_mod.dat", {"", "", 0, /*silent=*/true});
   const auto start = std::chrono::steady_clock::now();
   Fetch("cty_wt_mod.dat");
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
   EXPECT_EQ(Status("cty_wt_mod.dat").outcome, "failed: no answer within 300 ms");
 
-  server_.files["/cty/cty_wt_mod.dat"] = {CountryFile(2000)};
+  server_.Serve("/cty/cty_wt_mod.dat", {CountryFile(2000)});
   Fetch("cty_wt_mod.dat");
   EXPECT_EQ(Status("cty_wt_mod.dat").outcome, "failed: the answer is larger than 65536 bytes");
   // An archive that unpacks beyond the limit is refused the same way.
-  server_.files["/scp/master.zip"] = {Zip({{"MASTER.SCP", std::string(200 * 1024, 'K')}})};
+  server_.Serve("/scp/master.zip", {Zip({{"MASTER.SCP", std::string(200 * 1024, 'K')}})});
   Fetch("MASTER.SCP");
   EXPECT_EQ(Status("MASTER.SCP").outcome, "failed: the archive unpacks to more than 65536 bytes");
   EXPECT_EQ(Installed("cty_wt_mod.dat"), CountryFile(12));
@@ -318,7 +254,7 @@ TEST_F(DownloadManagerTest, SilentAndHugeAnswersFailWithinTheirLimits) {
 }
 
 TEST_F(DownloadManagerTest, UpdateCheckTellsOfANewerVersionOnce) {
-  server_.files["/version.txt"] = {"1.5.0\nWhat is new: ...\n"};
+  server_.Serve("/version.txt", {"1.5.0\nWhat is new: ...\n"});
   UpdateCheckOptions o;
   o.url = server_.Url("/version.txt");
   o.running = "1.4.0";
@@ -347,7 +283,7 @@ TEST_F(DownloadManagerTest, UpdateCheckTellsOfANewerVersionOnce) {
   EXPECT_TRUE(results[1].verdict.newer);
   EXPECT_FALSE(results[1].verdict.tell);
 
-  server_.files["/version.txt"] = {"<html>gone</html>"};
+  server_.Serve("/version.txt", {"<html>gone</html>"});
   check.Request();
   run();
   ASSERT_EQ(results.size(), 3u);

@@ -2,64 +2,21 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read_until.hpp>
-#include <boost/asio/write.hpp>
-#include <memory>
+#include "tests/testlib/http_server.h"
 
 namespace qx {
 namespace {
 
 namespace asio = boost::asio;
-using asio::ip::tcp;
+using testing::HttpTestServer;
+using testing::ServedFile;
 
-// A one-file HTTP server on a loopback port: answers 304 when the request carries the
-// validator it handed out, 200 with the text otherwise; or, told so, never answers.
-class LocalServer {
- public:
-  explicit LocalServer(asio::io_context& io)
-      : acceptor_(io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0)) {
-    Accept();
-  }
-  std::string Url() const {
-    return "http://127.0.0.1:" + std::to_string(acceptor_.local_endpoint().port()) +
-           "/text/wwv.txt";
-  }
-  std::string body = "Solar flux 140";
-  bool silent = false;
-  std::vector<std::string> requests;
-
- private:
-  void Accept() {
-    acceptor_.async_accept([this](boost::system::error_code ec, tcp::socket socket) {
-      if (ec) return;
-      auto s = std::make_shared<tcp::socket>(std::move(socket));
-      auto buffer = std::make_shared<std::string>();
-      asio::async_read_until(*s, asio::dynamic_buffer(*buffer), "\r\n\r\n",
-                             [this, s, buffer](boost::system::error_code ec, size_t n) {
-                               if (ec) return;
-                               requests.push_back(buffer->substr(0, n));
-                               if (!silent)
-                                 Answer(s, requests.back());
-                               else
-                                 held_.push_back(s);
-                             });
-      Accept();
-    });
-  }
-  void Answer(std::shared_ptr<tcp::socket> s, const std::string& request) {
-    const bool fresh =
-        request.find("If-Modified-Since: Thu, 05 Nov 2026 15:05:00 GMT") != std::string::npos;
-    auto reply = std::make_shared<std::string>(
-        fresh ? "HTTP/1.1 304 Not Modified\r\nContent-Length: 0\r\n\r\n"
-              : "HTTP/1.1 200 OK\r\nLast-Modified: Thu, 05 Nov 2026 15:05:00 GMT\r\n"
-                "ETag: \"v1\"\r\nContent-Length: " +
-                    std::to_string(body.size()) + "\r\n\r\n" + body);
-    asio::async_write(*s, asio::buffer(*reply), [s, reply](boost::system::error_code, size_t) {});
-  }
-  tcp::acceptor acceptor_;
-  std::vector<std::shared_ptr<tcp::socket>> held_;
-};
+// The one file these tests fetch, with both validators.
+void ServeWwv(HttpTestServer& server, bool silent = false) {
+  ServedFile file("Solar flux 140", "\"v1\"", 0, silent);
+  file.last_modified = "Thu, 05 Nov 2026 15:05:00 GMT";
+  server.Serve("/text/wwv.txt", file);
+}
 
 HttpGetResult Fetch(asio::io_context& io, HttpGetRequest request) {
   HttpGetResult result;
@@ -77,37 +34,41 @@ HttpGetResult Fetch(asio::io_context& io, HttpGetRequest request) {
 
 TEST(HttpGetTest, ConditionalGetGetsTheTextOnceThenNotModified) {
   asio::io_context io;
-  LocalServer server(io);
+  HttpTestServer server(io);
+  ServeWwv(server);
   HttpGetRequest request;
-  request.url = server.Url();
+  request.url = server.Url("/text/wwv.txt");
   HttpGetResult r = Fetch(io, request);
   EXPECT_EQ(r.status, 200) << r.error;
   EXPECT_EQ(r.body, "Solar flux 140");
   EXPECT_EQ(r.last_modified, "Thu, 05 Nov 2026 15:05:00 GMT");
   EXPECT_EQ(r.etag, "\"v1\"");
-  ASSERT_EQ(server.requests.size(), 1u);
-  EXPECT_TRUE(server.requests[0].starts_with("GET /text/wwv.txt HTTP/1.1\r\n"));
+  ASSERT_EQ(server.requests().size(), 1u);
+  EXPECT_TRUE(server.requests()[0].starts_with("GET /text/wwv.txt HTTP/1.1\r\n"));
 
   request.if_modified_since = r.last_modified;
   request.if_none_match = r.etag;
   r = Fetch(io, request);
   EXPECT_EQ(r.status, 304) << r.error;
   EXPECT_EQ(r.body, "");
-  ASSERT_EQ(server.requests.size(), 2u);
-  EXPECT_NE(server.requests[1].find("If-None-Match: \"v1\""), std::string::npos);
+  ASSERT_EQ(server.requests().size(), 2u);
+  EXPECT_NE(server.requests()[1].find("If-None-Match: \"v1\"\r\n"), std::string::npos);
+  EXPECT_NE(server.requests()[1].find("If-Modified-Since: Thu, 05 Nov 2026 15:05:00 GMT\r\n"),
+            std::string::npos);
 }
 
 TEST(HttpGetTest, OversizeSilentAndUnreachableServersGiveAnError) {
   asio::io_context io;
-  LocalServer server(io);
+  HttpTestServer server(io);
+  ServeWwv(server);
   HttpGetRequest request;
-  request.url = server.Url();
+  request.url = server.Url("/text/wwv.txt");
   request.max_body = 10;
   HttpGetResult r = Fetch(io, request);
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.error, "the answer is larger than 10 bytes");
 
-  server.silent = true;
+  ServeWwv(server, /*silent=*/true);
   request.timeout = std::chrono::milliseconds(200);
   const auto start = std::chrono::steady_clock::now();
   r = Fetch(io, request);

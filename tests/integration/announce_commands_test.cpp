@@ -12,20 +12,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using namespace std::chrono_literals;
 
-class AnnounceCommandsTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
-  }
-  static std::string Command(LineClient& c, std::string_view line) {
-    c.ClearReceived();
-    c.SendLine(line);
-    EXPECT_TRUE(c.ReadUntil("QXC >")) << line << ": " << c.received();
-    std::string text = c.received();
-    c.ClearReceived();
-    return text;
-  }
-};
+using AnnounceCommandsTest = NodeSiteTest;
 
 TEST_F(AnnounceCommandsTest, AnnouncementsAreKeptLimitedAndListedAfterARestart) {
   NodeSite a("K1QXA");

@@ -4,65 +4,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read_until.hpp>
-#include <boost/asio/write.hpp>
-#include <mutex>
-#include <thread>
-
 #include "spots/country.h"
+#include "tests/testlib/http_server.h"
 #include "tests/testlib/node_sites.h"
 
 namespace qx::testing {
 namespace {
 
-namespace asio = boost::asio;
 using ::testing::HasSubstr;
-
-// Serves one text, which the test may change, to every GET.
-class FileServer {
- public:
-  FileServer() : acceptor_(io_, {asio::ip::make_address("127.0.0.1"), 0}) {
-    Accept();
-    thread_ = std::thread([this] { io_.run(); });
-  }
-  ~FileServer() {
-    io_.stop();
-    thread_.join();
-  }
-  int port() const { return acceptor_.local_endpoint().port(); }
-  void Serve(std::string text) {
-    std::lock_guard lock(mutex_);
-    text_ = std::move(text);
-  }
-
- private:
-  void Accept() {
-    acceptor_.async_accept([this](boost::system::error_code ec, asio::ip::tcp::socket s) {
-      if (ec) return;
-      auto socket = std::make_shared<asio::ip::tcp::socket>(std::move(s));
-      auto in = std::make_shared<std::string>();
-      asio::async_read_until(
-          *socket, asio::dynamic_buffer(*in), "\r\n\r\n",
-          [this, socket, in](boost::system::error_code ec, size_t) {
-            if (ec) return;
-            std::lock_guard lock(mutex_);
-            auto out = std::make_shared<std::string>(
-                "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(text_.size()) + "\r\n\r\n" +
-                text_);
-            asio::async_write(*socket, asio::buffer(*out),
-                              [socket, out](boost::system::error_code, size_t) {});
-          });
-      Accept();
-    });
-  }
-  std::mutex mutex_;
-  std::string text_;
-  asio::io_context io_;
-  asio::ip::tcp::acceptor acceptor_;
-  std::thread thread_;
-};
 
 TEST(DownloadsSystemTest, SysopUpdateInstallsTheCountryFileAndTheNodeUsesIt) {
   if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
@@ -72,8 +21,8 @@ TEST(DownloadsSystemTest, SysopUpdateInstallsTheCountryFileAndTheNodeUsesIt) {
   const std::string newer =
       original + "Testland:  14:  28:  EU:  51.00:  -10.00:  -1.0:  QX9:\r\n    QX9;\r\n";
 
-  FileServer server;
-  server.Serve(newer);
+  HttpTestServer server;
+  server.Serve("/cty_wt_mod.dat", {newer});
   NodeSite node("K1QXA");
   node.Setting("Country File URL",
                fmt::format("http://127.0.0.1:{}/cty_wt_mod.dat", server.port()));
@@ -93,8 +42,8 @@ TEST(DownloadsSystemTest, SysopUpdateInstallsTheCountryFileAndTheNodeUsesIt) {
   EXPECT_EQ(ReadFile(node.home() / "data/files/cty_wt_mod.dat"), newer);
 
   // An error page in its place is refused; the installed file stays.
-  server.Serve("<html><body>Service Unavailable</body></html>\r\n" +
-               std::string(newer.size(), ' '));
+  server.Serve("/cty_wt_mod.dat", {"<html><body>Service Unavailable</body></html>\r\n" +
+                                   std::string(newer.size(), ' ')});
   sysop->SendLine("UPDATE cty_wt_mod.dat");
   ASSERT_TRUE(node.WaitOutput("Download of cty_wt_mod.dat failed: not a country file"))
       << node.node().Output();

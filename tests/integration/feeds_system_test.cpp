@@ -33,12 +33,7 @@ void SendAgreeingReports(PeerListener& feed, std::string_view dx, std::string_vi
   }
 }
 
-class FeedsSystemTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
-  }
-};
+using FeedsSystemTest = NodeSiteTest;
 
 TEST_F(FeedsSystemTest, SkimmerSpotsReachOnlyUsersWhoAskAndTheFeedOutlivesANodeRestart) {
   NodeSite site("K1QXA");
@@ -72,16 +67,11 @@ TEST_F(FeedsSystemTest, SkimmerSpotsReachOnlyUsersWhoAskAndTheFeedOutlivesANodeR
 
   // A report that is no skimmer line is counted, and the feed goes on.
   server.SendLine("DX de DL1AAA-#: 14O25.1 K1ABC CW 18 dB 1854Z");
-  wants->ClearReceived();
-  wants->SendLine("WHO");
-  ASSERT_TRUE(wants->ReadUntil("QXC >")) << wants->received();
-  EXPECT_THAT(wants->received(), HasSubstr("RBN"));
-  wants->ClearReceived();
-  wants->SendLine("SHOW/SKIMMER/STATUS K9ZZT");
-  ASSERT_TRUE(wants->ReadUntil("QXC >")) << wants->received();
-  EXPECT_THAT(wants->received(), HasSubstr("connected"));
-  EXPECT_THAT(wants->received(), HasSubstr("Recent skimmer reports of K9ZZT"));
-  EXPECT_THAT(wants->received(), HasSubstr("OH2BBB-#"));
+  EXPECT_THAT(Command(*wants, "WHO"), HasSubstr("RBN"));
+  const std::string status = Command(*wants, "SHOW/SKIMMER/STATUS K9ZZT");
+  EXPECT_THAT(status, HasSubstr("connected"));
+  EXPECT_THAT(status, HasSubstr("Recent skimmer reports of K9ZZT"));
+  EXPECT_THAT(status, HasSubstr("OH2BBB-#"));
 
   // The node restarts; the front-end keeps the feed connection and the node takes it back.
   ASSERT_EQ(site.node().Stop(), 0);
@@ -114,9 +104,7 @@ TEST_F(FeedsSystemTest, AFeedThatSendsOnlyGarbageIsDroppedAndCalledAgain) {
   EXPECT_TRUE(server.Accept(15s)) << site.node().Output();
   EXPECT_THAT(site.node().Output(), HasSubstr("sends no skimmer reports"));
   auto user = site.LogIn("W1USR");
-  user->SendLine("SHOW/SKIMMER/STATUS");
-  ASSERT_TRUE(user->ReadUntil("QXC >")) << user->received();
-  EXPECT_THAT(user->received(), HasSubstr("Own skimmer"));
+  EXPECT_THAT(Command(*user, "SHOW/SKIMMER/STATUS"), HasSubstr("Own skimmer"));
 }
 
 TEST_F(FeedsSystemTest, ASkimmerLoggingInAsANodeOfKindSkmIsAFeed) {
@@ -135,11 +123,9 @@ TEST_F(FeedsSystemTest, ASkimmerLoggingInAsANodeOfKindSkmIsAFeed) {
   skimmer->SendLine(fmt::format("DX de DL9SKM-#: 14010.2 K7QQT CW 12 dB 22 WPM CQ {}", NowHHnnZ()));
   ASSERT_TRUE(user->ReadUntil("K7QQT", 10s)) << user->received() << Logs(site);
   EXPECT_THAT(user->received(), HasSubstr("?1"));
-  user->ClearReceived();
-  user->SendLine("WHO");
-  ASSERT_TRUE(user->ReadUntil("QXC >")) << user->received();
-  EXPECT_THAT(user->received(), HasSubstr("SKIMMER"));
-  EXPECT_THAT(user->received(), HasSubstr("DL9SKM"));
+  const std::string who = Command(*user, "WHO");
+  EXPECT_THAT(who, HasSubstr("SKIMMER"));
+  EXPECT_THAT(who, HasSubstr("DL9SKM"));
 }
 
 // The broker the reporter feed subscribes to, on a loopback port of its own.

@@ -18,15 +18,6 @@ using namespace std::chrono_literals;
 
 class FiltersSystemTest : public SystemFixture {
  protected:
-  // Types a command and waits for the prompt after it; returns the reply.
-  static std::string Command(LineClient& c, std::string_view line) {
-    c.ClearReceived();
-    c.SendLine(line);
-    EXPECT_TRUE(c.ReadUntil("QXC >")) << line << ": " << c.received();
-    std::string text = c.received();
-    c.ClearReceived();
-    return text;
-  }
   // The DX calls of the "DX de" lines a client has received.
   static std::set<std::string> DxCalls(const std::string& text) {
     static const std::regex kLine("DX de [A-Z0-9/-]+: +[0-9.]+ +([A-Z0-9/]+)");

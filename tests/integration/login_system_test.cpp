@@ -29,22 +29,18 @@ TEST_F(LoginSystemTest, BannerNameQuestionGreetingAndPrompt) {
   EXPECT_TRUE(std::filesystem::exists(home() / "data/user/K1ABC.dat"));
 }
 
-TEST_F(LoginSystemTest, InvalidCallIsToldAndClosed) {
-  StartAll();
-  auto c = Connect();
-  c->SendLine("ABC1");
-  EXPECT_TRUE(c->ReadUntil("ABC1 is not a valid callsign"));
-  EXPECT_TRUE(c->WaitClosed());
-}
-
-TEST_F(LoginSystemTest, LockedOutCallIsRefused) {
+// An invalid call and a locked-out one (whatever its SSID) are told why and closed.
+TEST_F(LoginSystemTest, InvalidAndLockedOutCallsAreToldAndClosed) {
   WriteFile(home() / "data/cfg/LockOuts.cfg",
             "[Form.Top, .Left, .Height, .Width]\r\n0\r\n0\r\n0\r\n0\r\n[Items]\r\nK1BAD\r\n");
   StartAll();
-  auto c = Connect();
-  c->SendLine("K1BAD-2");
-  EXPECT_TRUE(c->ReadUntil("LockedOut "));
-  EXPECT_TRUE(c->WaitClosed());
+  for (const auto& [call, told] :
+       {std::pair{"ABC1", "ABC1 is not a valid callsign"}, std::pair{"K1BAD-2", "LockedOut "}}) {
+    auto c = Connect();
+    c->SendLine(call);
+    EXPECT_TRUE(c->ReadUntil(told)) << c->received();
+    EXPECT_TRUE(c->WaitClosed()) << call;
+  }
 }
 
 TEST_F(LoginSystemTest, SecondConnectionWithSameCallTakesOver) {
@@ -108,14 +104,10 @@ TEST_F(LoginSystemTest, ByeEndsTheSessionAtOnce) {
   auto leaving = LogIn("W1BYE");
   leaving->SendLine("BYE");
   ASSERT_TRUE(leaving->ReadUntil("73 W1BYE de XX0QX-1")) << leaving->received();
-  watcher->SendLine("SHOW/USERS");
-  ASSERT_TRUE(watcher->ReadUntil("QXC >"));
-  EXPECT_THAT(watcher->received(), ::testing::Not(HasSubstr("W1BYE")));
+  EXPECT_THAT(Command(*watcher, "SHOW/USERS"), ::testing::Not(HasSubstr("W1BYE")));
   auto back = LogIn("W1BYE");
-  back->SendLine("SHOW/USERS");
-  ASSERT_TRUE(back->ReadUntil("QXC >"));
-  EXPECT_THAT(back->received(), HasSubstr("W1BYE"));
   EXPECT_THAT(back->received(), ::testing::Not(HasSubstr("Dupe call")));
+  EXPECT_THAT(Command(*back, "SHOW/USERS"), HasSubstr("W1BYE"));
 }
 
 }  // namespace

@@ -17,11 +17,8 @@ using namespace std::chrono_literals;
 
 constexpr std::string_view kOurPc18 = "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^";
 
-class NodeAdmissionTest : public ::testing::Test {
+class NodeAdmissionTest : public NodeSiteTest {
  protected:
-  void SetUp() override {
-    if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
-  }
   // A connection that types call (and then password, when given) at the prompt; what it
   // received once the node answered.
   std::unique_ptr<LineClient> Knock(std::string_view call, std::string_view password = {}) {

@@ -12,11 +12,8 @@ namespace {
 using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
-class NodeRingTest : public ::testing::Test {
+class NodeRingTest : public NodeSiteTest {
  protected:
-  void SetUp() override {
-    if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
-  }
   // Short timers so that links come back within the test's patience.
   static void Fast(NodeSite& s) {
     s.Setting("Connection Retry", "2");

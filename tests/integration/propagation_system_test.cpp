@@ -4,14 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read_until.hpp>
-#include <boost/asio/write.hpp>
 #include <ctime>
 #include <thread>
 
 #include "core/time_text.h"
+#include "tests/testlib/http_server.h"
 #include "tests/testlib/node_sites.h"
 
 namespace qx::testing {
@@ -21,12 +18,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using namespace std::chrono_literals;
 
-class PropagationSystemTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
-  }
-};
+using PropagationSystemTest = NodeSiteTest;
 
 int HourNow() { return SecondsOfDay(SystemClock().Now()) / 3600; }
 
@@ -116,48 +108,6 @@ TEST_F(PropagationSystemTest, ReportsFromAPeerAreShownOnceAndSurviveARestart) {
   ASSERT_TRUE(user->ReadUntil("SH/WWV lots command error")) << user->received();
 }
 
-// Serves one text on a loopback port from a thread of its own, counting the requests.
-class TextServer {
- public:
-  explicit TextServer(std::string text)
-      : text_(std::move(text)), acceptor_(io_, {boost::asio::ip::make_address("127.0.0.1"), 0}) {
-    Accept();
-    thread_ = std::thread([this] { io_.run(); });
-  }
-  ~TextServer() {
-    io_.stop();
-    thread_.join();
-  }
-  int port() const { return acceptor_.local_endpoint().port(); }
-  int requests() const { return requests_; }
-
- private:
-  void Accept() {
-    acceptor_.async_accept([this](boost::system::error_code ec, boost::asio::ip::tcp::socket s) {
-      if (ec) return;
-      auto socket = std::make_shared<boost::asio::ip::tcp::socket>(std::move(s));
-      auto in = std::make_shared<std::string>();
-      boost::asio::async_read_until(
-          *socket, boost::asio::dynamic_buffer(*in), "\r\n\r\n",
-          [this, socket, in](boost::system::error_code ec, size_t) {
-            if (ec) return;
-            ++requests_;
-            auto out = std::make_shared<std::string>(
-                "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(text_.size()) +
-                "\r\nConnection: close\r\n\r\n" + text_);
-            boost::asio::async_write(*socket, boost::asio::buffer(*out),
-                                     [socket, out](boost::system::error_code, size_t) {});
-          });
-      Accept();
-    });
-  }
-  std::string text_;
-  boost::asio::io_context io_;
-  boost::asio::ip::tcp::acceptor acceptor_;
-  std::atomic<int> requests_{0};
-  std::thread thread_;
-};
-
 TEST_F(PropagationSystemTest, AtStartUpTheNodeFetchesTheAlertTextAndSendsAWwv) {
   // The agency's text for this hour (so it is neither stale nor of another period).
   const SysTime now = SystemClock().Now();
@@ -173,13 +123,14 @@ TEST_F(PropagationSystemTest, AtStartUpTheNodeFetchesTheAlertTextAndSendsAWwv) {
       "No space weather storms are predicted for the next 24 hours.\n",
       tm.tm_year + 1900, MonthAbbrev(tm.tm_mon + 1), tm.tm_mday, hour, hour, tm.tm_mday,
       MonthAbbrev(tm.tm_mon + 1));
-  TextServer server(text);
+  HttpTestServer server;
+  server.Serve("/text/wwv.txt", {text});
   NodeSite node("K1QXA");
   node.Setting("Get WWV", "True");
   node.Setting("WWV URL", fmt::format("http://127.0.0.1:{}/text/wwv.txt", server.port()));
   node.Start();
   ASSERT_TRUE(node.WaitOutput("WWV fetch: sent")) << node.node().Output();
-  EXPECT_EQ(server.requests(), 1);
+  EXPECT_EQ(server.requests().size(), 1u);
   auto user = node.LogIn("W1AAA");
   user->SendLine("SH/WWV");
   ASSERT_TRUE(user->ReadUntil("<K1QXA>")) << user->received();

@@ -12,12 +12,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using namespace std::chrono_literals;
 
-class RestartRecoveryTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
-  }
-};
+using RestartRecoveryTest = NodeSiteTest;
 
 TEST_F(RestartRecoveryTest, AKilledFrontEndLeavesNoGhostsAndTheNeighbourIsCalledAgainAtOnce) {
   NodeSite a("K1QXA"), b("K2QXB");

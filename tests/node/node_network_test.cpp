@@ -253,6 +253,18 @@ std::string Cfg(std::initializer_list<std::string> defined,
 
 class NodeNetworkTest : public ::testing::Test {
  protected:
+  struct Pair {
+    TestNode& a;
+    TestNode& b;
+  };
+  // Q2BBB calls Q1AAA and their link comes up: A's end is stream 5, B's stream 7.
+  Pair LinkedPair(NodeNetworkOptions o = {}) {
+    TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
+    TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
+    net_.Link(a, 5, b, 7, "Q1AAA");
+    return {a, b};
+  }
+
   ManualClock clock_{MakeUtc(2026, 11, 21, 22, 0, 0)};
   Network net_{clock_};
 };
@@ -406,6 +418,17 @@ class RingTest : public NodeNetworkTest {
     c_->AddUser(1, "Q7USR");
     c_->AddUser(2, "Q7QUIET", kDefaultSwitches & ~(kSwAnnouncements | kSwTalk | kSwWx));
     net_.Pump();
+  }
+  // A fourth, legacy neighbour Q7XXX logs in to A on stream 15, sends its configuration and
+  // PC20; what A answered is taken.
+  void LinkLegacyToA(std::initializer_list<std::string_view> config) {
+    a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
+    a_->streams.at(15).state = kStateLoggingIn;
+    ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
+    for (std::string_view l : config) a_->net->OnLine(15, l);
+    a_->net->OnLine(15, "PC20^");
+    net_.Pump();
+    net_.TakeFrom(*a_, 15);
   }
   Spot LocalSpot(std::string_view address) {
     Spot s;
@@ -623,12 +646,7 @@ TEST_F(RingTest, LostLinkIsAnnouncedAndTheViewHealsAtOnce) {
 }
 
 TEST_F(RingTest, LegacyNeighbourHearsOnlyOfNodesThatAreReallyGone) {
-  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
-  a_->streams.at(15).state = kStateLoggingIn;
-  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
-  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^H25^", "PC20^"}) a_->net->OnLine(15, l);
-  net_.Pump();
-  net_.TakeFrom(*a_, 15);
+  LinkLegacyToA({"PC19^1^Q7XXX^0^5455^H25^"});
   // B is still reached through C: no PC21 for it, nor for what C says of its lost links.
   net_.Cut(*b_, 21, *a_, 11);
   std::string sent = net_.TakeFrom(*a_, 15);
@@ -642,13 +660,7 @@ TEST_F(RingTest, LegacyNeighbourHearsOnlyOfNodesThatAreReallyGone) {
 }
 
 TEST_F(RingTest, LostLegacyLinkTakesItsNodesOffThePc9xSide) {
-  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
-  a_->streams.at(15).state = kStateLoggingIn;
-  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
-  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^1^Q6OLD^0^5455^H25^", "PC20^"}) {
-    a_->net->OnLine(15, l);
-  }
-  net_.Pump();
+  LinkLegacyToA({"PC19^1^Q7XXX^0^5455^1^Q6OLD^0^5455^H25^"});
   ASSERT_NE(b_->net->view().FindNode("Q6OLD"), nullptr);
   a_->net->OnStreamClosed(15);
   a_->streams.Reset(15);
@@ -662,15 +674,7 @@ TEST_F(RingTest, LostLegacyLinkTakesItsNodesOffThePc9xSide) {
 }
 
 TEST_F(RingTest, LegacyNeighbourGetsPc11Pc12AndPc10) {
-  // A fourth, legacy neighbour of A on stream 15.
-  a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
-  a_->streams.at(15).state = kStateLoggingIn;
-  ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
-  for (std::string_view l : {"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^H25^", "PC20^"}) {
-    a_->net->OnLine(15, l);
-  }
-  net_.Pump();
-  net_.TakeFrom(*a_, 15);
+  LinkLegacyToA({"PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^H25^"});
   // The legacy node's user is known network-wide through PC92 sent on its behalf.
   EXPECT_EQ(b_->net->view().RouteTo("Q7OLD"), 21);
 
@@ -1009,9 +1013,7 @@ TEST_F(NodeNetworkTest, PingsAreAnsweredAndTimed) {
   NodeNetworkOptions o;
   o.first_ping_delay = 10;
   o.ping_interval = 300;
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
-  net_.Link(a, 5, b, 7, "Q1AAA");
+  auto [a, b] = LinkedPair(o);
   clock_.Advance(9s);
   a.net->Tick();
   EXPECT_EQ(Count(a.out.To(5), "PC51"), 0u);
@@ -1070,9 +1072,7 @@ TEST_F(NodeNetworkTest, KeepaliveAndFullConfigurationOnTheirTimers) {
   o.keepalive_interval = 3600;
   o.config_interval = 4 * 3600;
   o.config_after_change = 900;
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
-  net_.Link(a, 5, b, 7, "Q1AAA");
+  auto [a, b] = LinkedPair(o);
   const size_t k0 = Count(a.out.To(5), "^K^5Q1AAA");
   const size_t c0 = Count(a.out.To(5), "^C^5Q1AAA");
   const auto tick = [&](std::chrono::seconds d) {
@@ -1095,9 +1095,7 @@ TEST_F(NodeNetworkTest, KeepaliveAndFullConfigurationOnTheirTimers) {
 }
 
 TEST_F(NodeNetworkTest, QuietNodeExpiresUnlessItSendsAKeepalive) {
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}));
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
-  net_.Link(a, 5, b, 7, "Q1AAA");
+  auto [a, b] = LinkedPair();
   // Two nodes beyond B, each heard once.
   const auto far = [&](std::string_view call, std::string_view type) {
     const std::string t = std::to_string(SecondsOfDay(clock_.Now()));
@@ -1134,9 +1132,7 @@ TEST_F(NodeNetworkTest, QuietNodeExpiresUnlessItSendsAKeepalive) {
 TEST_F(NodeNetworkTest, QuietCountdownIsHourlyWhateverOurKeepaliveInterval) {
   NodeNetworkOptions o;
   o.keepalive_interval = 600;
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
-  net_.Link(a, 5, b, 7, "Q1AAA");
+  auto [a, b] = LinkedPair(o);
   const auto far_k = [&] {
     const std::string t = std::to_string(SecondsOfDay(clock_.Now()));
     a.net->OnLine(5, "PC92^Q8FAR^" + t + "^K^5Q8FAR:5457^1^0^H97^");

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "node/pc9x_time.h"
 #include "node/pc_builders.h"
 #include "tests/node/node_test_util.h"
@@ -19,71 +21,49 @@ class HopsOkTest : public ::testing::Test {
   bool Hops(std::string& h) { return state_.HopsOk(h); }
 };
 
-TEST_F(HopsOkTest, CountsDownWhileHopsAreLeft) {
-  std::string h = "H99";
-  EXPECT_TRUE(Hops(h));
-  EXPECT_EQ(h, "H98");
-  EXPECT_FALSE(state_.last_hop());
-  EXPECT_EQ(state_.last_hop_count(), 99);
-
-  h = "H2";
-  EXPECT_TRUE(Hops(h));
-  EXPECT_EQ(h, "H1");
-
-  h = "H100";
-  EXPECT_TRUE(Hops(h));
-  EXPECT_EQ(h, "H99");
-  EXPECT_TRUE(errors_.empty());
-}
-
-TEST_F(HopsOkTest, LastHopIsUsedButNotPassedOn) {
-  std::string h = "H1";
-  EXPECT_FALSE(Hops(h));
-  EXPECT_EQ(h, "H0");
-  EXPECT_TRUE(state_.last_hop());
-
-  // A later good hop clears the flag again.
-  h = "H5";
-  EXPECT_TRUE(Hops(h));
-  EXPECT_FALSE(state_.last_hop());
-
-  h = "H";
-  EXPECT_FALSE(Hops(h));
-  EXPECT_EQ(h, "H0");
-  EXPECT_TRUE(state_.last_hop());
-  EXPECT_TRUE(errors_.empty());
-}
-
-TEST_F(HopsOkTest, OutOfRangeCountsStayAsTheyAre) {
-  std::string h = "H101";
-  EXPECT_FALSE(Hops(h));
-  EXPECT_EQ(h, "H101");
-  h = "H0";
-  EXPECT_FALSE(Hops(h));
-  EXPECT_EQ(h, "H0");
-  h = "H-3";
-  EXPECT_FALSE(Hops(h));
-  EXPECT_EQ(h, "H-3");
-  EXPECT_TRUE(errors_.empty());
-}
-
-TEST_F(HopsOkTest, MalformedFieldsAreReported) {
-  std::string h = "X99";
-  EXPECT_FALSE(Hops(h));
-  EXPECT_EQ(h, "X99");
-  ASSERT_EQ(errors_.size(), 1u);
-  EXPECT_EQ(errors_[0].tag, "HopsOk");
-
-  h = "";
-  EXPECT_FALSE(Hops(h));
-  EXPECT_EQ(errors_.size(), 2u);
-
-  h = "H1234";
-  EXPECT_FALSE(Hops(h));
-  EXPECT_EQ(h, "H0");
-  EXPECT_TRUE(state_.last_hop());
-  ASSERT_EQ(errors_.size(), 3u);
-  EXPECT_EQ(errors_[2].tag, "HopsOk ");
+// Hop fields in the order they arrive on one state: whether the sentence goes on, the field
+// after the check, whether it was the last hop (unset: not judged) and the error logged.
+TEST_F(HopsOkTest, CountsDownFlagsTheLastHopAndReportsMalformedFields) {
+  struct Case {
+    std::string in;
+    bool ok;
+    std::string out;
+    std::optional<bool> last;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"H99", true, "H98", false, ""},
+      {"H2", true, "H1", false, ""},
+      {"H100", true, "H99", false, ""},
+      {"H1", false, "H0", true, ""},  // used here, not passed on
+      {"H5", true, "H4", false, ""},  // a good count clears the flag again
+      {"H", false, "H0", true, ""},
+      {"H101", false, "H101", {}, ""},  // out of range: left as it is
+      {"H0", false, "H0", {}, ""},
+      {"H-3", false, "H-3", {}, ""},
+      {"X99", false, "X99", {}, "HopsOk"},
+      {"", false, "", {}, "HopsOk"},
+      {"H1234", false, "H0", true, "HopsOk "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.in);
+    const size_t errors_before = errors_.size();
+    std::string h = c.in;
+    EXPECT_EQ(Hops(h), c.ok);
+    EXPECT_EQ(h, c.out);
+    if (c.last) {
+      EXPECT_EQ(state_.last_hop(), *c.last);
+    }
+    if (c.in == "H99") {
+      EXPECT_EQ(state_.last_hop_count(), 99);  // the count as it came
+    }
+    if (c.error.empty()) {
+      EXPECT_EQ(errors_.size(), errors_before);
+    } else {
+      ASSERT_EQ(errors_.size(), errors_before + 1);
+      EXPECT_EQ(errors_.back().tag, c.error);
+    }
+  }
 }
 
 TEST(PcCheckFlags, StartUpTable) {

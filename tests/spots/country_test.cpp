@@ -4,6 +4,9 @@
 
 #include <cmath>
 #include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "tests/testlib/test_util.h"
 
@@ -95,87 +98,52 @@ TEST_P(CountryLookupTest, ReadsTheCountryLine) {
   EXPECT_EQ(lookup_.Find("3D2AB"), nullptr);
 }
 
-TEST_P(CountryLookupTest, ExactCallBeatsPrefix) {
-  EXPECT_EQ(CountryOf("KH6XX"), "United States");
-  EXPECT_EQ(CountryOf("KH6XY"), "Hawaii");
-  EXPECT_EQ(CountryOf("KH6XXA"), "Hawaii");  // an exact entry matches the whole call only
-  const CountryInfo* w1aw = lookup_.Find("W1AW");
-  ASSERT_NE(w1aw, nullptr);
-  EXPECT_DOUBLE_EQ(w1aw->latitude, 41.7);
-  EXPECT_DOUBLE_EQ(w1aw->longitude, -72.7);
-  EXPECT_EQ(w1aw->cq_zone, 5);
-}
-
-TEST_P(CountryLookupTest, LongestPrefixWins) {
-  EXPECT_EQ(CountryOf("EA8ABC"), "Canary Islands");
-  EXPECT_EQ(CountryOf("EB8ABC"), "Canary Islands");
-  EXPECT_EQ(CountryOf("EA1ABC"), "Spain");
-  EXPECT_EQ(CountryOf("KH7Z"), "Hawaii");
-  EXPECT_EQ(CountryOf("KH1Z"), "United States");
-  EXPECT_EQ(CountryOf("AA1A"), "United States");
-  EXPECT_EQ(CountryOf("A1A"), "none");
+// The country each call is placed in: an exact entry matches the whole call only, the
+// longest prefix wins, portable designators keep the home country, a prefix before or after
+// the call gives the country of operation (a part that is no known prefix leaves the longer
+// part as the home call), and maritime or aeronautical mobile has no country.
+TEST_P(CountryLookupTest, EachCallFindsItsCountry) {
+  const std::pair<std::string, std::vector<const char*>> by_country[] = {
+      {"United States",
+       {"K1ABC/P", "K1ABC/M", "K1ABC/QRP", "K1ABC/A", "K1ABC/B", "K1ABC/4", "K1ABC/QRPP", "k1abc/p",
+        "K1ABC-5", "K1ABC/P/4", "KH6XX", "KH1Z", "AA1A"}},
+      {"Hawaii", {"KH6XY", "KH6XXA", "KH7Z", "DL1ABC/KH6", "KH6/DL1ABC"}},
+      {"Canary Islands", {"EA8ABC", "EB8ABC", "EA8/K1ABC", "K1ABC/EA8", "EA8/K1ABC/P"}},
+      {"Spain", {"EA1ABC"}},
+      {"Germany", {"DL1ABC/P", "DL1ABC/XQ"}},
+      {"Canada", {"VE/DL1ABC-2"}},
+      {"none", {"A1A", "K1ABC/MM", "DL1ABC/AM", "K1ABC/MM/P"}},
+  };
+  for (const auto& [country, calls] : by_country) {
+    for (const char* call : calls) EXPECT_EQ(CountryOf(call), country) << call;
+  }
+  // Exact entries carry their own position and zones, also behind a designator or /MM.
+  for (const char* call : {"W1AW", "W1AW/P"}) {
+    const CountryInfo* w1aw = lookup_.Find(call);
+    ASSERT_NE(w1aw, nullptr) << call;
+    EXPECT_DOUBLE_EQ(w1aw->latitude, 41.7);
+    EXPECT_DOUBLE_EQ(w1aw->longitude, -72.7);
+    EXPECT_EQ(w1aw->cq_zone, 5);
+  }
+  const CountryInfo* n2nl = lookup_.Find("N2NL/MM");
+  ASSERT_NE(n2nl, nullptr);
+  EXPECT_EQ(n2nl->cq_zone, 7);
 }
 
 TEST_P(CountryLookupTest, ZoneOverrides) {
-  const CountryInfo* ve8 = lookup_.Find("VE8ABC");
-  ASSERT_NE(ve8, nullptr);
-  EXPECT_EQ(ve8->country, "Canada");
-  EXPECT_EQ(ve8->cq_zone, 2);
-  EXPECT_EQ(ve8->itu_zone, 4);
-
-  const CountryInfo* vy1 = lookup_.Find("VY1ABC");
-  ASSERT_NE(vy1, nullptr);
-  EXPECT_EQ(vy1->cq_zone, 5);
-  EXPECT_EQ(vy1->itu_zone, 2);
-
-  const CountryInfo* ve3 = lookup_.Find("VE3ABC");
-  ASSERT_NE(ve3, nullptr);
-  EXPECT_EQ(ve3->cq_zone, 5);
-  EXPECT_EQ(ve3->itu_zone, 9);
-
-  const CountryInfo* k6zz = lookup_.Find("K6ZZ");
-  ASSERT_NE(k6zz, nullptr);
-  EXPECT_EQ(k6zz->cq_zone, 3);
-  EXPECT_EQ(k6zz->itu_zone, 6);
-  EXPECT_EQ(lookup_.Find("K6ZY")->cq_zone, 5);
-
+  const std::tuple<const char*, int, int> cases[] = {
+      {"VE8ABC", 2, 4}, {"VY1ABC", 5, 2}, {"VE3ABC", 5, 9}, {"K6ZZ", 3, 6}, {"K6ZY", 5, 8}};
+  for (const auto& [call, cq, itu] : cases) {
+    const CountryInfo* info = lookup_.Find(call);
+    ASSERT_NE(info, nullptr) << call;
+    EXPECT_EQ(info->cq_zone, cq) << call;
+    EXPECT_EQ(info->itu_zone, itu) << call;
+  }
+  EXPECT_EQ(lookup_.Find("VE8ABC")->country, "Canada");
   const CountryInfo* ta = lookup_.Find("TA1X");
   ASSERT_NE(ta, nullptr);
   EXPECT_EQ(ta->continent, "AS");
   EXPECT_DOUBLE_EQ(ta->utc_offset, 3.0);
-}
-
-TEST_P(CountryLookupTest, PortableSuffixesKeepTheHomeCountry) {
-  for (const char* call : {"K1ABC/P", "K1ABC/M", "K1ABC/QRP", "K1ABC/A", "K1ABC/B", "K1ABC/4",
-                           "K1ABC/QRPP", "k1abc/p", "K1ABC-5", "K1ABC/P/4"}) {
-    EXPECT_EQ(CountryOf(call), "United States") << call;
-  }
-  EXPECT_EQ(CountryOf("DL1ABC/P"), "Germany");
-  // The exact entry is found again once the designator is dropped.
-  const CountryInfo* w1aw = lookup_.Find("W1AW/P");
-  ASSERT_NE(w1aw, nullptr);
-  EXPECT_DOUBLE_EQ(w1aw->latitude, 41.7);
-}
-
-TEST_P(CountryLookupTest, PortablePrefixGivesTheCountryOfOperation) {
-  EXPECT_EQ(CountryOf("EA8/K1ABC"), "Canary Islands");
-  EXPECT_EQ(CountryOf("K1ABC/EA8"), "Canary Islands");
-  EXPECT_EQ(CountryOf("DL1ABC/KH6"), "Hawaii");
-  EXPECT_EQ(CountryOf("KH6/DL1ABC"), "Hawaii");
-  EXPECT_EQ(CountryOf("EA8/K1ABC/P"), "Canary Islands");
-  EXPECT_EQ(CountryOf("VE/DL1ABC-2"), "Canada");
-  // A short part that is no known prefix: the longer part is the home call.
-  EXPECT_EQ(CountryOf("DL1ABC/XQ"), "Germany");
-}
-
-TEST_P(CountryLookupTest, MaritimeAndAeronauticalMobileHaveNoCountry) {
-  EXPECT_EQ(CountryOf("K1ABC/MM"), "none");
-  EXPECT_EQ(CountryOf("DL1ABC/AM"), "none");
-  EXPECT_EQ(CountryOf("K1ABC/MM/P"), "none");
-  // Unless the file lists the whole call.
-  const CountryInfo* n2nl = lookup_.Find("N2NL/MM");
-  ASSERT_NE(n2nl, nullptr);
-  EXPECT_EQ(n2nl->cq_zone, 7);
 }
 
 TEST_P(CountryLookupTest, JunkFindsNothing) {

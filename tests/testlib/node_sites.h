@@ -94,6 +94,14 @@ class NodeSite : public ProgramSite {
   std::string passwords_;
 };
 
+// Tests that run real nodes need the system's country file; without it they are skipped.
+class NodeSiteTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
+  }
+};
+
 // A scripted peer's end of a connection that a node opened to it.
 class PeerListener {
  public:

@@ -113,4 +113,15 @@ class ProgramSite {
   std::unique_ptr<ChildProcess> node_;
 };
 
+// Types a command at a logged-in user's prompt and waits for the next prompt; returns the
+// reply with that prompt and leaves nothing received behind.
+inline std::string Command(LineClient& c, std::string_view line) {
+  c.ClearReceived();
+  c.SendLine(line);
+  EXPECT_TRUE(c.ReadUntil("QXC >")) << line << ": " << c.received();
+  std::string text = c.received();
+  c.ClearReceived();
+  return text;
+}
+
 }  // namespace qx::testing

@@ -13,21 +13,7 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-class InterpreterTest : public UserFixture {
- protected:
-  void SetUp() override {
-    LogIn(1, "K1ABC", "Ann");
-    Take(1);
-  }
-  // The reply to one typed line, without the prompt that follows it.
-  std::string Run(std::string_view line, int stream = 1) {
-    Type(stream, line);
-    std::string text = Take(stream);
-    const size_t prompt = text.rfind(streams_.at(stream).call + " de XX0QX-1 ");
-    if (prompt != std::string::npos) text.resize(prompt);
-    return text;
-  }
-};
+using InterpreterTest = LoggedInFixture;
 
 struct DispatchCase {
   const char* line;

@@ -15,19 +15,8 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-class FilterCommandsTest : public UserFixture {
+class FilterCommandsTest : public LoggedInFixture {
  protected:
-  void SetUp() override {
-    LogIn(1, "K1ABC", "Ann");
-    Take(1);
-  }
-  std::string Run(std::string_view line, int stream = 1) {
-    Type(stream, line);
-    std::string text = Take(stream);
-    const size_t prompt = text.rfind(streams_.at(stream).call + " de XX0QX-1 ");
-    if (prompt != std::string::npos) text.resize(prompt);
-    return text;
-  }
   // What distribution decides for this user, through the same calls it makes.
   bool Shown(double khz, std::string_view dx, std::string_view spotter,
              std::string_view comment = "", int stream = 1) {

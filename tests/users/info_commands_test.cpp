@@ -16,19 +16,11 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-class InfoCommandsTest : public UserFixture {
+class InfoCommandsTest : public LoggedInFixture {
  protected:
   void SetUp() override {
     ctx_.states = &states_;
-    LogIn(1, "K1ABC", "Ann");
-    Take(1);
-  }
-  std::string Run(std::string_view line) {
-    Type(1, line);
-    std::string text = Take(1);
-    const size_t prompt = text.rfind("K1ABC de XX0QX-1 ");
-    if (prompt != std::string::npos) text.resize(prompt);
-    return text;
+    LoggedInFixture::SetUp();
   }
   CallStates states_;
 };

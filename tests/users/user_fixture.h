@@ -143,6 +143,14 @@ class UserFixture : public ::testing::Test {
     out_.sent[stream].clear();
     return s;
   }
+  // The reply to one typed line, without the prompt that follows it.
+  std::string Run(std::string_view line, int stream = 1) {
+    Type(stream, line);
+    std::string text = Take(stream);
+    const size_t prompt = text.rfind(streams_.at(stream).call + " de XX0QX-1 ");
+    if (prompt != std::string::npos) text.resize(prompt);
+    return text;
+  }
 
   TempDir tmp_;
   ProgramDir dir_;
@@ -162,6 +170,15 @@ class UserFixture : public ::testing::Test {
   FakeServices services_;
   Login login_;
   CommandInterpreter interp_;
+};
+
+// K1ABC logged in on stream 1, its greeting taken.
+class LoggedInFixture : public UserFixture {
+ protected:
+  void SetUp() override {
+    LogIn(1, "K1ABC", "Ann");
+    Take(1);
+  }
 };
 
 }  // namespace qx::testing
