@@ -46,6 +46,8 @@ struct ConsoleSetting {
   std::string value;
   std::string help;        // one short line, may be empty
   bool read_only = false;  // shown but not editable (kept values, positions)
+  std::string kind = "text";  // how the page edits it: "switch", "number", "port", "url", ...
+  bool restart = false;       // takes effect only after a restart
 };
 
 struct ConsoleSettingsGroup {
@@ -199,6 +201,11 @@ class ConsoleModel {
   // Fetches every reference file now (and checks for a newer program when an address is set).
   virtual ConsoleResult UpdateReferenceData() {
     return ConsoleResult::Fail("reference data is not kept current on this node");
+  }
+
+  // Restarts the node, keeping every connection; the reply says what happens.
+  virtual ConsoleResult Restart() {
+    return ConsoleResult::Fail("this node cannot restart itself");
   }
 
   // Ends the program the way the sysop's "end program" does.
