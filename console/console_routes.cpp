@@ -128,7 +128,7 @@ void ConsoleServer::Impl::Handle(Request req, const ConsolePeer& peer,
                       "text/plain; version=0.0.4; charset=utf-8"));
   }
   if (*path == "/login" || *path == "/login.html" || *path == "/login.js" ||
-      *path == "/style.css") {
+      *path == "/style.css" || *path == "/favicon.svg") {
     if (!read_only) {
       return done(
           Basic(req, http::status::method_not_allowed, "method not allowed\n", "text/plain"));
