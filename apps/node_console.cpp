@@ -64,13 +64,11 @@ const std::vector<GroupInfo>& Groups() {
         {"NewMaxSpotsPerMinPerSpotter", K::kNumber,
          "spots per minute from one spotter; 0: no limit"},
         {"HighestSpotsPerMin", K::kNumber, "highest rate seen, kept by the node", false, true},
-        {"HighestSpotsPerMinPerDx", K::kNumber, "highest rate seen, kept by the node", false,
-         true},
-        {"HighestSpotsPerMinPerSpotter", K::kNumber, "highest rate seen, kept by the node",
-         false, true}}},
+        {"HighestSpotsPerMinPerDx", K::kNumber, "highest rate seen, kept by the node", false, true},
+        {"HighestSpotsPerMinPerSpotter", K::kNumber, "highest rate seen, kept by the node", false,
+         true}}},
       {"Behaviour",
-       {{"Connection Retry", K::kNumber,
-         "seconds between attempts of an outgoing node connection"},
+       {{"Connection Retry", K::kNumber, "seconds between attempts of an outgoing node connection"},
         {"Get WWV", K::kSwitch, "fetch solar and geomagnetic reports from the web"},
         {"PC9x Data", K::kSwitch, "kept in cluster.cfg; not used by this version"},
         {"Auto Start", K::kSwitch, "kept in cluster.cfg; not used by this version"},
@@ -82,8 +80,8 @@ const std::vector<GroupInfo>& Groups() {
          "kept in memory; 0: none"},
         {"Log Days", K::kNumber, "days of daily logs kept under data/ (today included); 0: all"},
         {"Auto Update", K::kSwitch, "True: check daily for a newer program (never installed)"},
-        {"Last Version Reported", K::kText, "newest program version already told about",
-         false, true}}},
+        {"Last Version Reported", K::kText, "newest program version already told about", false,
+         true}}},
       {"Reference data",
        {{"Country File URL", K::kUrl, "where cty_wt_mod.dat is fetched from; empty: never"},
         {"Known Calls URL", K::kUrl, "where MASTER.SCP is fetched from; empty: never"},
@@ -448,8 +446,7 @@ std::optional<std::vector<std::string>> NodeConsoleModel::SearchLog(std::string_
 }
 
 ConsoleResult NodeConsoleModel::Restart() {
-  node_.log_.Write("Console", "Restart asked by the sysop");
-  node_.Restart();
+  node_.Restart();  // logs the request itself
   return ConsoleResult::Ok();
 }
 

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "console/console_server_internal.h"
-#include "console/setting_check.h"
 #include "console/console_web_assets.h"
+#include "console/setting_check.h"
 #include "core/sha256.h"
 #include "core/text_util.h"
 

@@ -397,11 +397,15 @@ async function restartNode() {
   }
   try {
     await api('restart', {confirm: true});
-    $('restart-notice').hidden = true;
-    $('settings-status').textContent = 'Restarting...';
   } catch (e) {
-    alert(e.message);
+    // The node may close this connection on its way down before the answer arrives.
+    if (!(e instanceof TypeError)) {
+      alert(e.message);
+      return;
+    }
   }
+  $('restart-notice').hidden = true;
+  $('settings-status').textContent = 'Restarting: the live view comes back by itself.';
 }
 
 async function loadLogon() {

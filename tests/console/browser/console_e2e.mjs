@@ -227,6 +227,17 @@ try {
         'the spot appears in Spots');
   await shot('04-spots');
 
+  // A user who goes away leaves the connections table within a second.
+  if (user) {
+    await tab('connections');
+    const row = page.locator('#connections-table tbody tr', {hasText: 'G4ABC'});
+    await row.first().waitFor({timeout: 5000}).catch(() => {});
+    user.close();
+    user = null;
+    check(await waitFor(async () => (await row.count()) === 0, 1000),
+          'a user who disconnects leaves the table within a second');
+  }
+
   // A setting saved in the browser is written to cluster.cfg.
   await tab('settings');
   await page.locator('#settings-groups input[data-key]').first().waitFor({timeout: 15000});
