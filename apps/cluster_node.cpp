@@ -568,6 +568,7 @@ void ClusterNode::StartConsole() {
   o.address = config_.Get("Console Address");
   o.port = config_.GetInt("Console Port", 7380);
   o.trust_forwarded_for = EqualsIgnoreCase(Trim(config_.Get("Console Trusted Proxy")), "True");
+  o.public_site = std::string(Trim(config_.Get("Console Public Address")));
   o.password_file = dir_.Data("cfg") / "console.pw";
   console_model_ = std::make_unique<NodeConsoleModel>(*this);
   console_ = std::make_unique<ConsoleServer>(io_, *console_model_, o);

@@ -3,16 +3,20 @@
 #include <array>
 
 #include "apps/cluster_node.h"
+#include "console/setting_check.h"
 #include "core/text_util.h"
 #include "spots/call_sign.h"
 
 namespace qx {
 namespace {
 
+// How a key is edited and checked, whether it takes effect only after a restart, and its help.
 struct KeyInfo {
   std::string_view key;
+  SettingKind kind;
   std::string_view help;
-  bool read_only = false;
+  bool restart = false;    // read only at start: the page says a restart is needed
+  bool read_only = false;  // kept by the node itself
 };
 
 struct GroupInfo {
@@ -20,91 +24,90 @@ struct GroupInfo {
   std::vector<KeyInfo> keys;
 };
 
-// The settings as the sysop sees them, grouped as the configuration file groups them.
+using K = SettingKind;
+
+// The settings as the sysop sees them, grouped as the configuration file groups them.  Every
+// key has its help line; a key whose value is read only at start says so with restart = true.
 const std::vector<GroupInfo>& Groups() {
   static const std::vector<GroupInfo> kGroups = {
       {"Station and link",
-       {{"Cluster Call", "this node's call sign (restart to apply)"},
-        {"Station Text", "how the front-end introduces itself"},
-        {"Winsock IP", "address of the link to qxfront (restart to apply)"},
-        {"Winsock Port", "port of the link to qxfront (restart to apply)"},
-        {"Winsock App Path", "qxfront program the node starts; empty: never"},
-        {"Frontend Ports", "ports for users and nodes, comma-separated, index 0-8"},
-        {"Console Address", "address of this console (restart to apply)"},
-        {"Console Port", "port of this console (restart to apply)"},
-        {"Console Trusted Proxy",
-         "True only behind your own reverse proxy on loopback that sets X-Forwarded-For "
-         "(restart to apply)"},
-        {"Help Address", "web page that HELP points to"},
-        {"SSID Help Address", "web page about SSIDs, shown on duplicate log-ins"}}},
+       {{"Cluster Call", K::kText, "this node's call sign, with its SSID if any", true},
+        {"Station Text", K::kText, "how the front-end introduces itself before the log-in"},
+        {"Winsock IP", K::kIpAddress, "IP address of the link to qxfront", true},
+        {"Winsock Port", K::kPort, "port of the link to qxfront", true},
+        {"Winsock App Path", K::kText, "qxfront program the node starts; empty: never", true},
+        {"Frontend Ports", K::kPortList, "ports for users and nodes, comma-separated, index 0-8"},
+        {"Help Address", K::kUrl, "web page that HELP points to"},
+        {"SSID Help Address", K::kUrl, "web page about SSIDs, shown on duplicate log-ins"}}},
+      {"Web console",
+       {{"Console Address", K::kIpAddress,
+         "IP address this console listens on: 127.0.0.1 for this machine only", true},
+        {"Console Port", K::kPort, "port of this console", true},
+        {"Console Trusted Proxy", K::kSwitch,
+         "True only behind your own reverse proxy on loopback that sets X-Forwarded-For", true},
+        {"Console Public Address", K::kPublicSite,
+         "the address browsers use behind a reverse proxy, such as https://cluster.example.org; "
+         "empty: none",
+         true}}},
       {"Spot history and display",
-       {{"Maximum DX Spots", "spots kept in memory (restart to apply)"},
-        {"Maximum Announcements", ""},
-        {"Default Display Dx", "lines of SH/DX without a count"},
-        {"Maximum Display Dx", "most lines SH/DX gives"},
-        {"Default Display Ann", ""},
-        {"Maximum Display Ann", ""},
-        {"Default Display Wwv", ""},
-        {"Maximum Display Wwv", ""}}},
+       {{"Maximum DX Spots", K::kNumber, "spots kept in memory", true},
+        {"Maximum Announcements", K::kNumber, "announcements kept in memory", true},
+        {"Default Display Dx", K::kNumber, "lines of SH/DX without a count"},
+        {"Maximum Display Dx", K::kNumber, "most lines SH/DX gives"},
+        {"Default Display Ann", K::kNumber, "lines of SH/ANN without a count"},
+        {"Maximum Display Ann", K::kNumber, "most lines SH/ANN gives"},
+        {"Default Display Wwv", K::kNumber, "lines of SH/WWV without a count"},
+        {"Maximum Display Wwv", K::kNumber, "most lines SH/WWV gives"}}},
       {"Spot rates",
-       {{"NewMaxSpotsPerMin", "spots per minute the node takes; 0: no limit"},
-        {"NewMaxSpotsPerMinPerDx", "spots per minute for one DX call; 0: no limit"},
-        {"NewMaxSpotsPerMinPerSpotter", "spots per minute from one spotter; 0: no limit"},
-        {"HighestSpotsPerMin", "highest seen", true},
-        {"HighestSpotsPerMinPerDx", "highest seen", true},
-        {"HighestSpotsPerMinPerSpotter", "highest seen", true}}},
+       {{"NewMaxSpotsPerMin", K::kNumber, "spots per minute the node takes; 0: no limit"},
+        {"NewMaxSpotsPerMinPerDx", K::kNumber, "spots per minute for one DX call; 0: no limit"},
+        {"NewMaxSpotsPerMinPerSpotter", K::kNumber,
+         "spots per minute from one spotter; 0: no limit"},
+        {"HighestSpotsPerMin", K::kNumber, "highest rate seen, kept by the node", false, true},
+        {"HighestSpotsPerMinPerDx", K::kNumber, "highest rate seen, kept by the node", false, true},
+        {"HighestSpotsPerMinPerSpotter", K::kNumber, "highest rate seen, kept by the node", false,
+         true}}},
       {"Behaviour",
-       {{"Connection Retry", "seconds between attempts of an outgoing node connection"},
-        {"Get WWV", ""},
-        {"PC9x Data", ""},
-        {"Auto Start", ""},
-        {"IP Required", ""},
-        {"Mail Purge", ""},
-        {"Modes", ""},
-        {"MaxMem",
+       {{"Connection Retry", K::kNumber, "seconds between attempts of an outgoing node connection"},
+        {"Get WWV", K::kSwitch, "fetch solar and geomagnetic reports from the web"},
+        {"PC9x Data", K::kSwitch, "kept in cluster.cfg; not used by this version"},
+        {"Auto Start", K::kSwitch, "kept in cluster.cfg; not used by this version"},
+        {"IP Required", K::kSwitch, "kept in cluster.cfg; not used by this version"},
+        {"Mail Purge", K::kNumber, "days mail is kept; 0: until deleted"},
+        {"Modes", K::kText, "kept in cluster.cfg; not used by this version"},
+        {"MaxMem", K::kNumber,
          "memory ceiling in MB of resident memory: near it the node sheds the oldest spots "
          "kept in memory; 0: none"},
-        {"Log Days", "days of daily logs kept under data/ (today included); 0: all"},
-        {"Auto Update", "True: check daily for a newer program (it is never installed)"},
-        {"Last Version Reported", "", true}}},
+        {"Log Days", K::kNumber, "days of daily logs kept under data/ (today included); 0: all"},
+        {"Auto Update", K::kSwitch, "True: check daily for a newer program (never installed)"},
+        {"Last Version Reported", K::kText, "newest program version already told about", false,
+         true}}},
       {"Reference data",
-       {{"Country File URL", "where cty_wt_mod.dat is fetched from; empty: never"},
-        {"Known Calls URL", "where MASTER.SCP is fetched from; empty: never"},
-        {"Download Files",
+       {{"Country File URL", K::kUrl, "where cty_wt_mod.dat is fetched from; empty: never"},
+        {"Known Calls URL", K::kUrl, "where MASTER.SCP is fetched from; empty: never"},
+        {"Download Files", K::kText,
          "further files, comma-separated: address, or file=address (needed for a zip)"},
-        {"Download Hours", "hours between checks; 0: only when asked (restart to apply)"},
-        {"Update URL", "where the newest program version is read"}}},
-      {"Connection limits (restart qxfront to apply)",
-       {{"Max Connections", "connections qxfront holds in all; 0: no limit"},
-        {"Max Connections Per Address", "connections from one address; 0: no limit"},
-        {"Max Connects Per Minute",
-         "new connections from one address in a minute; more are refused; 0: no limit"},
-        {"Login Timeout", "seconds a new connection has to log in; 0: no limit"}}},
+        {"Download Hours", K::kNumber, "hours between checks; 0: only when asked", true},
+        {"Update URL", K::kUrl, "where the newest program version is read"}}},
+      {"Connection limits (applied when qxfront restarts)",
+       {{"Max Connections", K::kNumber, "connections qxfront holds in all; 0: no limit", true},
+        {"Max Connections Per Address", K::kNumber, "connections from one address; 0: no limit",
+         true},
+        {"Max Connects Per Minute", K::kNumber,
+         "new connections from one address in a minute; more are refused; 0: no limit", true},
+        {"Login Timeout", K::kNumber, "seconds a new connection has to log in; 0: no limit",
+         true}}},
       {"Skimmer and reporter feeds",
-       {{"Skimmer Dupes Not Allowed", ""},
-        {"Skimmer CW Spots Verified", ""},
-        {"Skimmer Data Spots Verified", ""},
-        {"Skimmer VHF UHF Spots Verified", ""},
-        {"FT8 URL", ""},
-        {"FT8 Port", ""}}},
+       {{"Skimmer Dupes Not Allowed", K::kSwitch, "drop a skimmer spot seen again soon"},
+        {"Skimmer CW Spots Verified", K::kSwitch, "pass CW skimmer spots only once confirmed"},
+        {"Skimmer Data Spots Verified", K::kSwitch,
+         "pass data-mode skimmer spots only once confirmed"},
+        {"Skimmer VHF UHF Spots Verified", K::kSwitch,
+         "pass VHF and UHF skimmer spots only once confirmed"},
+        {"FT8 URL", K::kText, "the digital-mode reporter server (host name); empty: off"},
+        {"FT8 Port", K::kPort, "port of the digital-mode reporter server"}}},
   };
   return kGroups;
-}
-
-bool IsPortKey(std::string_view key) {
-  return key == "Winsock Port" || key == "Console Port" || key == "FT8 Port";
-}
-
-bool IsNumberKey(std::string_view key) {
-  for (std::string_view k :
-       {"Maximum DX Spots", "Maximum Announcements", "Default Display Dx", "Maximum Display Dx",
-        "Default Display Ann", "Maximum Display Ann", "Default Display Wwv", "Maximum Display Wwv",
-        "NewMaxSpotsPerMin", "NewMaxSpotsPerMinPerDx", "NewMaxSpotsPerMinPerSpotter",
-        "Connection Retry", "Max Connections", "Max Connections Per Address",
-        "Max Connects Per Minute", "Login Timeout", "Log Days", "MaxMem", "Download Hours"}) {
-    if (k == key) return true;
-  }
-  return false;
 }
 
 const KeyInfo* FindKey(std::string_view key) {
@@ -212,8 +215,8 @@ std::vector<ConsoleSettingsGroup> NodeConsoleModel::Settings() const {
   for (const GroupInfo& g : Groups()) {
     ConsoleSettingsGroup group{std::string(g.name), {}};
     for (const KeyInfo& k : g.keys) {
-      group.keys.push_back(
-          {std::string(k.key), node_.config_.Get(k.key), std::string(k.help), k.read_only});
+      group.keys.push_back({std::string(k.key), node_.config_.Get(k.key), std::string(k.help),
+                            k.read_only, std::string(SettingKindName(k.kind)), k.restart});
     }
     out.push_back(std::move(group));
   }
@@ -224,31 +227,14 @@ std::string NodeConsoleModel::ValidateSetting(std::string_view key, std::string_
   const KeyInfo* info = FindKey(key);
   if (!info) return "unknown setting";
   if (info->read_only) return "this value is kept by the node";
-  if (value.find_first_of("^\r\n") != std::string_view::npos) return "no ^ or line ends";
-  if (IsPortKey(key)) {
-    const int port = ParseIntOr(value, 0);
-    if (port < 1 || port > 65535) return "a port number from 1 to 65535";
-  }
-  if (IsNumberKey(key)) {
-    long long n = 0;
-    if (!ParseInt(Trim(value), n) || n < 0 || n > 100000000) return "a whole number, 0 or more";
-  }
-  if (key == "Frontend Ports") {
-    const auto parts = Split(value, ',');
-    if (parts.size() > 9) return "at most nine ports";
-    for (std::string_view p : parts) {
-      const int port = ParseIntOr(p, 0);
-      if (port < 1 || port > 65535) return "ports from 1 to 65535, comma-separated";
-    }
-  }
+  // The reporter feed is off while its port is empty.
+  if (key == "FT8 Port" && Trim(value).empty()) return "";
+  std::string why = CheckSettingValue(info->kind, value);
+  if (!why.empty()) return why;
   if (key == "Cluster Call") {
-    std::string call(value);
+    std::string call(Trim(value));
     static const CallCheckContext kNoLists;
     if (!ValidCall(call, /*strict=*/false, kNoLists)) return "not a valid call sign";
-  }
-  if ((key == "Winsock IP" || key == "Console Address") &&
-      (Trim(value).empty() || value.find(' ') != std::string_view::npos)) {
-    return "an address";
   }
   return "";
 }
@@ -260,7 +246,13 @@ ConsoleResult NodeConsoleModel::SaveSettings(
     if (!why.empty()) return ConsoleResult::Fail(key + ": " + why);
   }
   for (const auto& [key, value] : changes) {
-    node_.config_.Set(key, key == "Cluster Call" ? ToUpper(Trim(value)) : std::string(Trim(value)));
+    std::string v(Trim(value));
+    if (key == "Cluster Call") v = ToUpper(v);
+    // Switches are written the way the file has always spelled them.
+    if (FindKey(key)->kind == SettingKind::kSwitch) {
+      v = EqualsIgnoreCase(v, "True") ? "True" : "False";
+    }
+    node_.config_.Set(key, std::move(v));
   }
   if (!WriteCfgFile(node_.config_, node_.dir_))
     return ConsoleResult::Fail("cannot write cluster.cfg");
@@ -451,6 +443,11 @@ std::optional<std::vector<std::string>> NodeConsoleModel::SearchLog(std::string_
                                                                     std::string_view needle,
                                                                     size_t max_hits) const {
   return logs_.Search(name, needle, max_hits);
+}
+
+ConsoleResult NodeConsoleModel::Restart() {
+  node_.Restart();  // logs the request itself
+  return ConsoleResult::Ok();
 }
 
 void NodeConsoleModel::Shutdown() {

@@ -55,6 +55,7 @@ class NodeConsoleModel final : public ConsoleModel {
   std::optional<std::vector<std::string>> SearchLog(std::string_view name, std::string_view needle,
                                                     size_t max_hits) const override;
 
+  ConsoleResult Restart() override;
   void Shutdown() override;
 
   // Checks one setting's value; "" when it is acceptable, else the reason.

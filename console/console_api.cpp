@@ -127,8 +127,12 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
     for (const ConsoleSettingsGroup& g : model_.Settings()) {
       json keys = json::array();
       for (const ConsoleSetting& k : g.keys) {
-        keys.push_back(
-            {{"key", k.key}, {"value", k.value}, {"help", k.help}, {"readOnly", k.read_only}});
+        keys.push_back({{"key", k.key},
+                        {"value", k.value},
+                        {"help", k.help},
+                        {"readOnly", k.read_only},
+                        {"kind", k.kind},
+                        {"restart", k.restart}});
       }
       groups.push_back({{"name", g.name}, {"keys", keys}});
     }
@@ -290,6 +294,13 @@ ApiReply ConsoleApi::Post(std::string_view path, const json& body) {
     return Reply(200, json{{"ok", true}, {"view", model_.MonitorView()}});
   }
   if (path == "downloads/update") return FromResult(model_.UpdateReferenceData());
+  if (path == "restart") {
+    const auto it = body.find("confirm");
+    if (it == body.end() || !it->is_boolean() || !it->get<bool>()) {
+      return Error(400, "restart needs confirm: true");
+    }
+    return FromResult(model_.Restart());
+  }
   if (path == "shutdown") {
     const auto it = body.find("confirm");
     if (it == body.end() || !it->is_boolean() || !it->get<bool>()) {

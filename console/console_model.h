@@ -44,8 +44,10 @@ struct ConsoleStream {
 struct ConsoleSetting {
   std::string key;
   std::string value;
-  std::string help;        // one short line, may be empty
-  bool read_only = false;  // shown but not editable (kept values, positions)
+  std::string help;           // one short line, may be empty
+  bool read_only = false;     // shown but not editable (kept values, positions)
+  std::string kind = "text";  // how the page edits it: "switch", "number", "port", "url", ...
+  bool restart = false;       // takes effect only after a restart
 };
 
 struct ConsoleSettingsGroup {
@@ -200,6 +202,9 @@ class ConsoleModel {
   virtual ConsoleResult UpdateReferenceData() {
     return ConsoleResult::Fail("reference data is not kept current on this node");
   }
+
+  // Restarts the node the way RESTART does: connections are kept, commands wait.
+  virtual ConsoleResult Restart() { return ConsoleResult::Fail("this node cannot restart itself"); }
 
   // Ends the program the way the sysop's "end program" does.
   virtual void Shutdown() = 0;

@@ -7,6 +7,7 @@
 
 #include "console/console_server_internal.h"
 #include "console/console_web_assets.h"
+#include "console/setting_check.h"
 #include "core/sha256.h"
 #include "core/text_util.h"
 
@@ -85,10 +86,13 @@ std::optional<Response> ConsoleServer::Impl::CheckUpgrade(const Request& req) {
     return Json(req, http::status::unauthorized, json{{"error", "log in first"}});
   }
   // Another site's page must not open the socket with the sysop's cookie.
+  // Behind an HTTPS reverse proxy the page's origin is the public site, not the Host seen here.
   const auto origin = req.find(http::field::origin);
   const auto host = req.find(http::field::host);
   if (origin != req.end() &&
-      (host == req.end() || origin->value() != "http://" + std::string(host->value()))) {
+      !LiveViewOriginAllowed(origin->value().empty() ? "null" : std::string(origin->value()),
+                             host == req.end() ? "" : std::string(host->value()),
+                             options_.public_site)) {
     return Json(req, http::status::forbidden, json{{"error", "origin not allowed"}});
   }
   if (ws_.size() + ws_opening_ >= options_.max_live_views) {
@@ -124,7 +128,7 @@ void ConsoleServer::Impl::Handle(Request req, const ConsolePeer& peer,
                       "text/plain; version=0.0.4; charset=utf-8"));
   }
   if (*path == "/login" || *path == "/login.html" || *path == "/login.js" ||
-      *path == "/style.css") {
+      *path == "/style.css" || *path == "/favicon.svg") {
     if (!read_only) {
       return done(
           Basic(req, http::status::method_not_allowed, "method not allowed\n", "text/plain"));

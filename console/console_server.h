@@ -36,6 +36,9 @@ struct ConsoleServerOptions {
   // this set, a request from loopback is counted against the last address of its
   // X-Forwarded-For header instead.  Only for a proxy that sets that header itself.
   bool trust_forwarded_for = false;  // `Console Trusted Proxy`
+  // `Console Public Address`: the site a reverse proxy serves the console under
+  // ("https://cluster.example.org"); pages from there may open the live view.  Empty: none.
+  std::string public_site;
   // A connection must deliver a whole request header within header_timeout (counted from
   // its opening, or on a kept-alive connection from the request's first byte) and then the
   // body within body_timeout; otherwise it gets 408 and is closed.

@@ -150,6 +150,7 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "Console Address", "127.0.0.1"},
       {EntryKind::kSingle, "Console Port", "7380"},
       {EntryKind::kSingle, "Console Trusted Proxy", "False"},
+      {EntryKind::kSingle, "Console Public Address", ""},
       {EntryKind::kSingle, "Help Address", "https://www.qxcluster.example/help"},
       {EntryKind::kSingle, "SSID Help Address", "https://www.qxcluster.example/help/ssid"},
       {EntryKind::kSingle, "Station Text", "QX Cluster node"},

@@ -164,7 +164,8 @@ function renderStreams() {
                           'data-stream': s.number},
       el('td', {}, s.number),
       el('td', {class: colourClass(s.colour)}, s.call),
-      el('td', {}, s.kind), el('td', {}, s.state), el('td', {}, s.peer), el('td', {}, s.port),
+      el('td', {}, s.kind), el('td', {title: 'state ' + s.state}, stateWords(s.state)),
+      el('td', {}, s.peer), el('td', {}, s.port),
       el('td', {}, timeText(s.since)), el('td', {}, s.name),
       el('td', {}, filtersCell(s.filters)),
       el('td', {},
@@ -186,6 +187,18 @@ function renderStreams() {
   return Promise.resolve();
 }
 
+// The stream table's state code as the sysop reads it.
+function stateWords(code) {
+  const words = {3: 'logging in', 9: 'timed out', 20: 'node link: handshake',
+                 21: 'node link: PC9x', 22: 'node link: older protocol',
+                 31: 'skimmer feed', 33: 'reverse beacon feed', 39: 'reporter feed'};
+  if (words[code]) return words[code];
+  if (code >= 1 && code <= 16) return 'logged in';
+  if (code > 16 && code < 30) return 'node link';
+  if (code >= 30) return 'feed';
+  return 'state ' + code;
+}
+
 // A user's filters as SH/FILTER shows them: the first line (on or off) opens the rest.
 function filtersCell(lines) {
   if (!lines || lines.length === 0) return '';
@@ -197,6 +210,8 @@ async function disconnectStream(s) {
   if (!confirm(`Disconnect stream ${s.number} (${s.call})?`)) return;
   try {
     await api('streams/disconnect', {stream: s.number});
+    state.streams = state.streams.filter((x) => x.number !== s.number);
+    renderStreams();
   } catch (e) {
     alert(e.message);
   }
@@ -263,53 +278,134 @@ async function changeList(action, item) {
 
 // ---- Settings ----------------------------------------------------------------------------
 
+// Each key is edited the way it is checked: switches as toggles, numbers and ports as
+// numbers.  The node checks every value again and saves nothing when one is wrong.
+function settingInput(k) {
+  if (k.kind === 'switch') {
+    const box = el('input', {type: 'checkbox', 'data-key': k.key, 'aria-label': k.key,
+                             disabled: k.readOnly});
+    box.checked = /^true$/i.test(k.value.trim());
+    return box;
+  }
+  const attrs = {value: k.value, 'data-key': k.key, readonly: k.readOnly, 'aria-label': k.key,
+                 spellcheck: 'false'};
+  if (k.kind === 'number' || k.kind === 'port') attrs.inputmode = 'numeric';
+  if (k.kind === 'url' || k.kind === 'site') attrs.placeholder = 'https://...';
+  if (k.kind === 'address') attrs.placeholder = '127.0.0.1';
+  return el('input', attrs);
+}
+
+function settingValue(input) {
+  if (input.type === 'checkbox') return input.checked ? 'True' : 'False';
+  return input.value;
+}
+
+function settingChanges() {
+  const changes = {};
+  for (const input of $('settings-groups').querySelectorAll('input[data-key]')) {
+    const was = state.settingsOriginal.get(input.dataset.key);
+    const now = settingValue(input);
+    const same = input.type === 'checkbox' ? /^true$/i.test(was.trim()) === input.checked
+                                           : now === was;
+    if (!same) changes[input.dataset.key] = now;
+  }
+  return changes;
+}
+
 async function loadSettings() {
   const data = await api('settings');
   const box = $('settings-groups');
   box.replaceChildren();
   state.settingsOriginal.clear();
+  state.settingsRestart = new Set();
   for (const g of data.groups) {
     const fs = el('fieldset', {}, el('legend', {}, g.name));
     for (const k of g.keys) {
       state.settingsOriginal.set(k.key, k.value);
-      const input = el('input', {value: k.value, 'data-key': k.key, readonly: k.readOnly,
-                                 'aria-label': k.key});
-      const row = el('div', {class: 'setting'}, el('label', {}, k.key), input);
-      input.addEventListener('input', () => {
-        row.classList.toggle('changed', input.value !== state.settingsOriginal.get(k.key));
-      });
+      if (k.restart) state.settingsRestart.add(k.key);
+      const input = settingInput(k);
+      const label = el('label', {}, k.key,
+                       k.restart ? el('span', {class: 'badge', title: 'read when the node starts'},
+                                      'restart') : null);
+      const row = el('div', {class: 'setting', 'data-row': k.key}, label, input);
+      const mark = () => row.classList.toggle('changed', k.key in settingChanges());
+      input.addEventListener('input', mark);
+      input.addEventListener('change', mark);
       if (k.help) row.append(el('div', {class: 'help'}, k.help));
       fs.append(row);
     }
     box.append(fs);
   }
   $('settings-status').textContent = '';
+  $('settings-confirm').hidden = true;
   await loadLogon();
 }
 
-async function saveSettings(ev) {
+// Saving first shows what will change, old and new, and which changes wait for a restart.
+function saveSettings(ev) {
   ev.preventDefault();
-  const changes = {};
-  for (const input of $('settings-groups').querySelectorAll('input[data-key]')) {
-    if (input.value !== state.settingsOriginal.get(input.dataset.key)) {
-      changes[input.dataset.key] = input.value;
-    }
-  }
+  const changes = settingChanges();
   const status = $('settings-status');
+  status.className = 'hint';
+  for (const row of $('settings-groups').querySelectorAll('.setting.bad')) {
+    row.classList.remove('bad');
+  }
   if (Object.keys(changes).length === 0) {
     status.textContent = 'Nothing changed.';
     return;
   }
+  status.textContent = '';
+  const list = $('settings-confirm-list');
+  list.replaceChildren();
+  for (const [key, value] of Object.entries(changes)) {
+    list.append(el('li', {}, `${key}: "${state.settingsOriginal.get(key)}" to "${value}"`,
+                   state.settingsRestart.has(key) ? ' (after a restart)' : ''));
+  }
+  state.pendingChanges = changes;
+  $('settings-confirm').hidden = false;
+  $('settings-confirm-yes').focus();
+}
+
+async function confirmSettings() {
+  const changes = state.pendingChanges || {};
+  $('settings-confirm').hidden = true;
+  const status = $('settings-status');
   status.textContent = 'Saving...';
   status.className = 'hint';
   try {
     await api('settings', {changes});
+    const waiting = Object.keys(changes).filter((k) => state.settingsRestart.has(k));
     await loadSettings();
     status.textContent = 'Saved.';
+    if (waiting.length) {
+      $('restart-keys').textContent = waiting.join(', ');
+      $('restart-notice').hidden = false;
+    }
   } catch (e) {
-    status.textContent = e.message;
+    // Nothing was saved: the edits stay in the form for the sysop to put right.
+    status.textContent = 'Not saved: ' + e.message;
     status.className = 'error';
+    const key = e.message.split(':')[0];
+    const row = $('settings-groups').querySelector(`.setting[data-row="${CSS.escape(key)}"]`);
+    if (row) row.classList.add('bad');
   }
+}
+
+async function restartNode() {
+  if (!confirm('Restart the node now? Connections are kept; commands wait until it is back.')) {
+    return;
+  }
+  try {
+    await api('restart', {confirm: true});
+  } catch (e) {
+    // The node may close this connection on its way down before the answer arrives.
+    if (!(e instanceof TypeError)) {
+      alert(e.message);
+      return;
+    }
+  }
+  $('restart-notice').hidden = true;
+  $('settings-status').textContent = 'Restarting: the live view comes back by itself.';
 }
 
 async function loadLogon() {
@@ -535,9 +631,11 @@ let retryDelay = 1000;
 function connectLive() {
   const scheme = location.protocol === 'https:' ? 'wss://' : 'ws://';
   socket = new WebSocket(scheme + location.host + '/ws');
+  $('live').textContent = 'connecting...';
   socket.onopen = () => {
     retryDelay = 1000;
     $('live').textContent = 'live';
+    $('live').title = 'Live lines and connections arrive as they happen';
     $('live').classList.remove('off');
   };
   socket.onmessage = (ev) => {
@@ -557,7 +655,8 @@ function connectLive() {
     }
   };
   socket.onclose = async () => {
-    $('live').textContent = 'offline';
+    $('live').textContent = `offline, trying again in ${Math.round(retryDelay / 1000)} s`;
+    $('live').title = 'The live view is closed: the node may be restarting or stopped';
     $('live').classList.add('off');
     // The session may have ended (node restarted): the API call sends us to the log-in.
     try { await api('session'); } catch (e) { /* node down: keep retrying */ }
@@ -614,6 +713,9 @@ async function start() {
     changeList('add', item);
   });
   $('settings-form').addEventListener('submit', saveSettings);
+  $('settings-confirm-yes').addEventListener('click', () => confirmSettings().catch(showError));
+  $('settings-confirm-no').addEventListener('click', () => { $('settings-confirm').hidden = true; });
+  $('restart-node').addEventListener('click', restartNode);
   $('settings-reload').addEventListener('click', () => loadSettings().catch(showError));
   $('password-form').addEventListener('submit', changePassword);
   $('links-refresh').addEventListener('click', () => loadLinks().catch(showError));

@@ -90,8 +90,14 @@ TEST_F(ConsoleApiTest, ListsAddRemoveAndRefuseBadItems) {
 
 TEST_F(ConsoleApiTest, SettingsAreValidatedBeforeAnythingIsSaved) {
   const json groups = Call("GET", "settings")["groups"];
-  ASSERT_EQ(groups.size(), 2u);
+  ASSERT_EQ(groups.size(), 3u);
   EXPECT_EQ(groups[0]["keys"][0]["key"], "Cluster Call");
+  // The page chooses each input by the key's kind and marks what waits for a restart.
+  EXPECT_EQ(groups[0]["keys"][1]["kind"], "address");
+  EXPECT_EQ(groups[0]["keys"][1]["restart"], true);
+  EXPECT_EQ(groups[2]["keys"][0]["restart"], false);
+  Call("POST", "settings", R"({"changes":{"Console Address":"foo"}})", 400);
+  EXPECT_EQ(model_.Value("Console Address"), "127.0.0.1");
   // One bad value refuses the whole change.
   Call("POST", "settings", R"({"changes":{"Connection Retry":"30","Winsock Port":"x"}})", 400);
   EXPECT_EQ(model_.Value("Connection Retry"), "60");

@@ -268,6 +268,11 @@ TEST_F(ConsoleServerTest, RightPasswordGivesASessionCookieAndChangesNeedTheCsrfT
       200u);
   EXPECT_EQ(OnIo([this] { return model_.Value("Connection Retry"); }), "30");
 
+  // A restart is asked for only with the confirmation.
+  EXPECT_EQ(Post("/api/restart", json::object(), &login).result_int(), 400u);
+  EXPECT_EQ(Post("/api/restart", json{{"confirm", true}}, &login).result_int(), 200u);
+  EXPECT_EQ(OnIo([this] { return model_.restarts; }), 1);
+
   // Shut-down answers first and then ends the node.
   EXPECT_EQ(Post("/api/shutdown", json{{"confirm", true}}, &login).result_int(), 200u);
   EXPECT_TRUE(
@@ -529,6 +534,38 @@ TEST_F(ConsoleServerTest, WrongPasswordsFromOneAddressNeitherSlowNorLockOutAnoth
   EXPECT_THAT(events, ::testing::Contains(HasSubstr("wrong console password from 127.0.0.2:")));
   EXPECT_THAT(events, ::testing::Not(::testing::Contains(HasSubstr("10.9.9.9"))));
   EXPECT_EQ(Metric("qx_console_logins_refused_total"), 1);
+}
+
+// Behind an HTTPS reverse proxy the browser's page comes from the public site, while the Host
+// the console sees is the proxy's; both the console's own pages and the public site's may
+// open the live view, no other site may.
+class PublicSiteTest : public ConsoleServerTest {
+ protected:
+  PublicSiteTest() { options_.public_site = "https://Cluster.Example.org/"; }
+};
+
+TEST_F(PublicSiteTest, LiveViewOpensFromTheConsoleOrItsPublicSiteOnly) {
+  const Login login = LogIn();
+  const std::string own = "http://127.0.0.1:" + std::to_string(port_);
+  for (const auto& [origin, status] :
+       std::vector<std::pair<std::string, int>>{{own, 101},
+                                                {"https://cluster.example.org", 101},
+                                                {"https://cluster.example.org:443", 101},
+                                                {"http://cluster.example.org", 403},
+                                                {"https://cluster.example.org.evil.net", 403},
+                                                {"https://evil.example.net", 403},
+                                                {"null", 403}}) {
+    WsClient ws;
+    EXPECT_EQ(ws.Connect(port_, login.cookie, origin), status) << origin;
+  }
+}
+
+TEST_F(ConsoleServerTest, WithoutAPublicSiteOnlyTheConsolesOwnPagesOpenTheLiveView) {
+  const Login login = LogIn();
+  WsClient own, secure, other;
+  EXPECT_EQ(own.Connect(port_, login.cookie, "http://127.0.0.1:" + std::to_string(port_)), 101);
+  EXPECT_EQ(secure.Connect(port_, login.cookie, "https://127.0.0.1:" + std::to_string(port_)), 403);
+  EXPECT_EQ(other.Connect(port_, login.cookie, "https://cluster.example.org"), 403);
 }
 
 class TrustedProxyTest : public ConsoleServerTest {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "console/console_model.h"
+#include "console/setting_check.h"
 #include "core/file_util.h"
 #include "core/text_util.h"
 
@@ -28,13 +29,20 @@ class FakeConsoleModel : public ConsoleModel {
     }
     settings_ = {
         {"Station and link",
-         {{"Cluster Call", "XX0QX-2", "the node's own call", false},
-          {"Winsock IP", "127.0.0.1", "", false},
-          {"Winsock Port", "7399", "", false}}},
+         {{"Cluster Call", "XX0QX-2", "the node's own call", false, "text", true},
+          {"Winsock IP", "127.0.0.1", "", false, "address", true},
+          {"Winsock Port", "7399", "", false, "port", true}}},
+        {"Web console",
+         {{"Console Address", "127.0.0.1", "address the console listens on", false, "address",
+           true},
+          {"Console Public Address", "", "address browsers use behind a proxy", false, "site",
+           true}}},
         {"Behaviour",
-         {{"Connection Retry", "60", "seconds between tries", false},
-          {"NewMaxSpotsPerMin", "100", "", false},
-          {"HighestSpotsPerMin", "42", "kept across restarts", true}}},
+         {{"Connection Retry", "60", "seconds between tries", false, "number"},
+          {"NewMaxSpotsPerMin", "100", "", false, "number"},
+          {"Get WWV", "True", "fetch solar reports", false, "switch"},
+          {"Help Address", "https://example.org/help", "", false, "url"},
+          {"HighestSpotsPerMin", "42", "kept across restarts", true, "number"}}},
     };
     for (int i = 1; i <= 4; ++i) logon_["Logon " + std::to_string(i)] = "";
     for (int i = 0; i <= 8; ++i) logon_["Logon Port " + std::to_string(i)] = "";
@@ -49,6 +57,7 @@ class FakeConsoleModel : public ConsoleModel {
   std::vector<std::string> events;
   std::vector<int> disconnected;
   bool shutdown_called = false;
+  int restarts = 0;
   int monitor_view = 0;
   ConsoleMetrics metrics;
   ConsoleStats stats;
@@ -116,12 +125,12 @@ class FakeConsoleModel : public ConsoleModel {
       ConsoleSetting* s = Find(key);
       if (!s) return ConsoleResult::Fail("unknown key " + key);
       if (s->read_only) return ConsoleResult::Fail(key + " cannot be changed here");
-      if (key.find("Port") != std::string::npos || key.starts_with("New") ||
-          key == "Connection Retry") {
-        long long n = 0;
-        if (!ParseInt(value, n) || n < 0 || n > 65535) {
-          return ConsoleResult::Fail(key + " must be a number from 0 to 65535");
-        }
+      for (SettingKind kind : {SettingKind::kText, SettingKind::kSwitch, SettingKind::kNumber,
+                               SettingKind::kPort, SettingKind::kPortList, SettingKind::kIpAddress,
+                               SettingKind::kUrl, SettingKind::kPublicSite}) {
+        if (SettingKindName(kind) != s->kind) continue;
+        const std::string why = CheckSettingValue(kind, value);
+        if (!why.empty()) return ConsoleResult::Fail(key + ": " + why);
       }
     }
     for (const auto& [key, value] : changes) Find(key)->value = value;
@@ -225,6 +234,10 @@ class FakeConsoleModel : public ConsoleModel {
     return out;
   }
 
+  ConsoleResult Restart() override {
+    ++restarts;
+    return ConsoleResult::Ok();
+  }
   void Shutdown() override { shutdown_called = true; }
 
   std::string Value(std::string_view key) const {

@@ -26,6 +26,14 @@ TEST(NodeConsoleSettings, ValuesAreCheckedBeforeTheyReachTheFile) {
       {"Default Display Dx", "-1", false},
       {"Console Address", "127.0.0.1", true},
       {"Console Address", "", false},
+      {"Console Address", "foo", false},  // the console would not come back after a restart
+      {"Console Public Address", "https://cluster.example.org", true},
+      {"Console Public Address", "cluster.example.org/console", false},
+      {"Console Trusted Proxy", "True", true},
+      {"Console Trusted Proxy", "maybe", false},
+      {"Help Address", "www.example.org", false},
+      {"FT8 Port", "", true},  // the reporter feed is off
+      {"FT8 Port", "0", false},
       {"Help Address", "https://x^y", false},  // a caret would split the line in the file
       {"HighestSpotsPerMin", "5", false},      // kept by the node itself
       {"No Such Key", "1", false},

@@ -227,6 +227,17 @@ try {
         'the spot appears in Spots');
   await shot('04-spots');
 
+  // A user who goes away leaves the connections table within a second.
+  if (user) {
+    await tab('connections');
+    const row = page.locator('#connections-table tbody tr', {hasText: 'G4ABC'});
+    await row.first().waitFor({timeout: 5000}).catch(() => {});
+    user.close();
+    user = null;
+    check(await waitFor(async () => (await row.count()) === 0, 1000),
+          'a user who disconnects leaves the table within a second');
+  }
+
   // A setting saved in the browser is written to cluster.cfg.
   await tab('settings');
   await page.locator('#settings-groups input[data-key]').first().waitFor({timeout: 15000});
@@ -245,11 +256,24 @@ try {
     const value = String((parseInt(old, 10) || 60) + 7);
     await input.fill(value);
     await page.click('#settings-save');
+    check(await visible(page.locator('#settings-confirm-list li', {hasText: `${key}: "${old}" to "${value}"`})),
+          `before saving, the page names the change to ${key}`);
+    await page.click('#settings-confirm-yes');
     check(await visible(page.locator('#settings-status', {hasText: 'Saved.'})),
           `saving ${key} is confirmed`);
     const cfg = path.join(home, 'cluster.cfg');
     check(await waitFor(() => fs.readFileSync(cfg, 'latin1').includes(`${key}^${value}`)),
           `cluster.cfg holds ${key}^${value}`);
+
+    // A console address the node could not listen on is refused, and nothing is saved.
+    const address = page.locator('#settings-groups input[data-key="Console Address"]');
+    await address.fill('foo');
+    await page.click('#settings-save');
+    await page.click('#settings-confirm-yes');
+    check(await visible(page.locator('#settings-status.error', {hasText: 'IP address'})),
+          'a console address that is not an IP address is refused with the reason');
+    check(!fs.readFileSync(cfg, 'latin1').includes('Console Address^foo'),
+          'the refused value does not reach cluster.cfg');
   }
   const logonText = page.locator('#logon-sections textarea[data-section="Logon 1"]');
   if (check(await visible(logonText), 'log-on messages are editable in place')) {
