@@ -25,12 +25,12 @@
 #include "core/stream_output.h"
 #include "core/stream_table.h"
 #include "core/time_text.h"
+#include "downloads/download_manager.h"
+#include "downloads/update_check.h"
 #include "info/call_states.h"
 #include "mail/mail_forwarder.h"
 #include "mail/mail_service.h"
 #include "mail/mail_store.h"
-#include "downloads/download_manager.h"
-#include "downloads/update_check.h"
 #include "node/node_network.h"
 #include "propagation/propagation_service.h"
 #include "propagation/wwv_fetch.h"
@@ -180,7 +180,7 @@ class ClusterNode final : public LinkEvents,
   void OnReferenceInstalled(const InstalledFile& f);
   // Every ten seconds: the resident size against "MaxMem".
   void CheckMemory();
-  void SetUpFeeds();        // skimmer, reverse-beacon and reporter feeds
+  void SetUpFeeds();  // skimmer, reverse-beacon and reporter feeds
 
   boost::asio::io_context& io_;
   ClusterNodeOptions options_;

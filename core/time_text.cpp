@@ -35,9 +35,9 @@ void Put2(char* out, int v) {
 
 SysTime MakeUtc(int year, int month, int day, int hour, int minute, int second) {
   using namespace std::chrono;
-  const sys_days d = year_month_day{std::chrono::year{std::min(year, kLatestYear)},
-                                    std::chrono::month{unsigned(month)},
-                                    std::chrono::day{unsigned(day)}};
+  const sys_days d =
+      year_month_day{std::chrono::year{std::min(year, kLatestYear)},
+                     std::chrono::month{unsigned(month)}, std::chrono::day{unsigned(day)}};
   return SysTime{d} + hours{hour} + minutes{minute} + seconds{second};
 }
 

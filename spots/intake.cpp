@@ -468,8 +468,7 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
     return Refuse(SpotVerdict::kSpotterCountryUnknown);
   }
   // 17. Duplicates, then the rate limits.
-  if (deps_.dupes && !req.skip_dupe_check &&
-      deps_.dupes->DupeFound(s, now, /*remember=*/!trial_)) {
+  if (deps_.dupes && !req.skip_dupe_check && deps_.dupes->DupeFound(s, now, /*remember=*/!trial_)) {
     return Refuse(SpotVerdict::kDuplicate);
   }
   // The rate limits count what reaches users; a trial reaches nobody else.

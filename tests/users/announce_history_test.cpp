@@ -16,12 +16,12 @@ TEST(AnnounceHistoryTest, TodaysFileIsReadCleanAndTheNewestAreKept) {
   TempDir tmp;
   AnnounceHistory history(2, tmp.path());
   const SysTime now = MakeUtc(2026, 11, 22, 12, 0, 0);
-  const std::string t = std::to_string(
-      std::chrono::duration_cast<std::chrono::seconds>(MakeUtc(2026, 11, 22, 3, 15).time_since_epoch())
-          .count());
-  WriteFile(history.DayFile(now), t + "^K1ABC^*^first\r\n" + t + "^K2ABC^WX^rain\x1b[2J\r\n" +
-                                      "x^K3ABC^*^bad time\r\n" + t + "^K4ABC^NOBODY^bad target\r\n" +
-                                      t + "^K5ABC^*^a^b with a caret\r\n");
+  const std::string t = std::to_string(std::chrono::duration_cast<std::chrono::seconds>(
+                                           MakeUtc(2026, 11, 22, 3, 15).time_since_epoch())
+                                           .count());
+  WriteFile(history.DayFile(now),
+            t + "^K1ABC^*^first\r\n" + t + "^K2ABC^WX^rain\x1b[2J\r\n" + "x^K3ABC^*^bad time\r\n" +
+                t + "^K4ABC^NOBODY^bad target\r\n" + t + "^K5ABC^*^a^b with a caret\r\n");
   EXPECT_EQ(history.LoadToday(now), 3u);
   const auto newest = history.Newest(5);
   ASSERT_EQ(newest.size(), 2u);
