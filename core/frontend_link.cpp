@@ -444,8 +444,10 @@ void FrontendLink::HandleRecovery(std::string_view record) {
   // When the connection began, if the node gave it to keep; a time to come cannot be.
   entry.since = clock_.Now();
   long long since = 0;
-  if (ParseInt(StreamAttribute(entry.frontend_attributes, "since"), since) && since > 0) {
-    entry.since = std::min(entry.since, SysTime{std::chrono::seconds(since)});
+  SysTime began;
+  if (ParseInt(StreamAttribute(entry.frontend_attributes, "since"), since) &&
+      PastEpochSeconds(since, entry.since, began)) {
+    entry.since = began;
   }
   const bool node_or_feed = entry.state > kStateUserLast;
   if (entry.IsUser() || node_or_feed) entry.login_stage = LoginStage::kLoggedIn;

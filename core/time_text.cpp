@@ -41,6 +41,14 @@ SysTime MakeUtc(int year, int month, int day, int hour, int minute, int second) 
   return SysTime{d} + hours{hour} + minutes{minute} + seconds{second};
 }
 
+bool PastEpochSeconds(long long seconds, SysTime now, SysTime& out) {
+  const long long now_s =
+      std::chrono::duration_cast<std::chrono::seconds>(now.time_since_epoch()).count();
+  if (seconds <= 0 || seconds > now_s) return false;
+  out = SysTime{std::chrono::seconds(seconds)};
+  return true;
+}
+
 void WriteDateText(SysTime t, char* out) {
   const Civil c = ToCivil(t);
   Put2(out, c.day);

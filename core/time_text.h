@@ -38,6 +38,10 @@ class ManualClock final : public Clock {
 // The latest year a date text may name.  SysTime counts nanoseconds in 64 bits and ends in
 // 2262, so later years (a peer's "31-Dec-9999") would overflow; no real date is near it.
 constexpr int kLatestYear = 2199;
+// A moment given as Unix seconds by another program (a stream's "since=" attribute): true and
+// out set when it lies after 1970 and not after now.  Compared in seconds, so no value can
+// overflow the clock.
+bool PastEpochSeconds(long long seconds, SysTime now, SysTime& out);
 // Years past kLatestYear are taken as kLatestYear.
 SysTime MakeUtc(int year, int month, int day, int hour = 0, int minute = 0, int second = 0);
 

@@ -287,8 +287,10 @@ void NodeNetwork::OnStreamRecovered(int stream) {
   const std::string_view kind = StreamAttribute(e.frontend_attributes, "kind");
   if (!kind.empty()) link->info.kind = std::string(kind);
   long long up = 0;
-  if (ParseInt(StreamAttribute(e.frontend_attributes, "up"), up) && up > 0) {
-    link->info.since = std::min(link->info.since, SysTime{std::chrono::seconds(up)});
+  SysTime link_up;
+  if (ParseInt(StreamAttribute(e.frontend_attributes, "up"), up) &&
+      PastEpochSeconds(up, link->info.since, link_up)) {
+    link->info.since = link_up;
   }
   Link& l = *link;
   links_[stream] = std::move(link);

@@ -33,8 +33,11 @@ bool LooksLikeCall(std::string_view call) {
 
 // A free text field as it may be shown and stored: no control characters, bounded.
 bool CleanText(std::string_view in, std::string& out) {
-  out.assign(Trim(in));
+  // Control characters go first: what they stood between may be blanks at either end, which
+  // the sentence's next reader would trim, so the report must not keep them either.
+  out.assign(in);
   StripControlChars(out);
+  out.assign(Trim(out));
   return out.size() <= kMaxTextLength;
 }
 
