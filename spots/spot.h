@@ -78,6 +78,10 @@ struct Spot {
   const CountryInfo* spotter_country = nullptr;
   const CountryInfo* dx_country = nullptr;
   SysTime received{};
+  // The node-wide number of an accepted spot: increasing, never reused, kept with the spot in
+  // the history and the day file so that programs can ask for "every spot after N", also
+  // after a restart.  0 until intake accepts the spot.
+  uint64_t Id = 0;
 
   std::string_view type() const { return slots[kSlotType]; }
   std::string_view frequency_text() const { return slots[kSlotFrequency]; }
