@@ -251,6 +251,14 @@ void ClusterNode::SetUpFeeds() {
   feeds_ = std::make_unique<FeedManager>(io_, std::move(deps));
   feeds_->LoadFiles();
   feeds_->Configure(config_);
+  // A newer known-calls database or bust list from the download check is used from the next
+  // skimmer line on, without a restart.
+  for (const char* file : {"MASTER.SCP", "BadCwSkDx.dat"}) {
+    OnReferenceFile(file, [this, file](const InstalledFile&) {
+      feeds_->LoadFiles();
+      monitor_.Console(std::string("Skimmer verification reloaded ") + file);
+    });
+  }
 }
 
 bool ClusterNode::SkimmerStatus(std::string_view call, std::vector<std::string>& lines) {

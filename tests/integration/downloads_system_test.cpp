@@ -1,5 +1,6 @@
 // Reference data in a running node: the sysop's UPDATE fetches the country file from a local
-// HTTP server, the node installs and uses it at once; a wrong file changes nothing.
+// HTTP server, the node installs and uses it at once (the skimmer verification its known-calls
+// database too); a wrong file changes nothing.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,9 +24,11 @@ TEST(DownloadsSystemTest, SysopUpdateInstallsTheCountryFileAndTheNodeUsesIt) {
 
   HttpTestServer server;
   server.Serve("/cty_wt_mod.dat", {newer});
+  server.Serve("/MASTER.SCP", {"# known calls\r\nK1ABC\r\nDL1XYZ\r\nJA1QQQ\r\n"});
   NodeSite node("K1QXA");
   node.Setting("Country File URL",
                fmt::format("http://127.0.0.1:{}/cty_wt_mod.dat", server.port()));
+  node.Setting("Known Calls URL", fmt::format("http://127.0.0.1:{}/MASTER.SCP", server.port()));
   node.Setting("Download Hours", "0");  // only when asked
   node.Password("K1SYS", "secret", 5);
   node.Start();
@@ -40,6 +43,8 @@ TEST(DownloadsSystemTest, SysopUpdateInstallsTheCountryFileAndTheNodeUsesIt) {
       fmt::format("Country file reloaded: {} countries", lookup.country_count() + 1)))
       << node.node().Output();
   EXPECT_EQ(ReadFile(node.home() / "data/files/cty_wt_mod.dat"), newer);
+  // The skimmer verification takes the new known-calls database without a restart.
+  ASSERT_TRUE(node.WaitOutput("Skimmer verification reloaded MASTER.SCP")) << node.node().Output();
 
   // An error page in its place is refused; the installed file stays.
   server.Serve("/cty_wt_mod.dat", {"<html><body>Service Unavailable</body></html>\r\n" +
