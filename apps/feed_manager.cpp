@@ -38,8 +38,8 @@ std::string StreamCallOf(std::string_view name) {
 
 }  // namespace
 
-FeedManager::FeedManager(boost::asio::io_context& io, FeedManagerDeps deps, FeedHealthLimits limits)
-    : io_(io), deps_(std::move(deps)), limits_(limits), verifier_(*deps_.bands) {}
+FeedManager::FeedManager(boost::asio::io_context& io, FeedManagerDeps deps)
+    : io_(io), deps_(std::move(deps)), verifier_(*deps_.bands) {}
 
 FeedManager::~FeedManager() { Stop(); }
 
@@ -58,6 +58,12 @@ void FeedManager::Configure(const Config& config) {
   VerifierSettings settings = verifier_.settings();
   settings.origin_node = our_call_;
   verifier_.set_settings(VerifierSettingsFromConfig(config, settings));
+  // Out-of-range values fall back to the safe ends: a feed is never cut within seconds of a
+  // quiet spell, and a limit of 0 would drop every line.
+  limits_.stall_seconds = std::clamp<int64_t>(config.GetInt("Feed Stall Seconds", 300), 2, 86400);
+  limits_.max_lines_per_second =
+      std::clamp(config.GetInt("Feed Max Lines Per Second", 2000), 1, 1000000);
+  limits_.flood_seconds = std::clamp<int64_t>(config.GetInt("Feed Flood Seconds", 30), 1, 3600);
   ApplyLists(config);
 
   feed_calls_.clear();
@@ -186,6 +192,7 @@ bool FeedManager::OnConnectRequest(int stream) {
   f->pending = false;
   f->stream = stream;
   f->logged_in = false;
+  f->closing = false;
   f->connected_at = now;
   f->last_line = now;
   f->flood_since = 0;
@@ -233,7 +240,9 @@ bool FeedManager::OnPartialLine(int stream, std::string_view text) {
 }
 
 void FeedManager::Drop(Feed& f, std::string_view why) {
-  if (f.stream == 0) return;
+  // Once: the stream stays ours until the front-end reports it closed.
+  if (f.stream == 0 || f.closing) return;
+  f.closing = true;
   Show("Feed " + f.name + " dropped: " + std::string(why), "red", f.stream);
   deps_.out->CloseStream(f.stream);
 }
@@ -244,6 +253,7 @@ void FeedManager::OnStreamClosed(int stream) {
     if (f.stream != stream) continue;
     const int64_t now = Now();
     f.stream = 0;
+    f.closing = false;
     f.logged_in = false;
     ++f.counts.drops;
     // A connection that was healthy for a while starts the pauses over.

@@ -57,8 +57,7 @@ struct FeedManagerDeps {
 
 class FeedManager {
  public:
-  FeedManager(boost::asio::io_context& io, FeedManagerDeps deps,
-              FeedHealthLimits limits = FeedHealthLimits{});
+  FeedManager(boost::asio::io_context& io, FeedManagerDeps deps);
   ~FeedManager();
 
   // The feed connections, the verification switches and lists, and the reporter broker.
@@ -118,6 +117,7 @@ class FeedManager {
     // The connection in hand.
     int stream = 0;
     bool logged_in = false;
+    bool closing = false;  // dropped: waiting for the front-end to report the close
     int64_t connected_at = 0;
     int64_t last_line = 0;
     int64_t flood_since = 0;
@@ -149,7 +149,7 @@ class FeedManager {
 
   boost::asio::io_context& io_;
   FeedManagerDeps deps_;
-  FeedHealthLimits limits_;
+  FeedHealthLimits limits_;  // from the settings at each Configure
   std::string our_call_;
   std::vector<Feed> outgoing_;
   std::map<int, Feed> inbound_;                                    // by stream

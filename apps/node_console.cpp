@@ -104,6 +104,12 @@ const std::vector<GroupInfo>& Groups() {
          "pass data-mode skimmer spots only once confirmed"},
         {"Skimmer VHF UHF Spots Verified", K::kSwitch,
          "pass VHF and UHF skimmer spots only once confirmed"},
+        {"Feed Stall Seconds", K::kNumber,
+         "a feed that sends nothing this long is cut and called again"},
+        {"Feed Max Lines Per Second", K::kNumber,
+         "lines a second taken from one feed; the rest are dropped and counted"},
+        {"Feed Flood Seconds", K::kNumber,
+         "a feed over the line limit this long is cut and called again"},
         {"FT8 URL", K::kText, "the digital-mode reporter server (host name); empty: off"},
         {"FT8 Port", K::kPort, "port of the digital-mode reporter server"}}},
   };

@@ -138,6 +138,11 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "FT8 Topic", "#"},
       // Seconds a reporter spot waits for more receivers of the station before it goes out.
       {EntryKind::kSingle, "FT8 Hold", "30"},
+      // When a feed connection is cut and called again: no line for this many seconds; more
+      // lines a second than the limit (the rest are dropped) for the flood time.
+      {EntryKind::kSingle, "Feed Stall Seconds", "300"},
+      {EntryKind::kSingle, "Feed Max Lines Per Second", "2000"},
+      {EntryKind::kSingle, "Feed Flood Seconds", "30"},
       {EntryKind::kSingle, "Modes", ""},
       {EntryKind::kSingle, "MaxMem", "0"},
       {EntryKind::kSingle, "NewMaxSpotsPerMin", "2000"},

@@ -133,9 +133,12 @@ uint32_t FeedRate::PerMinute(int64_t now) const {
   return sum;
 }
 
-uint32_t FeedRate::InSecond(int64_t now) const {
-  Advance(now);
-  return now == last_ ? buckets_[size_t(now % 60)] : 0;
+uint32_t FeedRate::InSecond(int64_t second) const {
+  Advance(second);
+  // Any second of the last minute, not only the newest: the flood check asks about the
+  // second just past while lines of the current one are already counted.
+  if (second > last_ || last_ - second >= int64_t(buckets_.size())) return 0;
+  return buckets_[size_t(second % 60)];
 }
 
 void RecentReports::Add(RecentReport report) {

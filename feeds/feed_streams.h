@@ -83,8 +83,8 @@ class FeedRate {
  public:
   void Add(int64_t now_seconds, uint32_t n = 1);
   uint32_t PerMinute(int64_t now_seconds) const;
-  // How many were added in the second now_seconds.
-  uint32_t InSecond(int64_t now_seconds) const;
+  // How many were added in that second (0 once it has left the last minute).
+  uint32_t InSecond(int64_t second) const;
 
  private:
   void Advance(int64_t now_seconds) const;

@@ -75,6 +75,15 @@ TEST(FeedStreamsTest, RateCountsTheLastMinuteOnly) {
   EXPECT_EQ(r.PerMinute(5000), 0u);  // a long silence clears everything
   r.Add(4000, 3);                    // a clock that went back counts in the current second
   EXPECT_EQ(r.PerMinute(5000), 3u);
+
+  // The second just past, asked while the next one already counts (the flood check).
+  FeedRate flood;
+  flood.Add(2000, 4);
+  flood.Add(2001, 2);
+  EXPECT_EQ(flood.InSecond(2000), 4u);
+  EXPECT_EQ(flood.InSecond(2001), 2u);
+  EXPECT_EQ(flood.InSecond(2070), 0u);
+  EXPECT_EQ(flood.InSecond(2000), 0u);  // left the minute
 }
 
 TEST(FeedStreamsTest, CountsFollowTheDecisions) {

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <thread>
 
 #include "tests/testlib/node_sites.h"
 
@@ -105,6 +106,43 @@ TEST_F(FeedsSystemTest, AFeedThatSendsOnlyGarbageIsDroppedAndCalledAgain) {
   EXPECT_THAT(site.node().Output(), HasSubstr("sends no skimmer reports"));
   auto user = site.LogIn("W1USR");
   EXPECT_THAT(Command(*user, "SHOW/SKIMMER/STATUS"), HasSubstr("Own skimmer"));
+}
+
+// The health limits are settings: a silent feed and a flooding one are both cut and said why.
+TEST_F(FeedsSystemTest, ASilentFeedAndAFloodingFeedAreCutAndCalledAgain) {
+  NodeSite site("K1QXA");
+  PeerListener server;
+  site.Setting("Feed Name", "RBN");
+  site.Setting("Feed Kind", "RBN");
+  site.Setting("Feed Address", "127.0.0.1");
+  site.Setting("Feed Port", std::to_string(server.port()));
+  site.Setting("Feed Active", "True");
+  site.Setting("Feed Stall Seconds", "2");
+  site.Setting("Feed Max Lines Per Second", "20");
+  site.Setting("Feed Flood Seconds", "2");
+  site.Start();
+  ASSERT_TRUE(server.Accept()) << site.node().Output();
+  server.SendLine("login:");
+  ASSERT_TRUE(server.ReadUntil("K1QXA\r\n")) << server.received();
+  EXPECT_TRUE(server.WaitClosed(8s));
+  EXPECT_TRUE(site.WaitOutput("nothing received for")) << site.node().Output();
+
+  ASSERT_TRUE(server.Accept(15s)) << site.node().Output();
+  server.SendLine("login:");
+  ASSERT_TRUE(server.ReadUntil("K1QXA\r\n")) << server.received();
+  // Some 500 reports a second, every second, until the node has had enough.
+  bool cut = false;
+  for (int round = 0; round < 100 && !cut; ++round) {
+    std::string burst;
+    for (int i = 0; i < 50; ++i) {
+      burst += fmt::format("DX de DL1AAA-#:  {}.0  K{}AB  CW  18 dB  26 WPM  CQ  {}\r\n",
+                           7000 + i, i % 10, NowHHnnZ());
+    }
+    cut = !server.Send(burst) ||
+          site.node().Output().find("more than 20 lines a second for 2 s") != std::string::npos;
+    std::this_thread::sleep_for(100ms);
+  }
+  EXPECT_TRUE(cut) << site.node().Output();
 }
 
 TEST_F(FeedsSystemTest, ASkimmerLoggingInAsANodeOfKindSkmIsAFeed) {
