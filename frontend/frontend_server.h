@@ -76,13 +76,13 @@ struct FrontendCounters {
   uint64_t slow_reader_episodes = 0;
   uint64_t dropped_lines = 0;  // lines dropped for readers that could not keep up
   // The listener for programs.
-  uint64_t web_streams_open = 0;    // WebSocket streams held now
-  uint64_t web_upgrades = 0;        // WebSocket streams opened
-  uint64_t web_polls = 0;           // HTTP polls passed to the node
-  uint64_t web_rejected = 0;        // requests answered with an error (400, 404, 408, ...)
-  uint64_t web_refused = 0;         // streams refused by "WebSocket Max Per Address"
+  uint64_t web_streams_open = 0;     // WebSocket streams held now
+  uint64_t web_upgrades = 0;         // WebSocket streams opened
+  uint64_t web_polls = 0;            // HTTP polls passed to the node
+  uint64_t web_rejected = 0;         // requests answered with an error (400, 404, 408, ...)
+  uint64_t web_refused = 0;          // streams refused by "WebSocket Max Per Address"
   uint64_t web_protocol_errors = 0;  // WebSockets closed for breaking the protocol
-  uint64_t web_poll_timeouts = 0;   // polls the node did not answer in time (504)
+  uint64_t web_poll_timeouts = 0;    // polls the node did not answer in time (504)
 };
 
 class FrontendServer {

@@ -266,9 +266,8 @@ class FrontendServer::Impl {
   std::unique_ptr<tcp::acceptor> web_acceptor_;
   std::vector<std::shared_ptr<WebPending>> web_pending_;  // requests whose head is awaited
   // "WebSocket Max Per Address"; the other limits apply through limits_.
-  ConnectionLimits web_limits_{
-      ConnectionLimitSettings{0, size_t(options_.settings.websocket_per_address), 0,
-                              options_.connect_window}};
+  ConnectionLimits web_limits_{ConnectionLimitSettings{
+      0, size_t(options_.settings.websocket_per_address), 0, options_.connect_window}};
 };
 
 }  // namespace qx

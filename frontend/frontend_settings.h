@@ -28,7 +28,7 @@ struct FrontendSettings {
   int max_connects_per_minute = 10;  // "Max Connects Per Minute": new ones from one address
   int login_timeout_seconds = 180;   // "Login Timeout": until the node names the caller
   // The listener for programs (WebSocket stream and HTTP poll); 0: none.
-  int websocket_port = 0;        // "WebSocket Port"
+  int websocket_port = 0;         // "WebSocket Port"
   int websocket_per_address = 4;  // "WebSocket Max Per Address": streams from one address
 };
 

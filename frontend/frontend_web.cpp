@@ -231,9 +231,10 @@ void FrontendServer::Impl::OnWebHead(const WebPendingPtr& p) {
       return;
     }
     web->web_address = p->address;
-    web->opening = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n"
-                   "Connection: Upgrade\r\nSec-WebSocket-Accept: " +
-                   WebSocketAccept(request.Header("sec-websocket-key")) + "\r\n\r\n";
+    web->opening =
+        "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n"
+        "Connection: Upgrade\r\nSec-WebSocket-Accept: " +
+        WebSocketAccept(request.Header("sec-websocket-key")) + "\r\n\r\n";
     web->early_input = std::string(p->parser.rest());
     ++counters.web_upgrades;
   } else {

@@ -45,8 +45,8 @@ bool ValidUtf8(std::string_view text);
 
 struct WsEvent {
   enum class Kind : uint8_t {
-    kText,   // a complete text message in payload
-    kPing,   // payload to echo in a pong
+    kText,  // a complete text message in payload
+    kPing,  // payload to echo in a pong
     kPong,
     kClose,  // the client closes; code (kWsNoStatus when it gave none), reason in payload
     kError,  // a protocol fault: close with code; payload says why (for the log)
@@ -73,7 +73,7 @@ class WsDecoder {
 
   size_t max_message_;
   std::string buffer_;
-  size_t read_ = 0;  // start of the undecoded bytes in buffer_
+  size_t read_ = 0;      // start of the undecoded bytes in buffer_
   std::string message_;  // a fragmented text message so far
   bool in_message_ = false;
   bool ended_ = false;

@@ -86,8 +86,7 @@ TEST(RouteHttpRequest, StreamsPollsAndRefusals) {
 }
 
 TEST(HttpText, TargetsAreSafeInRecordsAndAnswersAreComplete) {
-  EXPECT_EQ(EncodeTargetForLink("/stream?a=b^c%20d\x7f\xc3\xa9"),
-            "/stream?a=b%5Ec%20d%7F%C3%A9");
+  EXPECT_EQ(EncodeTargetForLink("/stream?a=b^c%20d\x7f\xc3\xa9"), "/stream?a=b%5Ec%20d%7F%C3%A9");
   const std::string answer = HttpResponse(200, "application/json", "[1]");
   EXPECT_TRUE(answer.starts_with("HTTP/1.1 200 OK\r\n"));
   EXPECT_NE(answer.find("Content-Length: 3\r\n"), std::string::npos);

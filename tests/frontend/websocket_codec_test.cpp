@@ -22,7 +22,8 @@ std::string ClientFrame(uint8_t first, std::string_view payload, bool masked = t
   }
   const char mask[4] = {0x12, 0x34, 0x56, 0x78};
   if (masked) out.append(mask, 4);
-  for (size_t i = 0; i < n; ++i) out.push_back(masked ? char(payload[i] ^ mask[i % 4]) : payload[i]);
+  for (size_t i = 0; i < n; ++i)
+    out.push_back(masked ? char(payload[i] ^ mask[i % 4]) : payload[i]);
   return out;
 }
 
@@ -116,8 +117,8 @@ TEST(WsDecoder, FaultsNameTheirCloseCode) {
 
 TEST(ValidUtf8, RejectsOverlongSurrogatesAndTruncation) {
   EXPECT_TRUE(ValidUtf8("plain \xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\xa1"));
-  for (std::string_view bad : {"\xc0\xaf", "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80",
-                               "\xe2\x82", "\x80"}) {
+  for (std::string_view bad :
+       {"\xc0\xaf", "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82", "\x80"}) {
     EXPECT_FALSE(ValidUtf8(bad)) << testing::PrintToString(std::string(bad));
   }
 }

@@ -40,8 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Require(whole.size() == pieces.size());
   for (size_t i = 0; i < whole.size(); ++i) {
     const WsEvent& e = whole[i];
-    Require(e.kind == pieces[i].kind && e.code == pieces[i].code &&
-            e.payload == pieces[i].payload);
+    Require(e.kind == pieces[i].kind && e.code == pieces[i].code && e.payload == pieces[i].payload);
     const bool last = e.kind == WsEvent::Kind::kClose || e.kind == WsEvent::Kind::kError;
     Require(!last || i + 1 == whole.size());  // nothing is decoded after the end
     if (e.kind == WsEvent::Kind::kText) Require(e.payload.size() <= 256 && ValidUtf8(e.payload));
