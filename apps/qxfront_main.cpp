@@ -45,7 +45,8 @@ constexpr std::string_view kUsage =
     "                           (60000)\n"
     "  --counters-every-ms MS   how often the counters go to the node (10000)\n"
     "  --web-timeout-ms MS      for a program's request head and the node's answer to a\n"
-    "                           poll (10000)\n";
+    "                           poll (10000)\n"
+    "  --web-ping-ms MS         silence on a WebSocket before the front-end pings (30000)\n";
 
 // Thousands of connections need more descriptors than the usual soft limit.
 void RaiseDescriptorLimit() {
@@ -73,11 +74,8 @@ int main(int argc, char** argv) {
     std::string_view flag;
     long long ms = -1;
   };
-  TimeOption times[] = {{"--login-timeout-ms"},
-                        {"--connect-window-ms"},
-                        {"--stall-timeout-ms"},
-                        {"--counters-every-ms"},
-                        {"--web-timeout-ms"}};
+  TimeOption times[] = {{"--login-timeout-ms"},  {"--connect-window-ms"}, {"--stall-timeout-ms"},
+                        {"--counters-every-ms"}, {"--web-timeout-ms"},    {"--web-ping-ms"}};
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "--version") {
@@ -129,6 +127,7 @@ int main(int argc, char** argv) {
   if (times[2].ms > 0) options.stall_timeout = Ms(times[2].ms);
   if (times[3].ms > 0) options.counters_every = Ms(times[3].ms);
   if (times[4].ms > 0) options.web_request_timeout = options.web_answer_timeout = Ms(times[4].ms);
+  if (times[5].ms > 0) options.web_ping_every = Ms(times[5].ms);
   qx::FrontLog(std::string("qxfront ") + QX_VERSION + " starting");
 
   boost::asio::io_context io(1);

@@ -224,6 +224,8 @@ TEST_F(FrontendWebTest, WebSocketStreamCarriesLinesBothWaysAndCloses) {
   EXPECT_EQ(frames[4].payload, "{\"last\":1}");
   EXPECT_EQ(frames[5].opcode, 8);
   EXPECT_EQ(frames[5].payload, std::string("\x03\xe8"));
+  EXPECT_TRUE(ws.WaitClosed());
+  ws.Close();  // as a browser does once the close handshake is over
   EXPECT_EQ(WaitRecord(node, "AA17^"), "AA17^" + tag + "^" + stream + "^disconnected by the node");
 
   // A client's close is answered with the same code before the stream ends.
@@ -233,6 +235,7 @@ TEST_F(FrontendWebTest, WebSocketStreamCarriesLinesBothWaysAndCloses) {
   ASSERT_EQ(frames.size(), 1u);
   EXPECT_EQ(frames[0].payload, std::string("\x03\xe9"));
   EXPECT_TRUE(other.WaitClosed());
+  other.Close();
   EXPECT_EQ(WaitRecord(node, "AA17^"),
             "AA17^" + Field(b03, 4) + "^" + Field(b03, 2) + "^closed by peer");
 }
@@ -255,6 +258,7 @@ TEST_F(FrontendWebTest, ProtocolFaultsCloseWithTheirCode) {
     EXPECT_EQ(frames[0].opcode, 8);
     EXPECT_EQ(frames[0].payload, code);
     EXPECT_TRUE(ws.WaitClosed());
+    ws.Close();
     EXPECT_TRUE(WaitRecord(node, "AA17^" + Field(a03, 4)).starts_with("AA17^"));
     EXPECT_TRUE(WaitRecord(node, "AA00^", 100ms).empty());
   }
@@ -307,8 +311,8 @@ TEST_F(FrontendWebTest, PollsAreAnsweredFromTheNodesStatusLine) {
   EXPECT_NE(WaitRecord(node, "AA20^").find("^ws_rejected_total=7"), std::string::npos);
 }
 
-TEST_F(FrontendWebTest, StreamsPerAddressAreLimited) {
-  StartFront({}, "WebSocket Max Per Address^2\r\n");
+TEST_F(FrontendWebTest, StreamsPerAddressAreLimitedAndQuietOnesPinged) {
+  StartFront({"--web-ping-ms", "300"}, "WebSocket Max Per Address^2\r\n");
   LineClient node, a, b, c, d;
   ConnectNode(node);
   ASSERT_FALSE(OpenStream(node, a, "/stream").empty());
@@ -325,6 +329,9 @@ TEST_F(FrontendWebTest, StreamsPerAddressAreLimited) {
   a.Close();
   ASSERT_FALSE(WaitRecord(node, "AA17^").empty());
   EXPECT_FALSE(OpenStream(node, d, "/stream").empty());
+  const std::vector<Frame> frames = WaitFrames(d, 1);
+  ASSERT_FALSE(frames.empty());
+  EXPECT_EQ(frames[0].opcode, 9);
 }
 
 TEST_F(FrontendWebTest, SlowClientLosesWholeMessagesAndIsToldHowMany) {
