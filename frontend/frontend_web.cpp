@@ -3,7 +3,9 @@
 // becomes a stream like any other, announced with the request's target in its kind, so the
 // node decides what to send and a restarted node can rebuild the stream from the report.
 // This file turns the node's lines into frames (or one HTTP answer) and the client's frames
-// into lines; everything else is the ordinary connection code.
+// into lines; everything else is the ordinary connection code.  Frames other than the node's
+// lines are queued as counting no lines, so a client told of dropped messages is told only
+// of lost data.
 #include "frontend/frontend_web.h"
 
 #include <algorithm>
@@ -19,6 +21,8 @@ constexpr size_t kMaxPartialLine = 64 * 1024;
 // A line from a client is cut here, as telnet lines are.
 constexpr size_t kMaxClientLine = 2048;
 constexpr std::string_view kTextType = "text/plain; charset=utf-8";
+// Room kept in the output bound for the head of a poll's answer.
+constexpr size_t kAnswerHeadRoom = 1024;
 
 // The answer to a request that is refused before it became a stream.  One try, no waiting:
 // the socket is new, so the short answer fits its buffer.  What the client already sent is
@@ -254,6 +258,8 @@ void FrontendServer::Impl::WebGone(WebSession& web) {
 void FrontendServer::Impl::StartWebSession(const ConnectionPtr& c) {
   WebSession& web = *c->web;
   if (!web.stream) {
+    // An answer is written whole or not at all: no line of text may ever get into it.
+    c->out.set_resume_notice([](uint64_t) { return std::string(); });
     c->web->timer.expires_after(options_.web_answer_timeout);
     c->web->timer.async_wait([this, c](error_code ec) {
       if (ec || c->closed || c->closing) return;
@@ -272,7 +278,7 @@ void FrontendServer::Impl::StartWebSession(const ConnectionPtr& c) {
     return EncodeWsFrame(WsOpcode::kText,
                          "{\"type\":\"dropped\",\"count\":" + std::to_string(lines) + "}");
   });
-  QueueBytes(c, web.opening, 1);
+  QueueBytes(c, web.opening, 0);
   web.opening.clear();
   web.last_traffic = std::chrono::steady_clock::now();
   WebPing(c);
@@ -289,7 +295,7 @@ void FrontendServer::Impl::WebPing(const ConnectionPtr& c) {
     if (ec || c->closed || c->closing) return;
     const SteadyTime now = std::chrono::steady_clock::now();
     if (now >= c->web->last_traffic + options_.web_ping_every) {
-      QueueBytes(c, EncodeWsFrame(WsOpcode::kPing, ""), 1);
+      QueueBytes(c, EncodeWsFrame(WsOpcode::kPing, ""), 0);
       c->web->last_traffic = now;
     }
     WebPing(c);
@@ -312,13 +318,13 @@ void FrontendServer::Impl::OnWebRead(const ConnectionPtr& c, std::string_view da
         break;
       }
       case WsEvent::Kind::kPing:
-        QueueBytes(c, EncodeWsFrame(WsOpcode::kPong, event.payload), 1);
+        QueueBytes(c, EncodeWsFrame(WsOpcode::kPong, event.payload), 0);
         break;
       case WsEvent::Kind::kPong:
         break;
       case WsEvent::Kind::kClose:
         // The handshake's answer echoes the client's code; then the stream ends.
-        QueueBytes(c, EncodeWsClose(event.code == kWsNoStatus ? kWsNormalClose : event.code), 1);
+        QueueBytes(c, EncodeWsClose(event.code == kWsNoStatus ? kWsNormalClose : event.code), 0);
         web.close_sent = true;
         RequestClose(c, "closed by peer");
         break;
@@ -327,7 +333,7 @@ void FrontendServer::Impl::OnWebRead(const ConnectionPtr& c, std::string_view da
           FrontLog("Stream " + std::to_string(c->stream) + ": WebSocket closed with " +
                    std::to_string(event.code) + ": " + event.payload + " (" + c->peer + ")");
         }
-        QueueBytes(c, EncodeWsClose(event.code), 1);
+        QueueBytes(c, EncodeWsClose(event.code), 0);
         web.close_sent = true;
         RequestClose(c, "WebSocket error " + std::to_string(event.code) + ": " + event.payload);
         break;
@@ -341,7 +347,7 @@ void FrontendServer::Impl::QueueWebOutput(const ConnectionPtr& c, std::string_vi
   if (!web.stream) {
     // The whole answer is written at once when the node lets the stream go.
     if (web.answered || web.answer_too_big) return;
-    if (web.answer.size() + text.size() > options_.output_limit) {
+    if (web.answer.size() + text.size() + kAnswerHeadRoom > options_.output_limit) {
       web.answer_too_big = true;
       web.answer.clear();
       return;
@@ -370,7 +376,7 @@ void FrontendServer::Impl::FinishWeb(const ConnectionPtr& c) {
   WebSession& web = *c->web;
   web.timer.cancel();
   if (web.stream) {
-    if (!web.close_sent) QueueBytes(c, EncodeWsClose(kWsNormalClose), 1);
+    if (!web.close_sent) QueueBytes(c, EncodeWsClose(kWsNormalClose), 0);
     web.close_sent = true;
     return;
   }
