@@ -30,8 +30,10 @@ constexpr std::string_view kUsage =
     "\n"
     "Reads DIR/cluster.cfg (keys \"Winsock IP\", \"Winsock Port\", \"Frontend Ports\",\n"
     "\"Station Text\", \"Max Connections\", \"Max Connections Per Address\",\n"
-    "\"Max Connects Per Minute\", \"Login Timeout\"), waits for the node's link on\n"
-    "Winsock IP:Port and accepts users and nodes on every Frontend Ports port.  Only a node\n"
+    "\"Max Connects Per Minute\", \"Login Timeout\", \"WebSocket Port\",\n"
+    "\"WebSocket Max Per Address\"), waits for the node's link on Winsock IP:Port, accepts\n"
+    "users and nodes on every Frontend Ports port and programs (WebSocket /stream, HTTP\n"
+    "/spots) on the WebSocket Port.  Only a node\n"
     "that proves it knows the secret in DIR/link.key (made by whichever of qxfront and\n"
     "qxcluster starts first) gets the link.\n"
     "  --output-limit BYTES  output queued for one connection before its reader is told\n"
@@ -41,7 +43,10 @@ constexpr std::string_view kUsage =
     "  --connect-window-ms MS   the window of Max Connects Per Minute (60000)\n"
     "  --stall-timeout-ms MS    a reader behind that takes nothing for this long is closed\n"
     "                           (60000)\n"
-    "  --counters-every-ms MS   how often the counters go to the node (10000)\n";
+    "  --counters-every-ms MS   how often the counters go to the node (10000)\n"
+    "  --web-timeout-ms MS      for a program's request head and the node's answer to a\n"
+    "                           poll (10000)\n"
+    "  --web-ping-ms MS         silence on a WebSocket before the front-end pings (30000)\n";
 
 // Thousands of connections need more descriptors than the usual soft limit.
 void RaiseDescriptorLimit() {
@@ -69,10 +74,8 @@ int main(int argc, char** argv) {
     std::string_view flag;
     long long ms = -1;
   };
-  TimeOption times[] = {{"--login-timeout-ms"},
-                        {"--connect-window-ms"},
-                        {"--stall-timeout-ms"},
-                        {"--counters-every-ms"}};
+  TimeOption times[] = {{"--login-timeout-ms"},  {"--connect-window-ms"}, {"--stall-timeout-ms"},
+                        {"--counters-every-ms"}, {"--web-timeout-ms"},    {"--web-ping-ms"}};
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "--version") {
@@ -123,6 +126,8 @@ int main(int argc, char** argv) {
   if (times[1].ms > 0) options.connect_window = Ms(times[1].ms);
   if (times[2].ms > 0) options.stall_timeout = Ms(times[2].ms);
   if (times[3].ms > 0) options.counters_every = Ms(times[3].ms);
+  if (times[4].ms > 0) options.web_request_timeout = options.web_answer_timeout = Ms(times[4].ms);
+  if (times[5].ms > 0) options.web_ping_every = Ms(times[5].ms);
   qx::FrontLog(std::string("qxfront ") + QX_VERSION + " starting");
 
   boost::asio::io_context io(1);

@@ -96,6 +96,8 @@ std::string_view SettingKindName(SettingKind kind) {
       return "number";
     case SettingKind::kPort:
       return "port";
+    case SettingKind::kPortOrOff:
+      return "number";
     case SettingKind::kPortList:
       return "ports";
     case SettingKind::kIpAddress:
@@ -123,6 +125,10 @@ std::string CheckSettingValue(SettingKind kind, std::string_view value) {
     }
     case SettingKind::kPort:
       return IsPort(value) ? "" : "a port number from 1 to 65535";
+    case SettingKind::kPortOrOff:
+      return value.empty() || value == "0" || IsPort(value) ? ""
+                                                            : "a port number from 1 to 65535, "
+                                                              "or 0 for none";
     case SettingKind::kPortList: {
       const auto parts = Split(value, ',');
       if (value.empty()) return "at least one port";

@@ -14,6 +14,7 @@ enum class SettingKind {
   kSwitch,      // True or False
   kNumber,      // a whole number, 0 or more
   kPort,        // 1..65535
+  kPortOrOff,   // 1..65535, or 0 (or empty) for a listener that is turned off
   kPortList,    // up to nine ports, comma-separated
   kIpAddress,   // an IPv4 or IPv6 address to listen on or connect to; no names
   kUrl,         // http:// or https:// and a host; empty allowed (the feature is off)

@@ -164,6 +164,9 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "Max Connections Per Address", "20"},
       {EntryKind::kSingle, "Max Connects Per Minute", "10"},
       {EntryKind::kSingle, "Login Timeout", "180"},
+      // The front-end's listener for programs (JSON over WebSocket and HTTP); 0: none.
+      {EntryKind::kSingle, "WebSocket Port", "0"},
+      {EntryKind::kSingle, "WebSocket Max Per Address", "4"},
       // Propagation reports: where "Get WWV" fetches from, and the calls besides the sysops
       // that may enter WWV (","-joined).
       {EntryKind::kSingle, "WWV URL", "https://services.swpc.noaa.gov/text/wwv.txt"},

@@ -23,13 +23,15 @@ std::string DurationText(std::chrono::milliseconds d) {
 }  // namespace
 
 void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std::string kind,
-                                         std::string limited_address) {
+                                         std::string limited_address,
+                                         std::shared_ptr<WebSession> web) {
   error_code ec;
   const tcp::endpoint remote = socket.remote_endpoint(ec);
   if (stopped_ || ec) {
     // Gone before it could be looked at.
     socket.close(ec);
     if (!limited_address.empty()) limits_.Closed(limited_address);
+    if (web) WebGone(*web);
     return;
   }
   socket.set_option(tcp::no_delay(true), ec);
@@ -37,7 +39,9 @@ void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std
 
   auto c = std::make_shared<Connection>(io_, std::move(socket), options_.output_limit);
   c->limited_address = std::move(limited_address);
-  c->identified = port_index == kOutgoingPortIndex;  // the node itself asked for it
+  // The node itself asked for an outgoing one; programs on the web port never log in.
+  c->identified = port_index == kOutgoingPortIndex || port_index == kWebPortIndex;
+  c->web = std::move(web);
   c->stream = numbers_.Allocate();
   c->tag = ++next_tag_;
   c->port_index = port_index;
@@ -56,6 +60,7 @@ void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std
     ScheduleFlush();
     StartLoginClock(c);
   }
+  if (c->web) StartWebSession(c);
   StartRead(c);
 }
 
@@ -84,6 +89,11 @@ void FrontendServer::Impl::OnRead(const ConnectionPtr& c, error_code ec, size_t 
     return;
   }
   if (c->closing) {  // the node has let it go: what it still sends goes nowhere
+    StartRead(c);
+    return;
+  }
+  if (c->web) {
+    OnWebRead(c, std::string_view(c->read_buf.data(), n));
     StartRead(c);
     return;
   }
@@ -128,12 +138,21 @@ void FrontendServer::Impl::ArmPartialTimer(const ConnectionPtr& c, SteadyTime de
 }
 
 void FrontendServer::Impl::QueueOutput(const ConnectionPtr& c, std::string_view text) {
+  if (c->web) {
+    QueueWebOutput(c, text);
+    return;
+  }
+  QueueBytes(c, text, OutputQueue::LinesIn(text));
+}
+
+void FrontendServer::Impl::QueueBytes(const ConnectionPtr& c, std::string_view text,
+                                      uint64_t lines) {
   if (c->closed || text.empty()) return;
-  switch (c->out.Add(text)) {
+  switch (c->out.Add(text, lines)) {
     case OutputQueue::Added::kQueued:
       break;
     case OutputQueue::Added::kBehind: {
-      counters.dropped_lines += OutputQueue::LinesIn(text);
+      counters.dropped_lines += lines;
       // A reader on the edge may fall behind and catch up again and again: the counters
       // keep the tally, the log only the first few.
       c->behind_logged = ShouldLog(++counters.slow_reader_episodes);
@@ -146,7 +165,7 @@ void FrontendServer::Impl::QueueOutput(const ConnectionPtr& c, std::string_view 
       break;
     }
     case OutputQueue::Added::kDropped:
-      counters.dropped_lines += OutputQueue::LinesIn(text);
+      counters.dropped_lines += lines;
       return;
   }
   if (!c->dirty && !c->write_active) {
@@ -229,6 +248,7 @@ void FrontendServer::Impl::PauseLoginClock(const ConnectionPtr& c) {
 
 void FrontendServer::Impl::RequestClose(const ConnectionPtr& c, std::string reason) {
   if (c->closed || c->closing) return;
+  if (c->web) FinishWeb(c);
   c->closing = true;
   c->close_reason = std::move(reason);
   c->partial_timer.cancel();
@@ -273,6 +293,7 @@ void FrontendServer::Impl::CloseConnection(const ConnectionPtr& c, std::string_v
   c->out.Clear();
   c->held.Clear();
   if (!c->limited_address.empty()) limits_.Closed(c->limited_address);
+  if (c->web) WebClosed(c);
   ++counters.closed;
   if (by_stream_[c->stream] == c) by_stream_[c->stream].reset();
   numbers_.Release(c->stream);

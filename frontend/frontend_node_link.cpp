@@ -368,6 +368,13 @@ void FrontendServer::Impl::SendCounters() {
       {"messages_from_node_total", n.messages_from_node},
       {"stale_messages_dropped_total", n.stale_messages_dropped},
       {"malformed_messages_total", n.malformed_messages},
+      {"ws_streams", n.web_streams_open},
+      {"ws_upgrades_total", n.web_upgrades},
+      {"ws_polls_total", n.web_polls},
+      {"ws_rejected_total", n.web_rejected},
+      {"ws_refused_total", n.web_refused},
+      {"ws_protocol_errors_total", n.web_protocol_errors},
+      {"ws_poll_timeouts_total", n.web_poll_timeouts},
   };
   AppendCounters(link_->queued, values);
   ScheduleFlush();

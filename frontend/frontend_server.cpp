@@ -58,6 +58,8 @@ bool FrontendServer::Impl::Start() {
     user_acceptors_.push_back(std::move(acceptor));
   }
 
+  if (!StartWeb()) return false;
+
   FitLimitToDescriptors();
   AcceptLink();
   for (size_t i = 0; i < user_acceptors_.size(); ++i) AcceptUsers(i);
@@ -90,6 +92,7 @@ std::unique_ptr<tcp::acceptor> FrontendServer::Impl::ListenDualStack(unsigned sh
 void FrontendServer::Impl::Stop() {
   if (stopped_) return;
   stopped_ = true;
+  StopWeb();
   error_code ec;
   link_acceptor_.close(ec);
   for (auto& a : user_acceptors_) a->close(ec);

@@ -49,6 +49,13 @@ struct FrontendOptions {
   std::chrono::milliseconds stall_timeout{60000};
   // How often the counters go to the node.
   std::chrono::milliseconds counters_every{10000};
+  // The listener for programs: a request head must be complete by web_request_timeout, the
+  // node's answer to a poll arrive by web_answer_timeout; a WebSocket silent for
+  // web_ping_every is pinged, and a client message may be at most web_max_message bytes.
+  std::chrono::milliseconds web_request_timeout{10000};
+  std::chrono::milliseconds web_answer_timeout{10000};
+  std::chrono::milliseconds web_ping_every{30000};
+  size_t web_max_message = 4096;
 };
 
 struct FrontendCounters {
@@ -68,6 +75,14 @@ struct FrontendCounters {
   uint64_t login_timeouts = 0;
   uint64_t slow_reader_episodes = 0;
   uint64_t dropped_lines = 0;  // lines dropped for readers that could not keep up
+  // The listener for programs.
+  uint64_t web_streams_open = 0;     // WebSocket streams held now
+  uint64_t web_upgrades = 0;         // WebSocket streams opened
+  uint64_t web_polls = 0;            // HTTP polls passed to the node
+  uint64_t web_rejected = 0;         // requests answered with an error (400, 404, 408, ...)
+  uint64_t web_refused = 0;          // streams refused by "WebSocket Max Per Address"
+  uint64_t web_protocol_errors = 0;  // WebSockets closed for breaking the protocol
+  uint64_t web_poll_timeouts = 0;    // polls the node did not answer in time (504)
 };
 
 class FrontendServer {

@@ -29,6 +29,10 @@
 
 namespace qx {
 
+// The listener for programs keeps its per-connection state apart (frontend_web.h).
+struct WebSession;
+struct WebPending;
+
 namespace asio = boost::asio;
 using asio::ip::tcp;
 using boost::system::error_code;
@@ -103,6 +107,8 @@ struct Connection {
   bool read_paused = false;
   bool partial_timer_armed = false;
   std::array<char, 4096> read_buf;
+  // Set for a WebSocket or HTTP-poll client: its bytes are framed, not lines.
+  std::shared_ptr<WebSession> web;
 };
 using ConnectionPtr = std::shared_ptr<Connection>;
 
@@ -166,12 +172,14 @@ class FrontendServer::Impl {
 
   // Connections.
   void AddConnection(tcp::socket socket, int port_index, std::string kind,
-                     std::string limited_address = {});
+                     std::string limited_address = {}, std::shared_ptr<WebSession> web = {});
   void StartRead(const ConnectionPtr& c);
   void OnRead(const ConnectionPtr& c, error_code ec, size_t n);
   void ForwardInput(const ConnectionPtr& c, std::string_view data);
   void ArmPartialTimer(const ConnectionPtr& c, SteadyTime deadline);
   void QueueOutput(const ConnectionPtr& c, std::string_view text);
+  // Bytes for the socket as they are; when dropped they count as lines.
+  void QueueBytes(const ConnectionPtr& c, std::string_view bytes, uint64_t lines);
   void StartWrite(const ConnectionPtr& c);
   void WatchStall(const ConnectionPtr& c, SteadyTime deadline);
   void StartLoginClock(const ConnectionPtr& c);
@@ -210,6 +218,24 @@ class FrontendServer::Impl {
   void ScheduleFlush();
   void Flush();
 
+  // The listener for programs: WebSocket streams and HTTP polls (frontend_web.cpp).
+  bool StartWeb();
+  void StopWeb();
+  void AcceptWeb();
+  void OnWebAccepted(tcp::socket socket);
+  void ReadWebHead(const std::shared_ptr<WebPending>& p);
+  void OnWebHead(const std::shared_ptr<WebPending>& p);
+  void RejectWeb(const std::shared_ptr<WebPending>& p, int status, std::string_view body,
+                 std::string_view why);
+  void EndWebPending(const std::shared_ptr<WebPending>& p, bool keep_address);
+  void StartWebSession(const ConnectionPtr& c);                   // from AddConnection
+  void OnWebRead(const ConnectionPtr& c, std::string_view data);  // from OnRead
+  void QueueWebOutput(const ConnectionPtr& c, std::string_view text);
+  void FinishWeb(const ConnectionPtr& c);  // from RequestClose: the close frame or answer
+  void WebClosed(const ConnectionPtr& c);  // from CloseConnection
+  void WebGone(WebSession& web);           // a session whose connection never opened
+  void WebPing(const ConnectionPtr& c);
+
   asio::io_context& io_;
   FrontendOptions options_;
   tcp::acceptor link_acceptor_;
@@ -236,6 +262,12 @@ class FrontendServer::Impl {
   bool stopped_ = false;
   std::string lines_;  // scratch for one read's lines
   std::string reply_;  // scratch for one read's telnet answers
+
+  std::unique_ptr<tcp::acceptor> web_acceptor_;
+  std::vector<std::shared_ptr<WebPending>> web_pending_;  // requests whose head is awaited
+  // "WebSocket Max Per Address"; the other limits apply through limits_.
+  ConnectionLimits web_limits_{ConnectionLimitSettings{
+      0, size_t(options_.settings.websocket_per_address), 0, options_.connect_window}};
 };
 
 }  // namespace qx

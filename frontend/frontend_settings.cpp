@@ -83,6 +83,19 @@ FrontendSettingsResult ParseFrontendSettings(std::string_view text) {
   ReadCount(config, "Max Connections Per Address", s.max_per_address, result.warnings);
   ReadCount(config, "Max Connects Per Minute", s.max_connects_per_minute, result.warnings);
   ReadCount(config, "Login Timeout", s.login_timeout_seconds, result.warnings);
+
+  // Off unless set; an unusable port leaves it off rather than guessing one.
+  const std::string& web_port = config.Get("WebSocket Port");
+  if (!Trim(web_port).empty() && Trim(web_port) != "0") {
+    if (ParsePort(web_port, port)) {
+      s.websocket_port = port;
+    } else {
+      result.warnings.push_back("WebSocket Port \"" + web_port + "\" is not a port");
+    }
+  }
+  if (!config.Get("WebSocket Max Per Address").empty()) {
+    ReadCount(config, "WebSocket Max Per Address", s.websocket_per_address, result.warnings);
+  }
   return result;
 }
 

@@ -14,6 +14,8 @@ namespace qx {
 // Port indexes 0..8 are the configured listening ports; 9 marks an outgoing connection.
 inline constexpr int kMaxFrontendPorts = 9;
 inline constexpr int kOutgoingPortIndex = 9;
+// The WebSocket and HTTP-poll listener's streams (one listener, so one index).
+inline constexpr int kWebPortIndex = 10;
 
 struct FrontendSettings {
   std::string link_ip = "127.0.0.1";  // "Winsock IP"
@@ -25,6 +27,9 @@ struct FrontendSettings {
   int max_per_address = 20;          // "Max Connections Per Address": held from one address
   int max_connects_per_minute = 10;  // "Max Connects Per Minute": new ones from one address
   int login_timeout_seconds = 180;   // "Login Timeout": until the node names the caller
+  // The listener for programs (WebSocket stream and HTTP poll); 0: none.
+  int websocket_port = 0;         // "WebSocket Port"
+  int websocket_per_address = 4;  // "WebSocket Max Per Address": streams from one address
 };
 
 struct FrontendSettingsResult {

@@ -23,9 +23,9 @@ void OutputQueue::Queue(std::string_view text) {
   at_line_start_ = text.back() == '\n';
 }
 
-OutputQueue::Added OutputQueue::Add(std::string_view text) {
+OutputQueue::Added OutputQueue::Add(std::string_view text, uint64_t lines) {
   if (behind_) {
-    dropped_lines_ += LinesIn(text);
+    dropped_lines_ += lines;
     return Added::kDropped;
   }
   if (pending() + text.size() <= limit_) {
@@ -33,7 +33,8 @@ OutputQueue::Added OutputQueue::Add(std::string_view text) {
     return Added::kQueued;
   }
   behind_ = true;
-  dropped_lines_ = LinesIn(text);
+  dropped_lines_ = lines;
+  if (resume_notice_) return Added::kBehind;
   // The notice starts a line of its own, even after a prompt.
   if (!at_line_start_) Queue("\r\n");
   Queue(kBehindNotice);
@@ -61,6 +62,10 @@ uint64_t OutputQueue::Wrote(size_t n) {
   behind_ = false;
   const uint64_t lines = dropped_lines_;
   dropped_lines_ = 0;
+  if (resume_notice_) {
+    Queue(resume_notice_(lines));
+    return lines;
+  }
   if (!at_line_start_) Queue("\r\n");
   Queue("*** " + std::to_string(lines) + (lines == 1 ? " line was" : " lines were") +
         " dropped because your connection could not keep up.\r\n");

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -26,7 +27,14 @@ class OutputQueue {
 
   explicit OutputQueue(size_t limit) : limit_(limit) {}
 
-  Added Add(std::string_view text);
+  Added Add(std::string_view text) { return Add(text, LinesIn(text)); }
+  // The same for a text that counts as the given number of lines when dropped.
+  Added Add(std::string_view text, uint64_t lines);
+  // For readers that take messages rather than lines (WebSocket clients): nothing is queued
+  // when dropping begins, and when it ends notice(lines dropped) is queued as it is.
+  void set_resume_notice(std::function<std::string(uint64_t)> notice) {
+    resume_notice_ = std::move(notice);
+  }
   // The bytes for the next socket write; empty when nothing waits.  Valid until Wrote.
   std::string_view NextWrite();
   // n bytes of NextWrite went out.  When that ends an episode (the queue drained below half
@@ -51,6 +59,7 @@ class OutputQueue {
   bool behind_ = false;
   bool at_line_start_ = true;  // the last byte queued ended a line (or nothing was queued)
   uint64_t dropped_lines_ = 0;
+  std::function<std::string(uint64_t)> resume_notice_;
 };
 
 }  // namespace qx

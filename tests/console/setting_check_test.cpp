@@ -19,6 +19,7 @@ TEST(SettingCheckTest, EachKindTakesWhatTheNodeCanUseAndRefusesTheRestWithAReaso
       {SettingKind::kSwitch, {"True", "false", " TRUE "}, {"", "yes", "1", "on"}},
       {SettingKind::kNumber, {"0", "250", "100000000"}, {"", "-1", "12a", "1.5", "100000001"}},
       {SettingKind::kPort, {"1", "7380", " 65535"}, {"", "0", "65536", "80x", "-80"}},
+      {SettingKind::kPortOrOff, {"", "0", "7373", "65535"}, {"65536", "80x", "-1"}},
       {SettingKind::kPortList,
        {"7300", "7300,7301, 8000"},
        {"", "7300,,7301", "7300,0", "1,2,3,4,5,6,7,8,9,10"}},

@@ -35,6 +35,22 @@ TEST(FrontendSettingsTest, ConnectionLimitsAreReadAndZeroTurnsOneOff) {
             std::vector<std::string>{"Login Timeout \"-5\" is not a whole number from 0 up"});
 }
 
+TEST(FrontendSettingsTest, WebSocketListenerIsOffUnlessAPortIsGiven) {
+  const FrontendSettings defaults = ParseFrontendSettings("").settings;
+  EXPECT_EQ(defaults.websocket_port, 0);
+  EXPECT_EQ(defaults.websocket_per_address, 4);
+  const FrontendSettingsResult on =
+      ParseFrontendSettings("WebSocket Port^ 7373\nWebSocket Max Per Address^0\n");
+  EXPECT_EQ(on.settings.websocket_port, 7373);
+  EXPECT_EQ(on.settings.websocket_per_address, 0);
+  EXPECT_TRUE(on.warnings.empty());
+  const FrontendSettingsResult bad =
+      ParseFrontendSettings("WebSocket Port^70000\nWebSocket Max Per Address^x\n");
+  EXPECT_EQ(bad.settings.websocket_port, 0);
+  EXPECT_EQ(bad.settings.websocket_per_address, 4);
+  EXPECT_EQ(bad.warnings.size(), 2u);
+}
+
 // Keys are compared exactly, as the node compares them: a key in other letters is not the key.
 TEST(FrontendSettingsTest, ReadsKeysWithEitherLineEndAndIgnoresOthers) {
   const FrontendSettingsResult r = ParseFrontendSettings(

@@ -74,5 +74,20 @@ TEST(OutputQueueTest, BytesOfAWriteInFlightStayPutWhileMoreIsQueued) {
   EXPECT_EQ(q.NextWrite(), "");
 }
 
+TEST(OutputQueueTest, MessageReadersGetTheirOwnNoticeAndNoLineText) {
+  // A WebSocket reader: texts are whole frames that count as the lines given, nothing is
+  // queued when dropping begins, and the resume notice is whatever the owner makes of it.
+  OutputQueue q(100);
+  q.set_resume_notice([](uint64_t lines) { return "<dropped " + std::to_string(lines) + ">"; });
+  EXPECT_EQ(q.Add(std::string(60, 'a'), 1), OutputQueue::Added::kQueued);
+  EXPECT_EQ(q.Add(std::string(60, 'b'), 1), OutputQueue::Added::kBehind);
+  EXPECT_EQ(q.Add("\n\n\n", 1), OutputQueue::Added::kDropped);  // counted as given, not by LF
+  uint64_t lost = 0;
+  EXPECT_EQ(WriteAll(q, &lost), std::string(60, 'a') + "<dropped 2>");
+  EXPECT_EQ(lost, 2u);
+  EXPECT_EQ(q.Add("c", 1), OutputQueue::Added::kQueued);
+  EXPECT_EQ(WriteAll(q), "c");
+}
+
 }  // namespace
 }  // namespace qx
