@@ -242,7 +242,12 @@ bool NodeProcessor::ProcessNodeData(int stream, std::string_view line, LineEnd e
   if (s.fields.size() < 2) return false;
 
   const std::string& header = s.fields[0];
-  if (header == kQx11Header) return HandleQx11(stream, s.line);
+  if (header == kQx11Header) {
+    if (entry.state == kStateNodePc9x || entry.state == kStateNodeLegacy) {
+      entry.unanswered_pings = 0;  // a spot shows the neighbour is alive, as any sentence does
+    }
+    return HandleQx11(stream, s.line);
+  }
   const int number =
       LeadingNumber(std::string_view(header).substr(std::min<size_t>(2, header.size())));
   if (!StartsWith(header, "PC")) {
@@ -335,8 +340,9 @@ bool NodeProcessor::HandleQx11(int stream, const std::string& line) {
   std::string why;
   if (!ParseQx11(line, q, &why)) {
     constexpr size_t kShown = 512;
-    state_.Error(0, "QX11", "spot dropped (" + why + "), line = " + line.substr(0, kShown) +
-                                " from " + StreamCall(stream));
+    state_.Error(0, "QX11",
+                 "spot dropped (" + why + "), line = " + line.substr(0, kShown) + " from " +
+                     StreamCall(stream));
     return false;
   }
   if (!deps_.qx11_intake) return false;

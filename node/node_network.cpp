@@ -74,8 +74,7 @@ NodeNetwork::NodeNetwork(NodeNetworkOptions options, NodeNetworkDeps deps)
             d.output = this;
             d.clock = deps_.clock;
             d.errors = deps_.errors;
-            d.qx11_intake = [this](std::string_view sentence, const Spot& carried,
-                                   int stream) {
+            d.qx11_intake = [this](std::string_view sentence, const Spot& carried, int stream) {
               return deps_.qx11_intake ? deps_.qx11_intake(sentence, carried, stream) : false;
             };
             d.spot_intake = [this](const PcSentence& s, int code, int stream) {

@@ -119,9 +119,8 @@ bool ParseQx11(std::string_view line, Qx11Spot& q, std::string* error) {
   std::string_view before_last;
   while (true) {
     const size_t caret = line.find('^', start);
-    const std::string_view field =
-        line.substr(start, caret == std::string_view::npos ? std::string_view::npos
-                                                           : caret - start);
+    const std::string_view field = line.substr(
+        start, caret == std::string_view::npos ? std::string_view::npos : caret - start);
     if (count < f.size()) f[count] = field;
     ++count;
     before_last = last;
@@ -155,8 +154,8 @@ bool ParseQx11(std::string_view line, Qx11Spot& q, std::string* error) {
   q.mode_stated = how == "S" && !q.mode.empty();
   q.source = SourceOfLetter(f[kQxSource]);
   const std::string_view verdict = f[kQxSkimmerVerdict];
-  if (verdict.size() > 1 || (verdict.size() == 1 && std::string_view("VQ?B").find(verdict[0]) ==
-                                                        std::string_view::npos)) {
+  if (verdict.size() > 1 || (verdict.size() == 1 &&
+                             std::string_view("VQ?B").find(verdict[0]) == std::string_view::npos)) {
     return Fail(error, "bad skimmer verdict");
   }
   q.skimmer_verdict = verdict.empty() ? 0 : verdict[0];

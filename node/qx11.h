@@ -57,8 +57,7 @@ inline constexpr int kQx11MinFields = kQxKnownFields + 2;  // and the hop count 
 // the address may not travel), without line end; replaces out.  The mode is the one the
 // origin gave, else the one the comment names, else the band plan's guess.  Zones and
 // prefixes come from the spot's countries.
-void BuildQx11(const Spot& spot, std::string_view hops, std::string_view address,
-               std::string& out);
+void BuildQx11(const Spot& spot, std::string_view hops, std::string_view address, std::string& out);
 
 // A parsed sentence.  The views point into the line given to ParseQx11.
 struct Qx11Spot {

@@ -128,7 +128,8 @@ bool ReadSkimmerTag(std::string_view comment, char& verdict, int& count) {
   count = 0;
   while (!comment.empty() && comment.back() == ' ') comment.remove_suffix(1);
   const size_t blank = comment.rfind(' ');
-  const std::string_view tag = blank == std::string_view::npos ? comment : comment.substr(blank + 1);
+  const std::string_view tag =
+      blank == std::string_view::npos ? comment : comment.substr(blank + 1);
   if (tag.size() < 2) return false;
   if (tag[0] == 'B' && tag[1] == '(' && tag.back() == ')') {
     verdict = 'B';

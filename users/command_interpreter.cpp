@@ -320,8 +320,9 @@ void CommandInterpreter::Execute(int stream, std::string_view raw) {
   if (upper.size() >= 10 && upper.compare(0, 10, "/CTCP DXS ") == 0) {
     e.client_type = std::string(Trim(line.substr(10)));
     // The companion client reads the enhanced sentence, not the "DX de" line.
-    const std::string_view first = std::string_view(e.client_type).substr(
-        0, std::min(e.client_type.size(), e.client_type.find(' ')));
+    const std::string_view first =
+        std::string_view(e.client_type)
+            .substr(0, std::min(e.client_type.size(), e.client_type.find(' ')));
     if (EqualsIgnoreCase(first, "QXU")) SetSpotFormat(stream, kSpotFormatEnhanced);
     return;
   }

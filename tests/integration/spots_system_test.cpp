@@ -68,8 +68,7 @@ TEST_F(SpotsSystemTest, CompanionClientGetsTheEnhancedSentenceAcrossARestart) {
   const std::string got = client->received();
   const size_t at = got.find("QX11^1^14025.0^DL2ZZZ^");
   ASSERT_NE(at, std::string::npos) << got;
-  EXPECT_NE(got.find("^up 2^K1XYZ^XX0QX-1^^CW^I^C^^^K^5^8^FN42^DL^14^28^^", at),
-            std::string::npos)
+  EXPECT_NE(got.find("^up 2^K1XYZ^XX0QX-1^^CW^I^C^^^K^5^8^FN42^DL^14^28^^", at), std::string::npos)
       << got;
   EXPECT_THAT(got, Not(HasSubstr("DX de K1XYZ")));
   ASSERT_TRUE(plain->ReadUntil("\r\n")) << plain->received();
@@ -77,8 +76,9 @@ TEST_F(SpotsSystemTest, CompanionClientGetsTheEnhancedSentenceAcrossARestart) {
 
   ASSERT_EQ(node().Stop(), 0);
   StartNode();
-  ASSERT_TRUE(WaitFor([&] { return node().Output().find("Recovery complete") != std::string::npos; }))
-      << node().Output();
+  ASSERT_TRUE(WaitFor([&] {
+    return node().Output().find("Recovery complete") != std::string::npos;
+  })) << node().Output();
   client->ClearReceived();
   plain->SendLine("DX 14030 DL3ZZZ after the restart");
   ASSERT_TRUE(client->ReadUntil("^H99^~\r\n")) << client->received();

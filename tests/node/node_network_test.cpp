@@ -255,8 +255,7 @@ std::string Cfg(std::initializer_list<std::string> defined,
   std::string cfg = "Cluster Call^X\r\n";
   // "CALL" is a node of this software; "CALL TYPE" names another type.
   for (const std::string& d : defined) {
-    cfg += "Node Call & Node Type^" + d + (d.find(' ') == std::string::npos ? " QXC" : "") +
-           "\r\n";
+    cfg += "Node Call & Node Type^" + d + (d.find(' ') == std::string::npos ? " QXC" : "") + "\r\n";
   }
   for (const std::string& o : outgoing) {
     cfg += "Outgoing Cluster^" + o + "\r\nRemoteNodeIs^QXC" +

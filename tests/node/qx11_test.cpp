@@ -22,8 +22,8 @@ class Qx11Test : public ::testing::Test {
     de_.prefix = "DL";
     de_.cq_zone = 14;
     de_.itu_zone = 28;
-    spot_.slots = {"PC61",   "14025.0", "DL1XYZ",   "24-Nov-2026", "2201Z", "up 2",
-                   "K1ABC",  "XX0QX-1", "198.51.100.7", "H100",   "~"};
+    spot_.slots = {"PC61",  "14025.0", "DL1XYZ",       "24-Nov-2026", "2201Z", "up 2",
+                   "K1ABC", "XX0QX-1", "198.51.100.7", "H100",        "~"};
     spot_.FrequencyKHz = 14025.0;
     spot_.spotter_country = &us_;
     spot_.dx_country = &de_;
@@ -233,8 +233,7 @@ TEST_F(Qx11Test, NodeTakesAQx11FromPiecesAndLogsABadOne) {
   EXPECT_FALSE(proc.ProcessNodeData(1, "QX11^1^14025.0^DL1XYZ^H5^~"));
   EXPECT_FALSE(proc.ProcessNodeData(1, std::string(line).replace(line.rfind("H12"), 3, "H0")));
   ASSERT_EQ(errors.size(), 2u);
-  EXPECT_NE(errors[0].find("QX11: spot dropped (too few fields)"), std::string::npos)
-      << errors[0];
+  EXPECT_NE(errors[0].find("QX11: spot dropped (too few fields)"), std::string::npos) << errors[0];
   EXPECT_NE(errors[1].find("(no hop count)"), std::string::npos) << errors[1];
   EXPECT_NE(errors[1].find("from XX0QX-2"), std::string::npos) << errors[1];
   EXPECT_TRUE(proc.ProcessNodeData(1, line));
