@@ -13,6 +13,8 @@
 #include "core/process_launcher.h"
 #include "core/text_util.h"
 #include "downloads/http_get.h"
+#include "node/pc_sentence.h"
+#include "node/qx11.h"
 #include "spots/call_sign.h"
 #include "spots/dx_command.h"
 #include "spots/dx_query.h"
@@ -95,6 +97,11 @@ void ClusterNode::SetUpSpots() {
   distributor_ = std::make_unique<SpotDistributor>(streams_, *this);
   filter_book_ = std::make_unique<FilterBook>(bands_, &countries_, clock_);
   distributor_->set_filter(filter_book_.get());
+  // Companion clients read the sentence neighbours of this software get, less the spotter's
+  // address (no user learns another's), with the hop count the spot came with.
+  distributor_->set_enhanced_formatter([](const Spot& spot, std::string& out) {
+    BuildQx11(spot, IsHopCount(spot.hops()) ? spot.hops() : std::string_view("H99"), {}, out);
+  });
   distributor_->set_state_lookup([this](std::string_view call) { return states_.Find(call); });
   // A spotter or DX station logged in here has its locator (or location) in its session; the
   // others are shown at their country's position.  No record is read on the spot path.
@@ -160,6 +167,13 @@ void ClusterNode::SetUpNetwork() {
     IntakeRequest request;
     request.sentence = sentence;
     request.source_stream = stream;
+    return TakeSpot(request, true).accepted();
+  };
+  deps.qx11_intake = [this](std::string_view sentence, const Spot& carried, int stream) {
+    IntakeRequest request;
+    request.sentence = sentence;
+    request.source_stream = stream;
+    request.carried = &carried;
     return TakeSpot(request, true).accepted();
   };
   deps.feed = [this](int stream, int, std::string_view line) {

@@ -56,6 +56,12 @@ std::string CleanStreamAttributes(std::string_view text);
 // The value of one blank-separated "key=value" item of the attributes ("" when absent).
 std::string_view StreamAttribute(std::string_view attributes, std::string_view key);
 
+// How a user's stream gets spots: the "DX de" line, or the enhanced sentence a companion
+// client reads (asked for with "Send Enhanced DX Spots" or by the client type "QXU"; the
+// front-end keeps it with the connection as "fmt=6").
+inline constexpr int kSpotFormatDxDe = 0;
+inline constexpr int kSpotFormatEnhanced = 6;
+
 struct StreamEntry {
   std::string call;  // set by the log-in or "AA16"; "T/O" after a time-out
   int state = kStateFree;
@@ -83,6 +89,7 @@ struct StreamEntry {
   std::string prompt_counter;  // runaway guard: period stamp, then count from character 10
 
   SessionSettings session;
+  int spot_format = kSpotFormatDxDe;  // the stream's own choice; SET/XX0QX is the record's
 
   // Node links.
   std::string node_carry;  // NodeCarryBuffer: the unfinished start of a line
@@ -101,6 +108,9 @@ struct StreamEntry {
   uint64_t lines_out = 0;
 
   bool IsUser() const { return IsUserState(state); }
+  bool WantsEnhancedSpots() const {
+    return spot_format == kSpotFormatEnhanced || session.Has(kSwEnhanced);
+  }
   bool IsNode() const { return IsNodeState(state); }
   bool IsFeed() const { return IsFeedState(state); }
 };

@@ -8,6 +8,7 @@
 #include "core/text_util.h"
 #include "core/time_text.h"
 #include "node/pc_builders.h"
+#include "node/qx11.h"
 
 namespace qx {
 namespace {
@@ -241,6 +242,12 @@ bool NodeProcessor::ProcessNodeData(int stream, std::string_view line, LineEnd e
   if (s.fields.size() < 2) return false;
 
   const std::string& header = s.fields[0];
+  if (header == kQx11Header) {
+    if (entry.state == kStateNodePc9x || entry.state == kStateNodeLegacy) {
+      entry.unanswered_pings = 0;  // a spot shows the neighbour is alive, as any sentence does
+    }
+    return HandleQx11(stream, s.line);
+  }
   const int number =
       LeadingNumber(std::string_view(header).substr(std::min<size_t>(2, header.size())));
   if (!StartsWith(header, "PC")) {
@@ -324,6 +331,24 @@ bool NodeProcessor::SpotHopsOk(const PcSentence& s, size_t index) {
       0, "HopsOk",
       "spot dropped, hop field = " + hop + " from " + StreamCall(s.stream) + " where = " + s.line);
   return false;
+}
+
+bool NodeProcessor::HandleQx11(int stream, const std::string& line) {
+  // A neighbour of this software sends its spots so.  A line this node cannot read is
+  // logged and dropped: the neighbour may be newer, but never so new that its fields moved.
+  Qx11Spot q;
+  std::string why;
+  if (!ParseQx11(line, q, &why)) {
+    constexpr size_t kShown = 512;
+    state_.Error(0, "QX11",
+                 "spot dropped (" + why + "), line = " + line.substr(0, kShown) + " from " +
+                     StreamCall(stream));
+    return false;
+  }
+  if (!deps_.qx11_intake) return false;
+  Spot carried;
+  Qx11Carried(q, carried);
+  return deps_.qx11_intake(Qx11IntakeSentence(q), carried, stream);
 }
 
 bool NodeProcessor::HandlePc16(PcSentence& s) {

@@ -23,6 +23,7 @@ namespace qx {
 class Clock;
 class Monitor;
 class StreamTable;
+struct Spot;
 
 // Where replies to a node go (the front-end link in the running node).
 class NodeOutput {
@@ -51,6 +52,9 @@ struct NodeDeps {
   std::function<void(int stream, int feed_kind, std::string_view line)> feed;
   // PC11 (source 111) and PC61 (source 161) go to spot intake.
   std::function<bool(const PcSentence& s, int source_code, int stream)> spot_intake;
+  // A QX11 from a neighbour of this software, read and converted: the PC61-shaped sentence
+  // (PC11 when it carries no address) and the fields that sentence cannot hold.
+  std::function<bool(std::string_view sentence, const Spot& carried, int stream)> qx11_intake;
   Pc41Deps pc41;
   // The user and node counts of the network view changed.
   std::function<void()> counts_changed;
@@ -136,6 +140,7 @@ class NodeProcessor {
   bool HandlePc51(PcSentence& s);
   bool HandlePc9x(PcSentence& s);
   bool HandlePc41(PcSentence& s);
+  bool HandleQx11(int stream, const std::string& line);
   bool RelayWithHops(PcSentence& s);
 
   NodeOptions options_;

@@ -12,6 +12,7 @@
 #include "core/text_util.h"
 #include "node/network_state.h"
 #include "node/pc_builders.h"
+#include "node/qx11.h"
 #include "spots/call_sign.h"
 #include "spots/spot.h"
 
@@ -73,6 +74,9 @@ NodeNetwork::NodeNetwork(NodeNetworkOptions options, NodeNetworkDeps deps)
             d.output = this;
             d.clock = deps_.clock;
             d.errors = deps_.errors;
+            d.qx11_intake = [this](std::string_view sentence, const Spot& carried, int stream) {
+              return deps_.qx11_intake ? deps_.qx11_intake(sentence, carried, stream) : false;
+            };
             d.spot_intake = [this](const PcSentence& s, int code, int stream) {
               return deps_.spot_intake ? deps_.spot_intake(s.line, code, stream) : false;
             };
@@ -507,9 +511,19 @@ void NodeNetwork::RelaySpot(const Spot& spot, int source_stream) {
   pc11 += '^';
   pc11 += hop;
   pc11 += "^~\r\n";
+  bool qx11_built = false;
   for (auto& [stream, link] : links_) {
     if (stream == source_stream || !link->info.up || link->closing) continue;
     if (link->info.peer == spot.origin_node()) continue;  // where it started
+    if (TakesQx11(link->info)) {
+      if (!qx11_built) {
+        BuildQx11(spot, hop, public_address ? spot.address() : std::string_view(), spot_qx11_);
+        spot_qx11_ += "\r\n";
+        qx11_built = true;
+      }
+      Send(stream, spot_qx11_);
+      continue;
+    }
     Send(stream, link->info.pc9x && public_address ? pc61 : pc11);
   }
 }

@@ -67,6 +67,8 @@ struct NodeNetworkDeps {
   std::function<void(std::string_view host, int port, std::string_view label)> open_outgoing;
   // A PC11 or PC61 received from a node, for the spot intake.  True when it was accepted.
   std::function<bool(std::string_view sentence, int source_code, int stream)> spot_intake;
+  // A QX11 from a neighbour of this software (see NodeDeps::qx11_intake).
+  std::function<bool(std::string_view sentence, const Spot& carried, int stream)> qx11_intake;
   // Lines of the skimmer, reverse-beacon and reporter feed streams (feed kind 1, 3, 9).
   std::function<void(int stream, int feed_kind, std::string_view line)> feed;
   // User information: validity, bad words, the user store (the record line is
@@ -156,7 +158,10 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   // Once a second: outgoing attempts, pings, drops, PC50 and PC92 K/C.
   void Tick();
 
-  // An accepted spot (local or from a node): to every other link.
+  // An accepted spot (local or from a node): to every other link.  A neighbour of this
+  // software (kind "QXC", speaking PC9x) gets QX11; every other neighbour PC61, or PC11
+  // when the spotter's address may not travel.
+  static bool TakesQx11(const LinkInfo& link) { return link.pc9x && link.kind == "QXC"; }
   void RelaySpot(const Spot& spot, int source_stream);
   // A PC23 or PC73 this node made (CR LF included): to every link that takes it.
   void SendPropagation(std::string_view sentence);
@@ -327,6 +332,7 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
   std::string scratch_;  // the sentence being relayed
   std::string spot_pc11_;
   std::string spot_pc61_;
+  std::string spot_qx11_;
 };
 
 }  // namespace qx

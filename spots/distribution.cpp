@@ -140,10 +140,24 @@ void SpotDistributor::Begin() {
   extended_used_ = 0;
   ready_used_ = 0;
   columns_ready_ = false;
+  enhanced_built_ = false;
 }
 
-void SpotDistributor::SendTo(int stream, const SessionSettings& set, const Spot& spot,
+void SpotDistributor::SendTo(int stream, const StreamEntry& user, const Spot& spot,
                              DistributionStats& stats) {
+  if (enhanced_of_ && user.WantsEnhancedSpots()) {
+    // A program reads this: no width, no bell, the same text for every such user.
+    if (!enhanced_built_) {
+      enhanced_of_(spot, enhanced_);
+      enhanced_ += "\r\n";
+      enhanced_built_ = true;
+      ++stats.lines_built;
+    }
+    sink_.SendToStream(stream, enhanced_);
+    ++stats.users;
+    return;
+  }
+  const SessionSettings& set = user.session;
   const int width = set.width > 0 ? set.width : kDefaultWidth;
   uint8_t columns = width >= kExtraMinWidth ? ExtraColumnsOf(set) : 0;
   if (columns != 0) {
@@ -170,7 +184,7 @@ DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
       ++stats.filtered;
       continue;
     }
-    SendTo(stream, set, spot, stats);
+    SendTo(stream, e, spot, stats);
   }
   return stats;
 }
@@ -179,7 +193,7 @@ DistributionStats SpotDistributor::OutputSpotTo(const Spot& spot, int stream) {
   DistributionStats stats;
   if (!streams_.InRange(stream) || !streams_.at(stream).IsUser()) return stats;
   Begin();
-  SendTo(stream, streams_.at(stream).session, spot, stats);
+  SendTo(stream, streams_.at(stream), spot, stats);
   return stats;
 }
 

@@ -65,6 +65,13 @@ class SpotDistributor {
   using StateLookup = std::function<std::string_view(std::string_view call)>;
   void set_state_lookup(StateLookup lookup) { state_of_ = std::move(lookup); }
 
+  // The enhanced sentence that companion clients get in place of the "DX de" line (CR LF is
+  // added here).  Its layout belongs to the node network, so the owner injects it.  Called
+  // at most once per spot, when the first user who wants it gets the spot; unset: those
+  // users get the "DX de" line.
+  using EnhancedFormatter = std::function<void(const Spot& spot, std::string& out)>;
+  void set_enhanced_formatter(EnhancedFormatter f) { enhanced_of_ = std::move(f); }
+
   DistributionStats OutputSpotToAll(const Spot& spot);
   // The line as that user would get it (width, resolution, columns, bell), to that user
   // alone and whatever their switches and filters say: what DXTEST shows.
@@ -88,7 +95,7 @@ class SpotDistributor {
     std::string text;
   };
   void Begin();
-  void SendTo(int stream, const SessionSettings& set, const Spot& spot, DistributionStats& stats);
+  void SendTo(int stream, const StreamEntry& user, const Spot& spot, DistributionStats& stats);
   const std::string& LineFor(const Spot& spot, int decimals, DistributionStats& stats);
   const std::string& ExtendedLine(const Spot& spot, int decimals, uint8_t columns,
                                   DistributionStats& stats);
@@ -102,6 +109,9 @@ class SpotDistributor {
   SpotFilter* filter_ = nullptr;
   LocatorLookup locator_of_;
   StateLookup state_of_;
+  EnhancedFormatter enhanced_of_;
+  std::string enhanced_;  // this spot's enhanced sentence with CR LF, once built
+  bool enhanced_built_ = false;
   Variant variants_[2];  // by decimals - 1
   std::vector<Extended> extended_;
   size_t extended_used_ = 0;

@@ -113,6 +113,39 @@ std::string_view VerdictName(SpotVerdict verdict) {
 
 // --- rules -------------------------------------------------------------------------------
 
+std::string_view SkimmerModeWord(std::string_view upper_comment) {
+  const std::string_view word = upper_comment.substr(0, upper_comment.find(' '));
+  for (std::string_view mode : {"CW", "RTTY", "FT8", "FT4", "PSK", "MSK", "SSB"}) {
+    if (word == mode) return mode;
+  }
+  if (word.starts_with("PSK")) return "PSK";
+  if (word.starts_with("MSK")) return "MSK";
+  return {};
+}
+
+bool ReadSkimmerTag(std::string_view comment, char& verdict, int& count) {
+  verdict = 0;
+  count = 0;
+  while (!comment.empty() && comment.back() == ' ') comment.remove_suffix(1);
+  const size_t blank = comment.rfind(' ');
+  const std::string_view tag =
+      blank == std::string_view::npos ? comment : comment.substr(blank + 1);
+  if (tag.size() < 2) return false;
+  if (tag[0] == 'B' && tag[1] == '(' && tag.back() == ')') {
+    verdict = 'B';
+    return true;
+  }
+  if (tag[0] != 'V' && tag[0] != 'Q' && tag[0] != '?') return false;
+  int n = 0;
+  for (char c : tag.substr(1)) {
+    if (c < '0' || c > '9' || n > 9999) return false;
+    n = n * 10 + (c - '0');
+  }
+  verdict = tag[0];
+  count = n;
+  return true;
+}
+
 uint32_t ClassifyMode(std::string_view c) {
   if (c.size() <= 2) return 0;
   if (Contains(c, "FT8")) return kModeFt8;
@@ -312,6 +345,13 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   s.dx_country = nullptr;
   s.ModeFlags = 0;
   s.received = now;
+  s.ModeStated = false;
+  s.Mode.clear();
+  s.SkimmerVerdict = 0;
+  s.SkimmerCount = 0;
+  s.SpotterGrid.clear();
+  s.DxGrid.clear();
+  s.OriginId = 0;
 
   // 1. "??" in the comment: a question, not a spot.
   Fields f;
@@ -418,6 +458,32 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   s.ModeFlags =
       band | (req.source == SpotSource::kReporter ? kModeFt8 : ClassifyMode(upper_comment_));
   s.IsBeacon = IsBeaconSpot(s.dx_call(), upper_comment_);
+  s.ModeStated = (s.ModeFlags & kModeMask) != 0;
+  if (req.source == SpotSource::kSkimmer) {
+    // The skimmer feed's comment starts with the mode it decoded and ends with its tag.
+    const std::string_view mode = SkimmerModeWord(upper_comment_);
+    if (!mode.empty()) {
+      s.Mode.assign(mode);
+      s.ModeStated = true;
+    }
+    ReadSkimmerTag(s.comment(), s.SkimmerVerdict, s.SkimmerCount);
+  }
+  if (req.carried) {
+    // A neighbour of this software said more than the sentence shows; its word counts.
+    const Spot& c = *req.carried;
+    if (!c.Mode.empty()) {
+      s.Mode = c.Mode;
+      s.ModeStated = c.ModeStated;
+    }
+    s.SkimmerVerdict = c.SkimmerVerdict;
+    s.SkimmerCount = c.SkimmerCount;
+    s.SpotterGrid = c.SpotterGrid;
+    s.DxGrid = c.DxGrid;
+    s.OriginId = c.OriginId;
+    s.SourceTag = c.SourceTag;
+  } else if (req.is_local && deps_.streams && deps_.streams->InRange(req.source_stream)) {
+    s.SpotterGrid = deps_.streams->at(req.source_stream).session.grid;
+  }
 
   // 11 to 13. Words.  Each hit also counts against the spotter's address.
   if (BadWordCheck(s.comment(), s, "PC11")) {

@@ -69,6 +69,10 @@ struct IntakeRequest {
   // A trial (DXTEST): every check runs, but nothing is remembered: no duplicate record, no
   // rate count, no log, nothing in the spot list, no offence counted against the address.
   bool trial = false;
+  // What a neighbour of this software sent beside the sentence (mode and whether it was
+  // stated, source kind, skimmer verdict and count, locators, the Id at the origin); the
+  // accepted spot takes these fields from it.  Null for PC11, PC61 and local spots.
+  const Spot* carried = nullptr;
 };
 
 struct IntakeResult {
@@ -154,6 +158,13 @@ class SpotIntake {
 // "FT4", "FT-8", "FT-4", "FOX" or "F/H", "PSK", "RTTY", "MSK".  Comments of 2 characters
 // or less give 0.
 uint32_t ClassifyMode(std::string_view upper_comment);
+// The mode word a skimmer comment starts with ("CW", "RTTY", ...; "PSK31" gives "PSK"), ""
+// when its first word names no mode.
+std::string_view SkimmerModeWord(std::string_view upper_comment);
+// The skimmer verification's tag, the comment's last word: "V3" verified by 3, "Q2" QSY,
+// "?1" unverified, "B(K1ABC)" busted (count 0).  False, with 0 and 0, when the last word is
+// no tag.
+bool ReadSkimmerTag(std::string_view comment, char& verdict, int& count);
 // The request filter on an upper-cased comment of at least 4 characters: true to drop.
 bool IsRequestComment(std::string_view upper_comment);
 // Beacons: DX call ending "/B", "/BC", "/BCN" or "/BEACON", or the word "BCN" in the comment.

@@ -83,6 +83,27 @@ struct Spot {
   // after a restart.  0 until intake accepts the spot.
   uint64_t Id = 0;
 
+  // What a spot sentence between nodes of this software carries beyond PC61, and what intake
+  // learns of a feed spot.  Programs and neighbours get it; the "DX de" line shows none of it.
+  //
+  // The mode was named (in the comment, or by the feed that decoded it), not guessed from
+  // where the frequency lies in the band plan.
+  bool ModeStated = false;
+  // The mode word as the spot's origin gave it ("CW", "FT8"); "" when this node works it out
+  // from the comment and the frequency itself.
+  std::string Mode;
+  // The skimmer verification's verdict, 'V' verified, 'Q' QSY, '?' not verified, 'B' busted;
+  // 0 for a spot no skimmer made.  SkimmerCount is the number of skimmers behind it.
+  char SkimmerVerdict = 0;
+  int SkimmerCount = 0;
+  // Four- or six-character locators where they are known (a spotter logged in here with
+  // SET/QRA, or what a neighbour of this software sent); "" when not.
+  std::string SpotterGrid;
+  std::string DxGrid;
+  // The spot's Id at the node where it was entered, as a neighbour of this software told it;
+  // 0 when unknown (a PC11/PC61 carries none).  A spot entered here has its own Id.
+  uint64_t OriginId = 0;
+
   std::string_view type() const { return slots[kSlotType]; }
   std::string_view frequency_text() const { return slots[kSlotFrequency]; }
   std::string_view dx_call() const { return slots[kSlotDxCall]; }

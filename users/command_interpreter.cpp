@@ -319,6 +319,11 @@ void CommandInterpreter::Execute(int stream, std::string_view raw) {
   // Client tokens and spot entry come before the command tables.
   if (upper.size() >= 10 && upper.compare(0, 10, "/CTCP DXS ") == 0) {
     e.client_type = std::string(Trim(line.substr(10)));
+    // The companion client reads the enhanced sentence, not the "DX de" line.
+    const std::string_view first =
+        std::string_view(e.client_type)
+            .substr(0, std::min(e.client_type.size(), e.client_type.find(' ')));
+    if (EqualsIgnoreCase(first, "QXU")) SetSpotFormat(stream, kSpotFormatEnhanced);
     return;
   }
   if (upper == "DX" || upper.starts_with("DX ") || upper.starts_with("DX/")) {
@@ -328,7 +333,8 @@ void CommandInterpreter::Execute(int stream, std::string_view raw) {
   }
   if (upper == "KEEPALIVE") return;
   if (line == "Send Enhanced DX Spots") {
-    e.session.Set(kSwEnhanced, true);
+    // For this connection only: the program that asked may not be the one the call uses next.
+    SetSpotFormat(stream, kSpotFormatEnhanced);
     Reply(stream, std::string(line) + " QXC >");
     return;
   }
@@ -343,6 +349,13 @@ void CommandInterpreter::Execute(int stream, std::string_view raw) {
   if (RunFirstTable(stream, line, word, rest)) return;
   if (RunSecondTable(stream, line, word, rest)) return;
   Reply(stream, CommandError(line));
+}
+
+void CommandInterpreter::SetSpotFormat(int stream, int format) {
+  StreamEntry& e = ctx_.streams.at(stream);
+  if (e.spot_format == format) return;
+  e.spot_format = format;
+  login_.SendStreamAttributes(stream);
 }
 
 bool CommandInterpreter::RequireSysop(int stream, std::string_view line) {
@@ -623,6 +636,10 @@ void CommandInterpreter::Set(int stream, std::string_view line, std::string_view
     case SetKind::kFiltersOn:
       s.Set(entry->bit, entry->kind != SetKind::kSwitchOff);
       SaveSwitches(stream);
+      if (entry->bit == kSwEnhanced) {
+        // Off means off, also when the connection itself asked for the sentence.
+        SetSpotFormat(stream, s.Has(kSwEnhanced) ? kSpotFormatEnhanced : kSpotFormatDxDe);
+      }
       Reply(stream, entry->reply);
       if (entry->kind == SetKind::kSwitchOn && (entry->bit & kColumnSwitches) &&
           s.width <= int(kDxDeLineWidth) + 1) {

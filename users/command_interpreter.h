@@ -44,6 +44,8 @@ class CommandInterpreter {
   void Spoof(int stream, std::string_view line, std::string_view rest);
   void Who(int stream);
   bool RequireSysop(int stream, std::string_view line);
+  // The stream's spot format (kSpotFormatDxDe or kSpotFormatEnhanced), kept by the front-end.
+  void SetSpotFormat(int stream, int format);
 
   void SaveSwitches(int stream);
   void SavePersonal(int stream, int type, std::string_view value, std::string_view reply);

@@ -318,13 +318,7 @@ void Login::Complete(int stream, bool name_was_set) {
   ctx_.store.NoteLogin(e.call, DateText(login_time) + " " + TimeHHnnZ(login_time));
   ctx_.monitor.Write(MonitorChannel::kConsole, "Login Ok " + e.call, "green", stream);
   ctx_.out.SetStreamIdentity(stream, e.call, e.state);
-  // The front-end keeps with the connection when it began (WHO shows it after a restart of
-  // this node) and the rights the password gave.
-  std::string attributes = fmt::format(
-      "since={}",
-      std::chrono::duration_cast<std::chrono::seconds>(e.since.time_since_epoch()).count());
-  if (e.privilege > 0) attributes += " priv=" + std::to_string(e.privilege);
-  ctx_.out.SetStreamAttributes(stream, attributes);
+  SendStreamAttributes(stream);
   if (name_was_set) {
     ctx_.SendLine(stream, "Name set to " + e.session.name + ".");
     ctx_.store.SavePersonal(e.call, 1, e.session.name);
@@ -493,6 +487,18 @@ void Login::BuildPrompt(int stream) {
   ctx_.Send(stream, PromptText(stream, now));
 }
 
+void Login::SendStreamAttributes(int stream) {
+  const StreamEntry& e = ctx_.streams.at(stream);
+  // When the connection began (WHO shows it after a restart of this node), the rights the
+  // password gave, and the enhanced spot format a companion client asked for.
+  std::string attributes = fmt::format(
+      "since={}",
+      std::chrono::duration_cast<std::chrono::seconds>(e.since.time_since_epoch()).count());
+  if (e.privilege > 0) attributes += " priv=" + std::to_string(e.privilege);
+  if (e.spot_format != kSpotFormatDxDe) attributes += " fmt=" + std::to_string(e.spot_format);
+  ctx_.out.SetStreamAttributes(stream, attributes);
+}
+
 void Login::OnLoggedOut(int stream) {
   StreamEntry& e = ctx_.streams.at(stream);
   if (ctx_.filters) ctx_.filters->Drop(stream);
@@ -508,6 +514,9 @@ void Login::OnRecovered(int stream) {
   LoadFilters(stream);
   e.login_stage = LoginStage::kLoggedIn;
   e.privilege = RecoveredPrivilege(e.call, e.frontend_attributes);
+  if (StreamAttribute(e.frontend_attributes, "fmt") == std::to_string(kSpotFormatEnhanced)) {
+    e.spot_format = kSpotFormatEnhanced;
+  }
   BuildPromptTemplates(stream);
 }
 

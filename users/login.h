@@ -56,6 +56,9 @@ class Login {
   void OnRecovered(int stream);
 
   void SendGreeting(int stream);
+  // Tells the front-end what to keep with a logged-in user's connection, so that a restart
+  // of this node keeps it: when it began, the rights a password gave, the spot format.
+  void SendStreamAttributes(int stream);
   // False when the new stream was refused (reconnect guard) and is being closed.
   bool CheckDupeConnection(int stream);
   void BuildPromptTemplates(int stream);

@@ -52,6 +52,39 @@ TEST_F(SpotsSystemTest, ExtraColumnsAndSpotsPostedEndToEnd) {
   EXPECT_THAT(Command(*b, "STAT/USER"), HasSubstr("  Spots posted: 1\r\n"));
 }
 
+// A companion client that names itself gets the enhanced sentence in place of the line, with
+// what the node knows of the spot, and keeps it when the node restarts; a plain user keeps
+// the line.
+TEST_F(SpotsSystemTest, CompanionClientGetsTheEnhancedSentenceAcrossARestart) {
+  StartAll();
+  auto client = LogIn("DL1ABC", "Hans");
+  auto plain = LogIn("K1XYZ", "Joe");
+  client->SendLine("/CTCP DXS QXU 1.0");
+  plain->SendLine("SET/QRA FN42");
+  ASSERT_TRUE(plain->ReadUntil("Grid set to FN42"));
+  plain->ClearReceived();
+  plain->SendLine("DX 14025 DL2ZZZ up 2");
+  ASSERT_TRUE(client->ReadUntil("^H99^~\r\n")) << client->received();
+  const std::string got = client->received();
+  const size_t at = got.find("QX11^1^14025.0^DL2ZZZ^");
+  ASSERT_NE(at, std::string::npos) << got;
+  EXPECT_NE(got.find("^up 2^K1XYZ^XX0QX-1^^CW^I^C^^^K^5^8^FN42^DL^14^28^^", at), std::string::npos)
+      << got;
+  EXPECT_THAT(got, Not(HasSubstr("DX de K1XYZ")));
+  ASSERT_TRUE(plain->ReadUntil("\r\n")) << plain->received();
+  EXPECT_THAT(plain->received(), HasSubstr("DX de K1XYZ:     14025.0  DL2ZZZ       up 2"));
+
+  ASSERT_EQ(node().Stop(), 0);
+  StartNode();
+  ASSERT_TRUE(WaitFor([&] {
+    return node().Output().find("Recovery complete") != std::string::npos;
+  })) << node().Output();
+  client->ClearReceived();
+  plain->SendLine("DX 14030 DL3ZZZ after the restart");
+  ASSERT_TRUE(client->ReadUntil("^H99^~\r\n")) << client->received();
+  EXPECT_THAT(client->received(), HasSubstr("QX11^1^14030.0^DL3ZZZ^"));
+}
+
 // Chr 4 ends every message from the node to the front-end; typed into a comment it must be
 // gone before the node sees it, or the spot would be stored with it and cut every list
 // that shows it.  A character-mode client's corrections are applied on the way, too.

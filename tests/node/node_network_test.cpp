@@ -15,6 +15,7 @@
 #include "core/stream_table.h"
 #include "core/text_util.h"
 #include "core/time_text.h"
+#include "node/qx11.h"
 #include "spots/spot.h"
 
 namespace qx {
@@ -75,18 +76,11 @@ struct TestNode {
     d.open_outgoing = [this](std::string_view host, int port, std::string_view label) {
       opened.push_back(std::string(label));
     };
-    d.spot_intake = [this](std::string_view sentence, int code, int stream) {
-      const auto f = Split(sentence, '^');
-      const std::string key = std::string(f[1]) + "|" + std::string(f[2]) + "|" + std::string(f[6]);
-      intake.push_back(std::string(sentence));
-      if (!seen_spots.insert(key).second) return false;
-      Spot spot;
-      const bool pc61 = f[0] == "PC61";
-      for (int i = 0; i <= kSlotOriginNode; ++i) spot.slots[size_t(i)] = f[size_t(i)];
-      spot.slots[kSlotAddress] = pc61 ? std::string(f[8]) : "";
-      spot.slots[kSlotHops] = std::string(f[pc61 ? 9 : 8]);
-      net->RelaySpot(spot, stream);
-      return true;
+    d.spot_intake = [this](std::string_view sentence, int, int stream) {
+      return TakeSpot(sentence, nullptr, stream);
+    };
+    d.qx11_intake = [this](std::string_view sentence, const Spot& carried, int stream) {
+      return TakeSpot(sentence, &carried, stream);
     };
     d.pc41.store = [this](std::string_view c, std::string_view line) {
       stored_pc41.push_back(std::string(c) + "|" + std::string(line));
@@ -127,6 +121,21 @@ struct TestNode {
     net->RecoveryComplete();
   }
 
+  bool TakeSpot(std::string_view sentence, const Spot* carried, int stream) {
+    const auto f = Split(sentence, '^');
+    const std::string key = std::string(f[1]) + "|" + std::string(f[2]) + "|" + std::string(f[6]);
+    intake.push_back(std::string(sentence));
+    if (!seen_spots.insert(key).second) return false;
+    Spot spot = carried ? *carried : Spot();
+    const bool pc61 = f[0] == "PC61";
+    for (int i = 0; i <= kSlotOriginNode; ++i) spot.slots[size_t(i)] = f[size_t(i)];
+    spot.slots[kSlotAddress] = pc61 ? std::string(f[8]) : "";
+    spot.slots[kSlotHops] = std::string(f[pc61 ? 9 : 8]);
+    if (carried) last_carried = spot;
+    net->RelaySpot(spot, stream);
+    return true;
+  }
+
   // A logged-in local user on stream.
   decltype(NodeNetworkDeps::announce_gate) announce_gate;  // the users' rules, when set
 
@@ -149,6 +158,7 @@ struct TestNode {
   std::vector<std::string> opened;
   std::vector<std::string> intake;
   std::set<std::string> seen_spots;
+  Spot last_carried;  // the last spot taken from a QX11
   std::set<std::string> seen_reports;
   std::vector<std::string> stored_pc41;
   std::vector<std::string> errors;
@@ -243,7 +253,10 @@ class Network {
 std::string Cfg(std::initializer_list<std::string> defined,
                 std::initializer_list<std::string> outgoing = {}) {
   std::string cfg = "Cluster Call^X\r\n";
-  for (const std::string& d : defined) cfg += "Node Call & Node Type^" + d + " QXC\r\n";
+  // "CALL" is a node of this software; "CALL TYPE" names another type.
+  for (const std::string& d : defined) {
+    cfg += "Node Call & Node Type^" + d + (d.find(' ') == std::string::npos ? " QXC" : "") + "\r\n";
+  }
   for (const std::string& o : outgoing) {
     cfg += "Outgoing Cluster^" + o + "\r\nRemoteNodeIs^QXC" +
            "\r\nIP Address^127.0.0.1\r\nIP Port^7300\r\nCluster Active^True\r\n";
@@ -407,7 +420,8 @@ class RingTest : public NodeNetworkTest {
  protected:
   // A (stream 11 to B, 13 to C), B (21 to A, 23 to C), C (31 to A, 32 to B).
   void SetUp() override {
-    a_ = &net_.Add("Q1AAA", Cfg({"Q2BBB", "Q3CCC"}, {"Q2BBB"}));
+    // A knows B as a node of this software, C as a PC9x node of another kind.
+    a_ = &net_.Add("Q1AAA", Cfg({"Q2BBB", "Q3CCC DXS pc9x"}, {"Q2BBB"}));
     b_ = &net_.Add("Q2BBB", Cfg({"Q1AAA", "Q3CCC"}, {"Q3CCC"}));
     c_ = &net_.Add("Q3CCC", Cfg({"Q1AAA", "Q2BBB"}, {"Q1AAA"}));
     net_.Link(*b_, 21, *a_, 11, "Q2BBB");
@@ -422,7 +436,7 @@ class RingTest : public NodeNetworkTest {
   // A fourth, legacy neighbour Q7XXX logs in to A on stream 15, sends its configuration and
   // PC20; what A answered is taken.
   void LinkLegacyToA(std::initializer_list<std::string_view> config) {
-    a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC", "Q7XXX"}, {"Q2BBB"})));
+    a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC DXS pc9x", "Q7XXX ARC"}, {"Q2BBB"})));
     a_->streams.at(15).state = kStateLoggingIn;
     ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
     for (std::string_view l : config) a_->net->OnLine(15, l);
@@ -457,8 +471,8 @@ TEST_F(RingTest, EveryNodeKnowsEveryUser) {
 
 TEST_F(RingTest, SpotReachesEveryNodeOnceAndNeverGoesBack) {
   a_->net->RelaySpot(LocalSpot("198.51.100.7"), 1);
-  // A sent one PC61 on each link (public address, PC9x peers).
-  EXPECT_EQ(Count(a_->out.To(11), "PC61^14025.0^Q4DX"), 1u);
+  // A sent one spot on each link: QX11 to B, PC61 to C (public address, PC9x peer).
+  EXPECT_EQ(Count(a_->out.To(11), "QX11^1^14025.0^Q4DX"), 1u);
   EXPECT_EQ(Count(a_->out.To(13), "PC61^14025.0^Q4DX"), 1u);
   net_.Pump();
   EXPECT_EQ(b_->seen_spots.size(), 1u);
@@ -469,17 +483,24 @@ TEST_F(RingTest, SpotReachesEveryNodeOnceAndNeverGoesBack) {
   EXPECT_EQ(Count(b_->out.To(21), "Q4DX"), 0u);
   EXPECT_EQ(Count(c_->out.To(31), "Q4DX"), 0u);
   // Relayed copies carry one hop less.
-  EXPECT_NE(b_->out.To(23).find("^198.51.100.7^H98^~"), std::string::npos) << b_->out.To(23);
+  EXPECT_NE(b_->out.To(23).find("^Q1AAA^198.51.100.7^"), std::string::npos) << b_->out.To(23);
+  EXPECT_NE(b_->out.To(23).find("^H98^~\r\n"), std::string::npos) << b_->out.To(23);
 }
 
 TEST_F(RingTest, SpotFromAPrivateOrUnknownAddressTravelsAsPc11) {
   for (const char* address : {"192.168.1.2", "127.0.0.1", ""}) {
-    const size_t before = Count(a_->out.To(11), "PC11^");
+    const size_t before = Count(a_->out.To(13), "PC11^");
     Spot s = LocalSpot(address);
     s.slots[kSlotDxCall] = std::string("Q4DX") + (address[0] ? address : "none");
     a_->net->RelaySpot(s, 1);
-    EXPECT_EQ(Count(a_->out.To(11), "PC11^"), before + 1) << address;
-    EXPECT_EQ(Count(a_->out.To(11), "PC61^"), 0u) << address;
+    EXPECT_EQ(Count(a_->out.To(13), "PC11^"), before + 1) << address;
+    EXPECT_EQ(Count(a_->out.To(13), "PC61^"), 0u) << address;
+    // Nor does a QX11 carry it.
+    const std::string qx11 = a_->out.To(11);
+    EXPECT_NE(qx11.find("^Q5USR^Q1AAA^^"), std::string::npos) << address;
+    if (address[0]) {
+      EXPECT_EQ(qx11.find("^" + std::string(address) + "^"), std::string::npos) << address;
+    }
   }
 }
 
@@ -505,14 +526,76 @@ TEST_F(RingTest, SpotsTravelOnOnlyWithARealHopCountAndClean) {
   b_->net->OnLine(21,
                   "PC61^7010.0^Q4OK^21-Nov-2026^2200Z^\a\x1b[5m cq\x04^Q5USR^Q1AAA^"
                   "198.51.100.7^H5^~");
-  EXPECT_NE(b_->out.To(23).find("PC61^7010.0^Q4OK^21-Nov-2026^2200Z^[5m cq^Q5USR^Q1AAA^"
-                                "198.51.100.7^H4^~\r\n"),
+  EXPECT_NE(b_->out.To(23).find("QX11^1^7010.0^Q4OK^21-Nov-2026^2200Z^[5m cq^Q5USR^Q1AAA^"
+                                "198.51.100.7^"),
             std::string::npos)
       << b_->out.To(23);
+  EXPECT_NE(b_->out.To(23).find("^H4^~\r\n"), std::string::npos) << b_->out.To(23);
   // A spot on its last hop is used here but goes no further.
   b_->net->OnLine(21, "PC11^7010.0^Q4LAST^21-Nov-2026^2200Z^last hop^Q5USR^Q1AAA^H1^~");
   EXPECT_EQ(b_->seen_spots.size(), 2u);
   EXPECT_EQ(Count(b_->out.To(23), "Q4LAST"), 0u);
+}
+
+// One spot, three kinds of neighbour: the node of this software hears everything QX11 can
+// say, the PC9x node of another kind a PC61, the legacy node a PC11.
+TEST_F(RingTest, EachKindOfNeighbourGetsTheSpotInItsOwnSentence) {
+  LinkLegacyToA({"PC19^1^Q7XXX^0^5455^H25^"});
+  Spot s = LocalSpot("198.51.100.7");
+  s.Id = 42;
+  s.SpotterGrid = "FN42";
+  s.FrequencyKHz = 14025.0;
+  const size_t mark = a_->out.sent.size();
+  a_->net->RelaySpot(s, 1);
+  std::map<int, std::string> sent;  // read without taking: the wires still deliver it
+  for (size_t i = mark; i < a_->out.sent.size(); ++i) {
+    sent[a_->out.sent[i].first] += a_->out.sent[i].second;
+  }
+  const std::string to_b = sent[11], to_c = sent[13], to_legacy = sent[15];
+  EXPECT_EQ(to_b,
+            "QX11^1^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q5USR^Q1AAA^198.51.100.7^CW^I^C^^^^^^"
+            "FN42^^^^^42^H99^~\r\n");
+  EXPECT_EQ(to_c, "PC61^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q5USR^Q1AAA^198.51.100.7^H99^~\r\n");
+  EXPECT_EQ(to_legacy, "PC11^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q5USR^Q1AAA^H99^~\r\n");
+  // B took what QX11 carried; what B passes on to C (also of this software) keeps it.
+  net_.Pump();
+  EXPECT_EQ(b_->last_carried.OriginId, 42u);
+  EXPECT_EQ(b_->last_carried.SpotterGrid, "FN42");
+  EXPECT_EQ(b_->last_carried.Mode, "CW");
+  EXPECT_NE(b_->out.To(23).find("^FN42^^^^^42^H98^~"), std::string::npos) << b_->out.To(23);
+}
+
+// A QX11 from a neighbour of this software goes through intake like a PC61 and on to the
+// other kinds of neighbour as PC61 and PC11, one hop less, and once only.
+TEST_F(RingTest, Qx11FromANeighbourGoesOnInTheOthersSentences) {
+  LinkLegacyToA({"PC19^1^Q7XXX^0^5455^H25^"});
+  Spot s = LocalSpot("198.51.100.9");
+  s.slots[kSlotOriginNode] = "Q2BBB";
+  s.slots[kSlotSpotter] = "Q6USR";
+  s.SkimmerVerdict = 'V';
+  s.SkimmerCount = 3;
+  s.OriginId = 9;
+  std::string line;
+  BuildQx11(s, "H20", "198.51.100.9", line);
+  a_->net->OnLine(11, line);
+  a_->net->OnLine(11, line);  // heard again: a duplicate
+  EXPECT_EQ(a_->intake.size(), 2u);
+  EXPECT_EQ(a_->intake[0],
+            "PC61^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q6USR^Q2BBB^198.51.100.9^H20^~");
+  EXPECT_EQ(a_->last_carried.SkimmerVerdict, 'V');
+  EXPECT_EQ(net_.TakeFrom(*a_, 13),
+            "PC61^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q6USR^Q2BBB^198.51.100.9^H19^~\r\n");
+  EXPECT_EQ(net_.TakeFrom(*a_, 15),
+            "PC11^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q6USR^Q2BBB^H19^~\r\n");
+  EXPECT_EQ(net_.TakeFrom(*a_, 11), "");  // never back where it came from
+
+  // One that cannot be read is logged and goes nowhere.
+  a_->net->OnLine(11, "QX11^1^14025.0^Q4BAD^21-Nov-2026^2200Z^x^Q6USR^Q2BBB^H20^~");
+  EXPECT_EQ(a_->intake.size(), 2u);
+  ASSERT_FALSE(a_->errors.empty());
+  EXPECT_NE(a_->errors.back().find("QX11: spot dropped (too few fields)"), std::string::npos)
+      << a_->errors.back();
+  EXPECT_EQ(net_.TakeFrom(*a_, 13) + net_.TakeFrom(*a_, 15), "");
 }
 
 TEST_F(RingTest, AnnouncementReachesEveryUserOnce) {

@@ -356,6 +356,85 @@ TEST_F(IntakeTest, ReporterSpotsAreFt8AndCarryTheirTag) {
   EXPECT_EQ(r.spot->SourceTag, "PskReporter");
 }
 
+// What a spot carries beyond its sentence: whether the mode was stated, a skimmer's verdict
+// read from its tag, the local spotter's locator, and whatever a neighbour of this software
+// sent with it.  Nothing of one spot stays with the next.
+TEST_F(IntakeTest, SpotsLearnTheirModeSourceVerdictAndLocators) {
+  IntakeRequest skimmer;
+  const std::string sk = With(With(kGood, 5, "CW    18 dB 26 WPM CQ V3"), 6, "DL1ABC-#");
+  skimmer.sentence = sk;
+  skimmer.source = SpotSource::kSkimmer;
+  skimmer.skip_dupe_check = true;
+  IntakeResult r = intake_->Process(skimmer);
+  ASSERT_TRUE(r.accepted());
+  EXPECT_TRUE(r.spot->ModeStated);
+  EXPECT_EQ(r.spot->Mode, "CW");
+  EXPECT_EQ(r.spot->SkimmerVerdict, 'V');
+  EXPECT_EQ(r.spot->SkimmerCount, 3);
+
+  streams_.EnsureCapacity(3);
+  streams_.at(3).session.grid = "JO62";
+  IntakeRequest local;
+  const std::string lo = With(With(kGood, 5, "rtty test"), 2, "DL2ABC");
+  local.sentence = lo;
+  local.is_local = true;
+  local.source_stream = 3;
+  r = intake_->Process(local);
+  ASSERT_TRUE(r.accepted());
+  EXPECT_TRUE(r.spot->ModeStated);
+  EXPECT_EQ(r.spot->Mode, "");  // worked out again from the mode bits when needed
+  EXPECT_EQ(r.spot->SkimmerVerdict, 0);
+  EXPECT_EQ(r.spot->SpotterGrid, "JO62");
+
+  Spot carried;
+  carried.Mode = "FT4";
+  carried.ModeStated = false;
+  carried.SkimmerVerdict = 'Q';
+  carried.SkimmerCount = 2;
+  carried.DxGrid = "FN42";
+  carried.OriginId = 77;
+  carried.SourceTag = SourceTagText(SpotSource::kWebGateway);
+  IntakeRequest node;
+  const std::string nd = With(kGood, 2, "DL3ABC");
+  node.sentence = nd;
+  node.source_stream = kNodeStream;
+  node.carried = &carried;
+  r = intake_->Process(node);
+  ASSERT_TRUE(r.accepted());
+  EXPECT_EQ(r.spot->Mode, "FT4");
+  EXPECT_FALSE(r.spot->ModeStated);
+  EXPECT_EQ(r.spot->SkimmerVerdict, 'Q');
+  EXPECT_EQ(r.spot->DxGrid, "FN42");
+  EXPECT_EQ(r.spot->SpotterGrid, "");
+  EXPECT_EQ(r.spot->OriginId, 77u);
+  EXPECT_EQ(r.spot->SourceTag, SourceTagText(SpotSource::kWebGateway));
+
+  r = Run(With(kGood, 2, "DL4ABC"));
+  ASSERT_TRUE(r.accepted());
+  EXPECT_FALSE(r.spot->ModeStated);
+  EXPECT_EQ(r.spot->OriginId, 0u);
+  EXPECT_EQ(r.spot->DxGrid, "");
+}
+
+TEST(SkimmerTag, EveryVerdictAndWhatIsNoTag) {
+  char verdict = 'x';
+  int count = -1;
+  EXPECT_TRUE(ReadSkimmerTag("CW 18 dB 26 WPM CQ Q12 ", verdict, count));
+  EXPECT_EQ(verdict, 'Q');
+  EXPECT_EQ(count, 12);
+  EXPECT_TRUE(ReadSkimmerTag("CW 18 dB CQ ?1", verdict, count));
+  EXPECT_EQ(verdict, '?');
+  EXPECT_TRUE(ReadSkimmerTag("CW 18 dB CQ B(K1ABC)", verdict, count));
+  EXPECT_EQ(verdict, 'B');
+  EXPECT_EQ(count, 0);
+  for (std::string_view no : {"", "CW 18 dB CQ", "VK2", "V", "cq V3x", "B(K1ABC", "V99999999"}) {
+    EXPECT_FALSE(ReadSkimmerTag(no, verdict, count)) << no;
+    EXPECT_EQ(verdict, 0) << no;
+  }
+  EXPECT_EQ(SkimmerModeWord("PSK31 20 DB"), "PSK");
+  EXPECT_EQ(SkimmerModeWord("CWX 20 DB"), "");
+}
+
 TEST_F(IntakeTest, FeedsMaySkipTheRequestFilter) {
   IntakeRequest req;
   const std::string s = With(kGood, 5, "PSE QSL");

@@ -270,5 +270,54 @@ TEST_F(DistributionTest, UserSwitchesForKindsOfSpots) {
   EXPECT_EQ(receivers(s), "5");
 }
 
+// Companion clients get the enhanced sentence in place of the line, whether the connection
+// or the record asked; it is made once per spot and shared, and the others keep their lines.
+TEST_F(DistributionTest, EnhancedUsersShareOneSentenceOthersKeepTheirLine) {
+  AddUser(1, "G1AAA").session.Set(kSwBeep, true);
+  AddUser(2, "G2BBB").spot_format = kSpotFormatEnhanced;
+  StreamEntry& record = AddUser(3, "G3CCC");
+  record.session.Set(kSwEnhanced, true);
+  record.session.Set(kSwBeep, true);
+  record.session.width = 40;
+  AddUser(4, "G4DDD").spot_format = kSpotFormatEnhanced;
+  AddUser(5, "G5EEE");
+  Spot s = MakeSpot();
+
+  // Without a formatter everyone gets the line: the reference for those who keep it.
+  RecordingSink plain;
+  SpotDistributor reference(streams_, plain);
+  reference.OutputSpotToAll(s);
+  EXPECT_NE(plain.sent[2].find("DX de K1ABC:"), std::string::npos);
+
+  SpotDistributor dist(streams_, sink_);
+  int formatted = 0;
+  dist.set_enhanced_formatter([&](const Spot& spot, std::string& out) {
+    ++formatted;
+    out = "QX11^" + std::string(spot.dx_call());
+  });
+  struct NotG4 : SpotFilter {
+    void Prepare(const Spot&) override {}
+    bool Passes(int, const StreamEntry& e, const Spot&) override { return e.call != "G4DDD"; }
+  } filter;
+  dist.set_filter(&filter);
+  const DistributionStats stats = dist.OutputSpotToAll(s);
+  EXPECT_EQ(formatted, 1);
+  EXPECT_EQ(stats.users, 4);
+  EXPECT_EQ(stats.filtered, 1);
+  EXPECT_EQ(sink_.sent[2], "QX11^DL1XYZ\r\n");
+  EXPECT_EQ(sink_.sent[3], "QX11^DL1XYZ\r\n");  // neither cut to the width nor a bell
+  EXPECT_EQ(sink_.sent.count(4), 0u);
+  EXPECT_EQ(sink_.sent[1], plain.sent[1]);
+  EXPECT_EQ(sink_.sent[5], plain.sent[5]);
+  EXPECT_NE(sink_.sent[1].find("DX de K1ABC:"), std::string::npos);
+
+  // The next spot gets its own sentence.
+  sink_.sent.clear();
+  s.slots[kSlotDxCall] = "JA1ZZZ";
+  dist.OutputSpotToAll(s);
+  EXPECT_EQ(sink_.sent[2], "QX11^JA1ZZZ\r\n");
+  EXPECT_EQ(formatted, 2);
+}
+
 }  // namespace
 }  // namespace qx

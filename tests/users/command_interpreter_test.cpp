@@ -209,9 +209,36 @@ TEST_F(InterpreterTest, ClientTokensAreNotCommands) {
   EXPECT_EQ(Run("KeepAlive"), "");
   Type(1, "KeepAlive");
   EXPECT_EQ(Take(1), "");  // no prompt either
+  Run("/CTCP DXS HRD 6");
+  EXPECT_EQ(streams_.at(1).client_type, "HRD 6");
+  EXPECT_FALSE(streams_.at(1).WantsEnhancedSpots());
   Run("/CTCP DXS QXU 1.2");
   EXPECT_EQ(streams_.at(1).client_type, "QXU 1.2");
+  EXPECT_TRUE(streams_.at(1).WantsEnhancedSpots());
   EXPECT_EQ(Run("Send Enhanced DX Spots"), "Send Enhanced DX Spots QXC >\r\n");
+}
+
+// The enhanced format a connection asked for is kept by the front-end, so a restart of the
+// node keeps it; it is the connection's, not the record's, and SET/NOXX0QX ends it.
+TEST_F(InterpreterTest, EnhancedFormatOutlivesARestartAndCanBeSwitchedOff) {
+  Run("Send Enhanced DX Spots");
+  StreamEntry& e = streams_.at(1);
+  EXPECT_EQ(e.spot_format, kSpotFormatEnhanced);
+  EXPECT_FALSE(e.session.Has(kSwEnhanced));
+  EXPECT_EQ(StreamAttribute(out_.attributes[1], "fmt"), "6") << out_.attributes[1];
+  EXPECT_NE(StreamAttribute(out_.attributes[1], "since"), "");
+
+  e.frontend_attributes = out_.attributes[1];
+  e.spot_format = kSpotFormatDxDe;
+  login_.OnRecovered(1);
+  EXPECT_EQ(e.spot_format, kSpotFormatEnhanced);
+
+  EXPECT_EQ(Run("SET/NOXX0QX"), "Enhanced Spots Disabled\r\n");
+  EXPECT_FALSE(e.WantsEnhancedSpots());
+  EXPECT_EQ(StreamAttribute(out_.attributes[1], "fmt"), "");
+  EXPECT_EQ(Run("SET/XX0QX"), "Enhanced Spots Enabled\r\n");
+  EXPECT_TRUE(e.session.Has(kSwEnhanced));
+  EXPECT_EQ(StreamAttribute(out_.attributes[1], "fmt"), "6");
 }
 
 }  // namespace
