@@ -89,9 +89,13 @@ void ClusterNode::SetUpSpots() {
   deps.streams = &streams_;
   deps.clock = &clock_;
   deps.node_call = config_.Get("Cluster Call");
+  spot_ids_ = std::make_unique<SpotIdCounter>(dir_.Data("spot_id.state"));
+  spot_ids_->Load();
+  deps.next_id = [this] { return spot_ids_->Next(); };
   intake_ = std::make_unique<SpotIntake>(deps);
   history_ = std::make_unique<SpotHistory>(
       size_t(std::max(100, config_.GetInt("Maximum DX Spots", 5000))), dir_.Data("dx"));
+  history_->set_ids(spot_ids_.get());
   distributor_ = std::make_unique<SpotDistributor>(streams_, *this);
   filter_book_ = std::make_unique<FilterBook>(bands_, &countries_, clock_);
   distributor_->set_filter(filter_book_.get());

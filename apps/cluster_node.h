@@ -42,6 +42,7 @@
 #include "spots/intake.h"
 #include "spots/rate_limit.h"
 #include "spots/spot_history.h"
+#include "spots/spot_ids.h"
 #include "users/access_lists.h"
 #include "users/announce_history.h"
 #include "users/command_interpreter.h"
@@ -204,6 +205,7 @@ class ClusterNode final : public LinkEvents,
   BandTable bands_ = BandTable::SetupFreqRanges();
   DupeDetector dupes_;
   std::unique_ptr<SpotRateLimiter> rates_;
+  std::unique_ptr<SpotIdCounter> spot_ids_;  // before intake_ and history_, which use it
   std::unique_ptr<SpotIntake> intake_;
   std::unique_ptr<SpotHistory> history_;
   std::unique_ptr<AnnounceHistory> announcements_;

@@ -312,6 +312,7 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   s.dx_country = nullptr;
   s.ModeFlags = 0;
   s.received = now;
+  s.Id = 0;
 
   // 1. "??" in the comment: a question, not a spot.
   Fields f;
@@ -483,6 +484,7 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
     }
   }
   ShowInSpotList({}, {}, {});
+  if (deps_.next_id && !trial_) s.Id = deps_.next_id();
   IntakeResult r;
   r.spot = &spot_;
   return r;
