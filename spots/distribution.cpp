@@ -140,10 +140,23 @@ void SpotDistributor::Begin() {
   extended_used_ = 0;
   ready_used_ = 0;
   columns_ready_ = false;
+  json_built_ = false;
 }
 
 void SpotDistributor::SendTo(int stream, const SessionSettings& set, const Spot& spot,
                              DistributionStats& stats) {
+  if (set.Has(kSwJson)) {
+    if (!json_built_) {
+      json_.clear();
+      if (json_of_) json_of_(spot, json_);
+      json_built_ = true;
+      ++stats.lines_built;
+    }
+    if (json_.empty()) return;
+    sink_.SendToStream(stream, json_);
+    ++stats.users;
+    return;
+  }
   const int width = set.width > 0 ? set.width : kDefaultWidth;
   uint8_t columns = width >= kExtraMinWidth ? ExtraColumnsOf(set) : 0;
   if (columns != 0) {
@@ -163,7 +176,7 @@ DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
   const int high = streams_.high_socket();
   for (int stream = 1; stream <= high; ++stream) {
     const StreamEntry& e = streams_.at(stream);
-    if (!e.IsUser()) continue;
+    if (!e.TakesSpots()) continue;
     const SessionSettings& set = e.session;
     if (!set.Has(kSwDxSpots) || !SwitchesAllow(set, spot)) continue;
     if (filter_ && !filter_->Passes(stream, e, spot)) {

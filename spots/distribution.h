@@ -65,6 +65,12 @@ class SpotDistributor {
   using StateLookup = std::function<std::string_view(std::string_view call)>;
   void set_state_lookup(StateLookup lookup) { state_of_ = std::move(lookup); }
 
+  // The spot as one JSON object with its line end, for users and streams in JSON mode
+  // (kSwJson).  Asked at most once per spot, and only when such a user takes the spot; unset,
+  // JSON users get nothing.
+  using JsonMaker = std::function<void(const Spot& spot, std::string& out)>;
+  void set_json_maker(JsonMaker maker) { json_of_ = std::move(maker); }
+
   DistributionStats OutputSpotToAll(const Spot& spot);
   // The line as that user would get it (width, resolution, columns, bell), to that user
   // alone and whatever their switches and filters say: what DXTEST shows.
@@ -102,6 +108,9 @@ class SpotDistributor {
   SpotFilter* filter_ = nullptr;
   LocatorLookup locator_of_;
   StateLookup state_of_;
+  JsonMaker json_of_;
+  std::string json_;  // this spot's JSON object, shared by every JSON user
+  bool json_built_ = false;
   Variant variants_[2];  // by decimals - 1
   std::vector<Extended> extended_;
   size_t extended_used_ = 0;
