@@ -190,8 +190,9 @@ std::vector<Spot> SpotHistory::SpotsAfter(uint64_t after, size_t limit, SysTime 
   }
   if (!covered) {
     gap = true;
-    // The files may not reach as far as memory does (a node with no data directory).
-    if (out.empty()) {
+    // The files may not reach as far back as memory does (a day file lost, or none kept).
+    if (out.empty() || (!found.empty() && found.back()->Id < out.front().Id)) {
+      out.clear();
       const size_t n = std::min(limit, found.size());
       for (size_t i = 0; i < n; ++i) out.push_back(*found[found.size() - 1 - i]);
     }
