@@ -122,7 +122,7 @@ void ClusterNode::SpotJson(const Spot& spot, std::string& out) {
   if (band) pieces.band = band->name;
   if (facts.mode != SpotMode::kUnknown) {
     pieces.mode = SpotModeName(facts.mode);
-    pieces.mode_source = !facts.mode_stated                  ? "inferred"
+    pieces.mode_source = !facts.mode_stated                   ? "inferred"
                          : facts.source == SourceKind::kHuman ? "comment"
                                                               : "feed";
   }
@@ -896,8 +896,8 @@ void ClusterNode::OnLinkUp() {}
 
 void ClusterNode::OnConnectRequest(int stream) {
   if (json_streams_->OnConnectRequest(stream)) return;  // a program's WebSocket or poll
-  if (feeds_->OnConnectRequest(stream)) return;    // one of our feed connections
-  if (network_->OnConnectRequest(stream)) return;  // one of our outgoing node links
+  if (feeds_->OnConnectRequest(stream)) return;         // one of our feed connections
+  if (network_->OnConnectRequest(stream)) return;       // one of our outgoing node links
   login_->OnConnectRequest(stream);
 }
 

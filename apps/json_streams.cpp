@@ -122,8 +122,8 @@ bool JsonStreams::Admit(int stream, const StreamRequest& request, bool recovered
 
 std::vector<Spot> JsonStreams::Wanted(int stream, uint64_t after, bool& gap) const {
   const StreamEntry& e = deps_.streams->at(stream);
-  std::vector<Spot> kept = deps_.history->SpotsAfter(after, SIZE_MAX, deps_.clock->Now(),
-                                                     *deps_.bands, gap);
+  std::vector<Spot> kept =
+      deps_.history->SpotsAfter(after, SIZE_MAX, deps_.clock->Now(), *deps_.bands, gap);
   std::vector<Spot> out;
   for (Spot& s : kept) {
     if (SwitchesAllow(e.session, s) && deps_.filters->Shows(stream, e, s)) {
@@ -180,8 +180,7 @@ void JsonStreams::OnLine(int stream, std::string_view line) {
 }
 
 void JsonStreams::Heartbeat() {
-  const std::string beat =
-      HeartbeatJson(deps_.clock->Now(), deps_.last_id ? deps_.last_id() : 0);
+  const std::string beat = HeartbeatJson(deps_.clock->Now(), deps_.last_id ? deps_.last_id() : 0);
   StreamTable& t = *deps_.streams;
   for (int s = 1; s <= t.high_socket(); ++s) {
     const StreamEntry& e = t.at(s);

@@ -87,7 +87,8 @@ void Station(std::string& out, std::string_view key, std::string_view call,
 void FeedTag(std::string& out, const Spot& spot, std::string_view source) {
   std::string_view comment = Trim(spot.comment());
   const size_t blank = comment.rfind(' ');
-  const std::string_view tag = blank == std::string_view::npos ? comment : comment.substr(blank + 1);
+  const std::string_view tag =
+      blank == std::string_view::npos ? comment : comment.substr(blank + 1);
   if (tag.size() < 2) return;
   long long count = 0;
   if (source == "skimmer") {
@@ -99,8 +100,7 @@ void FeedTag(std::string& out, const Spot& spot, std::string_view source) {
                ParseInt(tag.substr(1), count) && count > 0) {
       out += fmt::format(",\"skimmer\":{{\"verdict\":\"{}\",\"count\":{}}}", tag[0], count);
     }
-  } else if (source == "reporter" && tag[0] == 'R' && ParseInt(tag.substr(1), count) &&
-             count > 0) {
+  } else if (source == "reporter" && tag[0] == 'R' && ParseInt(tag.substr(1), count) && count > 0) {
     out += fmt::format(",\"reporter\":{{\"count\":{}}}", count);
   }
 }
@@ -166,9 +166,9 @@ std::string IsoTime(SysTime t) {
   const auto days = std::chrono::floor<std::chrono::days>(secs);
   const std::chrono::year_month_day ymd{days};
   const std::chrono::hh_mm_ss hms{secs - days};
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", int(ymd.year()),
-                     unsigned(ymd.month()), unsigned(ymd.day()), hms.hours().count(),
-                     hms.minutes().count(), hms.seconds().count());
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", int(ymd.year()), unsigned(ymd.month()),
+                     unsigned(ymd.day()), hms.hours().count(), hms.minutes().count(),
+                     hms.seconds().count());
 }
 
 void AppendSpotJson(std::string& out, const Spot& spot, const SpotJsonFacts& facts) {
@@ -176,7 +176,8 @@ void AppendSpotJson(std::string& out, const Spot& spot, const SpotJsonFacts& fac
   if (spot.Id != 0) out += fmt::format(",\"id\":{}", spot.Id);
   StringKey(out, "time", IsoTime(SpotTime(spot)));
   const double khz = std::round(spot.FrequencyKHz * 100.0) / 100.0;
-  out += fmt::format(",\"freq_khz\":{},\"freq_hz\":{}", khz, std::llround(spot.FrequencyKHz * 1000));
+  out +=
+      fmt::format(",\"freq_khz\":{},\"freq_hz\":{}", khz, std::llround(spot.FrequencyKHz * 1000));
   StringKey(out, "band", facts.band);
   if (!facts.mode.empty()) {
     StringKey(out, "mode", facts.mode);
@@ -345,7 +346,7 @@ std::string TextAsJson(std::string_view text, std::string_view own_call, SysTime
     if (sender(line, "To ALL de ", from, body) || sender(line, "To SYSOP de ", from, body) ||
         sender(line, "WX de ", from, body)) {
       flush();
-      const std::string_view to = line.starts_with("WX") ? "WX"
+      const std::string_view to = line.starts_with("WX")         ? "WX"
                                   : line.starts_with("To SYSOP") ? "SYSOP"
                                                                  : "ALL";
       out += AnnounceJson(now, from, to, body);

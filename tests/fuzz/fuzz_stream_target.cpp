@@ -38,7 +38,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (qx::ParseTarget(input, target)) {
     Require(target.params.size() <= qx::Target::kMaxParams);
     Require(Clean(target.path));
-    for (const auto& [key, value] : target.params) Require(!key.empty() && Clean(key) && Clean(value));
+    for (const auto& [key, value] : target.params)
+      Require(!key.empty() && Clean(key) && Clean(value));
   }
 
   for (std::string_view prefix : {"ws:", "http:"}) {

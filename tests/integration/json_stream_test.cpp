@@ -11,8 +11,8 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <set>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "core/link_secret.h"
 #include "core/text_util.h"
@@ -94,8 +94,8 @@ class LinkPlayer {
   std::string Recovery(int stream, std::string_view kind) {
     Pump(0ms);
     return "AA38^" + std::to_string(stream) + "^" + std::to_string(stream) + "^192.0.2." +
-           std::to_string(stream) + ":5000^0^" + identity_[stream] + "^" + std::string(kind) +
-           "^" + attributes_[stream] + "\x03";
+           std::to_string(stream) + ":5000^0^" + identity_[stream] + "^" + std::string(kind) + "^" +
+           attributes_[stream] + "\x03";
   }
   // The JSON objects the stream got, in order.
   std::vector<json> Objects(int stream) {

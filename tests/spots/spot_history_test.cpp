@@ -14,8 +14,8 @@
 namespace qx {
 namespace {
 
-using qx::testing::TempDir;
 using qx::testing::ReadFile;
+using qx::testing::TempDir;
 using qx::testing::WriteFile;
 
 bool HasControlChars(std::string_view text) {

@@ -57,7 +57,7 @@ TEST(JsonFormatTest, SpotCarriesItsNumberStationsAndSource) {
   EXPECT_EQ(j["dx"]["itu"], 8);
   EXPECT_EQ(j["dx"]["grid"], "FN42");
   EXPECT_EQ(j["spotter"]["call"], "DL1XYZ-#");
-  EXPECT_FALSE(j["spotter"].contains("grid"));  // unknown keys are left out, not empty
+  EXPECT_FALSE(j["spotter"].contains("grid"));           // unknown keys are left out, not empty
   EXPECT_EQ(j["comment"], "CW 22 dB 25 WPM \"CQ\" V3");  // the bell never reaches a program
   EXPECT_EQ(j["origin"], "DB0SUE");
   EXPECT_EQ(j["source"], "skimmer");
