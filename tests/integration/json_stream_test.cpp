@@ -291,5 +291,36 @@ TEST_F(JsonStreamTest, FiltersGapsAndRefusals) {
   EXPECT_TRUE(link_.Text(6).starts_with("Status: 401\r\n")) << link_.Text(6);
 }
 
+// A telnet user in JSON mode through the real front-end: answers, spots and announcements
+// as objects, and no prompt.
+class JsonSessionTest : public SystemFixture {};
+
+TEST_F(JsonSessionTest, SetJsonTurnsTheSessionIntoObjects) {
+  StartAll();
+  auto program = LogIn("K1ABC");
+  auto person = LogIn("DL1ABC", "Hans");
+  program->SendLine("SET/JSON");
+  ASSERT_TRUE(
+      program->ReadUntil("{\"v\":1,\"type\":\"reply\",\"text\":[\"JSON output enabled\"]}\r\n"))
+      << program->received();
+  program->ClearReceived();
+  person->SendLine("DX 14025.0 K1XYZ json test");
+  person->SendLine("ANNOUNCE meeting at 20z");
+  ASSERT_TRUE(program->ReadUntil("meeting at 20z")) << program->received();
+  program->Drain(std::chrono::milliseconds(300));
+  std::vector<json> objects;
+  for (std::string_view line : SplitLines(program->received())) {
+    ASSERT_TRUE(line.starts_with("{")) << program->received();  // no prompt, no text
+    objects.push_back(json::parse(line));
+  }
+  ASSERT_EQ(objects.size(), 2u) << program->received();
+  EXPECT_EQ(objects[0]["type"], "spot");
+  EXPECT_GT(objects[0]["id"].get<uint64_t>(), 0u);
+  EXPECT_EQ(objects[0]["dx"]["call"], "K1XYZ");
+  EXPECT_EQ(objects[0]["spotter"]["country"], "Fed. Rep. of Germany");
+  EXPECT_EQ(objects[1]["type"], "announce");
+  EXPECT_EQ(objects[1]["from"], "DL1ABC");
+}
+
 }  // namespace
 }  // namespace qx::testing
