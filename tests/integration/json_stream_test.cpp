@@ -167,9 +167,11 @@ class LinkPlayer {
 
 class JsonStreamTest : public SystemFixture {
  protected:
+  virtual std::string ExtraConfig() const { return ""; }
   void SetUp() override {
-    WriteConfig();
+    WriteConfig(ExtraConfig());
     WriteCountryFile();
+    WriteFile(home() / "data/files/passwords.dat", "K2PRG^open sesame\r\n");
     // Numbers of an earlier life of the node: this run's spots come after them.
     WriteFile(home() / "data/spot_id.state", "5000\n");
     key_ = LoadOrCreateLinkSecret(home()).key;
@@ -289,6 +291,28 @@ TEST_F(JsonStreamTest, FiltersGapsAndRefusals) {
   link_.Open(6, "http:/spots?call=DL1ABC&password=wrong");
   ASSERT_TRUE(WaitFor([&] { return link_.Closed(6); }));
   EXPECT_TRUE(link_.Text(6).starts_with("Status: 401\r\n")) << link_.Text(6);
+}
+
+class JsonLoginStreamTest : public JsonStreamTest {
+ protected:
+  std::string ExtraConfig() const override { return "Stream Requires Login^True\r\n"; }
+};
+
+TEST_F(JsonLoginStreamTest, OnlyUsersWithTheirPasswordGetStreams) {
+  link_.Open(2, "ws:/stream");
+  ASSERT_TRUE(WaitFor([&] { return link_.Closed(2); }));
+  ASSERT_EQ(link_.Objects(2).size(), 1u) << link_.Text(2);
+  EXPECT_EQ(link_.Objects(2)[0]["type"], "error");
+  link_.Open(3, "http:/spots");
+  ASSERT_TRUE(WaitFor([&] { return link_.Closed(3); }));
+  EXPECT_TRUE(link_.Text(3).starts_with("Status: 401\r\n")) << link_.Text(3);
+
+  link_.Open(4, "ws:/stream?call=k2prg&password=open%20sesame");
+  ASSERT_TRUE(link_.WaitText(4, "\"type\":\"hello\""));
+  EXPECT_EQ(link_.Objects(4)[0]["user"], "K2PRG");
+  SpotDx("K2AAA");
+  EXPECT_TRUE(link_.WaitText(4, "K2AAA")) << link_.Text(4);
+  EXPECT_FALSE(link_.Closed(4));
 }
 
 // A telnet user in JSON mode through the real front-end: answers, spots and announcements
