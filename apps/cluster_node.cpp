@@ -20,6 +20,7 @@
 #include "spots/dx_query.h"
 #include "spots/reference_check.h"
 #include "spots/spot_line.h"
+#include "stream/json_format.h"
 
 namespace qx {
 namespace {
@@ -91,9 +92,13 @@ void ClusterNode::SetUpSpots() {
   deps.streams = &streams_;
   deps.clock = &clock_;
   deps.node_call = config_.Get("Cluster Call");
+  spot_ids_ = std::make_unique<SpotIdCounter>(dir_.Data("spot_id.state"));
+  spot_ids_->Load();
+  deps.next_id = [this] { return spot_ids_->Next(); };
   intake_ = std::make_unique<SpotIntake>(deps);
   history_ = std::make_unique<SpotHistory>(
       size_t(std::max(100, config_.GetInt("Maximum DX Spots", 5000))), dir_.Data("dx"));
+  history_->set_ids(spot_ids_.get());
   distributor_ = std::make_unique<SpotDistributor>(streams_, *this);
   filter_book_ = std::make_unique<FilterBook>(bands_, &countries_, clock_);
   distributor_->set_filter(filter_book_.get());
@@ -115,6 +120,58 @@ void ClusterNode::SetUpSpots() {
     }
     return {};
   });
+}
+
+void ClusterNode::SpotJson(const Spot& spot, std::string& out) {
+  const SpotFacts facts = MakeSpotFacts(spot, bands_, nullptr);
+  SpotJsonFacts pieces;
+  const BandRange* band = bands_.Find(spot.FrequencyKHz);
+  if (band) pieces.band = band->name;
+  if (facts.mode != SpotMode::kUnknown) {
+    pieces.mode = SpotModeName(facts.mode);
+    pieces.mode_source = !facts.mode_stated                   ? "inferred"
+                         : facts.source == SourceKind::kHuman ? "comment"
+                                                              : "feed";
+  }
+  // Only a locator the node knows for the station itself; a country's centre is no grid.
+  std::string dx_grid;
+  std::string spotter_grid;
+  for (int st = 1; st <= streams_.high_socket(); ++st) {
+    const StreamEntry& u = streams_.at(st);
+    if (!u.IsUser() || u.session.grid.empty()) continue;
+    if (u.call == spot.dx_call() || BaseCall(u.call) == spot.dx_call()) dx_grid = u.session.grid;
+    if (u.call == spot.spotter() || BaseCall(u.call) == BaseCall(spot.spotter())) {
+      spotter_grid = u.session.grid;
+    }
+  }
+  pieces.dx_grid = dx_grid;
+  pieces.spotter_grid = spotter_grid;
+  AppendSpotJson(out, spot, pieces);
+}
+
+bool ClusterNode::StreamsRequireLogin() const {
+  const std::string_view v = Trim(config_.Get("Stream Requires Login"));
+  return EqualsIgnoreCase(v, "Yes") || EqualsIgnoreCase(v, "True") || v == "1" || v == "-1";
+}
+
+void ClusterNode::SetUpJsonStreams() {
+  JsonStreamDeps deps;
+  deps.streams = &streams_;
+  deps.out = this;
+  deps.filters = filter_book_.get();
+  deps.store = &store_;
+  deps.access = &access_;
+  deps.history = history_.get();
+  deps.bands = &bands_;
+  deps.clock = &clock_;
+  deps.log = &log_;
+  deps.spot_json = [this](const Spot& spot, std::string& out) { SpotJson(spot, out); };
+  deps.last_id = [this] { return spot_ids_->last(); };
+  deps.node_call = config_.Get("Cluster Call");
+  deps.version = std::string(kVersion);
+  deps.require_login = StreamsRequireLogin();
+  json_streams_ = std::make_unique<JsonStreams>(std::move(deps));
+  distributor_->set_json_maker([this](const Spot& spot, std::string& out) { SpotJson(spot, out); });
 }
 
 void ClusterNode::ApplySpotLists() {
@@ -554,6 +611,7 @@ void ClusterNode::ApplySettings() {
   ConfigureDownloads();
   if (network_) network_->Configure(config_);  // defined nodes and outgoing connections
   if (feeds_) feeds_->Configure(config_);
+  if (json_streams_) json_streams_->set_require_login(StreamsRequireLogin());
   if (rates_) {
     rates_->set_limits({config_.GetInt("NewMaxSpotsPerMin", 0),
                         config_.GetInt("NewMaxSpotsPerMinPerDx", 0),
@@ -658,6 +716,7 @@ bool ClusterNode::Start(std::string* error) {
   StepDone();
   SetUpSpots();
   history_->LoadToday(clock_.Now(), bands_, &monitor_);  // "Loading DX Spots" ... done
+  SetUpJsonStreams();
 
   Step("Loading Special Calls   ...");
   access_.LoadFiles(dir_.Data("files"));
@@ -785,6 +844,7 @@ void ClusterNode::OnTimer() {
   if (update_check_) update_check_->Tick();
   if (++memory_tick_ % 10 == 0) CheckMemory();
   if (feeds_) feeds_->Tick();
+  if (json_streams_ && ++heartbeat_tick_ % 30 == 0) json_streams_->Heartbeat();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (!ec) OnTimer();
@@ -826,8 +886,16 @@ void ClusterNode::Shutdown() {
 
 void ClusterNode::SendToStream(int stream, std::string_view text) {
   if (!link_ || !streams_.InRange(stream)) return;
-  link_->SendToStreamNo(stream, text);
   StreamEntry& e = streams_.at(stream);
+  if (e.IsUser() && e.session.Has(kSwJson) && !text.starts_with('{')) {
+    // A user in JSON mode: whatever the node says as text (answers, announcements, talk,
+    // WWV) goes out as objects; what is already an object (a spot, a heartbeat) as it is.
+    const std::string json = TextAsJson(text, e.call, clock_.Now());
+    if (json.empty()) return;
+    link_->SendToStreamNo(stream, json);
+  } else {
+    link_->SendToStreamNo(stream, text);
+  }
   ++e.lines_out;
   if (e.monitored) monitor_.Write(MonitorChannel::kRaw, text, "", stream);
 }
@@ -849,8 +917,9 @@ void ClusterNode::SetStreamAttributes(int stream, std::string_view text) {
 void ClusterNode::OnLinkUp() {}
 
 void ClusterNode::OnConnectRequest(int stream) {
-  if (feeds_->OnConnectRequest(stream)) return;    // one of our feed connections
-  if (network_->OnConnectRequest(stream)) return;  // one of our outgoing node links
+  if (json_streams_->OnConnectRequest(stream)) return;  // a program's WebSocket or poll
+  if (feeds_->OnConnectRequest(stream)) return;         // one of our feed connections
+  if (network_->OnConnectRequest(stream)) return;       // one of our outgoing node links
   login_->OnConnectRequest(stream);
 }
 
@@ -864,6 +933,8 @@ void ClusterNode::OnStreamLine(int stream, std::string_view line) {
       network_->OnLine(stream, line);
     } else if (e.IsFeed()) {
       network_->OnFeedLine(stream, line);
+    } else if (e.state == kStateJsonStream || e.state == kStateJsonPoll) {
+      json_streams_->OnLine(stream, line);
     } else if (e.IsUser()) {
       if (line.starts_with("PC") && line.find('^') != std::string_view::npos) {
         log_.Write("DataArrival", " User is really a Node, but node not defined " + e.call);
@@ -916,6 +987,7 @@ void ClusterNode::OnStreamRecovered(int stream) {
     OnConnectRequest(stream);
     return;
   }
+  if (json_streams_->OnRecovered(stream)) return;
   if (feeds_->OnStreamRecovered(stream)) return;
   login_->OnRecovered(stream);
   network_->OnStreamRecovered(stream);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "apps/feed_manager.h"
+#include "apps/json_streams.h"
 #include "apps/node_stats.h"
 #include "console/console_server.h"
 #include "core/config.h"
@@ -42,6 +43,7 @@
 #include "spots/intake.h"
 #include "spots/rate_limit.h"
 #include "spots/spot_history.h"
+#include "spots/spot_ids.h"
 #include "users/access_lists.h"
 #include "users/announce_history.h"
 #include "users/command_interpreter.h"
@@ -159,6 +161,11 @@ class ClusterNode final : public LinkEvents,
   ClusterCounts Counts() const;
   void SetUpSpots();
   void ApplySpotLists();
+  // Programs' JSON streams (WebSocket streams and HTTP polls from the front-end).
+  void SetUpJsonStreams();
+  bool StreamsRequireLogin() const;
+  // A spot as one JSON object and line end, as every JSON user and stream gets it.
+  void SpotJson(const Spot& spot, std::string& out);
   // Intake of one spot sentence; an accepted spot is kept, distributed and relayed.
   IntakeResult TakeSpot(const IntakeRequest& request, bool distribute);
   void SaveHighestRates(bool at_stop);
@@ -204,11 +211,13 @@ class ClusterNode final : public LinkEvents,
   BandTable bands_ = BandTable::SetupFreqRanges();
   DupeDetector dupes_;
   std::unique_ptr<SpotRateLimiter> rates_;
+  std::unique_ptr<SpotIdCounter> spot_ids_;  // before intake_ and history_, which use it
   std::unique_ptr<SpotIntake> intake_;
   std::unique_ptr<SpotHistory> history_;
   std::unique_ptr<AnnounceHistory> announcements_;
   std::unique_ptr<SpotDistributor> distributor_;
   std::unique_ptr<FilterBook> filter_book_;
+  std::unique_ptr<JsonStreams> json_streams_;
   std::unique_ptr<PropagationService> propagation_;
   std::unique_ptr<WwvFetcher> wwv_fetch_;
   std::unique_ptr<MailStore> mail_store_;
@@ -221,6 +230,7 @@ class ClusterNode final : public LinkEvents,
   std::map<std::string, std::function<void(const InstalledFile&)>> reloaders_;  // upper case
   MemoryCeiling memory_ceiling_;
   int memory_tick_ = 0;
+  int heartbeat_tick_ = 0;  // seconds towards the next heartbeat of the JSON streams
   std::unique_ptr<UserContext> user_ctx_;
   std::unique_ptr<Login> login_;
   std::unique_ptr<CommandInterpreter> interpreter_;

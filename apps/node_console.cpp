@@ -70,6 +70,8 @@ const std::vector<GroupInfo>& Groups() {
       {"Behaviour",
        {{"Connection Retry", K::kNumber, "seconds between attempts of an outgoing node connection"},
         {"Get WWV", K::kSwitch, "fetch solar and geomagnetic reports from the web"},
+        {"Stream Requires Login", K::kSwitch,
+         "programs' JSON streams and polls only for users who give call and password"},
         {"PC9x Data", K::kSwitch, "kept in cluster.cfg; not used by this version"},
         {"Auto Start", K::kSwitch, "kept in cluster.cfg; not used by this version"},
         {"IP Required", K::kSwitch, "kept in cluster.cfg; not used by this version"},

@@ -173,6 +173,9 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "WWV Callers", ""},
       // Days of daily logs kept under data/ (today included); 0 keeps them all.
       {EntryKind::kSingle, "Log Days", "90"},
+      // Programs' JSON streams (WebSocket and HTTP polls): "True" serves only those that
+      // give a user's call and password; by default anyone may read spots.
+      {EntryKind::kSingle, "Stream Requires Login", "False"},
       // Reference data kept current: where the country file and the known-calls file come
       // from ("" leaves that file alone), further files ("," list of addresses or
       // file=address), and the hours between checks (0: only when the sysop asks).

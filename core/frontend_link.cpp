@@ -440,6 +440,7 @@ void FrontendLink::HandleRecovery(std::string_view record) {
   entry.call.assign(field(5));
   entry.state = ParseIntOr(field(6), kStateFree);
   entry.connection_label.assign(LabelOfKind(field(7)));
+  entry.kind.assign(field(7));
   entry.frontend_attributes.assign(field(8));
   // When the connection began, if the node gave it to keep; a time to come cannot be.
   entry.since = clock_.Now();
@@ -601,6 +602,7 @@ void FrontendLink::HandleStreamEvent(std::string_view record) {
   ParseInt(field(4), tag);
   entry.tag = tag;
   entry.connection_label.assign(LabelOfKind(field(5)));
+  entry.kind.assign(field(5));
   entry.port_index = ParseIntOr(field(6), 0);
   entry.since = clock_.Now();
   ShowConnection(stream, kAwaitingCall);

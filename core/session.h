@@ -42,6 +42,9 @@ enum SwitchBit : uint32_t {
   kSwEcho = 1u << 28,
   kSwGridSquare = 1u << 29,
   kSwFilters = 1u << 30,
+  // JSON: the session is one JSON object per line (spots, announcements, talk, WWV/WCY, and
+  // every command's answer as a reply object) and gets no prompts; for programs.
+  kSwJson = 1u << 31,
 };
 
 // What a new user gets: spots, announcements, talk, WWV/WCY/WX, every mode, login notices,

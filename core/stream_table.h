@@ -28,6 +28,11 @@ enum StreamState : int {
   kStateFeedSkimmer = 31,   // feed code 1
   kStateFeedRbn = 33,       // feed code 3
   kStateFeedReporter = 39,  // feed code 9
+  // A program's JSON stream over WebSocket: spots (and heartbeats) only, no log-in dialogue;
+  // not a user (it is never listed, counted or announced to the network).
+  kStateJsonStream = 40,
+  // An HTTP poll: answered at once and closed.
+  kStateJsonPoll = 41,
 };
 
 inline bool IsUserState(int s) {
@@ -73,6 +78,9 @@ struct StreamEntry {
   std::string peer_address;      // "ip:port" as the front-end reported it
   int port_index = 0;            // front-end listening port index (0..8; 9 = outgoing)
   std::string connection_label;  // outgoing connection's name, "" for inbound
+  // The front-end's kind of the connection: "in", "out:<label>", "ws:<target>" or
+  // "http:<target>" (the request target of a WebSocket stream or an HTTP poll).
+  std::string kind;
   SysTime since{};
 
   // Log-in dialogue.
@@ -113,6 +121,8 @@ struct StreamEntry {
   }
   bool IsNode() const { return IsNodeState(state); }
   bool IsFeed() const { return IsFeedState(state); }
+  // Spot distribution serves users and programs' JSON streams.
+  bool TakesSpots() const { return IsUser() || state == kStateJsonStream; }
 };
 
 class StreamTable {

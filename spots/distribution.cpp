@@ -141,10 +141,23 @@ void SpotDistributor::Begin() {
   ready_used_ = 0;
   columns_ready_ = false;
   enhanced_built_ = false;
+  json_built_ = false;
 }
 
 void SpotDistributor::SendTo(int stream, const StreamEntry& user, const Spot& spot,
                              DistributionStats& stats) {
+  if (user.session.Has(kSwJson)) {
+    if (!json_built_) {
+      json_.clear();
+      if (json_of_) json_of_(spot, json_);
+      json_built_ = true;
+      ++stats.lines_built;
+    }
+    if (json_.empty()) return;
+    sink_.SendToStream(stream, json_);
+    ++stats.users;
+    return;
+  }
   if (enhanced_of_ && user.WantsEnhancedSpots()) {
     // A program reads this: no width, no bell, the same text for every such user.
     if (!enhanced_built_) {
@@ -177,7 +190,7 @@ DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
   const int high = streams_.high_socket();
   for (int stream = 1; stream <= high; ++stream) {
     const StreamEntry& e = streams_.at(stream);
-    if (!e.IsUser()) continue;
+    if (!e.TakesSpots()) continue;
     const SessionSettings& set = e.session;
     if (!set.Has(kSwDxSpots) || !SwitchesAllow(set, spot)) continue;
     if (filter_ && !filter_->Passes(stream, e, spot)) {

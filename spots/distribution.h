@@ -71,6 +71,11 @@ class SpotDistributor {
   // users get the "DX de" line.
   using EnhancedFormatter = std::function<void(const Spot& spot, std::string& out)>;
   void set_enhanced_formatter(EnhancedFormatter f) { enhanced_of_ = std::move(f); }
+  // The spot as one JSON object with its line end, for users and streams in JSON mode
+  // (kSwJson).  Asked at most once per spot, and only when such a user takes the spot; unset,
+  // JSON users get nothing.
+  using JsonMaker = std::function<void(const Spot& spot, std::string& out)>;
+  void set_json_maker(JsonMaker maker) { json_of_ = std::move(maker); }
 
   DistributionStats OutputSpotToAll(const Spot& spot);
   // The line as that user would get it (width, resolution, columns, bell), to that user
@@ -112,6 +117,9 @@ class SpotDistributor {
   EnhancedFormatter enhanced_of_;
   std::string enhanced_;  // this spot's enhanced sentence with CR LF, once built
   bool enhanced_built_ = false;
+  JsonMaker json_of_;
+  std::string json_;  // this spot's JSON object, shared by every JSON user
+  bool json_built_ = false;
   Variant variants_[2];  // by decimals - 1
   std::vector<Extended> extended_;
   size_t extended_used_ = 0;

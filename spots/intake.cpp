@@ -352,6 +352,7 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   s.SpotterGrid.clear();
   s.DxGrid.clear();
   s.OriginId = 0;
+  s.Id = 0;
 
   // 1. "??" in the comment: a question, not a spot.
   Fields f;
@@ -549,6 +550,7 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
     }
   }
   ShowInSpotList({}, {}, {});
+  if (deps_.next_id && !trial_) s.Id = deps_.next_id();
   IntakeResult r;
   r.spot = &spot_;
   return r;

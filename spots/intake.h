@@ -99,6 +99,9 @@ struct IntakeDeps {
   const StreamTable* streams = nullptr;  // the sending stream's call for the logs
   const Clock* clock = nullptr;          // required
   std::string node_call;
+  // The next node-wide spot number, asked once per accepted spot (never for a trial); null:
+  // spots stay unnumbered.
+  std::function<uint64_t()> next_id;
 };
 
 struct IntakeOptions {

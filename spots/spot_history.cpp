@@ -9,6 +9,7 @@
 #include "spots/bands.h"
 #include "spots/call_sign.h"
 #include "spots/intake.h"
+#include "spots/spot_ids.h"
 
 namespace qx {
 
@@ -26,6 +27,32 @@ bool TimeOfSpot(const Spot& s, SysTime& out) {
 }
 
 }  // namespace
+
+std::string DayFileLine(const Spot& spot) {
+  std::string line;
+  if (spot.Id != 0) {
+    line += '#';
+    line += std::to_string(spot.Id);
+    line += ' ';
+  }
+  line += spot.Sentence();
+  return line;
+}
+
+bool SpotFromDayFileLine(std::string_view line, Spot& spot) {
+  line = Trim(line);
+  spot.Id = 0;
+  if (line.starts_with('#')) {
+    const size_t blank = line.find(' ');
+    long long id = 0;
+    if (blank == std::string_view::npos || !ParseInt(line.substr(1, blank - 1), id) || id <= 0) {
+      return false;
+    }
+    spot.Id = uint64_t(id);
+    line.remove_prefix(blank + 1);
+  }
+  return SpotFromSentence(line, spot);
+}
 
 SpotHistory::SpotHistory(size_t max_spots, std::filesystem::path dx_dir)
     : ring_(max_spots == 0 ? 1 : max_spots), dir_(std::move(dx_dir)) {}
@@ -75,7 +102,7 @@ size_t SpotHistory::ApproxBytes() const {
 void SpotHistory::Add(const Spot& spot) {
   Keep(spot);
   if (dir_.empty()) return;
-  std::string line = spot.Sentence();
+  std::string line = DayFileLine(spot);
   line += "\r\n";
   if (!AppendToFile(DayFile(spot.received), line)) {
     std::error_code ec;
@@ -95,7 +122,7 @@ std::vector<Spot> SpotHistory::ReadDay(SysTime day, const BandTable& bands) cons
     // A line an older version wrote, or one edited by hand, may hold anything: it is held to
     // what intake asks of a new spot (SpotFromSentence leaves control characters out; a date
     // or time that cannot be is not taken).
-    if (!SpotFromSentence(Trim(line), spot) || !TimeOfSpot(spot, spot.received)) continue;
+    if (!SpotFromDayFileLine(line, spot) || !TimeOfSpot(spot, spot.received)) continue;
     upper = ToUpper(spot.comment());
     spot.ModeFlags = bands.BandBit(spot.FrequencyKHz) | ClassifyMode(upper);
     spot.IsBeacon = IsBeaconSpot(spot.dx_call(), upper);
@@ -106,10 +133,71 @@ std::vector<Spot> SpotHistory::ReadDay(SysTime day, const BandTable& bands) cons
 
 size_t SpotHistory::LoadToday(SysTime now, const BandTable& bands, Monitor* monitor) {
   if (monitor) monitor->Console("Loading DX Spots");
-  const std::vector<Spot> spots = ReadDay(now, bands);
-  for (const Spot& spot : spots) Keep(spot);
+  std::vector<Spot> spots = ReadDay(now, bands);
+  for (Spot& spot : spots) {
+    if (ids_ && spot.Id == 0) {
+      spot.Id = ids_->Next();
+    } else if (ids_) {
+      ids_->Observe(spot.Id);
+    }
+    Keep(spot);
+  }
   if (monitor) monitor->Console("   ... done");
   return spots.size();
+}
+
+uint64_t SpotHistory::last_id() const {
+  if (count_ == 0) return 0;
+  return ring_[(next_ + ring_.size() - 1) % ring_.size()].Id;
+}
+
+std::vector<Spot> SpotHistory::SpotsAfter(uint64_t after, size_t limit, SysTime now,
+                                          const BandTable& bands, bool& gap) const {
+  gap = false;
+  std::vector<Spot> out;
+  if (limit == 0) return out;
+  // Memory first: newest to oldest until the spot at or before `after` is met.
+  std::vector<const Spot*> found;
+  bool covered = false;
+  for (size_t i = 0; i < count_; ++i) {
+    const Spot& s = ring_[(next_ + ring_.size() - 1 - i) % ring_.size()];
+    if (s.Id == 0) continue;
+    if (s.Id <= after) {
+      covered = true;
+      break;
+    }
+    found.push_back(&s);
+  }
+  if (covered || after == 0) {
+    const size_t n = std::min(limit, found.size());
+    for (size_t i = 0; i < n; ++i) out.push_back(*found[found.size() - 1 - i]);
+    return out;
+  }
+  // Memory forgot some (the ring turned over, or the memory ceiling dropped the oldest): the
+  // day files keep every spot of yesterday and today.
+  std::vector<Spot> days = ReadDay(now - std::chrono::days(1), bands);
+  std::vector<Spot> today = ReadDay(now, bands);
+  days.insert(days.end(), std::make_move_iterator(today.begin()),
+              std::make_move_iterator(today.end()));
+  covered = false;
+  for (Spot& s : days) {
+    if (s.Id == 0) continue;
+    if (s.Id <= after) {
+      covered = true;
+      continue;
+    }
+    if (out.size() < limit) out.push_back(std::move(s));
+  }
+  if (!covered) {
+    gap = true;
+    // The files may not reach as far back as memory does (a day file lost, or none kept).
+    if (out.empty() || (!found.empty() && found.back()->Id < out.front().Id)) {
+      out.clear();
+      const size_t n = std::min(limit, found.size());
+      for (size_t i = 0; i < n; ++i) out.push_back(*found[found.size() - 1 - i]);
+    }
+  }
+  return out;
 }
 
 void SpotHistory::Clear() {

@@ -1,6 +1,11 @@
 // The spots of the recent past: the last `Maximum DX Spots` accepted spots in memory (a
-// ring), and the day's spot file data/dx/<date text>.txt with one sentence a line, appended
-// on every accepted spot and read back at start.  SH/DX asks it.
+// ring), and the day's spot file data/dx/<date text>.txt with one spot a line, appended
+// on every accepted spot and read back at start.  SH/DX asks it, and so do the JSON streams
+// that resume after the last spot a program saw.
+//
+// A line is the spot's sentence, preceded by "#<number> " when the spot has its node-wide
+// number.  Lines of older files have none: they get fresh numbers when today's file is
+// loaded.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +22,7 @@ namespace qx {
 
 class BandTable;
 class Monitor;
+class SpotIdCounter;
 
 struct SpotQuery {
   size_t count = 10;
@@ -43,6 +49,19 @@ class SpotHistory {
   // file holds more than the ring).
   // Band and mode bits are worked out again from frequency and comment.  Returns the count.
   size_t LoadToday(SysTime now, const BandTable& bands, Monitor* monitor);
+  // Where LoadToday numbers the spots of lines that carry no number (and tells the numbers
+  // it reads); null leaves them 0.
+  void set_ids(SpotIdCounter* ids) { ids_ = ids; }
+
+  // The numbered spots after `after`, oldest first, at most limit: from memory when it
+  // still holds the spot after `after`, else from the day files of `now` and the day before.
+  // `gap` is set when spots after `after` were forgotten (neither memory nor the files keep
+  // them); what is still kept is returned all the same.
+  std::vector<Spot> SpotsAfter(uint64_t after, size_t limit, SysTime now, const BandTable& bands,
+                               bool& gap) const;
+  // The number of the newest spot in memory, 0 when none.
+  uint64_t last_id() const;
+
   // Forgets every spot in memory (REBUILD reads today's file again afterwards).
   void Clear();
 
@@ -75,6 +94,12 @@ class SpotHistory {
   size_t next_ = 0;  // where the next spot goes
   size_t count_ = 0;
   std::filesystem::path dir_;
+  SpotIdCounter* ids_ = nullptr;
 };
+
+// The day-file line of a spot: "#<number> " (when numbered) and the sentence, no line end.
+std::string DayFileLine(const Spot& spot);
+// Reads a day-file line into spot (number, slots, frequency); false when unreadable.
+bool SpotFromDayFileLine(std::string_view line, Spot& spot);
 
 }  // namespace qx

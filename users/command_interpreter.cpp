@@ -218,6 +218,8 @@ constexpr SetEntry kSetTable[] = {
     {"NOLOCKOUTS", 10, SetKind::kListRemove, 0, {}, "LockOuts"},
     {"GRIDSQUARE", 4, SetKind::kSwitchOn, kSwGridSquare, "Grid square enabled"},
     {"NOGRIDSQUARE", 6, SetKind::kSwitchOff, kSwGridSquare, "Grid square disabled"},
+    {"JSON", 4, SetKind::kSwitchOn, kSwJson, "JSON output enabled"},
+    {"NOJSON", 6, SetKind::kSwitchOff, kSwJson, "JSON output disabled"},
 };
 
 const SetEntry* FindSetEntry(std::string_view word) {

@@ -464,7 +464,8 @@ std::string Login::PeriodStamp(SysTime t) {
 
 void Login::BuildPrompt(int stream) {
   StreamEntry& e = ctx_.streams.at(stream);
-  if (!e.IsUser()) return;
+  // A program reading JSON wants objects only; it knows when an answer is complete.
+  if (!e.IsUser() || e.session.Has(kSwJson)) return;
   const SysTime now = ctx_.clock.Now();
   const std::string stamp = PeriodStamp(now);
   int count = 0;

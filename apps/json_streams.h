@@ -1,0 +1,83 @@
+// Programs' JSON streams as the front-end hands them over: a WebSocket stream
+// ("ws:/stream?since=..&filter=..&call=..&password=..") gets a greeting, the spots it missed
+// since the number it names, then every new spot as it is accepted, and a heartbeat every
+// 30 s; an HTTP poll ("http:/spots?since=..&limit=..") gets one JSON array of spots and is
+// closed.  There is no log-in dialogue: a stream without call and password is anonymous and
+// read-only (spots only), one with them gets that user's stored filters; "Stream Requires
+// Login" refuses anonymous ones.  After a node restart a WebSocket stream is rebuilt from its
+// kind without replaying anything: the client stayed connected and missed nothing.
+// docs/json-stream.md has the protocol.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "core/time_text.h"
+#include "spots/spot.h"
+
+namespace qx {
+
+class AccessLists;
+class BandTable;
+class ErrorLog;
+class FilterBook;
+class SpotHistory;
+class StreamOutput;
+class StreamTable;
+class UserStore;
+struct StreamRequest;
+
+struct JsonStreamDeps {
+  StreamTable* streams = nullptr;
+  StreamOutput* out = nullptr;
+  FilterBook* filters = nullptr;
+  const UserStore* store = nullptr;
+  const AccessLists* access = nullptr;
+  const SpotHistory* history = nullptr;
+  const BandTable* bands = nullptr;
+  const Clock* clock = nullptr;
+  ErrorLog* log = nullptr;
+  // The spot's JSON object with its line end (the same text live distribution sends).
+  std::function<void(const Spot& spot, std::string& out)> spot_json;
+  // The number of the newest accepted spot.
+  std::function<uint64_t()> last_id;
+  std::string node_call;
+  std::string version;
+  bool require_login = false;  // "Stream Requires Login"
+};
+
+class JsonStreams {
+ public:
+  // Spots replayed to a resuming stream at most; an older start is reported as a gap.
+  static constexpr size_t kMaxReplay = 5000;
+
+  explicit JsonStreams(JsonStreamDeps deps);
+
+  // A new connection: true when its kind is a JSON stream (then it is served here).
+  bool OnConnectRequest(int stream);
+  // A stream reported back after a node restart: true when it is a JSON stream.
+  bool OnRecovered(int stream);
+  // A line a program sent (a WebSocket text message).
+  void OnLine(int stream, std::string_view line);
+  // Every 30 s: a heartbeat to every JSON stream and to every user in JSON mode.
+  void Heartbeat();
+
+  void set_require_login(bool on) { deps_.require_login = on; }
+
+ private:
+  bool Open(int stream, bool recovered);
+  // Authenticates and loads settings and filters; false (after telling the client) when the
+  // request cannot be served.
+  bool Admit(int stream, const StreamRequest& request, bool recovered);
+  void Refuse(int stream, bool poll, int status, std::string_view text);
+  void Replay(int stream, const StreamRequest& request);
+  void AnswerPoll(int stream, const StreamRequest& request);
+  // The kept spots after `after` that the stream's switches and filters let through.
+  std::vector<Spot> Wanted(int stream, uint64_t after, bool& gap) const;
+
+  JsonStreamDeps deps_;
+};
+
+}  // namespace qx
