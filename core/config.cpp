@@ -159,6 +159,8 @@ const std::vector<KeyEntry>& KeyTable() {
       {EntryKind::kSingle, "Max Connections Per Address", "20"},
       {EntryKind::kSingle, "Max Connects Per Minute", "10"},
       {EntryKind::kSingle, "Login Timeout", "180"},
+      // Threads the front-end spreads its connections' sockets over; 0: one per core.
+      {EntryKind::kSingle, "Frontend Threads", "0"},
       // Propagation reports: where "Get WWV" fetches from, and the calls besides the sysops
       // that may enter WWV (","-joined).
       {EntryKind::kSingle, "WWV URL", "https://services.swpc.noaa.gov/text/wwv.txt"},

@@ -83,6 +83,12 @@ FrontendSettingsResult ParseFrontendSettings(std::string_view text) {
   ReadCount(config, "Max Connections Per Address", s.max_per_address, result.warnings);
   ReadCount(config, "Max Connects Per Minute", s.max_connects_per_minute, result.warnings);
   ReadCount(config, "Login Timeout", s.login_timeout_seconds, result.warnings);
+  ReadCount(config, "Frontend Threads", s.threads, result.warnings);
+  if (s.threads > kMaxFrontendThreads) {
+    result.warnings.push_back("Frontend Threads: at most " + std::to_string(kMaxFrontendThreads) +
+                              " are used");
+    s.threads = kMaxFrontendThreads;
+  }
   return result;
 }
 

@@ -14,6 +14,8 @@ namespace qx {
 // Port indexes 0..8 are the configured listening ports; 9 marks an outgoing connection.
 inline constexpr int kMaxFrontendPorts = 9;
 inline constexpr int kOutgoingPortIndex = 9;
+// More I/O threads than this only add switching: one thread fills a core with socket sends.
+inline constexpr int kMaxFrontendThreads = 64;
 
 struct FrontendSettings {
   std::string link_ip = "127.0.0.1";  // "Winsock IP"
@@ -25,6 +27,8 @@ struct FrontendSettings {
   int max_per_address = 20;          // "Max Connections Per Address": held from one address
   int max_connects_per_minute = 10;  // "Max Connects Per Minute": new ones from one address
   int login_timeout_seconds = 180;   // "Login Timeout": until the node names the caller
+  // "Frontend Threads": threads that own the connections' sockets; 0: one per core.
+  int threads = 0;
 };
 
 struct FrontendSettingsResult {
