@@ -10,10 +10,10 @@
 // The node link, the listeners and the stream table live on the thread that runs the given
 // io_context; the connections' sockets are spread over I/O threads (the first of them is that
 // same thread), so that the kernel's work of sending every spot to thousands of sockets uses
-// every core.  Output for a connection is gathered in one buffer that is swapped out whole for each socket write, so however many messages wait for a
-// socket they go out in one write, and a slow reader only ever fills its own bounded buffer
-// (and is told when its output is being dropped).  Floods of connections are refused before
-// they cost more than an accept and one line.
+// every core.  Output for a connection is gathered in one buffer that is swapped out whole for each
+// socket write, so however many messages wait for a socket they go out in one write, and a slow
+// reader only ever fills its own bounded buffer (and is told when its output is being dropped).
+// Floods of connections are refused before they cost more than an accept and one line.
 #pragma once
 
 #include <boost/asio/io_context.hpp>

@@ -141,7 +141,7 @@ struct Worker {
   std::unique_ptr<asio::executor_work_guard<asio::io_context::executor_type>> guard;
 
   // Link thread only.
-  size_t connections = 0;        // for handing a new connection to the least loaded thread
+  size_t connections = 0;                 // for handing a new connection to the least loaded thread
   HandOffBatch<ConnectionPtr> to_worker;  // gathered until the link thread's flush
   // Published by the link thread, taken by this thread.
   Mailbox<ConnectionPtr> inbox;

@@ -142,8 +142,7 @@ void FrontendServer::Impl::ToLink(Worker& w, const ConnectionPtr& c, HandOff op,
   ScheduleWorkerFlush(w);  // the batch is published with this thread's flush
 }
 
-void FrontendServer::Impl::ApplyOnLink(const ConnectionPtr& c, HandOff op,
-                                       std::string_view text) {
+void FrontendServer::Impl::ApplyOnLink(const ConnectionPtr& c, HandOff op, std::string_view text) {
   switch (op) {
     case HandOff::kInput:
       // The node let go of a connection asked to close: what it still sends goes nowhere.

@@ -252,12 +252,14 @@ TEST_P(FrontendLinkTest, InterleavedTextKeepsItsOrderOnEveryConnection) {
   for (int i = 0; i < kClients; ++i) ASSERT_TRUE(clients[i]->SendLine("hi " + std::to_string(i)));
   for (int i = 0; i < kClients; ++i) {
     const std::string s = std::to_string(i + 1);
-    EXPECT_EQ(WaitRecord(node, "AA00^" + s + "^"), "AA00^" + s + "^hi " + std::to_string(i) + "\r\n");
+    EXPECT_EQ(WaitRecord(node, "AA00^" + s + "^"),
+              "AA00^" + s + "^hi " + std::to_string(i) + "\r\n");
   }
   for (auto& c : clients) c->Close();
   for (int i = 0; i < kClients; ++i) {
     const std::string s = std::to_string(i + 1);
-    EXPECT_EQ(WaitRecord(node, "AA17^" + tags[i] + "^"), "AA17^" + tags[i] + "^" + s + "^closed by peer");
+    EXPECT_EQ(WaitRecord(node, "AA17^" + tags[i] + "^"),
+              "AA17^" + tags[i] + "^" + s + "^closed by peer");
   }
   EXPECT_NE(testing::ReadFile(dir_ / "qxfront.out")
                 .find("spread over " + std::to_string(GetParam()) + " I/O thread"),

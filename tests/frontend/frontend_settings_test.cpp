@@ -33,9 +33,9 @@ TEST(FrontendSettingsTest, ConnectionLimitsAreReadAndZeroTurnsOneOff) {
   EXPECT_EQ(r.settings.max_per_address, 0);
   EXPECT_EQ(r.settings.max_connects_per_minute, 3);
   EXPECT_EQ(r.settings.login_timeout_seconds, 180);
-  EXPECT_EQ(r.warnings, (std::vector<std::string>{
-                            "Login Timeout \"-5\" is not a whole number from 0 up",
-                            "Frontend Threads: at most 64 are used"}));
+  EXPECT_EQ(r.warnings,
+            (std::vector<std::string>{"Login Timeout \"-5\" is not a whole number from 0 up",
+                                      "Frontend Threads: at most 64 are used"}));
 }
 
 // Keys are compared exactly, as the node compares them: a key in other letters is not the key.
