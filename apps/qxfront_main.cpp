@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "core/file_util.h"
 #include "core/link_secret.h"
@@ -25,19 +26,21 @@
 namespace {
 
 constexpr std::string_view kUsage =
-    "Usage: qxfront --home DIR [--output-limit BYTES] [TEST TIMES]\n"
+    "Usage: qxfront --home DIR [--output-limit BYTES] [--threads N] [TEST TIMES]\n"
     "       qxfront --version | --help\n"
     "\n"
     "Reads DIR/cluster.cfg (keys \"Winsock IP\", \"Winsock Port\", \"Frontend Ports\",\n"
     "\"Station Text\", \"Max Connections\", \"Max Connections Per Address\",\n"
     "\"Max Connects Per Minute\", \"Login Timeout\", \"WebSocket Port\",\n"
-    "\"WebSocket Max Per Address\"), waits for the node's link on Winsock IP:Port, accepts\n"
-    "users and nodes on every Frontend Ports port and programs (WebSocket /stream, HTTP\n"
-    "/spots) on the WebSocket Port.  Only a node\n"
-    "that proves it knows the secret in DIR/link.key (made by whichever of qxfront and\n"
-    "qxcluster starts first) gets the link.\n"
+    "\"WebSocket Max Per Address\", \"Frontend Threads\"), waits for the node's link on\n"
+    "Winsock IP:Port, accepts users and nodes on every Frontend Ports port and programs\n"
+    "(WebSocket /stream, HTTP /spots) on the WebSocket Port.  Only a node that proves it\n"
+    "knows the secret in DIR/link.key (made by whichever of qxfront and qxcluster starts\n"
+    "first) gets the link.\n"
     "  --output-limit BYTES  output queued for one connection before its reader is told\n"
     "                        that output is dropped (default 1048576)\n"
+    "  --threads N           threads that own the connections' sockets, instead of\n"
+    "                        Frontend Threads (default: one per core)\n"
     "Times in milliseconds, for tests:\n"
     "  --login-timeout-ms MS    instead of Login Timeout\n"
     "  --connect-window-ms MS   the window of Max Connects Per Minute (60000)\n"
@@ -70,6 +73,7 @@ void RaiseDescriptorLimit() {
 int main(int argc, char** argv) {
   std::string home;
   long long output_limit = 0;
+  long long threads = 0;
   struct TimeOption {
     std::string_view flag;
     long long ms = -1;
@@ -90,6 +94,9 @@ int main(int argc, char** argv) {
       home = argv[++i];
     } else if (arg == "--output-limit" && i + 1 < argc && qx::ParseInt(argv[i + 1], output_limit) &&
                output_limit > 0) {
+      ++i;
+    } else if (arg == "--threads" && i + 1 < argc && qx::ParseInt(argv[i + 1], threads) &&
+               threads > 0 && threads <= qx::kMaxFrontendThreads) {
       ++i;
     } else if (TimeOption* t = std::find_if(std::begin(times), std::end(times),
                                             [&](const TimeOption& o) { return o.flag == arg; });
@@ -116,6 +123,10 @@ int main(int argc, char** argv) {
   qx::FrontendOptions options;
   options.settings = std::move(read.settings);
   if (output_limit > 0) options.output_limit = static_cast<size_t>(output_limit);
+  // Each thread sends to its own share of the sockets; beyond the cores they only take turns.
+  if (threads == 0) threads = options.settings.threads;
+  if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+  options.threads = static_cast<int>(std::min<long long>(threads, qx::kMaxFrontendThreads));
   qx::LinkSecret secret = qx::LoadOrCreateLinkSecret(home);
   for (const auto& note : secret.notes) qx::FrontLog(note);
   if (!secret.usable()) qx::FrontLogError("Link secret: " + secret.error);

@@ -167,6 +167,8 @@ const std::vector<KeyEntry>& KeyTable() {
       // The front-end's listener for programs (JSON over WebSocket and HTTP); 0: none.
       {EntryKind::kSingle, "WebSocket Port", "0"},
       {EntryKind::kSingle, "WebSocket Max Per Address", "4"},
+      // Threads the front-end spreads its connections' sockets over; 0: one per core.
+      {EntryKind::kSingle, "Frontend Threads", "0"},
       // Propagation reports: where "Get WWV" fetches from, and the calls besides the sysops
       // that may enter WWV (","-joined).
       {EntryKind::kSingle, "WWV URL", "https://services.swpc.noaa.gov/text/wwv.txt"},

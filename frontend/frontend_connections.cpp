@@ -1,5 +1,7 @@
 // User connections and outgoing ones: reading and assembling lines, the bounded output queue
 // with its slow-reader handling, the log-in clock, and closing gently.
+#include <unistd.h>
+
 #include <boost/asio/connect.hpp>
 #include <string>
 #include <utility>
@@ -22,6 +24,9 @@ std::string DurationText(std::chrono::milliseconds d) {
 
 }  // namespace
 
+// ---------------------------------------------------------------------------------------
+// The link thread's side of a connection
+
 void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std::string kind,
                                          std::string limited_address,
                                          std::shared_ptr<WebSession> web) {
@@ -34,10 +39,31 @@ void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std
     if (web) WebGone(*web);
     return;
   }
+  // WebSocket and poll clients stay on the link thread: their sessions share the web limits
+  // and counters, which only that thread touches, and they are few beside the users.
+  Worker& w = web ? *workers_.front() : LeastLoaded();
+  if (!w.on_link_thread) {
+    // The socket moves to the thread's own context; the descriptor stays the same.
+    const auto protocol = remote.protocol();
+    const auto fd = socket.release(ec);
+    tcp::socket moved(*w.io);
+    if (!ec) {
+      moved.assign(protocol, fd, ec);
+      if (ec) ::close(fd);
+    }
+    socket = std::move(moved);
+    if (ec) {
+      FrontLogError("Cannot hand " + PeerText(remote) + " to I/O thread " +
+                    std::to_string(w.index) + ": " + ec.message());
+      socket.close(ec);
+      if (!limited_address.empty()) limits_.Closed(limited_address);
+      return;
+    }
+  }
   socket.set_option(tcp::no_delay(true), ec);
   socket.non_blocking(true, ec);
 
-  auto c = std::make_shared<Connection>(io_, std::move(socket), options_.output_limit);
+  auto c = std::make_shared<Connection>(io_, w, *w.io, std::move(socket), options_.output_limit);
   c->limited_address = std::move(limited_address);
   // The node itself asked for an outgoing one; programs on the web port never log in.
   c->identified = port_index == kOutgoingPortIndex || port_index == kWebPortIndex;
@@ -50,10 +76,12 @@ void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std
   c->held = HeldInput(options_.hold_limit);
   if (by_stream_.size() <= static_cast<size_t>(c->stream)) by_stream_.resize(c->stream + 1);
   by_stream_[c->stream] = c;
+  ++w.connections;
   ++counters.accepted;
 
   FrontLog("Stream " + std::to_string(c->stream) + " open: " + c->peer + " " + c->kind +
-           " port index " + std::to_string(port_index) + " tag " + std::to_string(c->tag));
+           " port index " + std::to_string(port_index) + " tag " + std::to_string(c->tag) +
+           (workers_.size() > 1 ? " thread " + std::to_string(w.index) : std::string()));
   if (LinkReady()) {
     AppendConnectRequest(link_->queued, c->stream, c->peer, c->tag, c->kind, c->port_index);
     c->announced_session = link_->session;
@@ -61,21 +89,104 @@ void FrontendServer::Impl::AddConnection(tcp::socket socket, int port_index, std
     StartLoginClock(c);
   }
   if (c->web) StartWebSession(c);
-  StartRead(c);
+  ToWorker(c, HandOff::kStart);
 }
+
+void FrontendServer::Impl::ForwardInput(const ConnectionPtr& c, std::string_view data) {
+  if (LinkReady() && c->announced_session == link_->session) {
+    AppendStreamData(link_->queued, c->stream, data);
+    CheckLinkBacklog();
+    ScheduleFlush();
+  } else {
+    c->held.Append(data);
+  }
+}
+
+void FrontendServer::Impl::AskToClose(const ConnectionPtr& c, std::string reason) {
+  if (c->gone || c->close_requested) return;
+  c->close_requested = true;
+  PauseLoginClock(c);
+  ToWorker(c, HandOff::kClose, reason);
+}
+
+void FrontendServer::Impl::StartLoginClock(const ConnectionPtr& c) {
+  if (c->identified || c->login_counting || c->close_requested || c->gone ||
+      options_.login_timeout.count() <= 0) {
+    return;
+  }
+  c->login_counting = true;
+  c->login_since = std::chrono::steady_clock::now();
+  c->login_timer.expires_at(c->login_since + options_.login_timeout - c->login_waited);
+  c->login_timer.async_wait([this, c](error_code ec) {
+    if (ec || !c->login_counting || c->gone || c->close_requested) return;
+    c->login_counting = false;
+    if (ShouldLog(++counters.login_timeouts)) {
+      FrontLog("Stream " + std::to_string(c->stream) + ": no log-in within " +
+               DurationText(options_.login_timeout) + " (" + c->peer + ")");
+    }
+    ToWorker(c, HandOff::kText,
+             "No log-in within " + DurationText(options_.login_timeout) + "; disconnecting.\r\n");
+    AskToClose(c, "log-in timed out");
+  });
+}
+
+void FrontendServer::Impl::PauseLoginClock(const ConnectionPtr& c) {
+  if (!c->login_counting) return;
+  c->login_counting = false;
+  c->login_waited += std::chrono::steady_clock::now() - c->login_since;
+  c->login_timer.cancel();
+}
+
+void FrontendServer::Impl::OnConnectionClosed(const ConnectionPtr& c, std::string_view reason) {
+  if (c->gone) return;
+  c->gone = true;
+  c->login_timer.cancel();
+  c->login_counting = false;
+  c->held.Clear();
+  if (!c->limited_address.empty()) limits_.Closed(c->limited_address);
+  if (c->web) WebClosed(c);
+  --c->worker->connections;
+  ++counters.closed;
+  if (by_stream_[c->stream] == c) by_stream_[c->stream].reset();
+  numbers_.Release(c->stream);
+  FrontLog("Stream " + std::to_string(c->stream) + " closed: " + std::string(reason) + " (" +
+           c->peer + " tag " + std::to_string(c->tag) + ")");
+  if (link_ && c->announced_session == link_->session) {
+    AppendStreamClosed(link_->queued, c->tag, c->stream, reason);
+    ScheduleFlush();
+  }
+}
+
+ConnectionPtr FrontendServer::Impl::Find(int stream, uint64_t tag) const {
+  if (stream < 1 || static_cast<size_t>(stream) >= by_stream_.size()) return nullptr;
+  const ConnectionPtr& c = by_stream_[stream];
+  if (!c || c->gone || (tag != 0 && tag != c->tag)) return nullptr;
+  return c;
+}
+
+// ---------------------------------------------------------------------------------------
+// The I/O thread's side of a connection
 
 void FrontendServer::Impl::StartRead(const ConnectionPtr& c) {
   if (c->closed) return;
-  if (!c->closing && LinkReady() && LinkBacklog() > kLinkHighWater) {
+  if (!c->closing && link_congested_.load(std::memory_order_relaxed)) {
     if (!c->read_paused) {
       c->read_paused = true;
-      paused_.push_back(c);
+      c->worker->paused.push_back(c);
     }
     return;
   }
   c->read_paused = false;
   c->socket.async_read_some(asio::buffer(c->read_buf),
                             [this, c](error_code ec, size_t n) { OnRead(c, ec, n); });
+}
+
+void FrontendServer::Impl::ResumePausedReads(Worker& w) {
+  std::vector<ConnectionPtr> paused;
+  paused.swap(w.paused);
+  for (const auto& c : paused) {
+    if (c->read_paused) StartRead(c);
+  }
 }
 
 void FrontendServer::Impl::OnRead(const ConnectionPtr& c, error_code ec, size_t n) {
@@ -97,26 +208,18 @@ void FrontendServer::Impl::OnRead(const ConnectionPtr& c, error_code ec, size_t 
     StartRead(c);
     return;
   }
-  lines_.clear();
-  reply_.clear();
-  c->assembler.Feed(std::string_view(c->read_buf.data(), n), lines_, reply_);
-  if (!reply_.empty()) QueueOutput(c, reply_);
+  Worker& w = *c->worker;
+  w.lines.clear();
+  w.reply.clear();
+  c->assembler.Feed(std::string_view(c->read_buf.data(), n), w.lines, w.reply);
+  if (!w.reply.empty()) QueueOutput(c, w.reply);
   if (c->closed) return;
-  if (!lines_.empty()) ForwardInput(c, lines_);
+  if (!w.lines.empty()) ToLink(w, c, HandOff::kInput, w.lines);
   if (c->assembler.has_partial()) {
     c->last_input = std::chrono::steady_clock::now();
     if (!c->partial_timer_armed) ArmPartialTimer(c, c->last_input + options_.partial_line_wait);
   }
   StartRead(c);
-}
-
-void FrontendServer::Impl::ForwardInput(const ConnectionPtr& c, std::string_view data) {
-  if (LinkReady() && c->announced_session == link_->session) {
-    AppendStreamData(link_->queued, c->stream, data);
-    ScheduleFlush();
-  } else {
-    c->held.Append(data);
-  }
 }
 
 void FrontendServer::Impl::ArmPartialTimer(const ConnectionPtr& c, SteadyTime deadline) {
@@ -131,9 +234,10 @@ void FrontendServer::Impl::ArmPartialTimer(const ConnectionPtr& c, SteadyTime de
       ArmPartialTimer(c, due);
       return;
     }
-    lines_.clear();
-    c->assembler.FlushPartial(lines_);
-    ForwardInput(c, lines_);
+    Worker& w = *c->worker;
+    w.lines.clear();
+    c->assembler.FlushPartial(w.lines);
+    ToLink(w, c, HandOff::kInput, w.lines);
   });
 }
 
@@ -152,10 +256,11 @@ void FrontendServer::Impl::QueueBytes(const ConnectionPtr& c, std::string_view t
     case OutputQueue::Added::kQueued:
       break;
     case OutputQueue::Added::kBehind: {
-      counters.dropped_lines += lines;
+      dropped_lines_.fetch_add(lines, std::memory_order_relaxed);
       // A reader on the edge may fall behind and catch up again and again: the counters
       // keep the tally, the log only the first few.
-      c->behind_logged = ShouldLog(++counters.slow_reader_episodes);
+      c->behind_logged =
+          ShouldLog(slow_reader_episodes_.fetch_add(1, std::memory_order_relaxed) + 1);
       if (c->behind_logged) {
         FrontLog("Stream " + std::to_string(c->stream) + " cannot keep up; its output is dropped " +
                  "until it catches up (" + c->peer + ")");
@@ -165,13 +270,13 @@ void FrontendServer::Impl::QueueBytes(const ConnectionPtr& c, std::string_view t
       break;
     }
     case OutputQueue::Added::kDropped:
-      counters.dropped_lines += lines;
+      dropped_lines_.fetch_add(lines, std::memory_order_relaxed);
       return;
   }
   if (!c->dirty && !c->write_active) {
     c->dirty = true;
-    dirty_.push_back(c);
-    ScheduleFlush();
+    c->worker->dirty.push_back(c);
+    ScheduleWorkerFlush(*c->worker);
   }
 }
 
@@ -213,37 +318,9 @@ void FrontendServer::Impl::WatchStall(const ConnectionPtr& c, SteadyTime deadlin
       WatchStall(c, due);
       return;
     }
-    ++counters.overflow_closes;
+    overflow_closes_.fetch_add(1, std::memory_order_relaxed);
     CloseConnection(c, "output overflow");
   });
-}
-
-void FrontendServer::Impl::StartLoginClock(const ConnectionPtr& c) {
-  if (c->identified || c->login_counting || c->closing || c->closed ||
-      options_.login_timeout.count() <= 0) {
-    return;
-  }
-  c->login_counting = true;
-  c->login_since = std::chrono::steady_clock::now();
-  c->login_timer.expires_at(c->login_since + options_.login_timeout - c->login_waited);
-  c->login_timer.async_wait([this, c](error_code ec) {
-    if (ec || !c->login_counting || c->closed || c->closing) return;
-    c->login_counting = false;
-    if (ShouldLog(++counters.login_timeouts)) {
-      FrontLog("Stream " + std::to_string(c->stream) + ": no log-in within " +
-               DurationText(options_.login_timeout) + " (" + c->peer + ")");
-    }
-    QueueOutput(
-        c, "No log-in within " + DurationText(options_.login_timeout) + "; disconnecting.\r\n");
-    RequestClose(c, "log-in timed out");
-  });
-}
-
-void FrontendServer::Impl::PauseLoginClock(const ConnectionPtr& c) {
-  if (!c->login_counting) return;
-  c->login_counting = false;
-  c->login_waited += std::chrono::steady_clock::now() - c->login_since;
-  c->login_timer.cancel();
 }
 
 void FrontendServer::Impl::RequestClose(const ConnectionPtr& c, std::string reason) {
@@ -252,7 +329,6 @@ void FrontendServer::Impl::RequestClose(const ConnectionPtr& c, std::string reas
   c->closing = true;
   c->close_reason = std::move(reason);
   c->partial_timer.cancel();
-  PauseLoginClock(c);
   if (!c->write_active && c->out.empty()) {
     Linger(c);
     return;
@@ -286,30 +362,10 @@ void FrontendServer::Impl::CloseConnection(const ConnectionPtr& c, std::string_v
   c->partial_timer.cancel();
   c->close_timer.cancel();
   c->stall_timer.cancel();
-  c->login_timer.cancel();
-  c->login_counting = false;
   error_code ec;
   c->socket.close(ec);
   c->out.Clear();
-  c->held.Clear();
-  if (!c->limited_address.empty()) limits_.Closed(c->limited_address);
-  if (c->web) WebClosed(c);
-  ++counters.closed;
-  if (by_stream_[c->stream] == c) by_stream_[c->stream].reset();
-  numbers_.Release(c->stream);
-  FrontLog("Stream " + std::to_string(c->stream) + " closed: " + std::string(reason) + " (" +
-           c->peer + " tag " + std::to_string(c->tag) + ")");
-  if (link_ && c->announced_session == link_->session) {
-    AppendStreamClosed(link_->queued, c->tag, c->stream, reason);
-    ScheduleFlush();
-  }
-}
-
-ConnectionPtr FrontendServer::Impl::Find(int stream, uint64_t tag) const {
-  if (stream < 1 || static_cast<size_t>(stream) >= by_stream_.size()) return nullptr;
-  const ConnectionPtr& c = by_stream_[stream];
-  if (!c || c->closed || (tag != 0 && tag != c->tag)) return nullptr;
-  return c;
+  ToLink(*c->worker, c, HandOff::kClosed, reason);
 }
 
 // ---------------------------------------------------------------------------------------

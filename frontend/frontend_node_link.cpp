@@ -120,7 +120,7 @@ void FrontendServer::Impl::HandleNodeMessage(const NodeLinkPtr& link, const Node
   switch (m.kind) {
     case NodeMessageKind::kSend: {
       ConnectionPtr c = Find(m.stream, m.tag);
-      if (!c || c->closing) {
+      if (!c || c->close_requested) {
         if (ShouldLog(++counters.stale_messages_dropped)) {
           FrontLog("Text for stream " + std::to_string(m.stream) + " tag " + std::to_string(m.tag) +
                    " dropped: no such connection (" +
@@ -128,14 +128,14 @@ void FrontendServer::Impl::HandleNodeMessage(const NodeLinkPtr& link, const Node
         }
         return;
       }
-      QueueOutput(c, m.text);
+      ToWorker(c, HandOff::kText, m.text);
       return;
     }
     case NodeMessageKind::kClose: {
       ConnectionPtr c = Find(m.stream, m.tag);
       if (c) {
         FrontLog("Stream " + std::to_string(m.stream) + ": the node asks to disconnect");
-        RequestClose(c, "disconnected by the node");
+        AskToClose(c, "disconnected by the node");
       }
       return;
     }
@@ -194,7 +194,7 @@ void FrontendServer::Impl::HandleNodeMessage(const NodeLinkPtr& link, const Node
 void FrontendServer::Impl::ReportStreams(const NodeLinkPtr& link) {
   std::vector<int> streams;
   for (const auto& c : by_stream_) {
-    if (c && !c->closed) streams.push_back(c->stream);
+    if (c && !c->gone) streams.push_back(c->stream);
   }
   AppendStreamList(link->queued, streams);
   for (int s : streams) {
@@ -300,7 +300,7 @@ void FrontendServer::Impl::CloseLink(const NodeLinkPtr& link, std::string_view r
   FrontLog("Node link closed: " + std::string(reason) + "; connections stay open");
   if (link_ == link) {
     link_.reset();
-    ResumePausedReads();
+    ResumeAllReads();
     // Only a node can name a caller, so without one the log-in time stands still.
     for (const auto& c : by_stream_) {
       if (c) PauseLoginClock(c);
@@ -327,15 +327,27 @@ void FrontendServer::Impl::StartLinkWrite(const NodeLinkPtr& link) {
     link->writing.clear();
     GiveBackIfLarge(link->writing);
     StartLinkWrite(link);
-    if (!paused_.empty() && LinkBacklog() < kLinkLowWater) ResumePausedReads();
+    if (link_congested_.load(std::memory_order_relaxed) && LinkBacklog() < kLinkLowWater) {
+      ResumeAllReads();
+    }
   });
 }
 
-void FrontendServer::Impl::ResumePausedReads() {
-  std::vector<ConnectionPtr> paused;
-  paused.swap(paused_);
-  for (const auto& c : paused) {
-    if (c->read_paused) StartRead(c);
+void FrontendServer::Impl::CheckLinkBacklog() {
+  if (!link_congested_.load(std::memory_order_relaxed) && LinkBacklog() > kLinkHighWater) {
+    link_congested_.store(true, std::memory_order_relaxed);
+  }
+}
+
+void FrontendServer::Impl::ResumeAllReads() {
+  if (!link_congested_.exchange(false, std::memory_order_relaxed)) return;
+  for (auto& w : workers_) {
+    if (w->on_link_thread) {
+      ResumePausedReads(*w);
+    } else {
+      w->to_worker.Add(nullptr, HandOff::kResume);
+      ScheduleFlush();
+    }
   }
 }
 
@@ -353,7 +365,7 @@ void FrontendServer::Impl::KeepAlive() {
 
 void FrontendServer::Impl::SendCounters() {
   if (!LinkReady()) return;
-  const FrontendCounters& n = counters;
+  const FrontendCounters n = Counters();
   const std::pair<std::string_view, uint64_t> values[] = {
       {"open_connections", numbers_.in_use()},
       {"connections_accepted_total", n.accepted},
@@ -401,15 +413,13 @@ void FrontendServer::Impl::ScheduleFlush() {
 void FrontendServer::Impl::Flush() {
   if (stopped_) return;
   if (link_) StartLinkWrite(link_);
-  std::vector<ConnectionPtr> dirty;
-  dirty.swap(dirty_);
-  for (const auto& c : dirty) {
-    c->dirty = false;
-    StartWrite(c);
+  for (auto& w : workers_) {
+    if (w->on_link_thread) {
+      FlushWorker(*w);
+    } else if (!w->to_worker.empty() && w->inbox.Publish(w->to_worker)) {
+      asio::post(*w->io, [this, w = w.get()] { DrainInbox(*w); });
+    }
   }
-  // Keep the list's capacity for the next round.
-  dirty.clear();
-  if (dirty_.empty()) dirty_.swap(dirty);
 }
 
 }  // namespace qx

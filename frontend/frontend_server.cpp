@@ -61,6 +61,7 @@ bool FrontendServer::Impl::Start() {
   if (!StartWeb()) return false;
 
   FitLimitToDescriptors();
+  StartWorkers();
   AcceptLink();
   for (size_t i = 0; i < user_acceptors_.size(); ++i) AcceptUsers(i);
   KeepAlive();
@@ -110,18 +111,7 @@ void FrontendServer::Impl::Stop() {
     l->socket.close(ec);
   }
   candidates_.clear();
-  for (auto& c : by_stream_) {
-    if (!c) continue;
-    c->closed = true;
-    c->partial_timer.cancel();
-    c->close_timer.cancel();
-    c->stall_timer.cancel();
-    c->login_timer.cancel();
-    c->socket.close(ec);
-  }
-  by_stream_.assign(1, nullptr);
-  dirty_.clear();
-  paused_.clear();
+  StopWorkers();
   FrontLog("Stopped");
 }
 
@@ -234,6 +224,6 @@ FrontendServer::~FrontendServer() { impl_->Stop(); }
 
 bool FrontendServer::Start() { return impl_->Start(); }
 void FrontendServer::Stop() { impl_->Stop(); }
-const FrontendCounters& FrontendServer::counters() const { return impl_->counters; }
+FrontendCounters FrontendServer::counters() const { return impl_->Counters(); }
 
 }  // namespace qx

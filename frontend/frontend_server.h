@@ -7,11 +7,13 @@
 // link port is a candidate that never touches the live link (and the users behind it) until
 // it has answered the challenge; strangers are refused and counted.
 //
-// Everything runs on the io_context's one thread.  Output for a connection is gathered in one
-// buffer that is swapped out whole for each socket write, so however many messages wait for a
-// socket they go out in one write, and a slow reader only ever fills its own bounded buffer
-// (and is told when its output is being dropped).  Floods of connections are refused before
-// they cost more than an accept and one line.
+// The node link, the listeners and the stream table live on the thread that runs the given
+// io_context; the connections' sockets are spread over I/O threads (the first of them is that
+// same thread), so that the kernel's work of sending every spot to thousands of sockets uses
+// every core.  Output for a connection is gathered in one buffer that is swapped out whole for each
+// socket write, so however many messages wait for a socket they go out in one write, and a slow
+// reader only ever fills its own bounded buffer (and is told when its output is being dropped).
+// Floods of connections are refused before they cost more than an accept and one line.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -28,6 +30,8 @@ namespace qx {
 struct FrontendOptions {
   FrontendSettings settings;
   std::string version = QX_VERSION;
+  // Threads that own connections' sockets, the link thread among them (at least 1).
+  int threads = 1;
   // Output queued for one connection; past it the reader is told that output is dropped.
   size_t output_limit = 1024 * 1024;
   size_t hold_limit = 64 * 1024;  // input held per stream while no node is connected
@@ -97,7 +101,8 @@ class FrontendServer {
   // Closes every socket; the io_context then runs out of work.
   void Stop();
 
-  const FrontendCounters& counters() const;
+  // A snapshot; call it on the io_context's thread.
+  FrontendCounters counters() const;
 
  private:
   class Impl;

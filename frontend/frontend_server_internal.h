@@ -6,9 +6,20 @@
 // admits and refuses; frontend_connections.cpp runs user connections and outgoing ones;
 // frontend_node_link.cpp runs the link to the node, the handshake that earns it, and the
 // output gathered for one write per socket.
+//
+// Threads.  The link thread (the io_context the server was made with) owns the node link, the
+// listeners, the limits, the stream table and everything the node is told or tells about a
+// stream: identity, attributes, held input, the log-in clock.  Each connection's socket,
+// output queue and input assembly belong to one I/O thread (a Worker); I/O thread 0 is the
+// link thread itself, so with one thread everything runs as a single loop.  The two sides
+// only ever talk through HandOff batches (hand_off.h): text and closes go to the socket's
+// thread, input and the news of a close come back, and for a connection on the link thread
+// itself the hand-off is a plain call.  The fields of Connection are marked by owner.
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -19,10 +30,12 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "frontend/connection_limits.h"
 #include "frontend/frontend_server.h"
+#include "frontend/hand_off.h"
 #include "frontend/input_filter.h"
 #include "frontend/node_messages.h"
 #include "frontend/output_queue.h"
@@ -61,43 +74,35 @@ inline std::string PeerText(const tcp::endpoint& ep) {
 // A few occurrences of a repeated fault are logged, then only every 10,000th.
 inline bool ShouldLog(uint64_t count) { return count <= 20 || count % 10000 == 0; }
 
-struct Connection {
-  Connection(asio::io_context& io, tcp::socket s, size_t output_limit)
-      : socket(std::move(s)),
-        partial_timer(io),
-        close_timer(io),
-        stall_timer(io),
-        login_timer(io),
-        out(output_limit) {}
+struct Worker;
 
+struct Connection {
+  Connection(asio::io_context& link_io, Worker& w, asio::io_context& worker_io, tcp::socket s,
+             size_t output_limit)
+      : worker(&w),
+        socket(std::move(s)),
+        partial_timer(worker_io),
+        close_timer(worker_io),
+        stall_timer(worker_io),
+        out(output_limit),
+        login_timer(link_io) {}
+
+  // Set before the connection is handed to its I/O thread, then only read.
+  Worker* worker;
+  int stream = 0;
+  uint64_t tag = 0;
+  std::string peer;
+
+  // The I/O thread's.
   tcp::socket socket;
   asio::steady_timer partial_timer;
   asio::steady_timer close_timer;
   asio::steady_timer stall_timer;  // runs while the reader is behind
-  asio::steady_timer login_timer;  // runs while the log-in time is counted
-  int stream = 0;
-  uint64_t tag = 0;
-  int port_index = 0;
-  std::string kind;
-  std::string peer;
-  std::string call;
-  int state = 0;
-  std::string attributes;  // the node's text for the stream, reported back in AA38
   InputAssembler assembler;
-  HeldInput held;
   OutputQueue out;
   std::string close_reason;
-  // The address an inbound connection is counted under by the limits; empty for outgoing.
-  std::string limited_address;
-  uint64_t announced_session = 0;  // link session that has been told about this stream
   SteadyTime last_input{};
   SteadyTime last_progress{};  // the last write that took bytes, or the start of falling behind
-  // Log-in time: counted only while a node link is ready, since only a node can name the
-  // caller.  waited is what was counted before login_since.
-  std::chrono::steady_clock::duration login_waited{};
-  SteadyTime login_since{};
-  bool login_counting = false;
-  bool identified = false;     // the node named the caller (or the connection is outgoing)
   bool behind_logged = false;  // the start of this reader's falling behind was logged
   bool write_active = false;
   bool dirty = false;  // has output and is listed for the next flush
@@ -109,8 +114,55 @@ struct Connection {
   std::array<char, 4096> read_buf;
   // Set for a WebSocket or HTTP-poll client: its bytes are framed, not lines.
   std::shared_ptr<WebSession> web;
+
+  // The link thread's.
+  asio::steady_timer login_timer;  // runs while the log-in time is counted
+  int port_index = 0;
+  std::string kind;
+  std::string call;
+  int state = 0;
+  std::string attributes;  // the node's text for the stream, reported back in AA38
+  HeldInput held;
+  // The address an inbound connection is counted under by the limits; empty for outgoing.
+  std::string limited_address;
+  uint64_t announced_session = 0;  // link session that has been told about this stream
+  // Log-in time: counted only while a node link is ready, since only a node can name the
+  // caller.  waited is what was counted before login_since.
+  std::chrono::steady_clock::duration login_waited{};
+  SteadyTime login_since{};
+  bool login_counting = false;
+  bool identified = false;       // the node named the caller (or the connection is outgoing)
+  bool close_requested = false;  // asked to close (by the node or the log-in clock)
+  bool gone = false;             // its I/O thread reported it closed
 };
 using ConnectionPtr = std::shared_ptr<Connection>;
+
+// One I/O thread: its io_context and what it shares with the link thread.
+struct Worker {
+  size_t index = 0;
+  // Held by every connection of the thread too, so that timers never outlive their context.
+  std::shared_ptr<asio::io_context> io;
+  bool on_link_thread = false;  // thread 0: hand-offs are plain calls
+  std::thread thread;
+  std::unique_ptr<asio::executor_work_guard<asio::io_context::executor_type>> guard;
+
+  // Link thread only.
+  size_t connections = 0;                 // for handing a new connection to the least loaded thread
+  HandOffBatch<ConnectionPtr> to_worker;  // gathered until the link thread's flush
+  // Published by the link thread, taken by this thread.
+  Mailbox<ConnectionPtr> inbox;
+  // Published by this thread, taken by the link thread.
+  Mailbox<ConnectionPtr> outbox;
+
+  // This thread only.
+  HandOffBatch<ConnectionPtr> to_link;  // gathered until this thread's flush
+  HandOffBatch<ConnectionPtr> taken;    // scratch for a drained inbox
+  std::vector<ConnectionPtr> dirty;
+  std::vector<ConnectionPtr> paused;
+  bool flush_scheduled = false;
+  std::string lines;  // scratch for one read's lines
+  std::string reply;  // scratch for one read's telnet answers
+};
 
 // A connection on the link port.  It starts as a candidate (proven false), kept apart from
 // the live link, and becomes the link only when it has proved that it knows the secret.
@@ -155,7 +207,8 @@ class FrontendServer::Impl {
 
   bool Start();
   void Stop();
-  FrontendCounters counters;
+  FrontendCounters Counters() const;
+  FrontendCounters counters;  // the link thread's; the I/O threads count in the atomics below
 
  private:
   // Listening.
@@ -170,24 +223,42 @@ class FrontendServer::Impl {
   bool Admit(tcp::socket& socket, std::string& address);
   void Refuse(tcp::socket& socket, const std::string& peer, Refusal refusal);
 
-  // Connections.
+  // I/O threads.
+  void StartWorkers();
+  void StopWorkers();
+  Worker& LeastLoaded();
+  // Link thread: work for c's I/O thread (done at once when that is the link thread).
+  void ToWorker(const ConnectionPtr& c, HandOff op, std::string_view text = {});
+  void ApplyOnWorker(Worker& w, const ConnectionPtr& c, HandOff op, std::string_view text);
+  void DrainInbox(Worker& w);
+  // I/O thread: news for the link thread (handled at once on the link thread itself).
+  void ToLink(Worker& w, const ConnectionPtr& c, HandOff op, std::string_view text = {});
+  void ApplyOnLink(const ConnectionPtr& c, HandOff op, std::string_view text);
+  void DrainOutbox(Worker& w);
+
+  // Connections, link thread side.
   void AddConnection(tcp::socket socket, int port_index, std::string kind,
                      std::string limited_address = {}, std::shared_ptr<WebSession> web = {});
+  void ForwardInput(const ConnectionPtr& c, std::string_view data);
+  void AskToClose(const ConnectionPtr& c, std::string reason);
+  void StartLoginClock(const ConnectionPtr& c);
+  void PauseLoginClock(const ConnectionPtr& c);
+  void OnConnectionClosed(const ConnectionPtr& c, std::string_view reason);
+  ConnectionPtr Find(int stream, uint64_t tag) const;
+
+  // Connections, I/O thread side.
   void StartRead(const ConnectionPtr& c);
   void OnRead(const ConnectionPtr& c, error_code ec, size_t n);
-  void ForwardInput(const ConnectionPtr& c, std::string_view data);
   void ArmPartialTimer(const ConnectionPtr& c, SteadyTime deadline);
   void QueueOutput(const ConnectionPtr& c, std::string_view text);
   // Bytes for the socket as they are; when dropped they count as lines.
   void QueueBytes(const ConnectionPtr& c, std::string_view bytes, uint64_t lines);
   void StartWrite(const ConnectionPtr& c);
   void WatchStall(const ConnectionPtr& c, SteadyTime deadline);
-  void StartLoginClock(const ConnectionPtr& c);
-  void PauseLoginClock(const ConnectionPtr& c);
   void RequestClose(const ConnectionPtr& c, std::string reason);
   void Linger(const ConnectionPtr& c);
   void CloseConnection(const ConnectionPtr& c, std::string_view reason);
-  ConnectionPtr Find(int stream, uint64_t tag) const;
+  void ResumePausedReads(Worker& w);
 
   // Outgoing connections.
   void OpenOutgoing(std::string_view host, int port, std::string_view label);
@@ -207,9 +278,10 @@ class FrontendServer::Impl {
   void CloseLink(const NodeLinkPtr& link, std::string_view reason);
   void StartLinkWrite(const NodeLinkPtr& link);
   bool LinkReady() const { return link_ && link_->ready; }
-  std::string* LinkOut() { return link_ ? &link_->queued : nullptr; }
   size_t LinkBacklog() const;
-  void ResumePausedReads();
+  // Reads pause while the link's backlog is high and start again once it has drained.
+  void CheckLinkBacklog();
+  void ResumeAllReads();
   void KeepAlive();
   void SendCounters();
   void CountersTimer();
@@ -217,6 +289,8 @@ class FrontendServer::Impl {
   // Output is gathered while handlers run and written once they are done.
   void ScheduleFlush();
   void Flush();
+  void ScheduleWorkerFlush(Worker& w);
+  void FlushWorker(Worker& w);
 
   // The listener for programs: WebSocket streams and HTTP polls (frontend_web.cpp).
   bool StartWeb();
@@ -238,6 +312,9 @@ class FrontendServer::Impl {
 
   asio::io_context& io_;
   FrontendOptions options_;
+  // Before every connection so that it is destroyed after them: their timers use its
+  // io_contexts.
+  std::vector<std::unique_ptr<Worker>> workers_;
   tcp::acceptor link_acceptor_;
   std::vector<std::unique_ptr<tcp::acceptor>> user_acceptors_;
   asio::steady_timer keep_alive_timer_;
@@ -256,12 +333,15 @@ class FrontendServer::Impl {
                                     std::chrono::system_clock::now().time_since_epoch())
                                     .count())
                        << 10;
-  std::vector<ConnectionPtr> dirty_;
-  std::vector<ConnectionPtr> paused_;
+  HandOffBatch<ConnectionPtr> link_taken_;  // scratch for a drained outbox
   bool flush_scheduled_ = false;
-  bool stopped_ = false;
-  std::string lines_;  // scratch for one read's lines
-  std::string reply_;  // scratch for one read's telnet answers
+  std::atomic<bool> stopped_{false};
+  // Set by the link thread while its backlog is high; I/O threads then pause reads.
+  std::atomic<bool> link_congested_{false};
+  // Counted by the I/O threads.
+  std::atomic<uint64_t> overflow_closes_{0};
+  std::atomic<uint64_t> slow_reader_episodes_{0};
+  std::atomic<uint64_t> dropped_lines_{0};
 
   std::unique_ptr<tcp::acceptor> web_acceptor_;
   std::vector<std::shared_ptr<WebPending>> web_pending_;  // requests whose head is awaited

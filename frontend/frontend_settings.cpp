@@ -96,6 +96,12 @@ FrontendSettingsResult ParseFrontendSettings(std::string_view text) {
   if (!config.Get("WebSocket Max Per Address").empty()) {
     ReadCount(config, "WebSocket Max Per Address", s.websocket_per_address, result.warnings);
   }
+  ReadCount(config, "Frontend Threads", s.threads, result.warnings);
+  if (s.threads > kMaxFrontendThreads) {
+    result.warnings.push_back("Frontend Threads: at most " + std::to_string(kMaxFrontendThreads) +
+                              " are used");
+    s.threads = kMaxFrontendThreads;
+  }
   return result;
 }
 

@@ -16,6 +16,8 @@ inline constexpr int kMaxFrontendPorts = 9;
 inline constexpr int kOutgoingPortIndex = 9;
 // The WebSocket and HTTP-poll listener's streams (one listener, so one index).
 inline constexpr int kWebPortIndex = 10;
+// More I/O threads than this only add switching: one thread fills a core with socket sends.
+inline constexpr int kMaxFrontendThreads = 64;
 
 struct FrontendSettings {
   std::string link_ip = "127.0.0.1";  // "Winsock IP"
@@ -30,6 +32,8 @@ struct FrontendSettings {
   // The listener for programs (WebSocket stream and HTTP poll); 0: none.
   int websocket_port = 0;         // "WebSocket Port"
   int websocket_per_address = 4;  // "WebSocket Max Per Address": streams from one address
+  // "Frontend Threads": threads that own the connections' sockets; 0: one per core.
+  int threads = 0;
 };
 
 struct FrontendSettingsResult {

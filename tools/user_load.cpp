@@ -5,7 +5,7 @@
 //
 //   user_load --home DIR --qxcluster PATH --qxfront PATH [--users 1000] [--spots 500]
 //             [--rate 0 | --rates 50,100,200] [--window 1] [--login-window 100]
-//             [--keep-going]
+//             [--keep-going] [--front-threads N]
 //
 // --rate R sends the spots at R per second (open loop: a spot is due at t0 + k/R whether or
 // not the earlier ones have arrived).  --rate 0 sends the next spot as soon as fewer than
@@ -17,6 +17,8 @@
 // of the asked rate, the median delay of the last quarter of the spots is at most 1.5 times
 // that of the first quarter plus 2 ms, and p99 is at most 3 times the first stage's p99
 // plus 5 ms.
+//
+// --front-threads N sets the front-end's "Frontend Threads" (default: one per core).
 //
 // The programs are always stopped at the end, also after an error or SIGINT.
 #include <sys/epoll.h>
@@ -44,6 +46,7 @@ struct Options {
   int window = 1;
   int login_window = 100;
   bool keep_going = false;
+  int front_threads = 0;  // "Frontend Threads" for the front-end; 0: its default
 };
 
 // The children, for their CPU figures.
@@ -307,9 +310,12 @@ Options ParseOptions(int argc, char** argv) {
       o.login_window = std::max(1, args.Int());
     } else if (args.Is("--keep-going")) {
       o.keep_going = true;
+    } else if (args.Is("--front-threads")) {
+      o.front_threads = std::max(0, args.Int());
     } else {
       args.Unknown(std::string(ProgramPaths::kFlags) +
-                   " --users --spots --rate --rates --window --login-window --keep-going");
+                   " --users --spots --rate --rates --window --login-window --keep-going"
+                   " --front-threads");
     }
   }
   o.paths.Finish();
@@ -348,8 +354,11 @@ int main(int argc, char** argv) {
   const int link_port = FreePort();
   const int user_port = FreePort();
   const int console_port = FreePort();
-  PrepareHome(opt.paths.home, opt.paths.cty,
-              SiteConfig("XX0QX-1", link_port, user_port, console_port) + kNoSpotLimits);
+  PrepareHome(
+      opt.paths.home, opt.paths.cty,
+      SiteConfig("XX0QX-1", link_port, user_port, console_port) + kNoSpotLimits +
+          (opt.front_threads > 0 ? "Frontend Threads^" + std::to_string(opt.front_threads) + "\r\n"
+                                 : std::string()));
 
   std::printf("user_load: %d users, %d spots per stage, open-file limit %llu, load %s\n", opt.users,
               opt.spots, (unsigned long long)files, LoadAverage().c_str());

@@ -73,7 +73,8 @@ int LocalPort(const LineClient& c) {
   return ntohs(addr.sin_port);
 }
 
-class FrontendLinkTest : public ::testing::Test {
+// Every case runs with the connections on the link thread alone and spread over two threads.
+class FrontendLinkTest : public ::testing::TestWithParam<int> {
  protected:
   // The secret is made before the front-end starts, which then reads the same file.
   FrontendLinkTest() : key_(LoadOrCreateLinkSecret(dir_.path()).key) {}
@@ -86,6 +87,7 @@ class FrontendLinkTest : public ::testing::Test {
                        "Winsock IP^127.0.0.1\r\nWinsock Port^" + std::to_string(link_port_) +
                            "\r\nFrontend Ports^" + std::to_string(user_port_) + "," +
                            std::to_string(user_port2_) + "\r\nStation Text^GB7QX test\r\n" +
+                           "Frontend Threads^" + std::to_string(GetParam()) + "\r\n" +
                            std::string(extra_cfg));
     std::vector<std::string> args{"--home", dir_.path().string()};
     args.insert(args.end(), extra.begin(), extra.end());
@@ -146,7 +148,7 @@ class FrontendLinkTest : public ::testing::Test {
   std::unique_ptr<ChildProcess> front_;
 };
 
-TEST_F(FrontendLinkTest, UserPortsTakeIpv6AndIpv4Alike) {
+TEST_P(FrontendLinkTest, UserPortsTakeIpv6AndIpv4Alike) {
   if (!testing::HasIpv6Loopback()) GTEST_SKIP() << "no IPv6 loopback on this machine";
   StartFront();
   LineClient node, v4, v6;
@@ -165,7 +167,7 @@ TEST_F(FrontendLinkTest, UserPortsTakeIpv6AndIpv4Alike) {
   EXPECT_FALSE(WaitRecord(node, "AA00^2^hello").empty());
 }
 
-TEST_F(FrontendLinkTest, VersionAndHelpPrintAndExit) {
+TEST_P(FrontendLinkTest, VersionAndHelpPrintAndExit) {
   ChildProcess version(QX_FRONT_BIN, {"--version"}, dir_.path(), "version");
   ASSERT_TRUE(testing::WaitFor([&] { return !version.Running(); }));
   EXPECT_EQ(version.Output(), std::string("qxfront ") + QX_VERSION + "\n");
@@ -174,7 +176,7 @@ TEST_F(FrontendLinkTest, VersionAndHelpPrintAndExit) {
   EXPECT_NE(help.Output().find("--home DIR"), std::string::npos);
 }
 
-TEST_F(FrontendLinkTest, ClientsAndNodeExchangeText) {
+TEST_P(FrontendLinkTest, ClientsAndNodeExchangeText) {
   StartFront();
   LineClient node, alice, bob;
   EXPECT_EQ(ConnectNode(node), "AA01^0^");
@@ -219,7 +221,52 @@ TEST_F(FrontendLinkTest, ClientsAndNodeExchangeText) {
   EXPECT_EQ(alice.received().find("stale"), std::string::npos);
 }
 
-TEST_F(FrontendLinkTest, ClosesAreReportedAndStreamNumbersReused) {
+// Node text for many connections, interleaved in bursts, reaches each one whole and in
+// order whichever thread owns it; input and closes come back for every stream.
+TEST_P(FrontendLinkTest, InterleavedTextKeepsItsOrderOnEveryConnection) {
+  StartFront();
+  LineClient node;
+  ConnectNode(node);
+  constexpr int kClients = 6;
+  constexpr int kLines = 300;
+  std::vector<std::unique_ptr<LineClient>> clients;
+  std::vector<std::string> tags;
+  for (int i = 0; i < kClients; ++i) {
+    clients.push_back(std::make_unique<LineClient>());
+    tags.push_back(Field(ConnectClient(node, *clients.back(), user_port_), 4));
+  }
+  std::string burst;
+  for (int n = 0; n < kLines; ++n) {
+    for (int i = 0; i < kClients; ++i) {
+      burst += Message({"0", std::to_string(i + 1), "line " + std::to_string(n) + "\r\n", tags[i]});
+    }
+  }
+  ASSERT_TRUE(node.Send(burst));
+  std::string expected;
+  for (int n = 0; n < kLines; ++n) expected += "line " + std::to_string(n) + "\r\n";
+  for (auto& c : clients) {
+    ASSERT_TRUE(c->ReadUntil("line " + std::to_string(kLines - 1) + "\r\n"));
+    EXPECT_EQ(c->received(), expected);
+  }
+  node.ClearReceived();
+  for (int i = 0; i < kClients; ++i) ASSERT_TRUE(clients[i]->SendLine("hi " + std::to_string(i)));
+  for (int i = 0; i < kClients; ++i) {
+    const std::string s = std::to_string(i + 1);
+    EXPECT_EQ(WaitRecord(node, "AA00^" + s + "^"),
+              "AA00^" + s + "^hi " + std::to_string(i) + "\r\n");
+  }
+  for (auto& c : clients) c->Close();
+  for (int i = 0; i < kClients; ++i) {
+    const std::string s = std::to_string(i + 1);
+    EXPECT_EQ(WaitRecord(node, "AA17^" + tags[i] + "^"),
+              "AA17^" + tags[i] + "^" + s + "^closed by peer");
+  }
+  EXPECT_NE(testing::ReadFile(dir_ / "qxfront.out")
+                .find("spread over " + std::to_string(GetParam()) + " I/O thread"),
+            std::string::npos);
+}
+
+TEST_P(FrontendLinkTest, ClosesAreReportedAndStreamNumbersReused) {
   StartFront();
   LineClient node;
   ConnectNode(node);
@@ -246,7 +293,7 @@ TEST_F(FrontendLinkTest, ClosesAreReportedAndStreamNumbersReused) {
   EXPECT_EQ(WaitRecord(node, "AA17^"), "AA17^" + Field(r2, 4) + "^2^disconnected by the node");
 }
 
-TEST_F(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
+TEST_P(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
   StartFront();
   auto node = std::make_unique<LineClient>();
   ConnectNode(*node);
@@ -291,7 +338,7 @@ TEST_F(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
   ASSERT_TRUE(client.ReadUntil("still here\r\n"));
 }
 
-TEST_F(FrontendLinkTest, InputHeldWithoutANodeIsBounded) {
+TEST_P(FrontendLinkTest, InputHeldWithoutANodeIsBounded) {
   StartFront();
   LineClient client;
   ASSERT_TRUE(client.Connect(user_port_));
@@ -312,7 +359,7 @@ TEST_F(FrontendLinkTest, InputHeldWithoutANodeIsBounded) {
   EXPECT_TRUE(held.ends_with("line 1999 " + std::string(40, 'x') + "\r\n"));
 }
 
-TEST_F(FrontendLinkTest, OnlyANodeThatProvesItselfReplacesTheLink) {
+TEST_P(FrontendLinkTest, OnlyANodeThatProvesItselfReplacesTheLink) {
   StartFront();
   LineClient node1, client;
   ConnectNode(node1);
@@ -351,7 +398,7 @@ TEST_F(FrontendLinkTest, OnlyANodeThatProvesItselfReplacesTheLink) {
             std::string::npos);
 }
 
-TEST_F(FrontendLinkTest, CandidatesAreBoundedAndAFrontEndWithoutASecretRefusesAll) {
+TEST_P(FrontendLinkTest, CandidatesAreBoundedAndAFrontEndWithoutASecretRefusesAll) {
   StartFront();
   std::vector<std::unique_ptr<LineClient>> waiting;
   for (int i = 0; i < 8; ++i) {
@@ -380,7 +427,7 @@ TEST_F(FrontendLinkTest, CandidatesAreBoundedAndAFrontEndWithoutASecretRefusesAl
   EXPECT_TRUE(ErrorLogHas("this front-end has no usable link secret"));
 }
 
-TEST_F(FrontendLinkTest, SlowReadersAreToldOfDropsAndOnlyStalledOnesClosed) {
+TEST_P(FrontendLinkTest, SlowReadersAreToldOfDropsAndOnlyStalledOnesClosed) {
   StartFront({"--output-limit", "65536", "--stall-timeout-ms", "1000"});
   LineClient node, slow, stalled, fast;
   ConnectNode(node);
@@ -452,7 +499,7 @@ TEST_F(FrontendLinkTest, SlowReadersAreToldOfDropsAndOnlyStalledOnesClosed) {
   EXPECT_TRUE(WaitRecord(node, "AA17^" + slow_tag, 100ms).empty());
 }
 
-TEST_F(FrontendLinkTest, ConnectionsPastALimitAreToldWhyAndNeverReachTheNode) {
+TEST_P(FrontendLinkTest, ConnectionsPastALimitAreToldWhyAndNeverReachTheNode) {
   StartFront({"--counters-every-ms", "100"},
              "Max Connections Per Address^2\r\nMax Connects Per Minute^0\r\n");
   LineClient node, a, b, c, d;
@@ -498,7 +545,7 @@ TEST_F(FrontendLinkTest, ConnectionsPastALimitAreToldWhyAndNeverReachTheNode) {
   ConnectClient(node2, i, user_port_);
 }
 
-TEST_F(FrontendLinkTest, ConnectionsTheNodeNeverNamesAreTimedOut) {
+TEST_P(FrontendLinkTest, ConnectionsTheNodeNeverNamesAreTimedOut) {
   StartFront({"--login-timeout-ms", "600"});
   // Held while no node runs: the time does not count then.
   LineClient early;
@@ -573,7 +620,7 @@ class RemoteNode {
   int port_ = 0;
 };
 
-TEST_F(FrontendLinkTest, OutgoingConnectionsAreOpenedOnRequest) {
+TEST_P(FrontendLinkTest, OutgoingConnectionsAreOpenedOnRequest) {
   StartFront();
   LineClient node;
   ConnectNode(node);
@@ -604,6 +651,12 @@ TEST_F(FrontendLinkTest, OutgoingConnectionsAreOpenedOnRequest) {
   // A signal ends the front-end cleanly, connections and all.
   EXPECT_EQ(front_->Stop(), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Threads, FrontendLinkTest, ::testing::Values(1, 2),
+                         [](const ::testing::TestParamInfo<int>& info) {
+                           return std::to_string(info.param) + "Thread" +
+                                  (info.param == 1 ? "" : "s");
+                         });
 
 }  // namespace
 }  // namespace qx

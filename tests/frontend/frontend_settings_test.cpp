@@ -20,19 +20,22 @@ TEST(FrontendSettingsTest, EmptyTextGivesDefaults) {
   EXPECT_EQ(r.settings.max_per_address, 20);
   EXPECT_EQ(r.settings.max_connects_per_minute, 10);
   EXPECT_EQ(r.settings.login_timeout_seconds, 180);
+  EXPECT_EQ(r.settings.threads, 0);  // one per core
   EXPECT_TRUE(r.warnings.empty());
 }
 
 TEST(FrontendSettingsTest, ConnectionLimitsAreReadAndZeroTurnsOneOff) {
   const FrontendSettingsResult r = ParseFrontendSettings(
       "Max Connections^500\r\nMax Connections Per Address^0\r\n"
-      "Max Connects Per Minute^ 3 \r\nLogin Timeout^-5\r\n");
+      "Max Connects Per Minute^ 3 \r\nLogin Timeout^-5\r\nFrontend Threads^500\r\n");
   EXPECT_EQ(r.settings.max_connections, 500);
+  EXPECT_EQ(r.settings.threads, kMaxFrontendThreads);
   EXPECT_EQ(r.settings.max_per_address, 0);
   EXPECT_EQ(r.settings.max_connects_per_minute, 3);
   EXPECT_EQ(r.settings.login_timeout_seconds, 180);
   EXPECT_EQ(r.warnings,
-            std::vector<std::string>{"Login Timeout \"-5\" is not a whole number from 0 up"});
+            (std::vector<std::string>{"Login Timeout \"-5\" is not a whole number from 0 up",
+                                      "Frontend Threads: at most 64 are used"}));
 }
 
 TEST(FrontendSettingsTest, WebSocketListenerIsOffUnlessAPortIsGiven) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -37,6 +38,11 @@ class ProgramSite {
     cfg += "Console Port^" + std::to_string(console_port_) + "\r\n";
     cfg += "Get WWV^False\r\n";  // a test never fetches from outside the machine
     cfg += "Country File URL^\r\nKnown Calls URL^\r\nUpdate URL^\r\n";
+    // QX_TEST_FRONTEND_THREADS runs the whole suite with that many front-end I/O threads
+    // (unset: one per core, as in service).
+    if (const char* threads = std::getenv("QX_TEST_FRONTEND_THREADS")) {
+      cfg += "Frontend Threads^" + std::string(threads) + "\r\n";
+    }
     cfg += extra;
     WriteFile(home() / "cluster.cfg", cfg);
   }
