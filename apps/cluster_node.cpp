@@ -25,6 +25,9 @@ namespace {
 constexpr std::string_view kVersion = QX_VERSION;
 // How long a stopping node waits for the front-end to take over its input.
 constexpr std::chrono::milliseconds kHandOverWait{2000};
+// Enough for a night on a busy node, and small enough (a few MB) to keep on any machine.
+constexpr size_t kMonitorHistoryLines = 5000;
+constexpr std::chrono::seconds kMonitorHistoryAge = std::chrono::hours(2);
 
 // The log-on texts a new node starts with; the sysop edits data/files/logon.txt.
 LogonMessages MessagesFromConfig(const Config& config) {
@@ -50,6 +53,9 @@ ClusterNode::ClusterNode(boost::asio::io_context& io, ClusterNodeOptions options
       store_(dir_),
       timer_(io) {
   started_ = clock_.Now();
+  // The console shows what happened before it was opened: the last hours of the monitor.
+  monitor_.set_clock(&clock_);
+  monitor_.KeepHistory(kMonitorHistoryLines, kMonitorHistoryAge);
 }
 
 ClusterNode::~ClusterNode() = default;
@@ -128,7 +134,10 @@ IntakeResult ClusterNode::TakeSpot(const IntakeRequest& request, bool distribute
   if (!distribute) return r;
   stats_.SpotIn(source, clock_.Now());
   history_->Add(*r.spot);
+  // The spot goes to every user, but the monitor shows it once with a count.
+  monitor_.BeginFanOut();
   const DistributionStats d = distributor_->OutputSpotToAll(*r.spot);
+  monitor_.EndFanOut();
   stats_.LinesOut(source, uint64_t(d.users));
   stats_.Filtered(source, uint64_t(d.filtered));
   stats_.Delay(std::chrono::steady_clock::now() - start);
@@ -834,7 +843,11 @@ void ClusterNode::OnConnectRequest(int stream) {
 
 void ClusterNode::OnStreamLine(int stream, std::string_view line) {
   StreamEntry& e = streams_.at(stream);
-  if (e.monitored) monitor_.Write(MonitorChannel::kRaw, line, "green", stream);
+  // What arrives is shown beside what the node sends back; a password typed at log-in is not.
+  const bool secret = e.state == kStateLoggingIn &&
+                      (e.login_stage == LoginStage::kAwaitingPassword ||
+                       e.login_stage == LoginStage::kAwaitingNodePassword);
+  monitor_.Input(stream, secret ? std::string_view("(password)") : line);
   try {
     if (e.state == kStateLoggingIn) {
       login_->OnLine(stream, line);
