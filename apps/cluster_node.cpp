@@ -844,9 +844,9 @@ void ClusterNode::OnConnectRequest(int stream) {
 void ClusterNode::OnStreamLine(int stream, std::string_view line) {
   StreamEntry& e = streams_.at(stream);
   // What arrives is shown beside what the node sends back; a password typed at log-in is not.
-  const bool secret = e.state == kStateLoggingIn &&
-                      (e.login_stage == LoginStage::kAwaitingPassword ||
-                       e.login_stage == LoginStage::kAwaitingNodePassword);
+  const bool secret =
+      e.state == kStateLoggingIn && (e.login_stage == LoginStage::kAwaitingPassword ||
+                                     e.login_stage == LoginStage::kAwaitingNodePassword);
   monitor_.Input(stream, secret ? std::string_view("(password)") : line);
   try {
     if (e.state == kStateLoggingIn) {

@@ -367,7 +367,7 @@ ConsoleSpot RowOf(const Spot& s, const BandTable& bands, SysTime time) {
   row.spotter = std::string(s.spotter());
   row.comment = std::string(s.comment());
   row.origin = std::string(s.origin_node());
-  row.source = std::string(s.SourceTag);
+  row.source = CollapseBlanks(s.SourceTag);  // "DX  Cluster" lines up in a user's column
   return row;
 }
 

@@ -78,9 +78,15 @@ bool SpotMatches(const ConsoleSpot& s, std::string_view q) {
 }
 
 json SpotJson(const ConsoleSpot& s) {
-  json j{{"ts", UnixSeconds(s.time)},  {"freq", s.frequency_khz}, {"band", s.band},
-         {"dx", s.dx},                 {"spotter", s.spotter},    {"comment", s.comment},
-         {"origin", s.origin},         {"source", s.source},      {"refused", s.refused}};
+  json j{{"ts", UnixSeconds(s.time)},
+         {"freq", s.frequency_khz},
+         {"band", s.band},
+         {"dx", s.dx},
+         {"spotter", s.spotter},
+         {"comment", s.comment},
+         {"origin", s.origin},
+         {"source", s.source},
+         {"refused", s.refused}};
   if (s.refused) {
     j["reason"] = s.reason;
     j["rule"] = s.rule;
@@ -115,9 +121,9 @@ json MonitorLineJson(const MonitorLine& line) {
   const std::string_view d = line.direction == MonitorDirection::kIn    ? "in"
                              : line.direction == MonitorDirection::kOut ? "out"
                                                                         : "";
-  return json{{"t", "line"},  {"ch", MonitorChannelName(line.channel)},
+  return json{{"t", "line"},      {"ch", MonitorChannelName(line.channel)},
               {"s", line.stream}, {"c", line.colour},
-              {"d", d},       {"ts", UnixMillis(line.time)},
+              {"d", d},           {"ts", UnixMillis(line.time)},
               {"x", line.text}};
 }
 

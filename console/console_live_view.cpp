@@ -9,7 +9,6 @@ namespace qx {
 
 using nlohmann::json;
 
-
 void WsConnection::Start(Request req) {
   auto timeouts = websocket::stream_base::timeout::suggested(beast::role_type::server);
   timeouts.handshake_timeout = std::chrono::seconds(10);

@@ -130,17 +130,17 @@ struct ConsoleDownload {
 
 // One row of the Spots page: a spot the node took, or one intake refused and why.
 struct ConsoleSpot {
-  SysTime time{};           // when spotted (accepted) or when refused
+  SysTime time{};  // when spotted (accepted) or when refused
   double frequency_khz = 0;
-  std::string band;         // "20m"; empty when on no band
+  std::string band;  // "20m"; empty when on no band
   std::string dx;
   std::string spotter;
   std::string comment;
-  std::string origin;       // the node the spot came in at
-  std::string source;       // "DX  Cluster", "Skimmer", ...
+  std::string origin;  // the node the spot came in at
+  std::string source;  // "DX  Cluster", "Skimmer", ...
   bool refused = false;
-  std::string reason;       // refused: the reason in a few words ("bad word")
-  std::string rule;         // refused: the rule that fired ("bad word: X (badwords.txt)")
+  std::string reason;  // refused: the reason in a few words ("bad word")
+  std::string rule;    // refused: the rule that fired ("bad word: X (badwords.txt)")
 };
 
 class ConsoleModel {

@@ -29,9 +29,7 @@ void Monitor::Unsubscribe(int id) {
   }
 }
 
-SysTime Monitor::Now() const {
-  return clock_ ? clock_->Now() : std::chrono::system_clock::now();
-}
+SysTime Monitor::Now() const { return clock_ ? clock_->Now() : std::chrono::system_clock::now(); }
 
 void Monitor::Keep(const MonitorLine& line) {
   // A change of the connection list is a signal to the sinks, not something that happened.
@@ -46,8 +44,7 @@ void Monitor::Keep(const MonitorLine& line) {
 
 void Monitor::Write(MonitorChannel channel, std::string_view text, std::string_view colour,
                     int stream, MonitorDirection direction) {
-  if (fan_out_depth_ > 0 && channel == MonitorChannel::kRaw &&
-      direction != MonitorDirection::kIn) {
+  if (fan_out_depth_ > 0 && channel == MonitorChannel::kRaw && direction != MonitorDirection::kIn) {
     if (fan_out_count_++ == 0) {
       fan_out_text_.assign(text);
       fan_out_stream_ = stream;

@@ -366,8 +366,8 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   // makes; such a spot is no report of anything heard.
   if (!IsSpotDateTime(s.date(), s.time())) {
     WriteRejection("Bad Date/Time^", sentence);
-    return Refuse(SpotVerdict::kBadDateTime, "no such date or time: " + std::string(s.date()) +
-                                                 " " + std::string(s.time()));
+    return Refuse(SpotVerdict::kBadDateTime,
+                  "no such date or time: " + std::string(s.date()) + " " + std::string(s.time()));
   }
   if (std::chrono::seconds age{}; SpotAge(s.date(), s.time(), now, age) &&
                                   (age > options_.max_age || age < -options_.max_ahead)) {
@@ -428,9 +428,9 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   // line's columns about.
   if (s.spotter().size() > kMaxLoginCallLength) {
     WriteRejection("Bad Spotter Call^", sentence);
-    return Refuse(SpotVerdict::kSpotterTooLong, "spotter call longer than " +
-                                                    std::to_string(kMaxLoginCallLength) +
-                                                    " characters");
+    return Refuse(
+        SpotVerdict::kSpotterTooLong,
+        "spotter call longer than " + std::to_string(kMaxLoginCallLength) + " characters");
   }
   if (deps_.bad_lists->IsSpotterNok(s.spotter())) {
     WriteRejection(req.is_local ? "SpotterNok - local spotter^" : "SpotterNok - spotter^",
@@ -546,8 +546,8 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
           : rate == RateVerdict::kTooManyForDx
               ? "rate limit: over " + std::to_string(limits.per_dx) + " spots a minute of " +
                     std::string(s.dx_call())
-              : "rate limit: over " + std::to_string(limits.per_spotter) +
-                    " spots a minute from " + std::string(s.spotter()));
+              : "rate limit: over " + std::to_string(limits.per_spotter) + " spots a minute from " +
+                    std::string(s.spotter()));
     }
   }
   ShowInSpotList({}, {}, {});

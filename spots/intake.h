@@ -163,10 +163,10 @@ class SpotIntake {
   IntakeOptions options_;
   Spot spot_;
   std::string upper_comment_;
-  std::string sentence_;  // the sentence of the spot in hand, for the logs
-  std::string day_;       // date text of the logs' file names
-  bool trial_ = false;    // the request in hand is a trial
-  std::string bad_word_;  // the word BadWordCheck found last
+  std::string sentence_;               // the sentence of the spot in hand, for the logs
+  std::string day_;                    // date text of the logs' file names
+  bool trial_ = false;                 // the request in hand is a trial
+  std::string bad_word_;               // the word BadWordCheck found last
   std::string_view request_sentence_;  // the sentence in hand, during Check
   std::deque<SpotRefusal> refusals_;
   std::deque<SpotRefusal> duplicates_;

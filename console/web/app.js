@@ -98,7 +98,7 @@ function showPage(name) {
   }
   if (name === 'spots') {
     // Refusals that never reach the node's spot list (bad words, duplicates) show up too.
-    refreshTimer = setInterval(() => { if (spotsLive()) loadSpots().catch(() => {}); }, 10000);
+    refreshTimer = setInterval(() => { if (spotsLive()) loadSpots().catch(() => {}); }, 15000);
   }
 }
 
@@ -182,7 +182,10 @@ function monitorText(msg) {
   if (msg.local) return msg.x;
   const stream = msg.s ? String(msg.s).padStart(4, ' ') : '    ';
   const mark = msg.d === 'in' ? '>' : msg.d === 'out' ? '<' : ' ';
-  return `${clockText(msg.ts)} ${stream} ${mark} ${String(msg.x).replace(/[\r\n]+$/, '')}`;
+  const head = `${clockText(msg.ts)} ${stream} ${mark} `;
+  // A text of several lines keeps its lines under the first one's text.
+  const lines = String(msg.x).replace(/[\r\n]+$/, '').split(/\r?\n|\r/);
+  return head + lines.join('\n' + ' '.repeat(head.length));
 }
 
 function monitorShows(msg) {
@@ -368,11 +371,13 @@ function spotsLive() {
 // the table has a new row.
 function spotLine(msg) {
   appendLine($('spots-list'), `${clockText(msg.ts)} ${msg.x}`, colourClass(msg.c), kMaxPaneLines);
+  // The table comes from the day's file, which the node reads for each load: on a busy node
+  // the page asks at most every few seconds, however many spots arrive.
   if (!spotsLive() || state.spotReload) return;
   state.spotReload = setTimeout(() => {
     state.spotReload = null;
-    loadSpots().catch(showError);
-  }, 1000);
+    if (spotsLive()) loadSpots().catch(showError);
+  }, 3000);
 }
 
 async function loadSpots() {

@@ -64,8 +64,8 @@ class FakeConsoleModel : public ConsoleModel {
   std::vector<ConsoleDownload> downloads;
   int download_requests = 0;
   std::map<std::string, std::vector<std::string>> log_files;  // name -> lines
-  std::vector<ConsoleSpot> spots;     // taken, oldest first, of any day
-  std::vector<ConsoleSpot> refusals;  // oldest first
+  std::vector<ConsoleSpot> spots;                             // taken, oldest first, of any day
+  std::vector<ConsoleSpot> refusals;                          // oldest first
 
   std::vector<ConsoleSpot> SpotsOfDay(SysTime day) const override {
     std::vector<ConsoleSpot> out;

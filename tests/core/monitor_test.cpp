@@ -57,8 +57,8 @@ TEST(Monitor, AFanOutIsOneLineWithTheCountAndLetsInputThrough) {
   Monitor m;
   std::vector<MonitorRecord> heard;
   m.Subscribe([&](const MonitorLine& l) {
-    heard.push_back({l.time, l.channel, l.direction, l.stream, std::string(l.colour),
-                     std::string(l.text)});
+    heard.push_back(
+        {l.time, l.channel, l.direction, l.stream, std::string(l.colour), std::string(l.text)});
   });
   m.BeginFanOut();
   for (int stream = 1; stream <= 300; ++stream) {

@@ -61,9 +61,8 @@ void ReadCommands(asio::posix::stream_descriptor& in, asio::streambuf& buf, Demo
     } else if (word == "spot") {
       const bool refused = rest.starts_with("refused");
       model.monitor().Write(qx::MonitorChannel::kSpots, rest, refused ? "red" : "");
-      std::istringstream fields(rest.substr(rest.find("DX de") == std::string::npos
-                                                ? rest.size()
-                                                : rest.find("DX de") + 5));
+      std::istringstream fields(rest.substr(
+          rest.find("DX de") == std::string::npos ? rest.size() : rest.find("DX de") + 5));
       qx::ConsoleSpot row;
       if (fields >> row.spotter >> row.frequency_khz >> row.dx) {
         if (row.spotter.ends_with(':')) row.spotter.pop_back();
