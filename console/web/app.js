@@ -91,6 +91,8 @@ function showPage(name) {
   }
   clearInterval(refreshTimer);
   writeRoute();
+  // A hidden pane does not scroll with its lines: on showing, it starts at the newest.
+  if (name === 'monitor') $('monitor-pane').scrollTop = $('monitor-pane').scrollHeight;
   const loader = pageLoaders[name];
   if (loader) loader().catch(showError);
   if (name === 'links' || name === 'stats') {
@@ -391,7 +393,7 @@ async function loadSpots() {
   try {
     const data = await api('spots?' + query);
     state.spotRows = data.spots;
-    $('spots-status').textContent = `${data.matched} spots on ${data.day}` +
+    $('spots-status').textContent = `${data.matched} spot${data.matched === 1 ? '' : 's'} on ${data.day}` +
         (data.matched > data.spots.length ? `, the newest ${data.spots.length} shown` : '');
     $('spots-status').classList.remove('error');
   } catch (e) {

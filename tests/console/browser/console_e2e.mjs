@@ -223,7 +223,7 @@ try {
   if (demo) {
     child.stdin.write('input 5 DX 14025 K1ABC test\n');
     child.stdin.write('spot DX de G4ABC:     14025.0  K1ABC        test                           1200Z\n');
-    child.stdin.write('spot refused DX de N0BAD: 14025.0 K1ABC bad spotter\n');
+    child.stdin.write('spot refused DX de N0BAD: 14025.0 K9BAD bad spotter\n');
     [refusedCall, refusedRule, typed] = ['N0BAD', 'spotter refused: N0BAD (SpotterNok list)',
                                          'DX 14025 K1ABC test'];
   } else {
@@ -244,6 +244,17 @@ try {
   check(await visible(page.locator('#spots-table tbody tr.refused', {hasText: refusedRule})),
         'the refused spot is in the table with its reason in words');
   await shot('04-spots');
+  // The table sorts by a column's heading and filters by band, and its address says so.
+  const firstDx = async () => (await page.locator('#spots-table tbody tr td:nth-child(4)').first().textContent());
+  await page.click('#spots-table th[data-sort="dx"]');
+  const ascending = await firstDx();
+  await page.click('#spots-table th[data-sort="dx"]');
+  check(ascending === 'K1ABC' && (await firstDx()) === 'K9BAD' && /sort=dx/.test(page.url()),
+        'a click on a heading sorts the table, a second click the other way');
+  await page.selectOption('#spots-band', '40m');
+  check(await waitFor(async () => (await page.locator('#spots-table tbody tr').count()) === 0),
+        'the band filter leaves out spots on other bands');
+  await page.selectOption('#spots-band', '');
   await tab('monitor');
   const typedLine = page.locator('#monitor-pane span', {hasText: '> ' + typed});
   check(await visible(typedLine), 'what the user typed is in the monitor, marked as input');
