@@ -25,7 +25,8 @@ namespace {
 constexpr std::string_view kVersion = QX_VERSION;
 // How long a stopping node waits for the front-end to take over its input.
 constexpr std::chrono::milliseconds kHandOverWait{2000};
-// Enough for a night on a busy node, and small enough (a few MB) to keep on any machine.
+// The monitor lines the console can show from before it was opened: the last two hours, up to
+// a bound that keeps them to a few MB however busy the node is.
 constexpr size_t kMonitorHistoryLines = 5000;
 constexpr std::chrono::seconds kMonitorHistoryAge = std::chrono::hours(2);
 

@@ -3,6 +3,11 @@
 #include <algorithm>
 
 namespace qx {
+namespace {
+
+constexpr size_t kMaxKeptText = 2048;
+
+}  // namespace
 
 void Monitor::KeepHistory(size_t max_lines, std::chrono::seconds max_age) {
   max_lines_ = max_lines;
@@ -38,8 +43,11 @@ void Monitor::Keep(const MonitorLine& line) {
          (history_.size() >= max_lines_ || line.time - history_.front().time > max_age_)) {
     history_.pop_front();
   }
+  // A long answer (a whole SH/DX list) is kept in part, so the bound on lines bounds memory.
+  std::string text(line.text.substr(0, kMaxKeptText));
+  if (line.text.size() > kMaxKeptText) text += " ...";
   history_.push_back(MonitorRecord{line.time, line.channel, line.direction, line.stream,
-                                   std::string(line.colour), std::string(line.text)});
+                                   std::string(line.colour), std::move(text)});
 }
 
 void Monitor::Write(MonitorChannel channel, std::string_view text, std::string_view colour,
