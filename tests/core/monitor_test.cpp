@@ -51,6 +51,9 @@ TEST(Monitor, HistoryKeepsTheLastLinesWithinTheirAgeWithTimeAndDirection) {
   h = m.History();
   ASSERT_EQ(h.size(), 2u);
   EXPECT_EQ(h[0].text, "one");
+  m.Console(std::string(10000, 'x'));  // a long answer is kept in part
+  EXPECT_LT(m.History().back().text.size(), 2100u);
+  EXPECT_TRUE(m.History().back().text.ends_with("x ..."));
 }
 
 TEST(Monitor, AFanOutIsOneLineWithTheCountAndLetsInputThrough) {
