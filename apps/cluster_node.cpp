@@ -28,6 +28,10 @@ namespace {
 constexpr std::string_view kVersion = QX_VERSION;
 // How long a stopping node waits for the front-end to take over its input.
 constexpr std::chrono::milliseconds kHandOverWait{2000};
+// The monitor lines the console can show from before it was opened: the last two hours, up to
+// a bound that keeps them to a few MB however busy the node is.
+constexpr size_t kMonitorHistoryLines = 5000;
+constexpr std::chrono::seconds kMonitorHistoryAge = std::chrono::hours(2);
 
 // The log-on texts a new node starts with; the sysop edits data/files/logon.txt.
 LogonMessages MessagesFromConfig(const Config& config) {
@@ -53,6 +57,9 @@ ClusterNode::ClusterNode(boost::asio::io_context& io, ClusterNodeOptions options
       store_(dir_),
       timer_(io) {
   started_ = clock_.Now();
+  // The console shows what happened before it was opened: the last hours of the monitor.
+  monitor_.set_clock(&clock_);
+  monitor_.KeepHistory(kMonitorHistoryLines, kMonitorHistoryAge);
 }
 
 ClusterNode::~ClusterNode() = default;
@@ -192,7 +199,10 @@ IntakeResult ClusterNode::TakeSpot(const IntakeRequest& request, bool distribute
   if (!distribute) return r;
   stats_.SpotIn(source, clock_.Now());
   history_->Add(*r.spot);
+  // The spot goes to every user, but the monitor shows it once with a count.
+  monitor_.BeginFanOut();
   const DistributionStats d = distributor_->OutputSpotToAll(*r.spot);
+  monitor_.EndFanOut();
   stats_.LinesOut(source, uint64_t(d.users));
   stats_.Filtered(source, uint64_t(d.filtered));
   stats_.Delay(std::chrono::steady_clock::now() - start);
@@ -925,7 +935,11 @@ void ClusterNode::OnConnectRequest(int stream) {
 
 void ClusterNode::OnStreamLine(int stream, std::string_view line) {
   StreamEntry& e = streams_.at(stream);
-  if (e.monitored) monitor_.Write(MonitorChannel::kRaw, line, "green", stream);
+  // What arrives is shown beside what the node sends back; a password typed at log-in is not.
+  const bool secret =
+      e.state == kStateLoggingIn && (e.login_stage == LoginStage::kAwaitingPassword ||
+                                     e.login_stage == LoginStage::kAwaitingNodePassword);
+  monitor_.Input(stream, secret ? std::string_view("(password)") : line);
   try {
     if (e.state == kStateLoggingIn) {
       login_->OnLine(stream, line);

@@ -6,6 +6,8 @@
 #include "console/setting_check.h"
 #include "core/text_util.h"
 #include "spots/call_sign.h"
+#include "spots/intake.h"
+#include "spots/spot_history.h"
 
 namespace qx {
 namespace {
@@ -365,6 +367,45 @@ ConsoleResult NodeConsoleModel::ConnectLink(std::string_view name) {
 ConsoleResult NodeConsoleModel::DisconnectLink(std::string_view name) {
   const std::string reply = node_.LinkCommand(ToUpper(name), false);
   return ConsoleResult{true, reply};
+}
+
+namespace {
+
+ConsoleSpot RowOf(const Spot& s, const BandTable& bands, SysTime time) {
+  ConsoleSpot row;
+  row.time = time;
+  row.frequency_khz = s.FrequencyKHz;
+  if (const BandRange* band = bands.Find(s.FrequencyKHz)) row.band = std::string(band->name);
+  row.dx = std::string(s.dx_call());
+  row.spotter = std::string(s.spotter());
+  row.comment = std::string(s.comment());
+  row.origin = std::string(s.origin_node());
+  row.source = CollapseBlanks(s.SourceTag);  // "DX  Cluster" lines up in a user's column
+  return row;
+}
+
+}  // namespace
+
+std::vector<ConsoleSpot> NodeConsoleModel::SpotsOfDay(SysTime day) const {
+  std::vector<ConsoleSpot> rows;
+  if (!node_.history_) return rows;
+  for (const Spot& s : node_.history_->ReadDay(day, node_.bands_)) {
+    rows.push_back(RowOf(s, node_.bands_, s.received));
+  }
+  return rows;
+}
+
+std::vector<ConsoleSpot> NodeConsoleModel::RecentRefusals() const {
+  std::vector<ConsoleSpot> rows;
+  if (!node_.intake_) return rows;
+  for (const SpotRefusal* r : node_.intake_->RecentRefusals()) {
+    ConsoleSpot row = RowOf(r->spot, node_.bands_, r->time);
+    row.refused = true;
+    row.reason = std::string(VerdictName(r->verdict));
+    row.rule = r->rule;
+    rows.push_back(std::move(row));
+  }
+  return rows;
 }
 
 int NodeConsoleModel::MonitorView() const {

@@ -40,6 +40,9 @@ class NodeConsoleModel final : public ConsoleModel {
   ConsoleResult ConnectLink(std::string_view name) override;
   ConsoleResult DisconnectLink(std::string_view name) override;
 
+  std::vector<ConsoleSpot> SpotsOfDay(SysTime day) const override;
+  std::vector<ConsoleSpot> RecentRefusals() const override;
+
   int MonitorView() const override;
   ConsoleResult SetMonitorView(int view) override;
 

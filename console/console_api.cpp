@@ -1,7 +1,9 @@
 #include "console/console_api.h"
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 
 #include "core/text_util.h"
 
@@ -38,7 +40,92 @@ int64_t UnixSeconds(SysTime t) {
   return std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
 }
 
+int64_t UnixMillis(SysTime t) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+}
+
+// "2026-11-24" as the start of that UTC day; false when it is no date.
+bool ParseDay(std::string_view text, SysTime& out) {
+  long long y = 0, m = 0, d = 0;
+  if (text.size() != 10 || text[4] != '-' || text[7] != '-' || !ParseInt(text.substr(0, 4), y) ||
+      !ParseInt(text.substr(5, 2), m) || !ParseInt(text.substr(8, 2), d)) {
+    return false;
+  }
+  static constexpr int kDays[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (y < 1970 || y > 2200 || m < 1 || m > 12 || d < 1 || d > kDays[m - 1]) return false;
+  const bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+  if (m == 2 && d == 29 && !leap) return false;
+  out = MakeUtc(int(y), int(m), int(d));
+  return true;
+}
+
+std::string DayText(SysTime t) {
+  const auto days = std::chrono::floor<std::chrono::days>(t);
+  const std::chrono::year_month_day ymd{days};
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "%04d-%02u-%02u", int(ymd.year()), unsigned(ymd.month()),
+                unsigned(ymd.day()));
+  return buf;
+}
+
+bool SpotMatches(const ConsoleSpot& s, std::string_view q) {
+  if (q.empty()) return true;
+  for (const std::string* field :
+       {&s.dx, &s.spotter, &s.comment, &s.origin, &s.source, &s.reason, &s.rule}) {
+    if (ContainsIgnoreCase(*field, q)) return true;
+  }
+  return false;
+}
+
+json SpotJson(const ConsoleSpot& s) {
+  json j{{"ts", UnixSeconds(s.time)},
+         {"freq", s.frequency_khz},
+         {"band", s.band},
+         {"dx", s.dx},
+         {"spotter", s.spotter},
+         {"comment", s.comment},
+         {"origin", s.origin},
+         {"source", s.source},
+         {"refused", s.refused}};
+  if (s.refused) {
+    j["reason"] = s.reason;
+    j["rule"] = s.rule;
+  }
+  return j;
+}
+
+constexpr int kDefaultRows = 1000;
+constexpr int kMaxRows = 5000;
+
 }  // namespace
+
+std::string_view MonitorChannelName(MonitorChannel c) {
+  switch (c) {
+    case MonitorChannel::kConsole:
+      return "console";
+    case MonitorChannel::kRaw:
+      return "raw";
+    case MonitorChannel::kSpots:
+      return "spots";
+    case MonitorChannel::kBadCall:
+      return "badcall";
+    case MonitorChannel::kRunaway:
+      return "runaway";
+    case MonitorChannel::kConnections:
+      return "connections";
+  }
+  return "console";
+}
+
+json MonitorLineJson(const MonitorLine& line) {
+  const std::string_view d = line.direction == MonitorDirection::kIn    ? "in"
+                             : line.direction == MonitorDirection::kOut ? "out"
+                                                                        : "";
+  return json{{"t", "line"},      {"ch", MonitorChannelName(line.channel)},
+              {"s", line.stream}, {"c", line.colour},
+              {"d", d},           {"ts", UnixMillis(line.time)},
+              {"x", line.text}};
+}
 
 std::string JsonText(const json& j) {
   return j.dump(-1, ' ', false, json::error_handler_t::replace);
@@ -198,6 +285,8 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
     return Reply(200, json{{"files", files}, {"program", model_.UpdateCheckOutcome()}});
   }
   if (path == "monitor/view") return Reply(200, json{{"view", model_.MonitorView()}});
+  if (path == "monitor/history") return MonitorHistory(query);
+  if (path == "spots") return Spots(query);
   if (path == "logs") return Reply(200, json{{"files", model_.LogFiles()}});
   if (path == "logs/tail") {
     const int lines = std::clamp(ParseIntOr(QueryValue(query, "lines"), 200), 1, 5000);
@@ -211,6 +300,74 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
     return Reply(200, json{{"lines", *hits}});
   }
   return Error(404, "not found");
+}
+
+// The Spots page: one UTC day's spots from its file, with the refusals of that day still
+// remembered among them, newest first.  q looks in every text column; band is a band name;
+// refused is "include" (the default), "only" or "hide".
+ApiReply ConsoleApi::Spots(std::string_view query) {
+  SysTime day{};
+  const std::string day_text = QueryValue(query, "day");
+  if (day_text.empty()) {
+    day = std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now());
+  } else if (!ParseDay(day_text, day)) {
+    return Error(400, "day must be a date like 2026-11-24");
+  }
+  const std::string refused = QueryValue(query, "refused");
+  if (!refused.empty() && refused != "include" && refused != "only" && refused != "hide") {
+    return Error(400, "refused is include, only or hide");
+  }
+  const std::string q(Trim(QueryValue(query, "q")));
+  const std::string band(Trim(QueryValue(query, "band")));
+  const int limit = std::clamp(ParseIntOr(QueryValue(query, "limit"), kDefaultRows), 1, kMaxRows);
+
+  std::vector<ConsoleSpot> rows;
+  if (refused != "only") rows = model_.SpotsOfDay(day);
+  if (refused != "hide") {
+    const SysTime end = day + std::chrono::days(1);
+    for (ConsoleSpot& r : model_.RecentRefusals()) {
+      if (r.time >= day && r.time < end) rows.push_back(std::move(r));
+    }
+  }
+  // Both come oldest first; the page wants the newest first, refusals in their place.
+  std::stable_sort(rows.begin(), rows.end(),
+                   [](const ConsoleSpot& a, const ConsoleSpot& b) { return a.time > b.time; });
+  json list = json::array();
+  size_t matched = 0;
+  for (const ConsoleSpot& r : rows) {
+    if (!band.empty() && !EqualsIgnoreCase(r.band, band)) continue;
+    if (!SpotMatches(r, q)) continue;
+    if (++matched <= size_t(limit)) list.push_back(SpotJson(r));
+  }
+  return Reply(200, json{{"day", DayText(day)}, {"matched", matched}, {"spots", list}});
+}
+
+// What the monitor showed lately, oldest first: the last `limit` lines that hold q (case
+// ignored), of one stream when stream is given, of one channel when ch is given.
+ApiReply ConsoleApi::MonitorHistory(std::string_view query) {
+  const std::string q = QueryValue(query, "q");
+  const std::string ch = QueryValue(query, "ch");
+  const std::string stream_text = QueryValue(query, "stream");
+  long long stream = 0;
+  if (!stream_text.empty() && (!ParseInt(stream_text, stream) || stream < 0)) {
+    return Error(400, "stream must be a stream number");
+  }
+  const int limit = std::clamp(ParseIntOr(QueryValue(query, "limit"), 2000), 1, kMaxRows);
+  const std::vector<MonitorRecord> history = model_.monitor().History();
+  std::vector<const MonitorRecord*> hits;
+  for (auto it = history.rbegin(); it != history.rend() && hits.size() < size_t(limit); ++it) {
+    if (stream != 0 && it->stream != stream) continue;
+    if (!ch.empty() && MonitorChannelName(it->channel) != ch) continue;
+    if (!q.empty() && !ContainsIgnoreCase(it->text, q)) continue;
+    hits.push_back(&*it);
+  }
+  json lines = json::array();
+  for (auto it = hits.rbegin(); it != hits.rend(); ++it) {
+    const MonitorRecord& r = **it;
+    lines.push_back(
+        MonitorLineJson(MonitorLine{r.channel, r.stream, r.colour, r.text, r.direction, r.time}));
+  }
+  return Reply(200, json{{"lines", lines}});
 }
 
 ApiReply ConsoleApi::Post(std::string_view path, const json& body) {

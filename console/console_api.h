@@ -21,6 +21,11 @@ struct ApiReply {
 // JSON text of j; invalid UTF-8 (users type Latin-1) is replaced, never thrown on.
 std::string JsonText(const nlohmann::json& j);
 nlohmann::json StreamsJson(const std::vector<ConsoleStream>& streams);
+// A monitor line as the page gets it, live or from the history: "t":"line", the channel
+// "ch", stream "s", colour "c", direction "d" ("in", "out" or ""), time "ts" (Unix
+// milliseconds) and text "x".
+nlohmann::json MonitorLineJson(const MonitorLine& line);
+std::string_view MonitorChannelName(MonitorChannel channel);
 
 class ConsoleApi {
  public:
@@ -36,6 +41,8 @@ class ConsoleApi {
  private:
   ApiReply Get(std::string_view path, std::string_view query);
   ApiReply Post(std::string_view path, const nlohmann::json& body);
+  ApiReply Spots(std::string_view query);
+  ApiReply MonitorHistory(std::string_view query);
 
   ConsoleModel& model_;
   bool shutdown_requested_ = false;

@@ -9,28 +9,6 @@ namespace qx {
 
 using nlohmann::json;
 
-namespace {
-
-std::string_view ChannelName(MonitorChannel c) {
-  switch (c) {
-    case MonitorChannel::kConsole:
-      return "console";
-    case MonitorChannel::kRaw:
-      return "raw";
-    case MonitorChannel::kSpots:
-      return "spots";
-    case MonitorChannel::kBadCall:
-      return "badcall";
-    case MonitorChannel::kRunaway:
-      return "runaway";
-    case MonitorChannel::kConnections:
-      return "connections";
-  }
-  return "console";
-}
-
-}  // namespace
-
 void WsConnection::Start(Request req) {
   auto timeouts = websocket::stream_base::timeout::suggested(beast::role_type::server);
   timeouts.handshake_timeout = std::chrono::seconds(10);
@@ -138,12 +116,7 @@ void ConsoleServer::Impl::OnMonitorLine(const MonitorLine& line) {
     ScheduleStreamsSnapshot();
     return;
   }
-  json msg{{"t", "line"},
-           {"ch", ChannelName(line.channel)},
-           {"s", line.stream},
-           {"c", line.colour},
-           {"x", line.text}};
-  Broadcast(std::make_shared<const std::string>(JsonText(msg)));
+  Broadcast(std::make_shared<const std::string>(JsonText(MonitorLineJson(line))));
 }
 
 void ConsoleServer::Impl::Broadcast(const std::shared_ptr<const std::string>& msg) {

@@ -128,6 +128,21 @@ struct ConsoleDownload {
   std::optional<SysTime> next;  // nullopt: only when asked
 };
 
+// One row of the Spots page: a spot the node took, or one intake refused and why.
+struct ConsoleSpot {
+  SysTime time{};  // when spotted (accepted) or when refused
+  double frequency_khz = 0;
+  std::string band;  // "20m"; empty when on no band
+  std::string dx;
+  std::string spotter;
+  std::string comment;
+  std::string origin;  // the node the spot came in at
+  std::string source;  // "DX  Cluster", "Skimmer", ...
+  bool refused = false;
+  std::string reason;  // refused: the reason in a few words ("bad word")
+  std::string rule;    // refused: the rule that fired ("bad word: X (badwords.txt)")
+};
+
 class ConsoleModel {
  public:
   virtual ~ConsoleModel() = default;
@@ -171,6 +186,14 @@ class ConsoleModel {
   virtual ConsoleResult RemoveLink(std::string_view name) = 0;
   virtual ConsoleResult ConnectLink(std::string_view name) = 0;
   virtual ConsoleResult DisconnectLink(std::string_view name) = 0;
+
+  // The spots taken on the UTC day of `day` (from the day's spot file), oldest first.
+  virtual std::vector<ConsoleSpot> SpotsOfDay(SysTime day) const {
+    (void)day;
+    return {};
+  }
+  // The spots refused lately, with their reasons, oldest first (a bounded number).
+  virtual std::vector<ConsoleSpot> RecentRefusals() const { return {}; }
 
   // The sysop's monitor view selector: 0 shows all traffic, 1 node traffic (some findings on
   // node links, such as a PC11 that lacks its last field, are shown only on this view).  Any

@@ -1000,7 +1000,7 @@ void FrontendLink::QueueStreamText(int stream, std::string_view text) {
   AppendInt(out_, table_.at(stream).tag);
   out_.push_back(kMessageEnd);
   Queued();
-  monitor_.Write(MonitorChannel::kRaw, text, {}, stream);
+  monitor_.Write(MonitorChannel::kRaw, text, {}, stream, MonitorDirection::kOut);
 }
 
 void FrontendLink::SendToStream(std::string_view text) { QueueStreamText(table_.current(), text); }

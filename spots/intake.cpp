@@ -25,6 +25,8 @@ namespace qx {
 namespace {
 
 constexpr size_t kMaxFields = 14;
+// How much of an unreadable sentence the list of refusals keeps.
+constexpr size_t kMaxKeptSentence = 300;
 using Fields = std::array<std::string_view, kMaxFields>;
 
 // Splits on "^" into at most kMaxFields views; a longer sentence reports kMaxFields + 1 so
@@ -296,7 +298,9 @@ void SpotIntake::WriteRejection(std::string_view reason, std::string_view senten
 }
 
 bool SpotIntake::BadWordCheck(std::string_view text, const Spot& spot, std::string_view label) {
-  if (deps_.bad_lists->FindBadWord(text).empty()) return false;
+  const std::string_view word = deps_.bad_lists->FindBadWord(text);
+  if (word.empty()) return false;
+  bad_word_.assign(word);
   if (deps_.dir) {
     const SysTime now = deps_.clock->Now();
     std::string line = Join(std::vector<std::string>(spot.slots.begin(), spot.slots.end()), "^");
@@ -316,14 +320,44 @@ void SpotIntake::ShowInSpotList(std::string_view country_column, std::string_vie
                        spot_.SourceStream);
 }
 
-IntakeResult SpotIntake::Refuse(SpotVerdict verdict) {
+IntakeResult SpotIntake::Refuse(SpotVerdict verdict, std::string rule, bool spot_read) {
   IntakeResult r;
   r.verdict = verdict;
+  if (trial_) return r;
+  // Duplicates come by the hundred on a well-connected node; they have a ring of their own,
+  // so they never push the rarer refusals a sysop looks for out of sight.
+  std::deque<SpotRefusal>& ring = verdict == SpotVerdict::kDuplicate ? duplicates_ : refusals_;
+  if (ring.size() >= kRecentRefusals) ring.pop_front();
+  SpotRefusal& kept = ring.emplace_back();
+  kept.time = deps_.clock->Now();
+  kept.verdict = verdict;
+  kept.rule = rule.empty() ? std::string(VerdictName(verdict)) : std::move(rule);
+  if (spot_read) {
+    kept.spot = spot_;
+  } else {
+    kept.spot.slots[kSlotComment] = std::string(request_sentence_.substr(0, kMaxKeptSentence));
+    kept.spot.SourceStream = spot_.SourceStream;
+    kept.spot.SourceTag = spot_.SourceTag;
+  }
   return r;
 }
 
 void SpotIntake::NoteOffence(std::string_view address) {
   if (!trial_) deps_.bad_lists->NoteOffence(address);
+}
+
+std::vector<const SpotRefusal*> SpotIntake::RecentRefusals() const {
+  std::vector<const SpotRefusal*> out;
+  out.reserve(refusals_.size() + duplicates_.size());
+  auto a = refusals_.begin(), b = duplicates_.begin();
+  while (a != refusals_.end() || b != duplicates_.end()) {
+    if (b == duplicates_.end() || (a != refusals_.end() && a->time <= b->time)) {
+      out.push_back(&*a++);
+    } else {
+      out.push_back(&*b++);
+    }
+  }
+  return out;
 }
 
 IntakeResult SpotIntake::Process(const IntakeRequest& req) {
@@ -336,6 +370,7 @@ IntakeResult SpotIntake::Process(const IntakeRequest& req) {
 IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   const std::string_view sentence = req.sentence;
   const SysTime now = deps_.clock->Now();
+  request_sentence_ = sentence;
   Spot& s = spot_;
   s.IsLocal = req.is_local;
   s.IsBeacon = false;
@@ -358,21 +393,30 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   Fields f;
   const size_t n = SplitFields(sentence, f);
   if (n > kSlotComment && Contains(f[kSlotComment], "??")) {
-    return Refuse(SpotVerdict::kDoubleQuestionMark);
+    return Refuse(SpotVerdict::kDoubleQuestionMark, "\"??\" in the comment: a question, not a spot",
+                  /*spot_read=*/false);
   }
   // 2. Field count (and 4., the copy into the slots).
-  if (!SpotFromFields(f, n, s)) return Refuse(SpotVerdict::kFieldCount);
+  if (!SpotFromFields(f, n, s)) {
+    return Refuse(SpotVerdict::kFieldCount,
+                  std::to_string(n) + " fields where a spot has 10 to 13 (unreadable sentence)",
+                  /*spot_read=*/false);
+  }
   const bool pc11 = s.type() == "PC11";
   // A date or time that cannot be would stand in the time column of every line the spot
   // makes; such a spot is no report of anything heard.
   if (!IsSpotDateTime(s.date(), s.time())) {
     WriteRejection("Bad Date/Time^", sentence);
-    return Refuse(SpotVerdict::kBadDateTime);
+    return Refuse(SpotVerdict::kBadDateTime,
+                  "no such date or time: " + std::string(s.date()) + " " + std::string(s.time()));
   }
   if (std::chrono::seconds age{}; SpotAge(s.date(), s.time(), now, age) &&
                                   (age > options_.max_age || age < -options_.max_ahead)) {
     WriteRejection(age > options_.max_age ? "Too Old^" : "Ahead Of Time^", sentence);
-    return Refuse(SpotVerdict::kOutOfTime);
+    return Refuse(SpotVerdict::kOutOfTime,
+                  age > options_.max_age
+                      ? "too old: spotted " + std::to_string(age.count() / 60) + " minutes ago"
+                      : "ahead of our clock by " + std::to_string(-age.count() / 60) + " minutes");
   }
 
   // 3. The spotter's address.
@@ -386,7 +430,8 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
       Append("badspotsIP", "Bad-" + DateText(now), line);
     }
     ShowInSpotList({}, ip_marker, "red");
-    return Refuse(SpotVerdict::kRefusedAddress);
+    return Refuse(SpotVerdict::kRefusedAddress,
+                  "refused address: " + std::string(address) + " (ipnotok.dat)");
   }
   if (deps_.bad_lists->IsTorAddress(address)) {
     if (deps_.dir) {
@@ -397,7 +442,8 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
       Append("badspotsTor", "BadCall-" + DateText(now), s.spotter());
     }
     ShowInSpotList({}, ip_marker, "red");
-    return Refuse(SpotVerdict::kTorAddress);
+    return Refuse(SpotVerdict::kTorAddress,
+                  "anonymity network address: " + std::string(address) + " (torlist.dat)");
   }
   // A "PC61" should carry the spotter's IPv4 or IPv6 address; anything else (empty, a host
   // name, the "," form of IPv6 used inside PC92) is noted so the sysop can see which nodes
@@ -414,7 +460,8 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   // 5. The DX call.
   if (deps_.valid_call && !deps_.valid_call(s.slots[kSlotDxCall])) {
     ShowInSpotList({}, "* BAD *", "red");
-    IntakeResult r = Refuse(SpotVerdict::kInvalidDxCall);
+    IntakeResult r =
+        Refuse(SpotVerdict::kInvalidDxCall, "not a valid call: " + std::string(s.dx_call()));
     if (req.is_local) r.reply = kInvalidDxCallReply;
     return r;
   }
@@ -422,18 +469,22 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   // line's columns about.
   if (s.spotter().size() > kMaxLoginCallLength) {
     WriteRejection("Bad Spotter Call^", sentence);
-    return Refuse(SpotVerdict::kSpotterTooLong);
+    return Refuse(
+        SpotVerdict::kSpotterTooLong,
+        "spotter call longer than " + std::to_string(kMaxLoginCallLength) + " characters");
   }
   if (deps_.bad_lists->IsSpotterNok(s.spotter())) {
     WriteRejection(req.is_local ? "SpotterNok - local spotter^" : "SpotterNok - spotter^",
                    sentence);
     ShowInSpotList({}, "### Spotter Bad ###", "red");
-    return Refuse(SpotVerdict::kSpotterNok);
+    return Refuse(SpotVerdict::kSpotterNok,
+                  "spotter refused: " + std::string(s.spotter()) + " (SpotterNok list)");
   }
   // 7. The origin node.
   if (deps_.bad_lists->IsNodeNok(s.origin_node())) {
     WriteRejection("NodeNok", sentence);
-    return Refuse(SpotVerdict::kNodeNok);
+    return Refuse(SpotVerdict::kNodeNok,
+                  "origin node refused: " + std::string(s.origin_node()) + " (BadNodes list)");
   }
   // 8. The frequency must lie on a band.
   const uint32_t band = deps_.bands->BandBit(s.FrequencyKHz);
@@ -445,7 +496,8 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
       line += SourceCall();
       Append("badinfo", "badfreq" + DateText(now) + ".txt", line);
     }
-    return Refuse(SpotVerdict::kBadFrequency);
+    return Refuse(SpotVerdict::kBadFrequency,
+                  "bad frequency: " + std::string(s.frequency_text()) + " kHz is on no band");
   }
 
   upper_comment_.assign(s.comment());
@@ -453,7 +505,8 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
 
   // 9. Requests for QSL cards or contacts are not spots.
   if (!req.skip_request_filter && IsRequestComment(upper_comment_)) {
-    return Refuse(SpotVerdict::kRequest);
+    return Refuse(SpotVerdict::kRequest, "request, not a spot: \"" + std::string(s.comment()) +
+                                             "\" (QSL and contact requests)");
   }
   // 10. The mode.
   s.ModeFlags =
@@ -490,27 +543,30 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   if (BadWordCheck(s.comment(), s, "PC11")) {
     WriteRejection("Bad Word^", sentence);
     NoteOffence(address);
-    return Refuse(SpotVerdict::kBadWord);
+    return Refuse(SpotVerdict::kBadWord, "bad word: " + bad_word_ + " (badwords.txt)");
   }
   if (deps_.bad_lists->BadPhraseCheck(s.comment())) {
     WriteRejection("Bad Phrase^", sentence);
     NoteOffence(address);
-    return Refuse(SpotVerdict::kBadPhrase);
+    return Refuse(SpotVerdict::kBadPhrase, "bad phrase in the comment (badwords.txt)");
   }
   if (BadWordCheck(s.spotter(), s, "PC11")) {
     WriteRejection("Bad word - spotter ", sentence);
     NoteOffence(address);
-    return Refuse(SpotVerdict::kBadWordSpotter);
+    return Refuse(SpotVerdict::kBadWordSpotter,
+                  "bad word in the spotter call: " + bad_word_ + " (badwords.txt)");
   }
   if (BadWordCheck(s.dx_call(), s, "PC11")) {
     WriteRejection("Bad word dx^", sentence);
     NoteOffence(address);
-    return Refuse(SpotVerdict::kBadWordDx);
+    return Refuse(SpotVerdict::kBadWordDx,
+                  "bad word in the DX call: " + bad_word_ + " (badwords.txt)");
   }
   // 14. Refused DX calls.
   if (deps_.bad_lists->IsDxNok(s.dx_call())) {
     WriteRejection("DxNok - ^", sentence);
-    return Refuse(SpotVerdict::kDxNok);
+    return Refuse(SpotVerdict::kDxNok,
+                  "DX call refused: " + std::string(s.dx_call()) + " (DxNok list)");
   }
   // 15. Spotter calls that no country issues.
   if (CallNotIssued(s.spotter())) {
@@ -522,7 +578,8 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
     line += TimeHHnnZ(now);
     Append("badinfo", "NotIssued.dat", line);
     NoteOffence(address);
-    return Refuse(SpotVerdict::kSpotterNotIssued);
+    return Refuse(SpotVerdict::kSpotterNotIssued,
+                  "spotter call not issued by any country: " + std::string(s.spotter()));
   }
   // 16. The spotter's country.
   if (deps_.country_of) {
@@ -532,11 +589,13 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
   if (!s.spotter_country) {
     WriteRejection("Bad Spotter Cty ", sentence);
     ShowInSpotList("QQ", {}, "red");
-    return Refuse(SpotVerdict::kSpotterCountryUnknown);
+    return Refuse(SpotVerdict::kSpotterCountryUnknown,
+                  "no country for the spotter " + std::string(s.spotter()) + " (country file)");
   }
   // 17. Duplicates, then the rate limits.
   if (deps_.dupes && !req.skip_dupe_check && deps_.dupes->DupeFound(s, now, /*remember=*/!trial_)) {
-    return Refuse(SpotVerdict::kDuplicate);
+    return Refuse(SpotVerdict::kDuplicate, "duplicate: " + std::string(s.dx_call()) +
+                                               " already spotted on this frequency lately");
   }
   // The rate limits count what reaches users; a trial reaches nobody else.
   if (deps_.rates && !trial_) {
@@ -546,7 +605,16 @@ IntakeResult SpotIntake::Check(const IntakeRequest& req) {
                      : rate == RateVerdict::kTooManyForDx ? "Rate limit - spots per DX call^"
                                                           : "Rate limit - spots per spotter^",
                      sentence);
-      return Refuse(SpotVerdict::kRateLimited);
+      const SpotRates& limits = deps_.rates->limits();
+      return Refuse(
+          SpotVerdict::kRateLimited,
+          rate == RateVerdict::kTooManySpots
+              ? "rate limit: over " + std::to_string(limits.per_minute) + " spots a minute"
+          : rate == RateVerdict::kTooManyForDx
+              ? "rate limit: over " + std::to_string(limits.per_dx) + " spots a minute of " +
+                    std::string(s.dx_call())
+              : "rate limit: over " + std::to_string(limits.per_spotter) + " spots a minute from " +
+                    std::string(s.spotter()));
     }
   }
   ShowInSpotList({}, {}, {});

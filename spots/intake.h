@@ -7,9 +7,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/time_text.h"
 #include "spots/spot.h"
@@ -84,6 +86,17 @@ struct IntakeResult {
   bool accepted() const { return verdict == SpotVerdict::kAccepted; }
 };
 
+// A spot intake refused, kept for the sysop's console: what it was, and why in words.
+struct SpotRefusal {
+  SysTime time{};
+  // The spot's fields as far as they were read; a sentence that could not be read at all
+  // stands whole in the comment slot.
+  Spot spot;
+  SpotVerdict verdict = SpotVerdict::kAccepted;
+  // The rule that fired and where it comes from: "bad word: FT8SPAM (badwords.txt)".
+  std::string rule;
+};
+
 struct IntakeDeps {
   BadLists* bad_lists = nullptr;     // required
   const BandTable* bands = nullptr;  // required
@@ -134,12 +147,19 @@ class SpotIntake {
   // fields joined with "^", a blank, the local time "HHnn", then "BadWordCheck" and label).
   bool BadWordCheck(std::string_view text, const Spot& spot, std::string_view label);
 
+  // The last refusals (not of trials), oldest first: up to kRecentRefusals duplicates and as
+  // many of the other reasons.  Valid until the next call of Process.
+  std::vector<const SpotRefusal*> RecentRefusals() const;
+  static constexpr size_t kRecentRefusals = 1000;
+
   const IntakeOptions& options() const { return options_; }
   void set_options(const IntakeOptions& options) { options_ = options; }
 
  private:
   IntakeResult Check(const IntakeRequest& request);
-  IntakeResult Refuse(SpotVerdict verdict);
+  // rule is the refusal in words for the sysop; spot_read says whether spot_ holds this
+  // sentence's fields yet.
+  IntakeResult Refuse(SpotVerdict verdict, std::string rule = {}, bool spot_read = true);
   void NoteOffence(std::string_view address);
   void ShowInSpotList(std::string_view country_column, std::string_view marker,
                       std::string_view colour);
@@ -150,9 +170,13 @@ class SpotIntake {
   IntakeOptions options_;
   Spot spot_;
   std::string upper_comment_;
-  std::string sentence_;  // the sentence of the spot in hand, for the logs
-  std::string day_;       // date text of the logs' file names
-  bool trial_ = false;    // the request in hand is a trial
+  std::string sentence_;               // the sentence of the spot in hand, for the logs
+  std::string day_;                    // date text of the logs' file names
+  bool trial_ = false;                 // the request in hand is a trial
+  std::string bad_word_;               // the word BadWordCheck found last
+  std::string_view request_sentence_;  // the sentence in hand, during Check
+  std::deque<SpotRefusal> refusals_;
+  std::deque<SpotRefusal> duplicates_;
 };
 
 // --- the rules intake applies, exposed for the history loader and for tests -------------

@@ -6,14 +6,21 @@ const state = {
   csrf: '',
   streams: [],
   follow: '',        // stream number followed in the monitor pane, '' for all
-  monitorPaused: [], // lines kept while the monitor is paused
-  spotsPaused: [],
+  monitorLines: [],  // what the monitor pane draws from: the history, then live lines
+  monitorLoading: false,
+  monitorQueued: [], // live lines that came while the history was being read
+  monitorHeld: 0,    // lines that came while paused
+  spotRows: [],      // the Spots table's rows as the API gave them
+  spotSort: {key: 'ts', dir: -1},
+  spotReload: null,
   currentList: '',
   settingsOriginal: new Map(),
 };
 const kMaxPaneLines = 3000;
-const kMaxSpots = 1000;
-const kMaxPaused = 5000;
+const kMaxKeptLines = 6000;
+const kMaxSpots = 2000;
+const kBands = ['2200m', '630m', '160m', '80m', '60m', '40m', '30m', '20m', '17m', '15m', '12m',
+                '10m', '6m', '4m', '2m', '70cm', '33cm', '23cm', '13cm', '9cm', '6cm', '3cm'];
 const $ = (id) => document.getElementById(id);
 
 function el(tag, attrs, ...children) {
@@ -55,12 +62,6 @@ function timeText(unixSeconds) {
   return `${p(d.getUTCDate())}-${p(d.getUTCMonth() + 1)} ${p(d.getUTCHours())}${p(d.getUTCMinutes())}Z`;
 }
 
-function nowText() {
-  const d = new Date();
-  const p = (n) => String(n).padStart(2, '0');
-  return `${p(d.getUTCHours())}${p(d.getUTCMinutes())}:${p(d.getUTCSeconds())}Z`;
-}
-
 function colourClass(c) {
   return ['red', 'green', 'blue', 'orange', 'white'].includes(c) ? 'c-' + c : '';
 }
@@ -69,6 +70,7 @@ function colourClass(c) {
 
 const pageLoaders = {
   monitor: () => loadMonitorView(),
+  spots: () => loadSpots(),
   connections: () => renderStreams(),
   lists: () => loadLists(),
   settings: () => loadSettings(),
@@ -88,11 +90,72 @@ function showPage(name) {
     p.classList.toggle('active', p.id === 'page-' + name);
   }
   clearInterval(refreshTimer);
+  writeRoute();
+  // A hidden pane does not scroll with its lines: on showing, it starts at the newest.
+  if (name === 'monitor') $('monitor-pane').scrollTop = $('monitor-pane').scrollHeight;
   const loader = pageLoaders[name];
   if (loader) loader().catch(showError);
   if (name === 'links' || name === 'stats') {
     refreshTimer = setInterval(() => pageLoaders[name]().catch(() => {}), 5000);
   }
+  if (name === 'spots') {
+    // Refusals that never reach the node's spot list (bad words, duplicates) show up too.
+    refreshTimer = setInterval(() => { if (spotsLive()) loadSpots().catch(() => {}); }, 15000);
+  }
+}
+
+// ---- Addresses ---------------------------------------------------------------------------
+// Each page has its own address (#/spots?day=2026-11-24&q=K1ABC), so a reload or a bookmark
+// opens the same page with the same search and filters.
+
+function readRoute() {
+  const h = location.hash.replace(/^#\/?/, '');
+  const q = h.indexOf('?');
+  const name = q < 0 ? h : h.slice(0, q);
+  return {name: document.getElementById('page-' + name) ? name : 'monitor',
+          params: new URLSearchParams(q < 0 ? '' : h.slice(q + 1))};
+}
+
+function routeParams(name) {
+  const p = new URLSearchParams();
+  const put = (k, v, fallback) => { if (v !== undefined && v !== '' && v !== fallback) p.set(k, v); };
+  if (name === 'monitor') {
+    put('q', $('monitor-search').value.trim());
+    put('stream', state.follow);
+    put('raw', $('monitor-raw').checked ? '' : '0');
+  } else if (name === 'spots') {
+    put('day', $('spots-day').value, todayText());
+    put('q', $('spots-search').value.trim());
+    put('band', $('spots-band').value);
+    put('refused', $('spots-refused').value, 'include');
+    put('sort', state.spotSort.key, 'ts');
+    put('dir', state.spotSort.dir > 0 ? 'asc' : '', '');
+  }
+  return p;
+}
+
+function writeRoute() {
+  const qs = routeParams(currentPage).toString();
+  const hash = '#/' + currentPage + (qs ? '?' + qs : '');
+  if (location.hash !== hash) history.replaceState(null, '', hash);
+}
+
+function applyRoute() {
+  const {name, params} = readRoute();
+  if (name === 'monitor') {
+    $('monitor-search').value = params.get('q') || '';
+    state.follow = params.get('stream') || '';
+    $('monitor-follow').value = state.follow;
+    $('monitor-raw').checked = params.get('raw') !== '0';
+    renderMonitor();
+  } else if (name === 'spots') {
+    $('spots-day').value = params.get('day') || todayText();
+    $('spots-search').value = params.get('q') || '';
+    $('spots-band').value = params.get('band') || '';
+    $('spots-refused').value = params.get('refused') || 'include';
+    state.spotSort = {key: params.get('sort') || 'ts', dir: params.get('dir') === 'asc' ? 1 : -1};
+  }
+  showPage(name);
 }
 
 function showError(e) {
@@ -108,27 +171,104 @@ function appendLine(pane, text, cls, max) {
   if (follow) pane.scrollTop = pane.scrollHeight;
 }
 
+function clockText(ms) {
+  if (!ms) return '';
+  const d = new Date(ms);
+  const p = (n) => String(n).padStart(2, '0');
+  return `${p(d.getUTCHours())}:${p(d.getUTCMinutes())}:${p(d.getUTCSeconds())}Z`;
+}
+
+// One line of the pane: time, stream, direction (> came in on the stream, < the node sent
+// it) and the text.
+function monitorText(msg) {
+  if (msg.local) return msg.x;
+  const stream = msg.s ? String(msg.s).padStart(4, ' ') : '    ';
+  const mark = msg.d === 'in' ? '>' : msg.d === 'out' ? '<' : ' ';
+  const head = `${clockText(msg.ts)} ${stream} ${mark} `;
+  // A text of several lines keeps its lines under the first one's text.
+  const lines = String(msg.x).replace(/[\r\n]+$/, '').split(/\r?\n|\r/);
+  return head + lines.join('\n' + ' '.repeat(head.length));
+}
+
+function monitorShows(msg) {
+  if (msg.local) return true;
+  if (msg.ch === 'raw' && !$('monitor-raw').checked) return false;
+  if (state.follow !== '' && msg.s !== 0 && String(msg.s) !== state.follow) return false;
+  const q = $('monitor-search').value.trim().toLowerCase();
+  return !q || String(msg.x).toLowerCase().includes(q);
+}
+
+function monitorClass(msg) {
+  if (msg.local) return 'marker';
+  return colourClass(msg.c) || (msg.d === 'in' ? 'dir-in' : '');
+}
+
+function keepMonitorLine(msg) {
+  state.monitorLines.push(msg);
+  if (state.monitorLines.length > kMaxKeptLines) {
+    state.monitorLines.splice(0, state.monitorLines.length - kMaxKeptLines);
+  }
+}
+
 function monitorLine(msg) {
-  if (msg.ch === 'raw' && !$('monitor-raw').checked) return;
-  if (state.follow !== '' && msg.s !== 0 && String(msg.s) !== state.follow) return;
-  if ($('monitor-pause').checked) {
-    if (state.monitorPaused.length < kMaxPaused) state.monitorPaused.push(msg);
-    $('monitor-paused').textContent = state.monitorPaused.length + ' lines held';
+  if (state.monitorLoading) {
+    state.monitorQueued.push(msg);
     return;
   }
-  const prefix = msg.s ? String(msg.s).padStart(4, ' ') + ' ' : '';
-  appendLine($('monitor-pane'), prefix + msg.x, colourClass(msg.c), kMaxPaneLines);
+  keepMonitorLine(msg);
+  if (!monitorShows(msg)) return;
+  if ($('monitor-pause').checked) {
+    state.monitorHeld++;
+    $('monitor-paused').textContent = state.monitorHeld + ' lines held';
+    return;
+  }
+  appendLine($('monitor-pane'), monitorText(msg), monitorClass(msg), kMaxPaneLines);
+}
+
+// Draws the pane again from the kept lines: after a change of search, stream or filter.
+function renderMonitor() {
+  const pane = $('monitor-pane');
+  const shown = state.monitorLines.filter(monitorShows).slice(-kMaxPaneLines);
+  pane.replaceChildren(...shown.map((m) => el('span', {class: monitorClass(m)}, monitorText(m) + '\n')));
+  pane.scrollTop = pane.scrollHeight;
+}
+
+// What happened before the page was opened (or while the node restarted): the node keeps the
+// last hours of its monitor.  Live lines that arrive meanwhile wait and follow the history.
+async function loadMonitorHistory() {
+  state.monitorLoading = true;
+  try {
+    const data = await api('monitor/history?limit=5000');
+    const kept = data.lines || [];
+    const last = kept.length ? kept[kept.length - 1].ts : 0;
+    const seen = new Set(kept.filter((m) => m.ts === last).map((m) => m.s + ' ' + m.x));
+    const local = state.monitorLines.filter((m) => m.local);
+    state.monitorLines = kept;
+    if (kept.length) {
+      state.monitorLines.push({local: true, x: `--- history from ${clockText(kept[0].ts)}, live from here ---`});
+    }
+    for (const m of local.slice(-20)) keepMonitorLine(m);
+    for (const m of state.monitorQueued) {
+      if (m.ts > last || (m.ts === last && !seen.has(m.s + ' ' + m.x))) keepMonitorLine(m);
+    }
+  } finally {
+    state.monitorLoading = false;
+    state.monitorQueued = [];
+    renderMonitor();
+  }
 }
 
 function monitorMarker(text) {
-  appendLine($('monitor-pane'), text, 'marker', kMaxPaneLines);
+  monitorLine({local: true, x: text});
 }
 
 function setFollow(stream) {
   state.follow = stream === '' ? '' : String(stream);
   $('monitor-follow').value = state.follow;
+  renderMonitor();
   monitorMarker(state.follow === '' ? '--- all streams ---' : '--- following stream ' + state.follow + ' ---');
   renderStreams();
+  if (currentPage === 'monitor') writeRoute();
 }
 
 // The node's monitor view (all traffic or node traffic) lives in the running node, not in
@@ -219,22 +359,79 @@ async function disconnectStream(s) {
 
 // ---- Spots -------------------------------------------------------------------------------
 
-function spotLine(msg) {
-  if ($('spots-pause').checked) {
-    if (state.spotsPaused.length < kMaxPaused) state.spotsPaused.push(msg);
-    return;
-  }
-  addSpotRow(msg, nowText());
+function todayText() {
+  return new Date().toISOString().slice(0, 10);
 }
 
-function addSpotRow(msg, received) {
-  const refused = msg.c === 'red';
-  const tbody = $('spots-table').tBodies[0];
-  const row = el('tr', {class: refused ? 'refused' : ''},
-    el('td', {}, received), el('td', {class: colourClass(msg.c)}, msg.x));
-  if (refused && !$('spots-refused').checked) row.hidden = true;
-  tbody.prepend(row);
-  while (tbody.rows.length > kMaxSpots) tbody.lastChild.remove();
+// The table follows the node while it shows today and is not paused.
+function spotsLive() {
+  return currentPage === 'spots' && !$('spots-pause').checked &&
+         ($('spots-day').value || todayText()) === todayText();
+}
+
+// A line of the node's own spot list: kept as it comes (markers and all), and a sign that
+// the table has a new row.
+function spotLine(msg) {
+  appendLine($('spots-list'), `${clockText(msg.ts)} ${msg.x}`, colourClass(msg.c), kMaxPaneLines);
+  // The table comes from the day's file, which the node reads for each load: on a busy node
+  // the page asks at most every few seconds, however many spots arrive.
+  if (!spotsLive() || state.spotReload) return;
+  state.spotReload = setTimeout(() => {
+    state.spotReload = null;
+    if (spotsLive()) loadSpots().catch(showError);
+  }, 3000);
+}
+
+async function loadSpots() {
+  const query = new URLSearchParams({
+    day: $('spots-day').value || todayText(),
+    refused: $('spots-refused').value,
+    limit: String(kMaxSpots),
+  });
+  if ($('spots-search').value.trim()) query.set('q', $('spots-search').value.trim());
+  if ($('spots-band').value) query.set('band', $('spots-band').value);
+  try {
+    const data = await api('spots?' + query);
+    state.spotRows = data.spots;
+    $('spots-status').textContent = `${data.matched} spot${data.matched === 1 ? '' : 's'} on ${data.day}` +
+        (data.matched > data.spots.length ? `, the newest ${data.spots.length} shown` : '');
+    $('spots-status').classList.remove('error');
+  } catch (e) {
+    $('spots-status').textContent = e.message;
+    $('spots-status').classList.add('error');
+    state.spotRows = [];
+  }
+  renderSpots();
+}
+
+function spotCompare(key, dir) {
+  return (a, b) => {
+    const x = a[key] ?? '', y = b[key] ?? '';
+    const c = typeof x === 'number' && typeof y === 'number' ? x - y : String(x).localeCompare(String(y));
+    return c * dir || (b.ts - a.ts);
+  };
+}
+
+function renderSpots() {
+  const {key, dir} = state.spotSort;
+  for (const th of $('spots-table').tHead.rows[0].cells) {
+    th.classList.toggle('sorted-asc', th.dataset.sort === key && dir > 0);
+    th.classList.toggle('sorted-desc', th.dataset.sort === key && dir < 0);
+  }
+  const rows = [...state.spotRows].sort(spotCompare(key, dir));
+  $('spots-table').tBodies[0].replaceChildren(...rows.map((r) => el('tr',
+    {class: r.refused ? 'refused' : ''},
+    el('td', {}, clockText(r.ts * 1000)), el('td', {class: 'num'}, Number(r.freq).toFixed(1)),
+    el('td', {}, r.band), el('td', {}, r.dx), el('td', {}, r.spotter),
+    el('td', {class: 'comment'}, r.comment), el('td', {}, r.origin), el('td', {}, r.source),
+    el('td', {title: r.refused ? r.rule : ''}, r.refused ? r.rule : ''))));
+}
+
+function sortSpots(key) {
+  const same = state.spotSort.key === key;
+  state.spotSort = {key, dir: same ? -state.spotSort.dir : (key === 'ts' || key === 'freq' ? -1 : 1)};
+  renderSpots();
+  writeRoute();
 }
 
 // ---- Lists -------------------------------------------------------------------------------
@@ -634,6 +831,7 @@ function connectLive() {
   $('live').textContent = 'connecting...';
   socket.onopen = () => {
     retryDelay = 1000;
+    loadMonitorHistory().catch(showError);
     $('live').textContent = 'live';
     $('live').title = 'Live lines and connections arrive as they happen';
     $('live').classList.remove('off');
@@ -649,7 +847,7 @@ function connectLive() {
       renderStreams();
     } else if (msg.t === 'dropped') {
       monitorMarker(msg.x);
-      addSpotRow({x: msg.x, c: 'orange'}, nowText());
+      appendLine($('spots-list'), msg.x, 'marker', kMaxPaneLines);
     } else if (msg.t === 'hello') {
       setCall(msg.call);
     }
@@ -679,32 +877,47 @@ async function start() {
   setCall(session.call);
 
   for (const b of document.querySelectorAll('#tabs button')) {
-    b.addEventListener('click', () => showPage(b.dataset.page));
+    b.addEventListener('click', () => {
+      // Each page keeps its own search and filters in its address.
+      currentPage = b.dataset.page;
+      const qs = routeParams(b.dataset.page).toString();
+      location.hash = '#/' + b.dataset.page + (qs ? '?' + qs : '');
+    });
   }
-  $('monitor-clear').addEventListener('click', () => $('monitor-pane').replaceChildren());
+  window.addEventListener('hashchange', applyRoute);
+  $('monitor-clear').addEventListener('click', () => {
+    state.monitorLines = [];
+    $('monitor-pane').replaceChildren();
+  });
   $('monitor-pause').addEventListener('change', () => {
     if ($('monitor-pause').checked) return;
-    const held = state.monitorPaused;
-    state.monitorPaused = [];
+    state.monitorHeld = 0;
     $('monitor-paused').textContent = '';
-    for (const m of held) monitorLine(m);
-    if (held.length >= kMaxPaused) monitorMarker('... lines held while paused were cut ...');
+    renderMonitor();
   });
   $('monitor-follow').addEventListener('change', () => setFollow($('monitor-follow').value));
+  $('monitor-raw').addEventListener('change', () => { renderMonitor(); writeRoute(); });
+  let searchTimer = null;
+  $('monitor-search').addEventListener('input', () => {
+    clearTimeout(searchTimer);
+    searchTimer = setTimeout(() => { renderMonitor(); writeRoute(); }, 200);
+  });
   $('monitor-view').addEventListener('change', changeMonitorView);
   loadMonitorView().catch(showError);
-  $('spots-clear').addEventListener('click', () => $('spots-table').tBodies[0].replaceChildren());
-  $('spots-pause').addEventListener('change', () => {
-    if ($('spots-pause').checked) return;
-    const held = state.spotsPaused;
-    state.spotsPaused = [];
-    for (const m of held) addSpotRow(m, nowText());
+  for (const b of kBands) $('spots-band').append(el('option', {value: b}, b));
+  $('spots-day').max = todayText();
+  const reloadSpots = () => { writeRoute(); loadSpots().catch(showError); };
+  for (const id of ['spots-day', 'spots-band', 'spots-refused']) {
+    $(id).addEventListener('change', reloadSpots);
+  }
+  $('spots-search').addEventListener('input', () => {
+    clearTimeout(searchTimer);
+    searchTimer = setTimeout(reloadSpots, 300);
   });
-  $('spots-refused').addEventListener('change', () => {
-    for (const r of $('spots-table').tBodies[0].rows) {
-      if (r.classList.contains('refused')) r.hidden = !$('spots-refused').checked;
-    }
-  });
+  $('spots-pause').addEventListener('change', () => { if (spotsLive()) reloadSpots(); });
+  for (const th of $('spots-table').tHead.rows[0].cells) {
+    th.addEventListener('click', () => sortSpots(th.dataset.sort));
+  }
   $('list-add-form').addEventListener('submit', (ev) => {
     ev.preventDefault();
     const item = $('list-add-item').value.trim();
@@ -736,6 +949,7 @@ async function start() {
       alert(e.message);
     }
   });
+  applyRoute();
   connectLive();
 }
 

@@ -22,6 +22,10 @@ using nlohmann::json;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
+int64_t UnixSeconds(SysTime t) {
+  return std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
+}
+
 TEST(ConsolePasswordTest, HashRoundTripAndFile) {
   qx::testing::TempDir dir;
   const PasswordHash h = HashPassword("correct horse", 1000);
@@ -172,6 +176,85 @@ TEST_F(ConsoleApiTest, MonitorViewIsAllOrNodeTrafficAndABadValueKeepsIt) {
   }
   EXPECT_EQ(model_.monitor_view, 1);
   EXPECT_EQ(Call("POST", "monitor/view", R"({"view":0})")["view"], 0);
+}
+
+TEST_F(ConsoleApiTest, SpotsOfADayWithRefusalsNewestFirstSearchedAndFiltered) {
+  const auto spot = [](int day, int hour, double khz, const char* band, const char* dx) {
+    ConsoleSpot s;
+    s.time = MakeUtc(2026, 11, day, hour);
+    s.frequency_khz = khz;
+    s.band = band;
+    s.dx = dx;
+    s.spotter = "G4ABC";
+    s.comment = "CQ";
+    return s;
+  };
+  model_.spots = {spot(23, 23, 7010, "40m", "OLD1"), spot(24, 10, 14025, "20m", "K1ABC"),
+                  spot(24, 11, 7025, "40m", "JA1AAA")};
+  ConsoleSpot refused = spot(24, 12, 14030, "20m", "W1XYZ");
+  refused.refused = true;
+  refused.reason = "bad word";
+  refused.rule = "bad word: FT8SPAM (badwords.txt)";
+  model_.refusals = {spot(23, 12, 14030, "20m", "LATE"), refused};
+  model_.refusals.front().refused = true;
+
+  const auto dx_of = [&](std::string_view query) {
+    std::vector<std::string> out;
+    const json reply = Call("GET", "spots", "", 200, query);
+    for (const json& r : reply["spots"]) out.push_back(r["dx"]);
+    return out;
+  };
+  using V = std::vector<std::string>;
+  EXPECT_EQ(dx_of("day=2026-11-24"), (V{"W1XYZ", "JA1AAA", "K1ABC"}));
+  const json all = Call("GET", "spots", "", 200, "day=2026-11-24");
+  EXPECT_EQ(all["day"], "2026-11-24");
+  EXPECT_EQ(all["spots"][0]["rule"], "bad word: FT8SPAM (badwords.txt)");
+  EXPECT_EQ(all["spots"][0]["refused"], true);
+  EXPECT_EQ(all["spots"][1]["refused"], false);
+  EXPECT_EQ(all["spots"][1]["ts"], UnixSeconds(MakeUtc(2026, 11, 24, 11)));
+  EXPECT_EQ(dx_of("day=2026-11-24&refused=hide"), (V{"JA1AAA", "K1ABC"}));
+  EXPECT_EQ(dx_of("day=2026-11-24&refused=only"), (V{"W1XYZ"}));
+  EXPECT_EQ(dx_of("day=2026-11-23"), (V{"OLD1", "LATE"}));
+  EXPECT_EQ(dx_of("day=2026-11-24&band=20M"), (V{"W1XYZ", "K1ABC"}));
+  EXPECT_EQ(dx_of("day=2026-11-24&q=ft8spam"), (V{"W1XYZ"}));  // the rule is searched too
+  EXPECT_EQ(dx_of("day=2026-11-24&q=ja1"), (V{"JA1AAA"}));
+  const json one = Call("GET", "spots", "", 200, "day=2026-11-24&limit=1");
+  EXPECT_EQ(one["spots"].size(), 1u);
+  EXPECT_EQ(one["matched"], 3);
+  for (const char* bad : {"day=2026-02-29", "day=yesterday", "day=2026-13-01", "refused=maybe"}) {
+    Call("GET", "spots", "", 400, bad);
+  }
+}
+
+TEST_F(ConsoleApiTest, MonitorHistoryBothDirectionsSearchedByTextStreamAndChannel) {
+  ManualClock clock(MakeUtc(2026, 11, 24, 22, 0));
+  Monitor& m = model_.monitor_obj;
+  m.set_clock(&clock);
+  m.KeepHistory(100, std::chrono::hours(2));
+  m.Input(5, "sh/dx");
+  m.Write(MonitorChannel::kRaw, "14025.0 JA1AAA", "", 5, MonitorDirection::kOut);
+  m.Console("Loading DX Spots");
+  m.Input(6, "bye");
+
+  const json lines = Call("GET", "monitor/history")["lines"];
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[0]["x"], "sh/dx");
+  EXPECT_EQ(lines[0]["d"], "in");
+  EXPECT_EQ(lines[1]["d"], "out");
+  EXPECT_EQ(lines[2]["d"], "");
+  EXPECT_EQ(lines[0]["ts"], UnixSeconds(clock.Now()) * 1000);
+  const auto texts = [&](std::string_view query) {
+    std::vector<std::string> out;
+    const json reply = Call("GET", "monitor/history", "", 200, query);
+    for (const json& l : reply["lines"]) out.push_back(l["x"]);
+    return out;
+  };
+  using V = std::vector<std::string>;
+  EXPECT_EQ(texts("stream=5"), (V{"sh/dx", "14025.0 JA1AAA"}));
+  EXPECT_EQ(texts("q=SH%2FDX"), (V{"sh/dx"}));
+  EXPECT_EQ(texts("ch=console"), (V{"Loading DX Spots"}));
+  EXPECT_EQ(texts("limit=2"), (V{"Loading DX Spots", "bye"}));  // the newest, in order
+  Call("GET", "monitor/history", "", 400, "stream=x");
 }
 
 TEST_F(ConsoleApiTest, LogsAndStatistics) {

@@ -64,6 +64,18 @@ class FakeConsoleModel : public ConsoleModel {
   std::vector<ConsoleDownload> downloads;
   int download_requests = 0;
   std::map<std::string, std::vector<std::string>> log_files;  // name -> lines
+  std::vector<ConsoleSpot> spots;                             // taken, oldest first, of any day
+  std::vector<ConsoleSpot> refusals;                          // oldest first
+
+  std::vector<ConsoleSpot> SpotsOfDay(SysTime day) const override {
+    std::vector<ConsoleSpot> out;
+    const SysTime start = std::chrono::floor<std::chrono::days>(day);
+    for (const ConsoleSpot& s : spots) {
+      if (s.time >= start && s.time < start + std::chrono::days(1)) out.push_back(s);
+    }
+    return out;
+  }
+  std::vector<ConsoleSpot> RecentRefusals() const override { return refusals; }
 
   Monitor& monitor() override { return monitor_obj; }
   std::string NodeCall() const override { return Value("Cluster Call"); }

@@ -89,5 +89,58 @@ TEST(NodeMonitorViewTest, Pc11WithoutTerminatorIsTakenAndReportedOnlyOnTheNodeTr
   EXPECT_EQ((*violation)["s"], peer_stream);
 }
 
+// What the Monitor and Spots pages read after the fact: a user's input beside the node's
+// answers, a spot once with the number of users it reached (not once per user), and a
+// refused spot with its reason in words.
+TEST(NodeMonitorViewTest, HistoryHoldsInputOneLinePerSpotAndRefusalsWithReasons) {
+  NodeSite node("K1QXA");
+  node.Start();
+  ASSERT_TRUE(node.WaitOutput(kPasswordLine)) << node.node().Output();
+  const std::string output = node.node().Output();
+  const size_t at = output.find(kPasswordLine) + kPasswordLine.size();
+  ConsoleClient console(node.console_port());
+  const ConsoleLogin login = console.LogIn(output.substr(at, output.find('\n', at) - at));
+  ASSERT_FALSE(login.csrf.empty());
+  ASSERT_EQ(console.Post("/api/lists/DxNok/add", json{{"item", "K9BAD"}}, &login).result_int(),
+            200u);
+
+  auto a = node.LogIn("DL1ABC");
+  auto b = node.LogIn("K1XYZ");
+  a->SendLine("DX 14025 K1ABC test");
+  ASSERT_TRUE(b->ReadUntil("K1ABC")) << b->received();
+  a->SendLine("DX 14030 K9BAD hello");  // refused without a word to the spotter
+  a->Drain(1s);
+
+  const json lines =
+      json::parse(console.Get("/api/monitor/history?q=K1ABC", &login).body())["lines"];
+  int typed = 0, sent = 0;
+  for (const json& l : lines) {
+    const std::string x = l["x"];
+    EXPECT_GT(l["ts"].get<int64_t>(), 0);
+    if (l["d"] == "in" && x == "DX 14025 K1ABC test") ++typed;
+    if (l["d"] == "out" && x.starts_with("DX de DL1ABC:")) {
+      ++sent;
+      EXPECT_TRUE(x.ends_with("[sent to 2 users]")) << x;
+    }
+  }
+  EXPECT_EQ(typed, 1) << lines.dump();
+  EXPECT_EQ(sent, 1) << lines.dump();
+
+  const json spots = json::parse(console.Get("/api/spots", &login).body())["spots"];
+  const json* taken = nullptr;
+  const json* refused = nullptr;
+  for (const json& s : spots) {
+    if (s["dx"] == "K1ABC") taken = &s;
+    if (s["dx"] == "K9BAD") refused = &s;
+  }
+  ASSERT_TRUE(taken && refused) << spots.dump();
+  EXPECT_EQ((*taken)["refused"], false);
+  EXPECT_EQ((*taken)["band"], "20m");
+  EXPECT_EQ((*taken)["spotter"], "DL1ABC");
+  EXPECT_EQ((*refused)["refused"], true);
+  EXPECT_EQ((*refused)["reason"], "DX call refused");
+  EXPECT_EQ((*refused)["rule"], "DX call refused: K9BAD (DxNok list)");
+}
+
 }  // namespace
 }  // namespace qx::testing

@@ -345,6 +345,37 @@ TEST_F(IntakeTest, DuplicatesAndRateLimitsComeLast) {
             std::string::npos);
 }
 
+// The console lists recent refusals with the rule in words; duplicates, which a linked node
+// sees by the hundred, have a ring of their own so they never push the others out.
+TEST_F(IntakeTest, RefusalsAreKeptWithTheRuleInWordsAndDuplicatesApart) {
+  lists_.AddBadWord("FT8SPAM");
+  EXPECT_EQ(Run(With(kGood, 5, "FT8SPAM here")).verdict, SpotVerdict::kBadWord);
+  EXPECT_EQ(Run("PC61^14025.0^K1ABC").verdict, SpotVerdict::kFieldCount);
+  const std::string again = With(kGood, 5, "FT8SPAM again");
+  IntakeRequest trial;
+  trial.sentence = again;
+  trial.trial = true;
+  EXPECT_EQ(intake_->Process(trial).verdict, SpotVerdict::kBadWord);  // a trial is not kept
+  std::vector<const SpotRefusal*> kept = intake_->RecentRefusals();
+  ASSERT_EQ(kept.size(), 2u);
+  EXPECT_EQ(kept[0]->rule, "bad word: FT8SPAM (badwords.txt)");
+  EXPECT_EQ(kept[0]->spot.dx_call(), "K1ABC");
+  EXPECT_EQ(kept[0]->spot.comment(), "FT8SPAM here");
+  EXPECT_EQ(kept[0]->time, clock_.Now());
+  EXPECT_EQ(kept[1]->rule, "3 fields where a spot has 10 to 13 (unreadable sentence)");
+  EXPECT_EQ(kept[1]->spot.comment(), "PC61^14025.0^K1ABC");  // what there was, whole
+  EXPECT_TRUE(kept[1]->spot.dx_call().empty());
+
+  ASSERT_TRUE(Run(kGood).accepted());
+  for (size_t i = 0; i < SpotIntake::kRecentRefusals + 5; ++i) {
+    ASSERT_EQ(Run(kGood).verdict, SpotVerdict::kDuplicate);
+  }
+  kept = intake_->RecentRefusals();
+  ASSERT_EQ(kept.size(), SpotIntake::kRecentRefusals + 2);
+  EXPECT_EQ(kept[0]->verdict, SpotVerdict::kBadWord);
+  EXPECT_EQ(kept.back()->rule, "duplicate: K1ABC already spotted on this frequency lately");
+}
+
 TEST_F(IntakeTest, ReporterSpotsAreFt8AndCarryTheirTag) {
   IntakeRequest req;
   const std::string s = With(With(kGood, 5, "CW 20 dB"), 1, "14074.0");

@@ -3,8 +3,9 @@
 //
 // node:   qxcluster (which starts qxfront) in a fresh program directory; a telnet user logs
 //         in, the monitor view is switched, a lock-out made in the browser refuses a call at
-//         log-in, a spot typed by the user shows in the spot list, a setting saved in the
-//         browser lands in cluster.cfg.
+//         log-in, a spot typed by the user shows in the spot list once (and a refused one
+//         with its reason), what the user typed shows in the monitor, and both survive a
+//         reload; a setting saved in the browser lands in cluster.cfg.
 // --demo: console_demo's fake node, driven through its standard input instead of telnet.
 import { chromium } from 'playwright-core';
 import { spawn } from 'node:child_process';
@@ -16,7 +17,8 @@ import path from 'node:path';
 const [bin, mode, chromiumPath] = process.argv.slice(2);
 const demo = mode === '--demo';
 const home = fs.mkdtempSync(path.join(os.tmpdir(), 'qx-console-e2e-'));
-const shots = process.env.QX_BROWSER_SHOTS || path.join(home, 'shots');
+// Reviewers look at the pages here after a run (build/console-screenshots beside build/bin).
+const shots = process.env.QX_BROWSER_SHOTS || path.join(path.resolve(bin), '..', 'console-screenshots');
 fs.mkdirSync(shots, {recursive: true});
 
 let passed = 0;
@@ -215,17 +217,70 @@ try {
     bad.close();
   }
 
-  // A spot posted by the user appears in the spot list.
+  // A spot posted by the user appears in the Spots table once, a refused one with its reason
+  // in words, and what the user typed is in the monitor beside what the node sent.
+  let refusedCall, refusedRule, typed;
   if (demo) {
+    child.stdin.write('input 5 DX 14025 K1ABC test\n');
     child.stdin.write('spot DX de G4ABC:     14025.0  K1ABC        test                           1200Z\n');
-    child.stdin.write('spot refused DX de N0BAD: 14025.0 K1ABC bad spotter\n');
+    child.stdin.write('spot refused DX de N0BAD: 14025.0 K9BAD bad spotter\n');
+    [refusedCall, refusedRule, typed] = ['N0BAD', 'spotter refused: N0BAD (SpotterNok list)',
+                                         'DX 14025 K1ABC test'];
   } else {
+    await page.click('#list-names li[data-list="DxNok"]');
+    await page.fill('#list-add-item', 'K9BAD');
+    await page.press('#list-add-item', 'Enter');
+    await visible(page.locator('#list-items tr', {hasText: 'K9BAD'}));
     user.send('DX 14025 K1ABC test');
+    await user.until(/K1ABC/);
+    user.send('DX 14030 K9BAD hello');
+    [refusedCall, refusedRule, typed] = ['K9BAD', 'DX call refused: K9BAD (DxNok list)',
+                                         'DX 14025 K1ABC test'];
   }
   await tab('spots');
-  check(await visible(page.locator('#spots-table tbody tr', {hasText: 'K1ABC'})),
-        'the spot appears in Spots');
+  const spotRows = page.locator('#spots-table tbody tr:not(.refused)', {hasText: 'K1ABC'});
+  check(await visible(spotRows), 'the spot appears in Spots');
+  check(await spotRows.count() === 1, 'the spot is one row of the table');
+  check(await visible(page.locator('#spots-table tbody tr.refused', {hasText: refusedRule})),
+        'the refused spot is in the table with its reason in words');
   await shot('04-spots');
+  // The table sorts by a column's heading and filters by band, and its address says so.
+  const firstDx = async () => (await page.locator('#spots-table tbody tr td:nth-child(4)').first().textContent());
+  await page.click('#spots-table th[data-sort="dx"]');
+  const ascending = await firstDx();
+  await page.click('#spots-table th[data-sort="dx"]');
+  check(ascending === 'K1ABC' && (await firstDx()) === 'K9BAD' && /sort=dx/.test(page.url()),
+        'a click on a heading sorts the table, a second click the other way');
+  await page.selectOption('#spots-band', '40m');
+  check(await waitFor(async () => (await page.locator('#spots-table tbody tr').count()) === 0),
+        'the band filter leaves out spots on other bands');
+  await page.selectOption('#spots-band', '');
+  await tab('monitor');
+  const typedLine = page.locator('#monitor-pane span', {hasText: '> ' + typed});
+  check(await visible(typedLine), 'what the user typed is in the monitor, marked as input');
+  if (!demo) {
+    check(await visible(page.locator('#monitor-pane span', {hasText: '[sent to 1 user]'})),
+          'the spot is one monitor line with the number of users it went to');
+    check(await page.locator('#monitor-pane span', {hasText: /DX de G4ABC:.*K1ABC/}).count() === 1,
+          'the spot is in the monitor once');
+  }
+  await shot('04a-monitor-both-directions');
+
+  // After a reload the monitor still shows what happened, and the Spots page comes back with
+  // its search and filter from its address.
+  await page.reload();
+  check(await visible(typedLine), 'the monitor shows the earlier lines after a reload');
+  await page.goto(base + `/#/spots?q=${refusedCall}&refused=only`);
+  await page.reload();
+  check(await waitFor(async () => (await page.inputValue('#spots-search')) === refusedCall &&
+                                  (await page.inputValue('#spots-refused')) === 'only'),
+        'a reloaded Spots page keeps its search and filter');
+  check(await visible(page.locator('#spots-table tbody tr.refused', {hasText: refusedRule})),
+        'the refused spot is found again after the reload');
+  check(await page.locator('#spots-table tbody tr:not(.refused)').count() === 0,
+        'the refused-only filter shows no taken spots');
+  await shot('04b-spots-after-reload');
+  await page.goto(base + '/#/spots');
 
   // A user who goes away leaves the connections table within a second.
   if (user) {

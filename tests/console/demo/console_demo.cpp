@@ -2,12 +2,16 @@
 // console-only run.  Lists and settings are kept in files under --home as the node keeps
 // them.  Lines on standard input drive it:
 //   user <stream> <call> <name>   a user appears in the connections list
-//   spot <text>                   a line in the spot list ("refused ..." lines come in red)
+//   spot <text>                   a line in the spot list ("refused ..." lines come in red);
+//                                 "DX de <spotter>: <kHz> <dx> <comment>" also makes a row of
+//                                 the Spots table (a refused one: spotter refused)
+//   input <stream> <text>         a line a user typed
 //   line <text>                   a console line
 //   quit
 #include <cmath>
 #include <cstdio>
 #include <iostream>
+#include <sstream>
 #include <string>
 
 #include <boost/asio.hpp>
@@ -55,8 +59,34 @@ void ReadCommands(asio::posix::stream_descriptor& in, asio::streambuf& buf, Demo
       model.monitor().Write(qx::MonitorChannel::kRaw, s.call + " logged in", "green", s.number);
       model.monitor().Write(qx::MonitorChannel::kConnections, std::to_string(s.number));
     } else if (word == "spot") {
-      model.monitor().Write(qx::MonitorChannel::kSpots, rest,
-                            rest.starts_with("refused") ? "red" : "");
+      const bool refused = rest.starts_with("refused");
+      model.monitor().Write(qx::MonitorChannel::kSpots, rest, refused ? "red" : "");
+      std::istringstream fields(rest.substr(
+          rest.find("DX de") == std::string::npos ? rest.size() : rest.find("DX de") + 5));
+      qx::ConsoleSpot row;
+      if (fields >> row.spotter >> row.frequency_khz >> row.dx) {
+        if (row.spotter.ends_with(':')) row.spotter.pop_back();
+        std::getline(fields, row.comment);
+        row.time = std::chrono::system_clock::now();
+        row.band = row.frequency_khz >= 14000 && row.frequency_khz <= 14350 ? "20m" : "";
+        row.origin = "XX0QX-2";
+        row.source = "DX  Cluster";
+        row.refused = refused;
+        if (refused) {
+          row.reason = "spotter refused";
+          row.rule = "spotter refused: " + row.spotter + " (SpotterNok list)";
+          model.refusals.push_back(row);
+        } else {
+          model.spots.push_back(row);
+        }
+      }
+    } else if (word == "input") {
+      std::istringstream fields(rest);
+      int stream = 0;
+      fields >> stream;
+      std::string text;
+      std::getline(fields, text);
+      model.monitor().Input(stream, text.empty() ? text : text.substr(1));
     } else if (word == "line") {
       model.monitor().Console(rest);
     } else if (word == "quit") {
@@ -79,6 +109,7 @@ int main(int argc, char** argv) {
   }
   asio::io_context io;
   DemoModel model(home, io);
+  model.monitor().KeepHistory(5000, std::chrono::hours(2));
   model.log_files["log/error-demo.log"] = {"22-Nov-2026 0412:05Z StartUp  StartUp sub running",
                                            "22-Nov-2026 0413:10Z DataArrival  where = 3"};
   for (int i = 0; i < 180; ++i) {
