@@ -68,13 +68,14 @@ async function openList(name) {
 }
 
 async function changeList(action, item) {
-  $('list-error').textContent = '';
+  let error = '';
   try {
     await api(`lists/${encodeURIComponent(admin.list)}/${action}`, {item});
   } catch (e) {
-    $('list-error').textContent = e.message;
+    error = e.message;
   }
   await openList(admin.list);
+  $('list-error').textContent = error;
 }
 
 async function importList() {
@@ -191,14 +192,14 @@ function editLink(l) {
 }
 
 function editNode(n) {
-  $('node-call').value = n.call;
-  if (![...$('node-type').options].some((o) => o.value === n.type)) {
-    $('node-type').append(el('option', {value: n.type}, n.type));
+  $('neighbour-call').value = n.call;
+  if (![...$('neighbour-type').options].some((o) => o.value === n.type)) {
+    $('neighbour-type').append(el('option', {value: n.type}, n.type));
   }
-  $('node-type').value = n.type;
-  $('node-addresses').value = n.addresses || '';
-  $('node-password').value = '';
-  $('node-local').checked = n.local;
+  $('neighbour-type').value = n.type;
+  $('neighbour-addresses').value = n.addresses || '';
+  $('neighbour-password').value = '';
+  $('neighbour-local').checked = n.local;
 }
 
 async function saveLink(ev) {
@@ -219,11 +220,11 @@ async function saveNode(ev) {
   ev.preventDefault();
   $('links-error').textContent = '';
   try {
-    await api('nodes/save', {call: $('node-call').value, type: $('node-type').value,
-                             addresses: $('node-addresses').value,
-                             password: $('node-password').value,
-                             local: $('node-local').checked});
-    $('node-form').reset();
+    await api('nodes/save', {call: $('neighbour-call').value, type: $('neighbour-type').value,
+                             addresses: $('neighbour-addresses').value,
+                             password: $('neighbour-password').value,
+                             local: $('neighbour-local').checked});
+    $('neighbour-form').reset();
   } catch (e) {
     $('links-error').textContent = e.message;
   }
@@ -385,7 +386,7 @@ function startAdmin() {
   $('password-row-form').addEventListener('submit', setPasswordRow);
   $('links-refresh').addEventListener('click', () => loadLinks().catch(showError));
   $('link-form').addEventListener('submit', saveLink);
-  $('node-form').addEventListener('submit', saveNode);
+  $('neighbour-form').addEventListener('submit', saveNode);
   $('users-form').addEventListener('submit', (ev) => {
     ev.preventDefault();
     admin.usersOffset = 0;
