@@ -281,8 +281,8 @@ ConsoleImport NodeConsoleModel::ListImport(std::string_view list, std::string_vi
     WriteCfgFile(node_.config_, node_.dir_);
     node_.ApplyLists();
     node_.log_.Write("Console", "Sysop added " + std::to_string(added.size()) + " to " +
-                                    std::string(list) + " from a pasted list: " +
-                                    Join(added, ", ").substr(0, 400));
+                                    std::string(list) +
+                                    " from a pasted list: " + Join(added, ", ").substr(0, 400));
   }
   return out;
 }
@@ -312,8 +312,8 @@ ConsoleImport NodeConsoleModel::ImportIntoFile(const SysopFile& f,
   ConsoleImport out;
   const auto text = ReadFileText(FilePath(f));
   ImportOutcome outcome;
-  const std::string next = AddSysopEntries(f.kind, text ? *text : std::string(), candidates,
-                                           &outcome);
+  const std::string next =
+      AddSysopEntries(f.kind, text ? *text : std::string(), candidates, &outcome);
   out.already = outcome.already;
   out.refused = std::move(outcome.refused);
   out.added = outcome.added.size();
@@ -323,9 +323,8 @@ ConsoleImport NodeConsoleModel::ImportIntoFile(const SysopFile& f,
     out.added = 0;
     return out;
   }
-  std::string what = outcome.added.size() == 1
-                         ? outcome.added.front()
-                         : std::to_string(outcome.added.size()) + " entries";
+  std::string what = outcome.added.size() == 1 ? outcome.added.front()
+                                               : std::to_string(outcome.added.size()) + " entries";
   std::string line = "Sysop added " + what + " to " + std::string(f.title);
   if (!source.empty()) line += " from " + std::string(source);
   node_.log_.Write("Console", line);
@@ -344,8 +343,8 @@ ConsoleResult NodeConsoleModel::ListFetch(std::string_view list, std::string_vie
   if (fetching_[name]) return ConsoleResult::Fail("a download for this list is under way");
   fetching_[name] = true;
   notes_[name] = "Loading " + std::string(Trim(url)) + " ...";
-  node_.log_.Write("Console", "Sysop asked for " + name + " to be loaded from " +
-                                  std::string(Trim(url)));
+  node_.log_.Write("Console",
+                   "Sysop asked for " + name + " to be loaded from " + std::string(Trim(url)));
   HttpGetRequest request;
   request.url = std::string(Trim(url));
   request.max_body = 8 * 1024 * 1024;  // a published exit list is a few hundred kilobytes
@@ -449,8 +448,7 @@ ConsoleUser NodeConsoleModel::UserSummary(const std::string& call, const std::st
   return u;
 }
 
-ConsoleUserPage NodeConsoleModel::Users(std::string_view query, size_t offset,
-                                        size_t limit) const {
+ConsoleUserPage NodeConsoleModel::Users(std::string_view query, size_t offset, size_t limit) const {
   std::vector<std::string> calls;
   std::error_code ec;
   for (const auto& e : std::filesystem::directory_iterator(node_.dir_.Data("user"), ec)) {
@@ -612,6 +610,18 @@ ConsoleResult NodeConsoleModel::SaveNode(const ConsoleNode& node, std::string_vi
   if (!addresses.Add(node.addresses, &bad)) {
     return ConsoleResult::Fail("not an address or network: " + bad);
   }
+  // A defined node with neither its addresses nor a password is refused at log-in; the
+  // address of an outgoing connection to it counts as one of its addresses.
+  bool has_password = !password.empty();
+  for (const PasswordRow& row : node_.access_.passwords) has_password |= row.call == call;
+  bool called = false;
+  for (const OutgoingConnection& o : node_.config_.outgoing()) {
+    called |= EqualsIgnoreCase(Trim(o.name), call);
+  }
+  if (addresses.empty() && !has_password && !called) {
+    return ConsoleResult::Fail("give " + call +
+                               "'s addresses or a password: a node with neither cannot log in");
+  }
   NodeDefinition def;
   def.call = call;
   def.type = type;
@@ -648,7 +658,8 @@ ConsoleResult NodeConsoleModel::SaveNode(const ConsoleNode& node, std::string_vi
 ConsoleResult NodeConsoleModel::RemoveNode(std::string_view call) {
   auto& all = node_.config_.nodes();
   const size_t before = all.size();
-  std::erase_if(all, [&](const NodeDefinition& n) { return EqualsIgnoreCase(Trim(n.call), Trim(call)); });
+  std::erase_if(
+      all, [&](const NodeDefinition& n) { return EqualsIgnoreCase(Trim(n.call), Trim(call)); });
   if (all.size() == before) return ConsoleResult::Fail("no such node");
   if (!WriteCfgFile(node_.config_, node_.dir_)) {
     return ConsoleResult::Fail("cannot write cluster.cfg");

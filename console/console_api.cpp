@@ -40,8 +40,9 @@ int64_t UnixSeconds(SysTime t) {
 }
 
 json UserJson(const ConsoleUser& u) {
-  return {{"call", u.call},         {"name", u.name},     {"qth", u.qth},
-          {"lastLogin", u.last_login}, {"spots", u.spots}, {"lockedOut", u.locked_out},
+  return {{"call", u.call},    {"name", u.name},
+          {"qth", u.qth},      {"lastLogin", u.last_login},
+          {"spots", u.spots},  {"lockedOut", u.locked_out},
           {"stream", u.stream}};
 }
 
@@ -281,10 +282,9 @@ ApiReply ConsoleApi::Post(std::string_view path, const json& body) {
       if (text == body.end() || !text->is_string()) return Error(400, "text needed");
       const ConsoleImport r = model_.ListImport(name, text->get<std::string>());
       if (!r.error.empty()) return Error(400, r.error);
-      return Reply(200, json{{"ok", true},
-                             {"added", r.added},
-                             {"already", r.already},
-                             {"refused", r.refused}});
+      return Reply(
+          200,
+          json{{"ok", true}, {"added", r.added}, {"already", r.already}, {"refused", r.refused}});
     }
     if (action == "fetch") {
       const std::string url(Trim(StringField(body, "url")));
@@ -350,7 +350,8 @@ ApiReply ConsoleApi::Post(std::string_view path, const json& body) {
     }
     return FromResult(model_.SetPassword(call, password, int(level)));
   }
-  if (path == "passwords/remove") return FromResult(model_.RemovePassword(StringField(body, "call")));
+  if (path == "passwords/remove")
+    return FromResult(model_.RemovePassword(StringField(body, "call")));
   if (path == "nodes/save") {
     ConsoleNode node;
     node.call = std::string(Trim(StringField(body, "call")));

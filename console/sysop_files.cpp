@@ -180,7 +180,9 @@ std::vector<std::string> FilterEntries(const std::vector<std::string>& entries,
 
 std::string SettingChangeText(std::string_view key, std::string_view old_value,
                               std::string_view new_value) {
-  auto shown = [](std::string_view v) { return v.empty() ? std::string("(empty)") : std::string(v); };
+  auto shown = [](std::string_view v) {
+    return v.empty() ? std::string("(empty)") : std::string(v);
+  };
   return "Sysop set " + std::string(key) + " " + shown(old_value) + " \u2192 " + shown(new_value);
 }
 

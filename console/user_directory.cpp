@@ -34,8 +34,8 @@ CallPage PageOfCalls(const std::vector<std::string>& calls, std::string_view que
 }
 
 UserRecordView ViewUserRecord(std::string_view text) {
-  static constexpr std::string_view kPc41Names[] = {"", "Name", "QTH", "Location", "Home node",
-                                                     "Locator"};
+  static constexpr std::string_view kPc41Names[] = {"",         "Name",      "QTH",
+                                                    "Location", "Home node", "Locator"};
   UserRecordView view;
   for (std::string_view line : SplitLines(text)) {
     if (Trim(line).empty()) continue;

@@ -51,7 +51,7 @@ async function openList(name) {
   const q = $('list-search').value.trim();
   const data = await api(`lists/${encodeURIComponent(name)}?q=${encodeURIComponent(q)}`);
   $('list-count').textContent = q ? `${data.matching} of ${data.total} match`
-                                   : `${data.total} entries`;
+                                   : `${data.total} ${data.total === 1 ? 'entry' : 'entries'}`;
   $('list-fetch-form').hidden = !data.fetchable;
   $('list-note').textContent = data.note || '';
   const tbody = $('list-items').tBodies[0];

@@ -299,7 +299,8 @@ TEST(ConsoleLogFilesTest, ListsTodaysLogsAndReadsOnlyThose) {
   EXPECT_THAT(std::vector<std::string>(all.end() - 2, all.end()),
               ElementsAre("badnodes/badnodes-02-Jan-2020.log", "log/error-01-Jan-2020.log"));
   EXPECT_EQ(std::find(all.begin(), all.end(), "log/secret.txt"), all.end());
-  EXPECT_THAT(*logs.Tail("log/error-01-Jan-2020.log", 5), ElementsAre("old log/error-01-Jan-2020.log"));
+  EXPECT_THAT(*logs.Tail("log/error-01-Jan-2020.log", 5),
+              ElementsAre("old log/error-01-Jan-2020.log"));
 
   // Only the end of a big file is read for the tail, starting at a whole line.
   std::string big;

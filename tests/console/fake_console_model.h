@@ -66,8 +66,8 @@ class FakeConsoleModel : public ConsoleModel {
   ConsoleStats stats;
   std::vector<ConsoleDownload> downloads;
   int download_requests = 0;
-  std::map<std::string, std::vector<std::string>> log_files;  // name -> lines
-  std::vector<ConsoleUser> users;                             // sorted by call
+  std::map<std::string, std::vector<std::string>> log_files;     // name -> lines
+  std::vector<ConsoleUser> users;                                // sorted by call
   std::map<std::string, std::pair<std::string, int>> passwords;  // call -> password, level
 
   Monitor& monitor() override { return monitor_obj; }
@@ -171,8 +171,7 @@ class FakeConsoleModel : public ConsoleModel {
     for (const auto& [call, row] : passwords) out.push_back({call, row.second});
     return out;
   }
-  ConsoleResult SetPassword(std::string_view call, std::string_view password,
-                            int level) override {
+  ConsoleResult SetPassword(std::string_view call, std::string_view password, int level) override {
     passwords[ToUpper(call)] = {std::string(password), level};
     return ConsoleResult::Ok();
   }
@@ -196,8 +195,8 @@ class FakeConsoleModel : public ConsoleModel {
   }
   std::optional<ConsoleUserDetail> User(std::string_view call) const override {
     for (const ConsoleUser& u : users) {
-      if (u.call == call) return ConsoleUserDetail{u, {{"Name", u.name}, {"WIDTH", "80"}},
-                                                   {"accept/spots on hf/cw"}};
+      if (u.call == call)
+        return ConsoleUserDetail{u, {{"Name", u.name}, {"WIDTH", "80"}}, {"accept/spots on hf/cw"}};
     }
     return std::nullopt;
   }

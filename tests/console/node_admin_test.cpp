@@ -42,8 +42,8 @@ class NodeAdminTest : public ::testing::Test {
     return json::parse(r.body(), nullptr, false);
   }
   static std::string ErrorLog(NodeSite& node) {
-    return ReadFileText(node.home() / "data/log" / ("error-" + DateText(SystemClock().Now()) +
-                                                   ".log"))
+    return ReadFileText(node.home() / "data/log" /
+                        ("error-" + DateText(SystemClock().Now()) + ".log"))
         .value_or("");
   }
 
@@ -69,9 +69,10 @@ TEST_F(NodeAdminTest, FilesAndPasswordsChangedOnTheConsoleCountAtOnce) {
   // Address lists take addresses only; an import names what it refused and keeps the rest.
   EXPECT_THAT(Post("lists/IpNotOk/add", {{"item", "192.0.2.300"}}, 400)["error"].get<std::string>(),
               HasSubstr("not an IP address"));
-  const json imported = Post("lists/TorList/import",
-                             {{"text", "# exit list\nExitNode ABCD\nExitAddress 198.51.100.7 x\n"
-                                       "203.0.113.9, 2001:db8::1\nnonsense\n198.51.100.7\n"}});
+  const json imported =
+      Post("lists/TorList/import", {{"text",
+                                     "# exit list\nExitNode ABCD\nExitAddress 198.51.100.7 x\n"
+                                     "203.0.113.9, 2001:db8::1\nnonsense\n198.51.100.7\n"}});
   EXPECT_EQ(imported["added"], 3);
   EXPECT_EQ(imported["already"], 1);
   EXPECT_EQ(imported["refused"].size(), 1u);
@@ -108,6 +109,7 @@ TEST_F(NodeAdminTest, NeighboursLinksAndUsersAreManagedFromTheConsole) {
   // A neighbour defined with its address logs in as a node.
   Post("nodes/save", {{"call", "k7leg"}, {"type", "ARC"}, {"addresses", "127.0.0.1"}});
   Post("nodes/save", {{"call", "K7BAD"}, {"addresses", "300.1.1.1"}}, 400);
+  Post("nodes/save", {{"call", "K7BAD"}}, 400);  // neither addresses nor password: never let in
   const json links = Get("links");
   ASSERT_EQ(links["nodes"].size(), 1u);
   EXPECT_EQ(links["nodes"][0]["call"], "K7LEG");
@@ -121,8 +123,11 @@ TEST_F(NodeAdminTest, NeighboursLinksAndUsersAreManagedFromTheConsole) {
 
   // An outgoing connection that cannot be opened says why.
   const int closed_port = FreePort();
-  Post("links/save", {{"name", "K7OFF"}, {"remoteKind", "QXC"}, {"address", "127.0.0.1"},
-                      {"port", closed_port}, {"active", true}});
+  Post("links/save", {{"name", "K7OFF"},
+                      {"remoteKind", "QXC"},
+                      {"address", "127.0.0.1"},
+                      {"port", closed_port},
+                      {"active", true}});
   json off;
   ASSERT_TRUE(WaitFor(
       [&] {

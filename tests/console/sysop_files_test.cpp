@@ -52,7 +52,8 @@ TEST(SysopFilesTest, ImportsKeepTheFileAndReportWhatTheyDid) {
   EXPECT_THAT(SplitImport(SysopFileKind::kAddresses, "# mine\n192.0.2.1, 192.0.2.2\t192.0.2.3"),
               ElementsAre("192.0.2.1", "192.0.2.2", "192.0.2.3"));
   // Phrases hold blanks, so words are split only by lines.
-  EXPECT_THAT(SplitImport(SysopFileKind::kWords, "buy now\nspam\n"), ElementsAre("buy now", "spam"));
+  EXPECT_THAT(SplitImport(SysopFileKind::kWords, "buy now\nspam\n"),
+              ElementsAre("buy now", "spam"));
 
   const std::string file = "# refused by hand\r\n192.0.2.1 flooder\r\n";
   ImportOutcome outcome;
@@ -88,7 +89,8 @@ TEST(SysopFilesTest, PasswordRowsAreReplacedInPlaceAndRemovedByCall) {
             "# sysops\r\nG4ABC^new^2\r\nK1XYZ^pw^0\r\n");
   EXPECT_EQ(AccessLists::SetPasswordRow("", "N0NE", "x", 0), "N0NE^x^0\r\n");
   bool removed = false;
-  EXPECT_EQ(AccessLists::RemovePasswordRows(text, "K1XYZ", &removed), "# sysops\r\nG4ABC^old^1\r\n");
+  EXPECT_EQ(AccessLists::RemovePasswordRows(text, "K1XYZ", &removed),
+            "# sysops\r\nG4ABC^old^1\r\n");
   EXPECT_TRUE(removed);
   const auto rows = AccessLists::ParsePasswords(AccessLists::SetPasswordRow(text, "K1XYZ", "a", 0));
   ASSERT_EQ(rows.size(), 2u);
