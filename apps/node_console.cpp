@@ -265,7 +265,7 @@ ConsoleImport NodeConsoleModel::ListImport(std::string_view list, std::string_vi
   // Every item is checked first; the list file and cluster.cfg are written once.
   ConfigList& l = node_.config_.List(list);
   std::vector<std::string> added;
-  for (const std::string& item : SplitImport(SysopFileKind::kCalls, pasted)) {
+  for (const std::string& item : SplitListItems(pasted)) {
     std::string value;
     if (std::string why = CheckListItem(item, &value); !why.empty()) {
       out.refused.push_back(item + ": " + why);

@@ -7,7 +7,7 @@ namespace qx {
 // A model that has nothing quicker adds the items one by one.
 ConsoleImport ConsoleModel::ListImport(std::string_view list, std::string_view pasted) {
   ConsoleImport out;
-  for (const std::string& item : SplitImport(SysopFileKind::kCalls, pasted)) {
+  for (const std::string& item : SplitListItems(pasted)) {
     const ConsoleResult r = ListAdd(list, item);
     if (r.ok) {
       ++out.added;

@@ -16,7 +16,7 @@ std::string LineEntry(SysopFileKind kind, std::string_view line) {
   if (line.empty()) return {};
   switch (kind) {
     case SysopFileKind::kWords:
-      return ToUpper(line);
+      return CollapseBlanks(ToUpper(line));
     case SysopFileKind::kAddresses: {
       if (line.front() == '#') return {};
       if (StartsWithIgnoreCase(line, "ExitAddress ")) line = Trim(line.substr(12));
@@ -123,6 +123,16 @@ std::vector<std::string> SplitImport(SysopFileKind kind, std::string_view pasted
     }
     for (std::string_view word : Split(spaced, ' ')) {
       if (!Trim(word).empty()) out.emplace_back(Trim(word));
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> SplitListItems(std::string_view pasted) {
+  std::vector<std::string> out;
+  for (const std::string& line : SplitImport(SysopFileKind::kWords, pasted)) {
+    for (std::string_view part : Split(line, ',')) {
+      if (!Trim(part).empty()) out.emplace_back(Trim(part));
     }
   }
   return out;

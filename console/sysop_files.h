@@ -47,6 +47,10 @@ CheckedEntry CheckSysopEntry(SysopFileKind kind, std::string_view typed);
 // exit list ("ExitNode", "Published", "LastStatus") are skipped.
 std::vector<std::string> SplitImport(SysopFileKind kind, std::string_view pasted);
 
+// The items of a list pasted for one of the configuration's lists: one a line or separated by
+// commas; blanks stay inside an item ("GB7AAA DXS" names a node and its type).
+std::vector<std::string> SplitListItems(std::string_view pasted);
+
 // What an import did.
 struct ImportOutcome {
   std::vector<std::string> added;

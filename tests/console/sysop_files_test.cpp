@@ -54,6 +54,9 @@ TEST(SysopFilesTest, ImportsKeepTheFileAndReportWhatTheyDid) {
   // Phrases hold blanks, so words are split only by lines.
   EXPECT_THAT(SplitImport(SysopFileKind::kWords, "buy now\nspam\n"),
               ElementsAre("buy now", "spam"));
+  // The configuration's node lists hold "CALL TYPE": blanks stay inside an item.
+  EXPECT_THAT(SplitListItems("GB7AAA DXS, GB7BBB\n# note\n K1ABC \n"),
+              ElementsAre("GB7AAA DXS", "GB7BBB", "K1ABC"));
 
   const std::string file = "# refused by hand\r\n192.0.2.1 flooder\r\n";
   ImportOutcome outcome;
