@@ -1020,6 +1020,7 @@ void ClusterNode::OnStreamListReported(int count) {
 }
 
 void ClusterNode::OnOutgoingFailed(std::string_view label, std::string_view reason) {
+  link_errors_[ToUpper(label)] = Trim(reason).empty() ? "failed" : std::string(Trim(reason));
   if (feeds_->OnOutgoingFailed(label, reason)) return;
   network_->OnOutgoingFailed(label, reason);
 }

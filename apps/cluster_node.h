@@ -243,6 +243,9 @@ class ClusterNode final : public LinkEvents,
   bool stopped_ = false;
   bool restart_requested_ = false;
   int pruned_day_ = -1;  // days since the epoch of the last prune
+  // Why each outgoing connection last failed to open, as the front-end said (AA19): label ->
+  // reason, for the console's Node links page.
+  std::map<std::string, std::string, std::less<>> link_errors_;
 };
 
 }  // namespace qx

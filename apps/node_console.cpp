@@ -1,10 +1,15 @@
 #include "apps/node_console.h"
 
 #include <array>
+#include <filesystem>
 
 #include "apps/cluster_node.h"
 #include "console/setting_check.h"
+#include "console/user_directory.h"
+#include "core/file_util.h"
+#include "core/net_address.h"
 #include "core/text_util.h"
+#include "downloads/http_get.h"
 #include "spots/call_sign.h"
 #include "spots/intake.h"
 #include "spots/spot_history.h"
@@ -194,10 +199,15 @@ ConsoleResult NodeConsoleModel::DisconnectStream(int stream) {
 std::vector<std::string> NodeConsoleModel::ListNames() const {
   std::vector<std::string> names;
   for (const std::string& n : Config::ListNames()) names.push_back(n);
+  for (const SysopFile& f : SysopFiles()) names.emplace_back(f.list);
   return names;
 }
 
 std::optional<std::vector<std::string>> NodeConsoleModel::ListItems(std::string_view list) const {
+  if (const SysopFile* f = FindSysopFile(list)) {
+    const auto text = ReadFileText(FilePath(*f));
+    return SysopFileEntries(f->kind, text ? *text : std::string());
+  }
   const ConfigList* l = node_.config_.FindList(list);
   bool known = false;
   for (const std::string& n : Config::ListNames()) known = known || n == list;
@@ -206,11 +216,31 @@ std::optional<std::vector<std::string>> NodeConsoleModel::ListItems(std::string_
   return l->items;
 }
 
+namespace {
+
+// A configuration list item: one call or address (a node list item may add its type).
+std::string CheckListItem(std::string_view item, std::string* value) {
+  *value = ToUpper(Trim(item));
+  if (value->empty() || value->find_first_of("^\r\n,") != std::string::npos) {
+    return "an item is one call or address, without ^ or commas";
+  }
+  return "";
+}
+
+}  // namespace
+
 ConsoleResult NodeConsoleModel::ListAdd(std::string_view list, std::string_view item) {
+  if (const SysopFile* f = FindSysopFile(list)) {
+    const ConsoleImport r = ImportIntoFile(*f, {std::string(item)}, "");
+    if (!r.error.empty()) return ConsoleResult::Fail(r.error);
+    if (!r.refused.empty()) return ConsoleResult::Fail(r.refused.front());
+    if (r.added == 0) return ConsoleResult::Fail(ToUpper(Trim(item)) + " already in list.");
+    return ConsoleResult::Ok();
+  }
   if (!ListItems(list)) return ConsoleResult::Fail("no such list");
-  const std::string value = ToUpper(Trim(item));
-  if (value.empty() || value.find_first_of("^\r\n,") != std::string::npos) {
-    return ConsoleResult::Fail("an item is one call or address, without ^ or commas");
+  std::string value;
+  if (std::string why = CheckListItem(item, &value); !why.empty()) {
+    return ConsoleResult::Fail(why);
   }
   if (!node_.ListChange(list, value, true)) return ConsoleResult::Fail(value + " already in list.");
   node_.log_.Write("Console", "Sysop added " + value + " to " + std::string(list));
@@ -218,10 +248,275 @@ ConsoleResult NodeConsoleModel::ListAdd(std::string_view list, std::string_view 
 }
 
 ConsoleResult NodeConsoleModel::ListRemove(std::string_view list, std::string_view item) {
+  if (const SysopFile* f = FindSysopFile(list)) {
+    const auto text = ReadFileText(FilePath(*f));
+    bool removed = false;
+    const std::string next =
+        RemoveSysopEntry(f->kind, text ? *text : std::string(), item, &removed);
+    const std::string value = ToUpper(Trim(item));
+    if (!removed) return ConsoleResult::Fail(value + " not in list.");
+    if (!WriteSysopFile(*f, next)) {
+      return ConsoleResult::Fail("cannot write data/files/" + std::string(f->file));
+    }
+    node_.log_.Write("Console", "Sysop removed " + value + " from " + std::string(f->title));
+    return ConsoleResult::Ok();
+  }
   if (!ListItems(list)) return ConsoleResult::Fail("no such list");
   const std::string value = ToUpper(Trim(item));
   if (!node_.ListChange(list, value, false)) return ConsoleResult::Fail(value + " not in list.");
   node_.log_.Write("Console", "Sysop removed " + value + " from " + std::string(list));
+  return ConsoleResult::Ok();
+}
+
+ConsoleImport NodeConsoleModel::ListImport(std::string_view list, std::string_view pasted) {
+  if (const SysopFile* f = FindSysopFile(list)) {
+    return ImportIntoFile(*f, SplitImport(f->kind, pasted), "a pasted list");
+  }
+  ConsoleImport out;
+  if (!ListItems(list)) {
+    out.error = "no such list";
+    return out;
+  }
+  // Every item is checked first; the list file and cluster.cfg are written once.
+  ConfigList& l = node_.config_.List(list);
+  std::vector<std::string> added;
+  for (const std::string& item : SplitListItems(pasted)) {
+    std::string value;
+    if (std::string why = CheckListItem(item, &value); !why.empty()) {
+      out.refused.push_back(item + ": " + why);
+    } else if (l.Add(value)) {
+      added.push_back(value);
+    } else {
+      ++out.already;
+    }
+  }
+  out.added = added.size();
+  if (!added.empty()) {
+    WriteListFile(node_.dir_, list, l);
+    WriteCfgFile(node_.config_, node_.dir_);
+    node_.ApplyLists();
+    node_.log_.Write("Console", "Sysop added " + std::to_string(added.size()) + " to " +
+                                    std::string(list) +
+                                    " from a pasted list: " + Join(added, ", ").substr(0, 400));
+  }
+  return out;
+}
+
+std::filesystem::path NodeConsoleModel::FilePath(const SysopFile& f) const {
+  return node_.dir_.Data("files") / std::string(f.file);
+}
+
+bool NodeConsoleModel::WriteSysopFile(const SysopFile& f, std::string_view text) {
+  const auto path = FilePath(f);
+  if (!AtomicWriteFile(path, text)) return false;
+  if (f.list == "BadWords") {
+    node_.bad_lists_.SetBadWordsText(text);
+  } else if (f.list == "IpNotOk") {
+    node_.bad_lists_.LoadRefusedAddresses(path);
+  } else if (f.list == "TorList") {
+    node_.bad_lists_.LoadTorAddresses(path);
+  } else if (f.list == "SpecialCalls") {
+    node_.access_.LoadFiles(node_.dir_.Data("files"));
+  }
+  return true;
+}
+
+ConsoleImport NodeConsoleModel::ImportIntoFile(const SysopFile& f,
+                                               const std::vector<std::string>& candidates,
+                                               std::string_view source) {
+  ConsoleImport out;
+  const auto text = ReadFileText(FilePath(f));
+  ImportOutcome outcome;
+  const std::string next =
+      AddSysopEntries(f.kind, text ? *text : std::string(), candidates, &outcome);
+  out.already = outcome.already;
+  out.refused = std::move(outcome.refused);
+  out.added = outcome.added.size();
+  if (outcome.added.empty()) return out;
+  if (!WriteSysopFile(f, next)) {
+    out.error = "cannot write data/files/" + std::string(f.file);
+    out.added = 0;
+    return out;
+  }
+  std::string what = outcome.added.size() == 1 ? outcome.added.front()
+                                               : std::to_string(outcome.added.size()) + " entries";
+  std::string line = "Sysop added " + what + " to " + std::string(f.title);
+  if (!source.empty()) line += " from " + std::string(source);
+  node_.log_.Write("Console", line);
+  return out;
+}
+
+bool NodeConsoleModel::ListFetchable(std::string_view list) const { return list == "TorList"; }
+
+ConsoleResult NodeConsoleModel::ListFetch(std::string_view list, std::string_view url) {
+  if (!ListFetchable(list)) return ConsoleResult::Fail("this list is not loaded from an address");
+  Url parsed;
+  if (!ParseUrl(Trim(url), parsed)) {
+    return ConsoleResult::Fail("an address beginning with http:// or https://");
+  }
+  const std::string name(list);
+  if (fetching_[name]) return ConsoleResult::Fail("a download for this list is under way");
+  fetching_[name] = true;
+  notes_[name] = "Loading " + std::string(Trim(url)) + " ...";
+  node_.log_.Write("Console",
+                   "Sysop asked for " + name + " to be loaded from " + std::string(Trim(url)));
+  HttpGetRequest request;
+  request.url = std::string(Trim(url));
+  request.max_body = 8 * 1024 * 1024;  // a published exit list is a few hundred kilobytes
+  HttpGet(node_.io_, std::move(request),
+          [this, alive = alive_, name, source = std::string(Trim(url))](HttpGetResult res) {
+            if (!*alive) return;
+            fetching_[name] = false;
+            const SysopFile* f = FindSysopFile(name);
+            if (res.status != 200) {
+              notes_[name] = "Loading " + source + " failed: " +
+                             (res.status ? "HTTP " + std::to_string(res.status) : res.error);
+              node_.log_.Write("Console", notes_[name]);
+              return;
+            }
+            const std::vector<std::string> candidates = SplitImport(f->kind, res.body);
+            const ConsoleImport r = ImportIntoFile(*f, candidates, source);
+            notes_[name] = r.error.empty()
+                               ? "Loaded " + source + " at " + TimeHHnnZ(node_.clock_.Now()) +
+                                     ": " + std::to_string(r.added) + " new, " +
+                                     std::to_string(r.already) + " already listed, " +
+                                     std::to_string(r.refused.size()) + " not addresses"
+                               : "Loading " + source + " failed: " + r.error;
+            if (!r.error.empty()) node_.log_.Write("Console", notes_[name]);
+          });
+  return ConsoleResult::Ok();
+}
+
+std::string NodeConsoleModel::ListNote(std::string_view list) const {
+  const auto it = notes_.find(list);
+  return it == notes_.end() ? std::string() : it->second;
+}
+
+// Passwords --------------------------------------------------------------------------------
+
+std::vector<ConsolePassword> NodeConsoleModel::PasswordCalls() const {
+  std::vector<ConsolePassword> out;
+  for (const PasswordRow& row : node_.access_.passwords) out.push_back({row.call, row.level});
+  return out;
+}
+
+bool NodeConsoleModel::WritePasswords(std::string_view text) {
+  const auto path = node_.dir_.Data("files") / "passwords.dat";
+  if (!AtomicWriteFile(path, text)) return false;
+  // The file holds passwords as typed: only the node's own account may read it.
+  std::error_code ec;
+  std::filesystem::permissions(
+      path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write,
+      std::filesystem::perm_options::replace, ec);
+  node_.access_.LoadFiles(node_.dir_.Data("files"));
+  return true;
+}
+
+ConsoleResult NodeConsoleModel::SetPassword(std::string_view call, std::string_view password,
+                                            int level) {
+  const CheckedEntry checked = CheckSysopEntry(SysopFileKind::kCalls, call);
+  if (!checked.error.empty()) return ConsoleResult::Fail(checked.error);
+  if (password.empty() || password.find_first_of("^\r\n") != std::string_view::npos) {
+    return ConsoleResult::Fail("a password is one line without ^");
+  }
+  if (level < 0 || level > 9) return ConsoleResult::Fail("the level is a number from 0 to 9");
+  const auto text = ReadFileText(node_.dir_.Data("files") / "passwords.dat");
+  const std::string next =
+      AccessLists::SetPasswordRow(text ? *text : std::string(), checked.entry, password, level);
+  if (!WritePasswords(next)) return ConsoleResult::Fail("cannot write data/files/passwords.dat");
+  node_.log_.Write("Console", "Sysop set the password of " + checked.entry + " (level " +
+                                  std::to_string(level) + ")");
+  return ConsoleResult::Ok();
+}
+
+ConsoleResult NodeConsoleModel::RemovePassword(std::string_view call) {
+  const std::string upper = ToUpper(Trim(call));
+  const auto text = ReadFileText(node_.dir_.Data("files") / "passwords.dat");
+  bool removed = false;
+  const std::string next =
+      AccessLists::RemovePasswordRows(text ? *text : std::string(), upper, &removed);
+  if (!removed) return ConsoleResult::Fail(upper + " has no password");
+  if (!WritePasswords(next)) return ConsoleResult::Fail("cannot write data/files/passwords.dat");
+  node_.log_.Write("Console", "Sysop removed the password of " + upper);
+  return ConsoleResult::Ok();
+}
+
+// Users ------------------------------------------------------------------------------------
+
+ConsoleUser NodeConsoleModel::UserSummary(const std::string& call, const std::string& text) const {
+  ConsoleUser u;
+  u.call = call;
+  SessionSettings s;
+  ApplyUserRecord(text, 0, s);
+  u.name = std::string(DisplayName(s));
+  u.qth = s.qth;
+  const UserRecordView view = ViewUserRecord(text);
+  u.last_login = view.last_login;
+  u.spots = view.spots;
+  u.locked_out = node_.access_.IsLockedOut(call);
+  const std::string file = UserFileName(call);
+  const StreamTable& t = node_.streams_;
+  for (int st = 1; st <= t.high_socket() && !u.stream; ++st) {
+    const StreamEntry& e = t.at(st);
+    if (e.IsUser() && UserFileName(e.call) == file) u.stream = st;
+  }
+  return u;
+}
+
+ConsoleUserPage NodeConsoleModel::Users(std::string_view query, size_t offset, size_t limit) const {
+  std::vector<std::string> calls;
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator(node_.dir_.Data("user"), ec)) {
+    if (e.path().extension() != ".dat") continue;
+    calls.push_back(CallFromUserFileName(e.path().stem().string()));
+  }
+  std::sort(calls.begin(), calls.end());
+  const CallPage page = PageOfCalls(calls, query, offset, limit);
+  ConsoleUserPage out;
+  out.total = page.total;
+  out.offset = page.offset;
+  for (const std::string& call : page.calls) {
+    const auto text = ReadFileText(node_.store_.LocalPath(call));
+    out.users.push_back(UserSummary(call, text ? *text : std::string()));
+  }
+  return out;
+}
+
+std::optional<ConsoleUserDetail> NodeConsoleModel::User(std::string_view call) const {
+  const std::string upper = ToUpper(Trim(call));
+  if (UserFileName(upper).empty()) return std::nullopt;
+  const auto text = ReadFileText(node_.store_.LocalPath(upper));
+  if (!text) return std::nullopt;
+  ConsoleUserDetail d;
+  d.user = UserSummary(CallFromUserFileName(UserFileName(upper)), *text);
+  UserRecordView view = ViewUserRecord(*text);
+  d.settings = std::move(view.settings);
+  d.filters = std::move(view.filters);
+  return d;
+}
+
+ConsoleResult NodeConsoleModel::SetUserLockedOut(std::string_view call, bool locked) {
+  const std::string base = ToUpper(BaseCall(Trim(call)));
+  if (UserFileName(base).empty()) return ConsoleResult::Fail("not a call");
+  const bool changed = node_.ListChange("LockOuts", base, locked);
+  int closed = 0;
+  if (locked) {
+    // The lock-out counts from the next log-in; whoever is on now goes at once.
+    const std::string file = UserFileName(base);
+    for (int s = 1; s <= node_.streams_.high_socket(); ++s) {
+      const StreamEntry& e = node_.streams_.at(s);
+      if (e.IsUser() && UserFileName(e.call) == file) {
+        node_.CloseStream(s);
+        ++closed;
+      }
+    }
+  }
+  if (!changed && closed == 0) {
+    return ConsoleResult::Fail(base + (locked ? " is already locked out" : " is not locked out"));
+  }
+  std::string line = locked ? "Sysop locked out " + base : "Sysop lifted the lock-out of " + base;
+  if (closed) line += " and disconnected " + std::to_string(closed) + " stream(s)";
+  node_.log_.Write("Console", line);
   return ConsoleResult::Ok();
 }
 
@@ -260,6 +555,7 @@ ConsoleResult NodeConsoleModel::SaveSettings(
     const std::string why = ValidateSetting(key, value);
     if (!why.empty()) return ConsoleResult::Fail(key + ": " + why);
   }
+  std::vector<std::string> audit;
   for (const auto& [key, value] : changes) {
     std::string v(Trim(value));
     if (key == "Cluster Call") v = ToUpper(v);
@@ -267,12 +563,14 @@ ConsoleResult NodeConsoleModel::SaveSettings(
     if (FindKey(key)->kind == SettingKind::kSwitch) {
       v = EqualsIgnoreCase(v, "True") ? "True" : "False";
     }
+    const std::string old = node_.config_.Get(key);
+    if (old != v) audit.push_back(SettingChangeText(key, old, v));
     node_.config_.Set(key, std::move(v));
   }
   if (!WriteCfgFile(node_.config_, node_.dir_))
     return ConsoleResult::Fail("cannot write cluster.cfg");
   node_.ApplySettings();
-  node_.log_.Write("Console", "Sysop saved " + std::to_string(changes.size()) + " settings");
+  for (const std::string& line : audit) node_.log_.Write("Console", line);
   return ConsoleResult::Ok();
 }
 
@@ -293,14 +591,97 @@ ConsoleResult NodeConsoleModel::SetLogonMessage(std::string_view section, std::s
   if (!node_.messages_.Save(node_.dir_.Data("files") / "logon.txt")) {
     return ConsoleResult::Fail("cannot write data/files/logon.txt");
   }
+  node_.log_.Write("Console", "Sysop changed the log-on message " + std::string(section));
   return ConsoleResult::Ok();
 }
 
 std::vector<ConsoleNode> NodeConsoleModel::DefinedNodes() const {
   std::vector<ConsoleNode> out;
-  for (const NodeDefinition& n : node_.config_.nodes())
-    out.push_back({n.call, n.type, n.IsLocal()});
+  for (const NodeDefinition& n : node_.config_.nodes()) {
+    bool has_password = false;
+    for (const PasswordRow& row : node_.access_.passwords) {
+      has_password = has_password || EqualsIgnoreCase(row.call, Trim(n.call));
+    }
+    out.push_back({n.call, n.type, n.IsLocal(), n.addresses, has_password});
+  }
   return out;
+}
+
+ConsoleResult NodeConsoleModel::SaveNode(const ConsoleNode& node, std::string_view password) {
+  std::string call = ToUpper(Trim(node.call));
+  static const CallCheckContext kNoLists;
+  if (!ValidCall(call, /*strict=*/false, kNoLists)) {
+    return ConsoleResult::Fail(std::string(Trim(node.call)) + " is not a call");
+  }
+  std::string type = ToUpper(Trim(node.type));
+  if (type.empty()) type = "QXC";
+  if (type.size() > 8 || !std::all_of(type.begin(), type.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c));
+      })) {
+    return ConsoleResult::Fail("the type is one word: QXC, DXS, ARC, SUM, SKM, ...");
+  }
+  AddressList addresses;
+  std::string bad;
+  if (!addresses.Add(node.addresses, &bad)) {
+    return ConsoleResult::Fail("not an address or network: " + bad);
+  }
+  // A defined node with neither its addresses nor a password is refused at log-in; the
+  // address of an outgoing connection to it counts as one of its addresses.
+  bool has_password = !password.empty();
+  for (const PasswordRow& row : node_.access_.passwords) has_password |= row.call == call;
+  bool called = false;
+  for (const OutgoingConnection& o : node_.config_.outgoing()) {
+    called |= EqualsIgnoreCase(Trim(o.name), call);
+  }
+  if (addresses.empty() && !has_password && !called) {
+    return ConsoleResult::Fail("give " + call +
+                               "'s addresses or a password: a node with neither cannot log in");
+  }
+  NodeDefinition def;
+  def.call = call;
+  def.type = type;
+  def.local = node.local ? "True" : "False";
+  def.addresses = std::string(Trim(node.addresses));
+  if (!password.empty()) {
+    int level = 0;
+    for (const PasswordRow& row : node_.access_.passwords) {
+      if (row.call == call) level = row.level;
+    }
+    const ConsoleResult r = SetPassword(call, password, level);
+    if (!r.ok) return r;
+  }
+  auto& all = node_.config_.nodes();
+  bool replaced = false;
+  for (NodeDefinition& existing : all) {
+    if (EqualsIgnoreCase(Trim(existing.call), call)) {
+      existing = def;
+      replaced = true;
+    }
+  }
+  if (!replaced) all.push_back(def);
+  if (!WriteCfgFile(node_.config_, node_.dir_)) {
+    return ConsoleResult::Fail("cannot write cluster.cfg");
+  }
+  node_.ApplySettings();
+  node_.log_.Write("Console", std::string("Sysop ") + (replaced ? "changed" : "defined") +
+                                  " node " + call + " (" + type +
+                                  (def.addresses.empty() ? "" : ", from " + def.addresses) +
+                                  (password.empty() ? "" : ", password set") + ")");
+  return ConsoleResult::Ok();
+}
+
+ConsoleResult NodeConsoleModel::RemoveNode(std::string_view call) {
+  auto& all = node_.config_.nodes();
+  const size_t before = all.size();
+  std::erase_if(
+      all, [&](const NodeDefinition& n) { return EqualsIgnoreCase(Trim(n.call), Trim(call)); });
+  if (all.size() == before) return ConsoleResult::Fail("no such node");
+  if (!WriteCfgFile(node_.config_, node_.dir_)) {
+    return ConsoleResult::Fail("cannot write cluster.cfg");
+  }
+  node_.ApplySettings();
+  node_.log_.Write("Console", "Sysop removed node " + ToUpper(Trim(call)));
+  return ConsoleResult::Ok();
 }
 
 std::vector<ConsoleLink> NodeConsoleModel::Links() const {
@@ -313,6 +694,15 @@ std::vector<ConsoleLink> NodeConsoleModel::Links() const {
     l.port = o.Port();
     l.active = o.IsActive();
     l.state = node_.LinkState(o.name, &l.stream);
+    const auto error = node_.link_errors_.find(ToUpper(o.name));
+    if (error != node_.link_errors_.end()) {
+      // Once the link is up the old failure is history.
+      if (l.state == "connected") {
+        node_.link_errors_.erase(error);
+      } else {
+        l.last_error = error->second;
+      }
+    }
     out.push_back(std::move(l));
   }
   return out;
@@ -345,6 +735,9 @@ ConsoleResult NodeConsoleModel::SaveLink(const ConsoleLink& link) {
   if (!WriteCfgFile(node_.config_, node_.dir_))
     return ConsoleResult::Fail("cannot write cluster.cfg");
   node_.ApplySettings();
+  node_.log_.Write("Console", std::string("Sysop ") + (replaced ? "changed" : "added") +
+                                  " outgoing connection " + name + " to " + o.ip_address + ":" +
+                                  o.ip_port + (link.active ? " (active)" : " (not active)"));
   return ConsoleResult::Ok();
 }
 
@@ -356,15 +749,18 @@ ConsoleResult NodeConsoleModel::RemoveLink(std::string_view name) {
   if (!WriteCfgFile(node_.config_, node_.dir_))
     return ConsoleResult::Fail("cannot write cluster.cfg");
   node_.ApplySettings();
+  node_.log_.Write("Console", "Sysop removed outgoing connection " + ToUpper(Trim(name)));
   return ConsoleResult::Ok();
 }
 
 ConsoleResult NodeConsoleModel::ConnectLink(std::string_view name) {
+  node_.log_.Write("Console", "Sysop asked to connect " + ToUpper(name));
   const std::string reply = node_.LinkCommand(ToUpper(name), true);
   return ConsoleResult{true, reply};
 }
 
 ConsoleResult NodeConsoleModel::DisconnectLink(std::string_view name) {
+  node_.log_.Write("Console", "Sysop asked to disconnect " + ToUpper(name));
   const std::string reply = node_.LinkCommand(ToUpper(name), false);
   return ConsoleResult{true, reply};
 }

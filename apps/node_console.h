@@ -2,8 +2,12 @@
 // node links, statistics and logs, read from and written to the node's own objects.
 #pragma once
 
+#include <map>
+#include <memory>
+
 #include "console/console_logs.h"
 #include "console/console_model.h"
+#include "console/sysop_files.h"
 
 namespace qx {
 
@@ -12,6 +16,7 @@ class ClusterNode;
 class NodeConsoleModel final : public ConsoleModel {
  public:
   explicit NodeConsoleModel(ClusterNode& node);
+  ~NodeConsoleModel() override { *alive_ = false; }
 
   Monitor& monitor() override;
   std::string NodeCall() const override;
@@ -24,6 +29,18 @@ class NodeConsoleModel final : public ConsoleModel {
   std::optional<std::vector<std::string>> ListItems(std::string_view list) const override;
   ConsoleResult ListAdd(std::string_view list, std::string_view item) override;
   ConsoleResult ListRemove(std::string_view list, std::string_view item) override;
+  ConsoleImport ListImport(std::string_view list, std::string_view pasted) override;
+  bool ListFetchable(std::string_view list) const override;
+  ConsoleResult ListFetch(std::string_view list, std::string_view url) override;
+  std::string ListNote(std::string_view list) const override;
+
+  std::vector<ConsolePassword> PasswordCalls() const override;
+  ConsoleResult SetPassword(std::string_view call, std::string_view password, int level) override;
+  ConsoleResult RemovePassword(std::string_view call) override;
+
+  ConsoleUserPage Users(std::string_view query, size_t offset, size_t limit) const override;
+  std::optional<ConsoleUserDetail> User(std::string_view call) const override;
+  ConsoleResult SetUserLockedOut(std::string_view call, bool locked) override;
 
   std::vector<ConsoleSettingsGroup> Settings() const override;
   ConsoleResult SaveSettings(
@@ -36,6 +53,8 @@ class NodeConsoleModel final : public ConsoleModel {
   std::vector<ConsoleNode> DefinedNodes() const override;
   std::vector<ConsoleLink> Links() const override;
   ConsoleResult SaveLink(const ConsoleLink& link) override;
+  ConsoleResult SaveNode(const ConsoleNode& node, std::string_view password) override;
+  ConsoleResult RemoveNode(std::string_view call) override;
   ConsoleResult RemoveLink(std::string_view name) override;
   ConsoleResult ConnectLink(std::string_view name) override;
   ConsoleResult DisconnectLink(std::string_view name) override;
@@ -65,8 +84,22 @@ class NodeConsoleModel final : public ConsoleModel {
   static std::string ValidateSetting(std::string_view key, std::string_view value);
 
  private:
+  std::filesystem::path FilePath(const SysopFile& f) const;
+  // Writes a sysop file atomically and has the node read it again, so the change counts for
+  // the next spot or log-in.
+  bool WriteSysopFile(const SysopFile& f, std::string_view text);
+  // Adds candidates to the file in one write; the audit line names what was added.
+  ConsoleImport ImportIntoFile(const SysopFile& f, const std::vector<std::string>& candidates,
+                               std::string_view source);
+  bool WritePasswords(std::string_view text);
+  ConsoleUser UserSummary(const std::string& call, const std::string& text) const;
+
   ClusterNode& node_;
   ConsoleLogFiles logs_;
+  std::map<std::string, std::string, std::less<>> notes_;  // list -> how the last fetch went
+  std::map<std::string, bool, std::less<>> fetching_;      // list -> a fetch is under way
+  // Fetch callbacks hold this, so one that completes after the model is gone does nothing.
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 }  // namespace qx

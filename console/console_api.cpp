@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdio>
 
+#include "console/sysop_files.h"
 #include "core/text_util.h"
 
 namespace qx {
@@ -96,6 +97,13 @@ json SpotJson(const ConsoleSpot& s) {
 
 constexpr int kDefaultRows = 1000;
 constexpr int kMaxRows = 5000;
+
+json UserJson(const ConsoleUser& u) {
+  return {{"call", u.call},    {"name", u.name},
+          {"qth", u.qth},      {"lastLogin", u.last_login},
+          {"spots", u.spots},  {"lockedOut", u.locked_out},
+          {"stream", u.stream}};
+}
 
 }  // namespace
 
@@ -207,7 +215,44 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
     if (!PercentDecode(path.substr(6), name, false)) return Error(400, "bad list name");
     const auto items = model_.ListItems(name);
     if (!items) return Error(404, "no such list");
-    return Reply(200, json{{"name", name}, {"items", *items}});
+    // Exit lists run to thousands of lines: the search is done here, and a page shows at most
+    // kMaxListItems of the matches.
+    constexpr size_t kMaxListItems = 2000;
+    std::vector<std::string> shown = FilterEntries(*items, QueryValue(query, "q"));
+    const size_t matching = shown.size();
+    if (shown.size() > kMaxListItems) shown.resize(kMaxListItems);
+    return Reply(200, json{{"name", name},
+                           {"items", shown},
+                           {"total", items->size()},
+                           {"matching", matching},
+                           {"fetchable", model_.ListFetchable(name)},
+                           {"note", model_.ListNote(name)}});
+  }
+  if (path == "passwords") {
+    json calls = json::array();
+    for (const ConsolePassword& p : model_.PasswordCalls()) {
+      calls.push_back({{"call", p.call}, {"level", p.level}, {"password", "set"}});
+    }
+    return Reply(200, json{{"calls", calls}});
+  }
+  if (path == "users") {
+    const size_t offset = size_t(std::max(0, ParseIntOr(QueryValue(query, "offset"), 0)));
+    const size_t limit = size_t(std::clamp(ParseIntOr(QueryValue(query, "limit"), 50), 1, 500));
+    const ConsoleUserPage page = model_.Users(QueryValue(query, "q"), offset, limit);
+    json users = json::array();
+    for (const ConsoleUser& u : page.users) users.push_back(UserJson(u));
+    return Reply(200, json{{"total", page.total}, {"offset", page.offset}, {"users", users}});
+  }
+  if (path.starts_with("users/")) {
+    std::string call;
+    if (!PercentDecode(path.substr(6), call, false)) return Error(400, "bad call");
+    const auto detail = model_.User(call);
+    if (!detail) return Error(404, "no such user");
+    json settings = json::array();
+    for (const auto& [label, value] : detail->settings) settings.push_back({label, value});
+    return Reply(200, json{{"user", UserJson(detail->user)},
+                           {"settings", settings},
+                           {"filters", detail->filters}});
   }
   if (path == "settings") {
     json groups = json::array();
@@ -235,7 +280,11 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
   if (path == "links") {
     json nodes = json::array();
     for (const ConsoleNode& n : model_.DefinedNodes()) {
-      nodes.push_back({{"call", n.call}, {"type", n.type}, {"local", n.local}});
+      nodes.push_back({{"call", n.call},
+                       {"type", n.type},
+                       {"local", n.local},
+                       {"addresses", n.addresses},
+                       {"password", n.has_password ? "set" : ""}});
     }
     json links = json::array();
     for (const ConsoleLink& l : model_.Links()) {
@@ -245,7 +294,8 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
                        {"port", l.port},
                        {"active", l.active},
                        {"state", l.state},
-                       {"stream", l.stream}});
+                       {"stream", l.stream},
+                       {"lastError", l.last_error}});
     }
     return Reply(200, json{{"nodes", nodes}, {"links", links}});
   }
@@ -383,9 +433,23 @@ ApiReply ConsoleApi::Post(std::string_view path, const json& body) {
     std::string name;
     if (!PercentDecode(rest.substr(0, slash), name, false)) return Error(400, "bad list name");
     const std::string_view action = rest.substr(slash + 1);
+    if (!model_.ListItems(name)) return Error(404, "no such list");
+    if (action == "import") {
+      const auto text = body.find("text");
+      if (text == body.end() || !text->is_string()) return Error(400, "text needed");
+      const ConsoleImport r = model_.ListImport(name, text->get<std::string>());
+      if (!r.error.empty()) return Error(400, r.error);
+      return Reply(
+          200,
+          json{{"ok", true}, {"added", r.added}, {"already", r.already}, {"refused", r.refused}});
+    }
+    if (action == "fetch") {
+      const std::string url(Trim(StringField(body, "url")));
+      if (url.empty() || !CleanValue(url)) return Error(400, "an address (http:// or https://)");
+      return FromResult(model_.ListFetch(name, url));
+    }
     const std::string item(Trim(StringField(body, "item")));
     if (item.empty() || !CleanValue(item)) return Error(400, "item must be one line of text");
-    if (!model_.ListItems(name)) return Error(404, "no such list");
     if (action == "add") return FromResult(model_.ListAdd(name, item));
     if (action == "remove") return FromResult(model_.ListRemove(name, item));
     return Error(404, "not found");
@@ -428,6 +492,45 @@ ApiReply ConsoleApi::Post(std::string_view path, const json& body) {
       return Error(400, "values must be one line without ^");
     }
     return FromResult(model_.SaveLink(link));
+  }
+  if (path == "passwords/set") {
+    const std::string call(Trim(StringField(body, "call")));
+    const std::string password = StringField(body, "password");
+    long long level = 0;
+    const std::string level_text = StringField(body, "level");
+    if (!level_text.empty() && (!ParseInt(level_text, level) || level < 0 || level > 9)) {
+      return Error(400, "the level is a number from 0 to 9");
+    }
+    if (call.empty() || !CleanValue(call)) return Error(400, "a call is needed");
+    if (password.empty() || !CleanValue(password) || Trim(password) != password) {
+      return Error(400, "a password is one line without ^ and without blanks at either end");
+    }
+    return FromResult(model_.SetPassword(call, password, int(level)));
+  }
+  if (path == "passwords/remove")
+    return FromResult(model_.RemovePassword(StringField(body, "call")));
+  if (path == "nodes/save") {
+    ConsoleNode node;
+    node.call = std::string(Trim(StringField(body, "call")));
+    node.type = std::string(Trim(StringField(body, "type")));
+    node.addresses = std::string(Trim(StringField(body, "addresses")));
+    const auto local = body.find("local");
+    node.local = local != body.end() && local->is_boolean() && local->get<bool>();
+    const std::string password = StringField(body, "password");
+    if (node.call.empty()) return Error(400, "the node's call is needed");
+    if (!CleanValue(node.call) || !CleanValue(node.type) || !CleanValue(node.addresses) ||
+        !CleanValue(password) || Trim(password) != password) {
+      return Error(400, "values must be one line without ^");
+    }
+    return FromResult(model_.SaveNode(node, password));
+  }
+  if (path == "nodes/remove") return FromResult(model_.RemoveNode(StringField(body, "call")));
+  if (path == "users/lockout") {
+    const std::string call(Trim(StringField(body, "call")));
+    const auto locked = body.find("locked");
+    if (call.empty() || !CleanValue(call)) return Error(400, "a call is needed");
+    if (locked == body.end() || !locked->is_boolean()) return Error(400, "locked: true or false");
+    return FromResult(model_.SetUserLockedOut(call, locked->get<bool>()));
   }
   if (path == "links/remove") return FromResult(model_.RemoveLink(StringField(body, "name")));
   if (path == "links/connect") return FromResult(model_.ConnectLink(StringField(body, "name")));

@@ -48,22 +48,37 @@ const std::vector<std::string>& ConsoleLogFiles::RejectionFolders() {
 
 std::vector<std::string> ConsoleLogFiles::List() const {
   const SysTime now = clock_.Now();
-  std::vector<std::string> names;
-  names.push_back("log/error-" + DateText(now) + ".log");
-  for (const std::string& folder : RejectionFolders()) {
+  const std::string today_error = "log/error-" + DateText(now) + ".log";
+  // Today's files first (the error log, then the rejection logs by folder), then earlier days'
+  // files, newest first; the node prunes them after "Log Days", so the list stays short.
+  std::vector<std::string> today{today_error};
+  std::vector<std::pair<std::filesystem::file_time_type, std::string>> earlier;
+  auto scan = [&](const std::string& folder, bool errors_only) {
     std::error_code ec;
     std::vector<std::string> found;
     for (const auto& e : std::filesystem::directory_iterator(data_dir_ / folder, ec)) {
       if (!e.is_regular_file(ec)) continue;
       const std::string file = e.path().filename().string();
+      if (errors_only && !(file.starts_with("error-") && file.ends_with(".log"))) continue;
+      const std::string name = folder + "/" + file;
+      if (name == today_error) continue;
       if (file.find(DateText(now)) != std::string::npos || IsToday(e.path(), now)) {
-        found.push_back(folder + "/" + file);
+        found.push_back(name);
+      } else {
+        earlier.emplace_back(e.last_write_time(ec), name);
       }
     }
     std::sort(found.begin(), found.end());
-    names.insert(names.end(), found.begin(), found.end());
-  }
-  return names;
+    today.insert(today.end(), found.begin(), found.end());
+  };
+  scan("log", true);
+  for (const std::string& folder : RejectionFolders()) scan(folder, false);
+  std::sort(earlier.begin(), earlier.end(), [](const auto& a, const auto& b) {
+    return a.first != b.first ? a.first > b.first : a.second < b.second;
+  });
+  if (earlier.size() > kMaxEarlierFiles) earlier.resize(kMaxEarlierFiles);
+  for (auto& [when, name] : earlier) today.push_back(std::move(name));
+  return today;
 }
 
 std::optional<std::filesystem::path> ConsoleLogFiles::Resolve(std::string_view name) const {

@@ -1,8 +1,8 @@
 // The log files a sysop reads from the console: today's error log and the rejection logs
-// written today.  Names are relative to data/ ("log/error-22-Nov-2026.log"); only names in
-// the current list are ever opened, so a request can never name another file.  Reads are
-// bounded (the tail reads the end of the file, a search looks at most at its last few
-// megabytes) because they run on the node's thread.
+// written today, then the earlier days' error and rejection logs, newest first.  Names are relative
+// to data/ ("log/error-22-Nov-2026.log"); only names in the current list are ever opened, so a
+// request can never name another file.  Reads are bounded (the tail reads the end of the file, a
+// search looks at most at its last few megabytes) because they run on the node's thread.
 #pragma once
 
 #include <filesystem>
@@ -22,6 +22,7 @@ class ConsoleLogFiles {
 
   static constexpr size_t kTailBytes = 512 * 1024;
   static constexpr size_t kSearchBytes = 8 * 1024 * 1024;
+  static constexpr size_t kMaxEarlierFiles = 500;
 
   std::vector<std::string> List() const;
   std::optional<std::vector<std::string>> Tail(std::string_view name, size_t max_lines) const;

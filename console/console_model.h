@@ -60,6 +60,8 @@ struct ConsoleNode {
   std::string call;
   std::string type;
   bool local = false;
+  std::string addresses;      // where it may log in from, comma-separated; empty: anywhere
+  bool has_password = false;  // it has a row in the password list (the password is never shown)
 };
 
 // An outgoing node connection and where it stands now.
@@ -71,6 +73,45 @@ struct ConsoleLink {
   bool active = false;      // "Cluster Active": the node keeps it connected
   std::string state;        // "connected", "connecting", "idle", ...
   int stream = 0;           // its stream while connected, 0 otherwise
+  std::string last_error;   // why the last attempt failed, in words; empty when none did
+};
+
+// What adding many entries at once did (a pasted list, a downloaded exit list).
+struct ConsoleImport {
+  size_t added = 0;
+  size_t already = 0;                // entries the list held already
+  std::vector<std::string> refused;  // "entry: why", for the sysop to correct
+  std::string error;                 // the list could not be changed at all
+};
+
+// A call on the password list.  Its password is never read back.
+struct ConsolePassword {
+  std::string call;
+  int level = 0;
+};
+
+// One known user as the Users page lists it.
+struct ConsoleUser {
+  std::string call;
+  std::string name;
+  std::string qth;
+  std::string last_login;  // "24-Nov-2026 1952Z"; empty when never seen
+  int spots = 0;           // spots posted on this node
+  bool locked_out = false;
+  int stream = 0;  // logged in on this stream now, 0 otherwise
+};
+
+struct ConsoleUserPage {
+  size_t total = 0;  // users matching the search
+  size_t offset = 0;
+  std::vector<ConsoleUser> users;
+};
+
+// A user's record as stored: each setting line, and the filters by themselves.
+struct ConsoleUserDetail {
+  ConsoleUser user;
+  std::vector<std::pair<std::string, std::string>> settings;  // label -> value
+  std::vector<std::string> filters;                           // the rules as typed
 };
 
 // One skimmer, reverse-beacon or reporter feed: its state, rates and counts.
@@ -167,6 +208,40 @@ class ConsoleModel {
   virtual ConsoleResult ListAdd(std::string_view list, std::string_view item) = 0;
   virtual ConsoleResult ListRemove(std::string_view list, std::string_view item) = 0;
 
+  // Many items at once: pasted text, one item a line (calls and addresses may also be
+  // separated by blanks or commas).  The list's file is written once.
+  virtual ConsoleImport ListImport(std::string_view list, std::string_view pasted);
+  // Lists the node can load from a published source (the anonymity-network exit list): the
+  // fetch runs in the background and its items are added; ListNote tells how the last went.
+  virtual bool ListFetchable(std::string_view /*list*/) const { return false; }
+  virtual ConsoleResult ListFetch(std::string_view /*list*/, std::string_view /*url*/) {
+    return ConsoleResult::Fail("this list is not loaded from an address");
+  }
+  virtual std::string ListNote(std::string_view /*list*/) const { return {}; }
+
+  // The password list (data/files/passwords.dat).  A password is written, never read back.
+  virtual std::vector<ConsolePassword> PasswordCalls() const { return {}; }
+  virtual ConsoleResult SetPassword(std::string_view /*call*/, std::string_view /*password*/,
+                                    int /*level*/) {
+    return ConsoleResult::Fail("passwords are not kept on this node");
+  }
+  virtual ConsoleResult RemovePassword(std::string_view /*call*/) {
+    return ConsoleResult::Fail("passwords are not kept on this node");
+  }
+
+  // Known users (records under data/user/), searched by call, one page at a time.
+  virtual ConsoleUserPage Users(std::string_view /*query*/, size_t /*offset*/,
+                                size_t /*limit*/) const {
+    return {};
+  }
+  virtual std::optional<ConsoleUserDetail> User(std::string_view /*call*/) const {
+    return std::nullopt;
+  }
+  // Locking out also disconnects every stream the call (any SSID) has open.
+  virtual ConsoleResult SetUserLockedOut(std::string_view /*call*/, bool /*locked*/) {
+    return ConsoleResult::Fail("users are not kept on this node");
+  }
+
   // Settings, grouped as the configuration file groups its keys.
   virtual std::vector<ConsoleSettingsGroup> Settings() const = 0;
   // Validates every change first; saves cluster.cfg only when all of them are good.
@@ -181,6 +256,14 @@ class ConsoleModel {
   // Node links.
   virtual std::vector<ConsoleNode> DefinedNodes() const = 0;
   virtual std::vector<ConsoleLink> Links() const = 0;
+  // Defines a neighbour, or replaces the one with the same call; a non-empty password is
+  // written to the password list, so the neighbour must give it when it logs in.
+  virtual ConsoleResult SaveNode(const ConsoleNode& /*node*/, std::string_view /*password*/) {
+    return ConsoleResult::Fail("nodes cannot be defined on this node");
+  }
+  virtual ConsoleResult RemoveNode(std::string_view /*call*/) {
+    return ConsoleResult::Fail("nodes cannot be defined on this node");
+  }
   // Adds an outgoing connection, or replaces the one with the same name; saves cluster.cfg.
   virtual ConsoleResult SaveLink(const ConsoleLink& link) = 0;
   virtual ConsoleResult RemoveLink(std::string_view name) = 0;
@@ -207,7 +290,7 @@ class ConsoleModel {
   virtual ConsoleStats Statistics() const = 0;
   virtual ConsoleMetrics Metrics() const = 0;
 
-  // The log files the sysop may read: today's error log and the rejection logs.  Names are
+  // The log files the sysop may read: error logs and rejection logs, today's first.  Names are
   // the ones LogFiles() returns ("log/error-22-Nov-2026.log", "badspots/...").
   virtual std::vector<std::string> LogFiles() const = 0;
   // The last max_lines lines; nullopt for a name that is not in LogFiles().

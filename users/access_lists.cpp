@@ -29,6 +29,53 @@ std::vector<PasswordRow> AccessLists::ParsePasswords(std::string_view text) {
   return out;
 }
 
+namespace {
+
+// The call of a row, upper case; "" for comments and blank lines.
+std::string RowCall(std::string_view line) {
+  const std::string_view t = Trim(line);
+  if (t.empty() || t.front() == '#') return {};
+  return ToUpper(Trim(t.substr(0, t.find('^'))));
+}
+
+}  // namespace
+
+std::string AccessLists::SetPasswordRow(std::string_view text, std::string_view call,
+                                        std::string_view password, int level) {
+  const std::string upper = ToUpper(Trim(call));
+  const std::string row = upper + "^" + std::string(password) + "^" + std::to_string(level);
+  std::string out;
+  bool placed = false;
+  for (std::string_view line : SplitLines(text)) {
+    if (RowCall(line) == upper) {
+      if (placed) continue;  // a second row of the same call would never be read
+      out += row;
+      placed = true;
+    } else {
+      out.append(line);
+    }
+    out += "\r\n";
+  }
+  if (!placed) out += row + "\r\n";
+  return out;
+}
+
+std::string AccessLists::RemovePasswordRows(std::string_view text, std::string_view call,
+                                            bool* removed) {
+  const std::string upper = ToUpper(Trim(call));
+  *removed = false;
+  std::string out;
+  for (std::string_view line : SplitLines(text)) {
+    if (!upper.empty() && RowCall(line) == upper) {
+      *removed = true;
+      continue;
+    }
+    out.append(line);
+    out += "\r\n";
+  }
+  return out;
+}
+
 void AccessLists::LoadFiles(const std::filesystem::path& files_dir) {
   special_calls.clear();
   passwords.clear();

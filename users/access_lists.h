@@ -26,6 +26,13 @@ class AccessLists {
  public:
   static std::unordered_set<std::string> ParseSpecialCalls(std::string_view text);
   static std::vector<PasswordRow> ParsePasswords(std::string_view text);
+  // The password file's text with the row of call (upper-cased) set to password and level:
+  // replaced where it stood, else appended.  Comments and other rows are kept.
+  static std::string SetPasswordRow(std::string_view text, std::string_view call,
+                                    std::string_view password, int level);
+  // The text without the rows of call; *removed says whether there was one.
+  static std::string RemovePasswordRows(std::string_view text, std::string_view call,
+                                        bool* removed);
 
   // Loads both files from data/files/; a missing file is an empty list.
   void LoadFiles(const std::filesystem::path& files_dir);

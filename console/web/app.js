@@ -68,6 +68,8 @@ function colourClass(c) {
 
 // ---- Pages -------------------------------------------------------------------------------
 
+// The Lists, Node links, Users and Logs pages live in admin.js (loaders and startAdmin).
+
 const pageLoaders = {
   monitor: () => loadMonitorView(),
   spots: () => loadSpots(),
@@ -75,6 +77,7 @@ const pageLoaders = {
   lists: () => loadLists(),
   settings: () => loadSettings(),
   links: () => loadLinks(),
+  users: () => loadUsers(),
   stats: () => loadStats(),
   logs: () => loadLogFiles(),
 };
@@ -436,43 +439,6 @@ function sortSpots(key) {
 
 // ---- Lists -------------------------------------------------------------------------------
 
-async function loadLists() {
-  const data = await api('lists');
-  const ul = $('list-names');
-  ul.replaceChildren();
-  for (const name of data.lists) {
-    ul.append(el('li', {class: name === state.currentList ? 'active' : '', 'data-list': name,
-                        onclick: () => openList(name)}, name));
-  }
-  if (!state.currentList && data.lists.length) state.currentList = data.lists[0];
-  if (state.currentList) await openList(state.currentList);
-}
-
-async function openList(name) {
-  state.currentList = name;
-  for (const li of $('list-names').children) li.classList.toggle('active', li.dataset.list === name);
-  $('list-title').textContent = name;
-  $('list-error').textContent = '';
-  const data = await api('lists/' + encodeURIComponent(name));
-  const tbody = $('list-items').tBodies[0];
-  tbody.replaceChildren();
-  for (const item of data.items) {
-    tbody.append(el('tr', {},
-      el('td', {}, item),
-      el('td', {}, el('button', {onclick: () => changeList('remove', item)}, 'Remove'))));
-  }
-}
-
-async function changeList(action, item) {
-  $('list-error').textContent = '';
-  try {
-    await api(`lists/${encodeURIComponent(state.currentList)}/${action}`, {item});
-    await openList(state.currentList);
-  } catch (e) {
-    $('list-error').textContent = e.message;
-  }
-}
-
 // ---- Settings ----------------------------------------------------------------------------
 
 // Each key is edited the way it is checked: switches as toggles, numbers and ports as
@@ -640,67 +606,6 @@ async function changePassword(ev) {
   }
 }
 
-// ---- Node links --------------------------------------------------------------------------
-
-async function loadLinks() {
-  const data = await api('links');
-  $('links-error').textContent = '';
-  const links = $('links-table').tBodies[0];
-  links.replaceChildren();
-  for (const l of data.links) {
-    const up = l.stream > 0 || l.state === 'connected' || l.state === 'connecting';
-    links.append(el('tr', {},
-      el('td', {}, l.name), el('td', {}, l.remoteKind), el('td', {}, l.address),
-      el('td', {}, l.port), el('td', {}, l.active ? 'yes' : 'no'), el('td', {}, l.state),
-      el('td', {}, l.stream || ''),
-      el('td', {},
-        el('button', {onclick: () => linkAction(up ? 'disconnect' : 'connect', l.name)},
-           up ? 'Disconnect' : 'Connect'),
-        ' ',
-        el('button', {onclick: () => editLink(l)}, 'Edit'),
-        ' ',
-        el('button', {class: 'danger', onclick: () => {
-          if (confirm(`Remove the connection ${l.name}?`)) linkAction('remove', l.name);
-        }}, 'Remove'))));
-  }
-  const nodes = $('nodes-table').tBodies[0];
-  nodes.replaceChildren();
-  for (const n of data.nodes) {
-    nodes.append(el('tr', {}, el('td', {}, n.call), el('td', {}, n.type), el('td', {}, n.local ? 'yes' : '')));
-  }
-}
-
-function editLink(l) {
-  $('link-name').value = l.name;
-  $('link-kind').value = l.remoteKind;
-  $('link-address').value = l.address;
-  $('link-port').value = l.port;
-  $('link-active').checked = l.active;
-}
-
-async function saveLink(ev) {
-  ev.preventDefault();
-  $('links-error').textContent = '';
-  try {
-    await api('links/save', {name: $('link-name').value, remoteKind: $('link-kind').value,
-                             address: $('link-address').value, port: $('link-port').value,
-                             active: $('link-active').checked});
-    $('link-form').reset();
-  } catch (e) {
-    $('links-error').textContent = e.message;
-  }
-  await loadLinks();
-}
-
-async function linkAction(action, name) {
-  try {
-    await api('links/' + action, {name});
-  } catch (e) {
-    $('links-error').textContent = e.message;
-  }
-  await loadLinks();
-}
-
 // ---- Statistics --------------------------------------------------------------------------
 
 async function loadStats() {
@@ -784,41 +689,6 @@ function drawChart(box, values) {
 }
 
 // ---- Logs --------------------------------------------------------------------------------
-
-async function loadLogFiles() {
-  const data = await api('logs');
-  const select = $('logs-file');
-  const keep = select.value;
-  select.replaceChildren();
-  for (const f of data.files) select.append(el('option', {value: f}, f));
-  if (data.files.includes(keep)) select.value = keep;
-}
-
-async function tailLog() {
-  const name = $('logs-file').value;
-  const lines = $('logs-lines').value || 200;
-  try {
-    const data = await api(`logs/tail?name=${encodeURIComponent(name)}&lines=${lines}`);
-    $('logs-output').textContent = data.lines.join('\n');
-    $('logs-status').textContent = `${data.lines.length} lines`;
-    $('logs-output').scrollTop = $('logs-output').scrollHeight;
-  } catch (e) {
-    $('logs-status').textContent = e.message;
-  }
-}
-
-async function searchLog(ev) {
-  ev.preventDefault();
-  const name = $('logs-file').value;
-  const q = $('logs-query').value;
-  try {
-    const data = await api(`logs/search?name=${encodeURIComponent(name)}&q=${encodeURIComponent(q)}`);
-    $('logs-output').textContent = data.lines.join('\n');
-    $('logs-status').textContent = `${data.lines.length} lines found (newest first)`;
-  } catch (e) {
-    $('logs-status').textContent = e.message;
-  }
-}
 
 // ---- Live connection ---------------------------------------------------------------------
 
@@ -918,24 +788,14 @@ async function start() {
   for (const th of $('spots-table').tHead.rows[0].cells) {
     th.addEventListener('click', () => sortSpots(th.dataset.sort));
   }
-  $('list-add-form').addEventListener('submit', (ev) => {
-    ev.preventDefault();
-    const item = $('list-add-item').value.trim();
-    if (!item) return;
-    $('list-add-item').value = '';
-    changeList('add', item);
-  });
   $('settings-form').addEventListener('submit', saveSettings);
   $('settings-confirm-yes').addEventListener('click', () => confirmSettings().catch(showError));
   $('settings-confirm-no').addEventListener('click', () => { $('settings-confirm').hidden = true; });
   $('restart-node').addEventListener('click', restartNode);
   $('settings-reload').addEventListener('click', () => loadSettings().catch(showError));
   $('password-form').addEventListener('submit', changePassword);
-  $('links-refresh').addEventListener('click', () => loadLinks().catch(showError));
   $('downloads-update').addEventListener('click', () => updateReferenceData().catch(showError));
-  $('link-form').addEventListener('submit', saveLink);
-  $('logs-tail').addEventListener('click', tailLog);
-  $('logs-form').addEventListener('submit', searchLog);
+  startAdmin();
   $('logout').addEventListener('click', async () => {
     try { await api('logout', {}); } catch (e) { /* gone anyway */ }
     location.href = '/login';

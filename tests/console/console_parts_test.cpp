@@ -92,6 +92,47 @@ TEST_F(ConsoleApiTest, ListsAddRemoveAndRefuseBadItems) {
   Call("POST", "lists/LockOuts/add", "not json", 400);
 }
 
+TEST_F(ConsoleApiTest, ListSearchImportPasswordsNodesAndUsers) {
+  // A pasted list is added item by item; the search runs on the server.
+  const json imported =
+      Call("POST", "lists/LockOuts/import", R"({"text":"k1abc, k2abc\nk1abc\n#note"})");
+  EXPECT_EQ(imported["added"], 2);
+  EXPECT_EQ(imported["already"], 1);
+  const json found = Call("GET", "lists/LockOuts", "", 200, "q=k2");
+  EXPECT_EQ(found["items"], json::array({"K2ABC"}));
+  EXPECT_EQ(found["total"], 2);
+  Call("POST", "lists/LockOuts/import", R"({"text":5})", 400);
+  Call("POST", "lists/LockOuts/fetch", R"({"url":"https://example.org/x"})", 400);
+
+  // A password goes in and never comes back out.
+  Call("POST", "passwords/set", R"({"call":"G4ABC","password":"pw1","level":"1"})");
+  EXPECT_EQ(Call("GET", "passwords")["calls"],
+            json::parse(R"([{"call":"G4ABC","level":1,"password":"set"}])"));
+  Call("POST", "passwords/set", R"({"call":"G4ABC","password":" pw"})", 400);
+  Call("POST", "passwords/set", R"({"call":"G4ABC","password":"a^b"})", 400);
+  Call("POST", "passwords/set", R"({"call":"G4ABC","password":"x","level":"12"})", 400);
+  Call("POST", "passwords/remove", R"({"call":"G4ABC"})");
+  Call("POST", "passwords/remove", R"({"call":"G4ABC"})", 400);
+
+  Call("POST", "nodes/save", R"({"call":"GB7NEW","type":"DXS","addresses":"192.0.2.1"})");
+  Call("POST", "nodes/save", R"({"call":"GB7NEW","addresses":"a\nb"})", 400);
+  const json links = Call("GET", "links");
+  EXPECT_EQ(links["nodes"].back()["addresses"], "192.0.2.1");
+  EXPECT_EQ(links["nodes"][0]["password"], "set");
+  EXPECT_EQ(links["links"][0]["lastError"], "Connection refused");
+  Call("POST", "nodes/remove", R"({"call":"GB7NEW"})");
+
+  const json page = Call("GET", "users", "", 200, "q=k1&offset=0&limit=1");
+  EXPECT_EQ(page["total"], 1);
+  EXPECT_EQ(page["users"][0]["call"], "K1ABC/P");
+  EXPECT_EQ(Call("GET", "users", "", 200, "limit=0")["users"].size(), 1u);  // at least one
+  EXPECT_EQ(Call("GET", "users/K1ABC%2FP")["user"]["name"], "Ann");
+  Call("GET", "users/NOSUCH", "", 404);
+  Call("POST", "users/lockout", R"({"call":"G4ABC","locked":"yes"})", 400);
+  Call("POST", "users/lockout", R"({"call":"G4ABC","locked":true})");
+  EXPECT_THAT(model_.disconnected, ElementsAre(5));  // the user was on stream 5
+}
+
 TEST_F(ConsoleApiTest, SettingsAreValidatedBeforeAnythingIsSaved) {
   const json groups = Call("GET", "settings")["groups"];
   ASSERT_EQ(groups.size(), 3u);
@@ -326,6 +367,23 @@ TEST(ConsoleLogFilesTest, ListsTodaysLogsAndReadsOnlyThose) {
   EXPECT_FALSE(logs.Tail("log/secret.txt", 10));
   EXPECT_FALSE(logs.Tail("log/../log/secret.txt", 10));
   EXPECT_FALSE(logs.Search("/etc/passwd", "root", 10));
+
+  // Earlier days' files follow today's, newest first; other files stay out of reach.
+  const auto age = [&](const std::string& name, int days) {
+    qx::testing::WriteFile(dir / name, "old " + name + "\r\n");
+    std::filesystem::last_write_time(
+        dir / name, std::filesystem::file_time_type::clock::now() - std::chrono::hours(24 * days));
+  };
+  age("log/error-01-Jan-2020.log", 10);
+  age("badnodes/badnodes-02-Jan-2020.log", 9);
+  const auto all = logs.List();
+  ASSERT_GE(all.size(), 4u);
+  EXPECT_EQ(all[0], names[0]);
+  EXPECT_THAT(std::vector<std::string>(all.end() - 2, all.end()),
+              ElementsAre("badnodes/badnodes-02-Jan-2020.log", "log/error-01-Jan-2020.log"));
+  EXPECT_EQ(std::find(all.begin(), all.end(), "log/secret.txt"), all.end());
+  EXPECT_THAT(*logs.Tail("log/error-01-Jan-2020.log", 5),
+              ElementsAre("old log/error-01-Jan-2020.log"));
 
   // Only the end of a big file is read for the tail, starting at a whole line.
   std::string big;

@@ -47,8 +47,11 @@ class FakeConsoleModel : public ConsoleModel {
     for (int i = 1; i <= 4; ++i) logon_["Logon " + std::to_string(i)] = "";
     for (int i = 0; i <= 8; ++i) logon_["Logon Port " + std::to_string(i)] = "";
     logon_["Log Out"] = "73";
-    links_ = {{"GB7AAA", "pc9x", "127.0.0.1", 7300, true, "idle", 0}};
-    nodes_ = {{"GB7AAA", "5", false}, {"XX0QX-1", "5", true}};
+    links_ = {{"GB7AAA", "pc9x", "127.0.0.1", 7300, true, "idle", 0, "Connection refused"}};
+    nodes_ = {{"GB7AAA", "QXC", false, "", true}, {"XX0QX-1", "QXC", true, "127.0.0.1", false}};
+    users = {{"G4ABC", "Bob", "Leeds", "24-Nov-2026 1952Z", 3, false, 5},
+             {"K1ABC/P", "Ann", "", "", 0, false, 0},
+             {"XX9XX", "Unknown Name", "", "", 0, false, 0}};
   }
 
   // What the tests look at.
@@ -76,6 +79,8 @@ class FakeConsoleModel : public ConsoleModel {
     return out;
   }
   std::vector<ConsoleSpot> RecentRefusals() const override { return refusals; }
+  std::vector<ConsoleUser> users;                                // sorted by call
+  std::map<std::string, std::pair<std::string, int>> passwords;  // call -> password, level
 
   Monitor& monitor() override { return monitor_obj; }
   std::string NodeCall() const override { return Value("Cluster Call"); }
@@ -171,6 +176,66 @@ class FakeConsoleModel : public ConsoleModel {
   ConsoleResult SetLogonMessage(std::string_view section, std::string_view text) override {
     logon_[std::string(section)] = std::string(text);
     return ConsoleResult::Ok();
+  }
+
+  std::vector<ConsolePassword> PasswordCalls() const override {
+    std::vector<ConsolePassword> out;
+    for (const auto& [call, row] : passwords) out.push_back({call, row.second});
+    return out;
+  }
+  ConsoleResult SetPassword(std::string_view call, std::string_view password, int level) override {
+    passwords[ToUpper(call)] = {std::string(password), level};
+    return ConsoleResult::Ok();
+  }
+  ConsoleResult RemovePassword(std::string_view call) override {
+    return passwords.erase(ToUpper(call)) ? ConsoleResult::Ok()
+                                          : ConsoleResult::Fail("no password for that call");
+  }
+
+  ConsoleUserPage Users(std::string_view query, size_t offset, size_t limit) const override {
+    ConsoleUserPage page;
+    std::vector<ConsoleUser> matching;
+    for (const ConsoleUser& u : users) {
+      if (ToUpper(u.call).find(ToUpper(query)) != std::string::npos) matching.push_back(u);
+    }
+    page.total = matching.size();
+    page.offset = offset;
+    for (size_t i = offset; i < matching.size() && page.users.size() < limit; ++i) {
+      page.users.push_back(matching[i]);
+    }
+    return page;
+  }
+  std::optional<ConsoleUserDetail> User(std::string_view call) const override {
+    for (const ConsoleUser& u : users) {
+      if (u.call == call)
+        return ConsoleUserDetail{u, {{"Name", u.name}, {"WIDTH", "80"}}, {"accept/spots on hf/cw"}};
+    }
+    return std::nullopt;
+  }
+  ConsoleResult SetUserLockedOut(std::string_view call, bool locked) override {
+    for (ConsoleUser& u : users) {
+      if (u.call != call) continue;
+      u.locked_out = locked;
+      if (locked && u.stream) {
+        disconnected.push_back(u.stream);
+        u.stream = 0;
+      }
+      return ConsoleResult::Ok();
+    }
+    return ConsoleResult::Fail("no such user");
+  }
+
+  ConsoleResult SaveNode(const ConsoleNode& node, std::string_view password) override {
+    if (node.call.empty()) return ConsoleResult::Fail("a call is needed");
+    std::erase_if(nodes_, [&](const ConsoleNode& n) { return n.call == node.call; });
+    nodes_.push_back(node);
+    if (!password.empty()) passwords[node.call] = {std::string(password), 0};
+    nodes_.back().has_password = passwords.count(node.call) > 0;
+    return ConsoleResult::Ok();
+  }
+  ConsoleResult RemoveNode(std::string_view call) override {
+    const auto n = std::erase_if(nodes_, [&](const ConsoleNode& x) { return x.call == call; });
+    return n ? ConsoleResult::Ok() : ConsoleResult::Fail("no such node");
   }
 
   std::vector<ConsoleNode> DefinedNodes() const override { return nodes_; }

@@ -5,11 +5,15 @@
 //         in, the monitor view is switched, a lock-out made in the browser refuses a call at
 //         log-in, a spot typed by the user shows in the spot list once (and a refused one
 //         with its reason), what the user typed shows in the monitor, and both survive a
-//         reload; a setting saved in the browser lands in cluster.cfg.
+//         reload; a bad word added in the browser refuses the next spot, an exit list is
+//         loaded from a local HTTP server, a neighbour defined in the browser links, a user
+//         locked out on the Users page is disconnected and refused, a setting saved in the
+//         browser lands in cluster.cfg.
 // --demo: console_demo's fake node, driven through its standard input instead of telnet.
 import { chromium } from 'playwright-core';
 import { spawn } from 'node:child_process';
 import fs from 'node:fs';
+import http from 'node:http';
 import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
@@ -217,6 +221,48 @@ try {
     bad.close();
   }
 
+  // A bad word added in the browser refuses the very next spot that carries it.  (The demo's
+  // fake node keeps only the configuration's lists.)
+  if (!demo) {
+    await page.click('#list-names li[data-list="BadWords"]');
+    check(await visible(page.locator('#list-title', {hasText: 'BadWords'})), 'the bad words open');
+    await page.fill('#list-add-item', 'FT8SPAM');
+    await page.press('#list-add-item', 'Enter');
+    check(await visible(page.locator('#list-items tr', {hasText: 'FT8SPAM'})),
+          'the bad word is listed');
+    await shot('03b-bad-words');
+    check(fs.readFileSync(path.join(home, 'data', 'files', 'badwords.txt'), 'latin1')
+            .includes('FT8SPAM'), 'the bad word is in data/files/badwords.txt');
+    user.send('DX 14025 JA1AAA FT8SPAM here');
+    user.send('DX 14026 JA1BBB fine');
+    check(await user.until(/DX de G4ABC:.*JA1BBB/), 'the next clean spot is taken');
+    check(!/DX de G4ABC:.*JA1AAA/.test(user.text), 'the spot with the bad word is refused');
+
+    // The anonymity-network list is loaded from an address the sysop types.
+    const exitList = 'ExitNode 0011BD2485AD45D984EC4159C88FC066E5E3300E\n' +
+                     'Published 2026-11-24 02:53:35\nExitAddress 198.51.100.77 2026-11-24 04:05:02\n';
+    const server = http.createServer((req, res) => {
+      res.writeHead(200, {'Content-Type': 'text/plain'});
+      res.end(exitList);
+    });
+    await new Promise((r) => server.listen(0, '127.0.0.1', r));
+    await page.click('#list-names li[data-list="TorList"]');
+    await page.fill('#list-fetch-url', `http://127.0.0.1:${server.address().port}/exit-addresses`);
+    await page.click('#list-fetch-form button[type="submit"]');
+    check(await visible(page.locator('#list-items tr', {hasText: '198.51.100.77'})),
+          'an exit list loaded from a local address fills TorList');
+    check(await visible(page.locator('#list-note', {hasText: '1 new'})), 'the load says what it added');
+    await shot('03c-torlist');
+    server.close();
+    // A refused address says why.
+    await page.click('#list-names li[data-list="IpNotOk"]');
+    await page.fill('#list-add-item', 'not.an.address');
+    await page.press('#list-add-item', 'Enter');
+    check(await visible(page.locator('#list-error', {hasText: 'not an IP address'})),
+          'an address list refuses an entry that is no address');
+  }
+
+
   // A spot posted by the user appears in the Spots table once, a refused one with its reason
   // in words, and what the user typed is in the monitor beside what the node sent.
   let refusedCall, refusedRule, typed;
@@ -245,11 +291,12 @@ try {
         'the refused spot is in the table with its reason in words');
   await shot('04-spots');
   // The table sorts by a column's heading and filters by band, and its address says so.
-  const firstDx = async () => (await page.locator('#spots-table tbody tr td:nth-child(4)').first().textContent());
+  const dxColumn = async () => page.locator('#spots-table tbody tr td:nth-child(4)').allTextContents();
+  const inOrder = (a, dir) => a.length > 1 && a.every((x, i) => i === 0 || dir * x.localeCompare(a[i - 1]) >= 0);
   await page.click('#spots-table th[data-sort="dx"]');
-  const ascending = await firstDx();
+  const ascending = await dxColumn();
   await page.click('#spots-table th[data-sort="dx"]');
-  check(ascending === 'K1ABC' && (await firstDx()) === 'K9BAD' && /sort=dx/.test(page.url()),
+  check(inOrder(ascending, 1) && inOrder(await dxColumn(), -1) && /sort=dx/.test(page.url()),
         'a click on a heading sorts the table, a second click the other way');
   await page.selectOption('#spots-band', '40m');
   check(await waitFor(async () => (await page.locator('#spots-table tbody tr').count()) === 0),
@@ -357,6 +404,65 @@ try {
           'the new outgoing connection is in cluster.cfg');
   }
   await shot('06-links');
+
+  // A neighbour defined in the browser is let in from its address and links.
+  await page.fill('#neighbour-call', 'K7LEG');
+  await page.selectOption('#neighbour-type', 'ARC');
+  await page.fill('#neighbour-addresses', '127.0.0.1');
+  await page.click('#neighbour-form button[type="submit"]');
+  check(await visible(page.locator('#nodes-table tbody tr', {hasText: 'K7LEG'})),
+        'the neighbour is listed with its address');
+  if (!demo) {
+    const peer = new Telnet(ports.users);
+    await peer.until(/login: /i);
+    peer.send('K7LEG');
+    check(await peer.until(/PC18\^/), 'the neighbour is greeted as a node');
+    peer.send('PC19^1^K7LEG^0^5455^H25^');
+    peer.send('PC20^');
+    check(await peer.until(/PC22\^/), 'the node link handshake completes');
+    await tab('connections');
+    check(await visible(page.locator('#connections-table tbody tr', {hasText: 'K7LEG'})
+                            .filter({hasText: 'node'})),
+          'the neighbour shows as a node connection');
+    await shot('06b-neighbour-linked');
+    peer.close();
+  }
+
+  // The Users page finds a user by call; a lock-out disconnects and refuses the next log-in.
+  let victim = null;
+  if (!demo) {
+    victim = new Telnet(ports.users);
+    await victim.until(/login: /i);
+    victim.send('G4LOK');
+    if (await victim.until(/Please enter your name/, 10000)) {
+      victim.send('Lou');
+      await victim.until(/\(Y or N\)/, 5000);
+      victim.send('y');
+    }
+    await victim.until(/>\s*$/, 10000);
+  }
+  const lockCall = demo ? 'G4ABC' : 'G4LOK';
+  await tab('users');
+  await page.fill('#users-query', lockCall);
+  await page.press('#users-query', 'Enter');
+  const userRow = page.locator('#users-table tbody tr', {hasText: lockCall});
+  check(await visible(userRow), 'the user is found on the Users page');
+  await userRow.locator('button', {hasText: 'Details'}).click();
+  check(await visible(page.locator('#user-settings tr', {hasText: 'Name'})),
+        "the user's settings are shown");
+  page.once('dialog', (d) => d.accept());
+  await userRow.locator('button', {hasText: 'Lock out'}).click();
+  check(await visible(page.locator('#users-table tbody tr', {hasText: 'locked out'})),
+        'the user is shown as locked out');
+  await shot('09-users');
+  if (!demo) {
+    check(await waitFor(() => victim.closed, 10000), 'the locked-out user is disconnected');
+    const again = new Telnet(ports.users);
+    await again.until(/login: /i);
+    again.send('G4LOK');
+    check(await again.until(/LockedOut /), 'the locked-out user cannot log in again');
+    again.close();
+  }
   await tab('stats');
   check(await visible(page.locator('#stats-table tbody tr', {hasText: 'Uptime'})),
         'statistics are shown');
@@ -369,6 +475,13 @@ try {
       .catch(() => {});
   await page.click('#logs-tail');
   check(await visible(page.locator('#logs-status', {hasText: 'lines'})), 'a log file can be tailed');
+  await page.check('#logs-follow');
+  check(await visible(page.locator('#logs-status', {hasText: 'following'})), 'the log is followed');
+  if (!demo) {
+    check(await visible(page.locator('#logs-output', {hasText: 'Sysop added FT8SPAM to bad words'})),
+          'the log names what the sysop changed');
+  }
+  await page.uncheck('#logs-follow');
   await shot('08-logs');
 
   check(pageErrors.length === 0, 'no script errors in the page' +

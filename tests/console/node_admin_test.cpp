@@ -1,0 +1,169 @@
+// The console's administration calls against the real node and front-end: what a sysop changes
+// on the page counts for the next spot, log-in or node link at once, lands in the node's files,
+// and leaves an audit line in the node's log.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "core/file_util.h"
+#include "core/time_text.h"
+#include "tests/console/console_client.h"
+#include "tests/testlib/node_sites.h"
+
+namespace qx::testing {
+namespace {
+
+using nlohmann::json;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using namespace std::chrono_literals;
+
+class NodeAdminTest : public ::testing::Test {
+ protected:
+  void StartNode(NodeSite& node) {
+    node.Start();
+    constexpr std::string_view kLine = "Console password: ";
+    ASSERT_TRUE(node.WaitOutput(kLine)) << node.node().Output();
+    const std::string out = node.node().Output();
+    const size_t at = out.find(kLine) + kLine.size();
+    console_ = std::make_unique<ConsoleClient>(node.console_port());
+    login_ = console_->LogIn(out.substr(at, out.find('\n', at) - at));
+    ASSERT_FALSE(login_.csrf.empty());
+  }
+  json Get(const std::string& path, unsigned status = 200) {
+    const ConsoleReply r = console_->Get("/api/" + path, &login_);
+    EXPECT_EQ(r.result_int(), status) << path << ": " << r.body();
+    return json::parse(r.body(), nullptr, false);
+  }
+  json Post(const std::string& path, const json& body, unsigned status = 200) {
+    const ConsoleReply r = console_->Post("/api/" + path, body, &login_);
+    EXPECT_EQ(r.result_int(), status) << path << ": " << r.body();
+    return json::parse(r.body(), nullptr, false);
+  }
+  static std::string ErrorLog(NodeSite& node) {
+    return ReadFileText(node.home() / "data/log" /
+                        ("error-" + DateText(SystemClock().Now()) + ".log"))
+        .value_or("");
+  }
+
+  std::unique_ptr<ConsoleClient> console_;
+  ConsoleLogin login_;
+};
+
+TEST_F(NodeAdminTest, FilesAndPasswordsChangedOnTheConsoleCountAtOnce) {
+  NodeSite node("K1QXA");
+  StartNode(node);
+  auto spotter = node.LogInAs("G4ABC", "", "Bob");
+  auto reader = node.LogInAs("G4XYZ", "", "Sue");
+
+  // A bad word counts for the very next spot.
+  Post("lists/BadWords/add", {{"item", "ft8spam"}});
+  EXPECT_THAT(Get("lists/BadWords")["items"], ::testing::ElementsAre("FT8SPAM"));
+  spotter->SendLine("DX 14025 JA1AAA FT8SPAM here");
+  spotter->SendLine("DX 14026 JA1BBB fine");
+  ASSERT_TRUE(reader->ReadUntil("JA1BBB")) << reader->received();
+  EXPECT_THAT(reader->received(), Not(HasSubstr("JA1AAA")));
+  EXPECT_EQ(ReadFileText(node.home() / "data/files/badwords.txt").value_or(""), "FT8SPAM\r\n");
+
+  // Address lists take addresses only; an import names what it refused and keeps the rest.
+  EXPECT_THAT(Post("lists/IpNotOk/add", {{"item", "192.0.2.300"}}, 400)["error"].get<std::string>(),
+              HasSubstr("not an IP address"));
+  const json imported =
+      Post("lists/TorList/import", {{"text",
+                                     "# exit list\nExitNode ABCD\nExitAddress 198.51.100.7 x\n"
+                                     "203.0.113.9, 2001:db8::1\nnonsense\n198.51.100.7\n"}});
+  EXPECT_EQ(imported["added"], 3);
+  EXPECT_EQ(imported["already"], 1);
+  EXPECT_EQ(imported["refused"].size(), 1u);
+  const json searched = Get("lists/TorList?q=203.0");
+  EXPECT_THAT(searched["items"], ::testing::ElementsAre("203.0.113.9"));
+  EXPECT_EQ(searched["total"], 3);
+  Post("lists/TorList/remove", {{"item", "203.0.113.9"}});
+  EXPECT_EQ(Get("lists/TorList")["total"], 2);
+
+  // A password is written, then only the call shows; the call must give it at its next log-in.
+  Post("passwords/set", {{"call", "g4pw"}, {"password", "s3cret"}, {"level", "1"}});
+  const json pw = Get("passwords");
+  ASSERT_EQ(pw["calls"].size(), 1u);
+  EXPECT_EQ(pw["calls"][0], json({{"call", "G4PW"}, {"level", 1}, {"password", "set"}}));
+  EXPECT_THAT(pw.dump(), Not(HasSubstr("s3cret")));
+  auto guarded = node.Connect();
+  guarded->SendLine("G4PW");
+  EXPECT_TRUE(guarded->ReadUntil("password: ")) << guarded->received();
+
+  // A settings change is written to the log as what it was and what it became.
+  Post("settings", {{"changes", {{"Connection Retry", "120"}}}});
+  const std::string log = ErrorLog(node);
+  EXPECT_THAT(log, HasSubstr("Sysop added FT8SPAM to bad words"));
+  EXPECT_THAT(log, HasSubstr("Sysop added 3 entries to anonymity-network addresses"));
+  EXPECT_THAT(log, HasSubstr("Sysop set the password of G4PW"));
+  EXPECT_THAT(log, HasSubstr("Sysop set Connection Retry 60 \u2192 120"));
+  EXPECT_THAT(log, Not(HasSubstr("s3cret")));
+}
+
+TEST_F(NodeAdminTest, NeighboursLinksAndUsersAreManagedFromTheConsole) {
+  NodeSite node("K1QXA");
+  StartNode(node);
+
+  // A neighbour defined with its address logs in as a node.
+  Post("nodes/save", {{"call", "k7leg"}, {"type", "ARC"}, {"addresses", "127.0.0.1"}});
+  Post("nodes/save", {{"call", "K7BAD"}, {"addresses", "300.1.1.1"}}, 400);
+  Post("nodes/save", {{"call", "K7BAD"}}, 400);  // neither addresses nor password: never let in
+  const json links = Get("links");
+  ASSERT_EQ(links["nodes"].size(), 1u);
+  EXPECT_EQ(links["nodes"][0]["call"], "K7LEG");
+  EXPECT_EQ(links["nodes"][0]["addresses"], "127.0.0.1");
+  auto peer = node.Connect();
+  peer->SendLine("K7LEG");
+  ASSERT_TRUE(peer->ReadUntil("PC18^")) << peer->received();
+  peer->SendLine("PC19^1^K7LEG^0^5455^H25^");
+  peer->SendLine("PC20^");
+  ASSERT_TRUE(node.WaitOutput("Node link up: K7LEG")) << node.node().Output();
+
+  // An outgoing connection that cannot be opened says why.
+  const int closed_port = FreePort();
+  Post("links/save", {{"name", "K7OFF"},
+                      {"remoteKind", "QXC"},
+                      {"address", "127.0.0.1"},
+                      {"port", closed_port},
+                      {"active", true}});
+  json off;
+  ASSERT_TRUE(WaitFor(
+      [&] {
+        const json now = Get("links");
+        for (const json& l : now["links"]) {
+          if (l["name"] == "K7OFF" && !l["lastError"].get<std::string>().empty()) off = l;
+        }
+        return !off.is_null();
+      },
+      20s))
+      << Get("links").dump();
+  EXPECT_THAT(off["lastError"].get<std::string>(), HasSubstr("refused"));
+
+  // Users: listed a page at a time from their records; a lock-out disconnects at once and
+  // refuses the next log-in.
+  auto user = node.LogInAs("G4ABC", "", "Bob");
+  node.LogInAs("G4DEF", "", "Dan")->SendLine("SET/QTH Leeds");
+  const json page = Get("users?q=G4&limit=1");
+  EXPECT_EQ(page["total"], 2);
+  ASSERT_EQ(page["users"].size(), 1u);
+  EXPECT_EQ(page["users"][0]["call"], "G4ABC");
+  EXPECT_EQ(page["users"][0]["name"], "Bob");
+  EXPECT_GT(page["users"][0]["stream"], 0);
+  EXPECT_EQ(Get("users?q=G4&offset=1&limit=1")["users"][0]["call"], "G4DEF");
+  const json detail = Get("users/G4ABC");
+  EXPECT_THAT(detail["settings"].dump(), HasSubstr("\"Name\",\"Bob\""));
+  Get("users/NOSUCH", 404);
+
+  Post("users/lockout", {{"call", "G4ABC"}, {"locked", true}});
+  EXPECT_TRUE(user->WaitClosed()) << user->received();
+  EXPECT_EQ(Get("users?q=G4ABC")["users"][0]["lockedOut"], true);
+  auto again = node.Connect();
+  again->SendLine("G4ABC");
+  EXPECT_TRUE(again->ReadUntil("LockedOut ")) << again->received();
+  EXPECT_THAT(ErrorLog(node), HasSubstr("Sysop locked out G4ABC and disconnected 1 stream(s)"));
+}
+
+}  // namespace
+}  // namespace qx::testing
