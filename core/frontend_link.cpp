@@ -953,8 +953,7 @@ void FrontendLink::Flush() {
         }
         bytes_out_ += n;
         Flush();
-        if (input_held_ && !write_in_flight_ && spots_waiting_ == 0 &&
-            held_message_bytes_ == 0) {
+        if (input_held_ && !write_in_flight_ && spots_waiting_ == 0 && held_message_bytes_ == 0) {
           FinishHandOver();
         }
       });
@@ -1061,8 +1060,7 @@ void FrontendLink::EndEpisodeIfDrained() {
   backlogs_.clear();
   feed_order_.clear();
   log_.Write("SendToWinsock", "the front-end has caught up; " + std::to_string(episode_shed_) +
-                                  " spot lines were dropped for " +
-                                  std::to_string(episode_users_) +
+                                  " spot lines were dropped for " + std::to_string(episode_users_) +
                                   (episode_users_ == 1 ? " user" : " users"));
   episode_shed_ = 0;
   episode_users_ = 0;
@@ -1166,8 +1164,8 @@ void FrontendLink::QueueStreamText(int stream, std::string_view text) {
 }
 
 void FrontendLink::SendSpotToStreamNo(int stream, const SharedText& text) {
-  if (!text || text->empty() || !table_.InRange(stream) ||
-      table_.at(stream).state == kStateFree || state_ != State::kConnected) {
+  if (!text || text->empty() || !table_.InRange(stream) || table_.at(stream).state == kStateFree ||
+      state_ != State::kConnected) {
     return;
   }
   if (!congested_) {

@@ -294,7 +294,7 @@ class FrontendLink : private LinkArrival::Sink {
   struct StreamBacklog {
     int tag = 0;
     std::deque<Waiting> items;
-    size_t spots = 0;  // spot lines among items
+    size_t spots = 0;   // spot lines among items
     uint64_t shed = 0;  // shed this episode, told when it ends
   };
   size_t Backlog() const { return out_.size() + writing_.size(); }

@@ -102,9 +102,8 @@ void SpotDistributor::PrepareColumns(const Spot& spot) {
 }
 
 const std::shared_ptr<std::string>& SpotDistributor::UserText(const Spot& spot, int decimals,
-                                                             uint8_t columns, int width,
-                                                             bool bell,
-                                                             DistributionStats& stats) {
+                                                              uint8_t columns, int width, bool bell,
+                                                              DistributionStats& stats) {
   for (size_t i = 0; i < ready_used_; ++i) {
     const Ready& r = ready_[i];
     if (r.decimals == decimals && r.columns == columns && r.width == width && r.bell == bell) {

@@ -99,8 +99,8 @@ class SpotDistributor {
   const std::string& LineFor(const Spot& spot, int decimals, DistributionStats& stats);
   const std::string& ExtendedLine(const Spot& spot, int decimals, uint8_t columns,
                                   DistributionStats& stats);
-  const std::shared_ptr<std::string>& UserText(const Spot& spot, int decimals, uint8_t columns, int width, bool bell,
-                            DistributionStats& stats);
+  const std::shared_ptr<std::string>& UserText(const Spot& spot, int decimals, uint8_t columns,
+                                               int width, bool bell, DistributionStats& stats);
   // Works out the spot's extra column texts (once per spot).
   void PrepareColumns(const Spot& spot);
 

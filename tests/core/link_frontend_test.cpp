@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/write.hpp>
-#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -921,7 +921,7 @@ TEST_F(LinkSocketTest, AFrontEndThatFallsBehindLosesOnlySpotsAndEachUserIsToldHo
   int sent = 0;
   const auto spot = [&] {
     return std::make_shared<const std::string>("DX de W1AW: 14025.0 spot " +
-                                                std::to_string(++sent) + "\r\n");
+                                               std::to_string(++sent) + "\r\n");
   };
   while (!(link_->congested() && link_->spots_waiting() == 8 && link_->spots_shed() >= 20)) {
     ASSERT_LT(sent, 400000);
