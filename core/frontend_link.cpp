@@ -989,7 +989,7 @@ void FrontendLink::Held(const std::string& target) {
 
 void FrontendLink::QueueSpot(int stream, const SharedText& text) {
   StreamBacklog& b = backlogs_[stream];
-  const int tag = table_.at(stream).tag;
+  const int64_t tag = table_.at(stream).tag;
   if (b.tag != tag && !b.items.empty()) {
     ForgetBacklog(stream);  // left by an earlier connection on the number
     QueueSpot(stream, text);

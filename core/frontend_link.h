@@ -292,7 +292,7 @@ class FrontendLink : private LinkArrival::Sink {
     std::string message;  // a framed message, never shed
   };
   struct StreamBacklog {
-    int tag = 0;
+    int64_t tag = 0;  // the connection the lines are for
     std::deque<Waiting> items;
     size_t spots = 0;   // spot lines among items
     uint64_t shed = 0;  // shed this episode, told when it ends

@@ -912,8 +912,8 @@ TEST_F(LinkSocketTest, AFrontEndThatFallsBehindLosesOnlySpotsAndEachUserIsToldHo
   link_->Start();
   ASSERT_TRUE(Handshake(fe));
   fe.Send(
-      "AA03^Connect Request^5^192.0.2.7:1^17^in^0\x03"
-      "AA03^Connect Request^6^192.0.2.8:1^18^in^0\x03");
+      "AA03^Connect Request^5^192.0.2.7:1^1838652366950417^in^0\x03"
+      "AA03^Connect Request^6^192.0.2.8:1^1838652366950418^in^0\x03");
   ASSERT_TRUE(RunUntil([&] { return events_.connects.size() == 2; }));
   fe.PauseReading();
 
