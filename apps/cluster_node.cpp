@@ -910,6 +910,14 @@ void ClusterNode::SendToStream(int stream, std::string_view text) {
   if (e.monitored) monitor_.Write(MonitorChannel::kRaw, text, "", stream);
 }
 
+void ClusterNode::SendSpotToStream(int stream, const std::shared_ptr<const std::string>& text) {
+  if (!link_ || !streams_.InRange(stream)) return;
+  link_->SendSpotToStreamNo(stream, text);
+  StreamEntry& e = streams_.at(stream);
+  ++e.lines_out;
+  if (e.monitored) monitor_.Write(MonitorChannel::kRaw, *text, "", stream);
+}
+
 void ClusterNode::CloseStream(int stream) {
   if (link_) link_->CloseStream(stream);
 }

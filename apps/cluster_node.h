@@ -90,6 +90,7 @@ class ClusterNode final : public LinkEvents,
 
   // StreamOutput and SpotSink
   void SendToStream(int stream, std::string_view text) override;
+  void SendSpotToStream(int stream, const std::shared_ptr<const std::string>& text) override;
   void CloseStream(int stream) override;
   void SetStreamIdentity(int stream, std::string_view call, int state) override;
   void SetStreamAttributes(int stream, std::string_view text) override;

@@ -853,6 +853,8 @@ ConsoleStats NodeConsoleModel::Statistics() const {
   s.refusals = node_.stats_.refusals();
   s.pc41_counts = node_.Pc41Counts();
   s.link_peak_pending = node_.link_ ? int(node_.link_->peak_pending()) : 0;
+  s.link_spots_shed = node_.link_ ? int64_t(node_.link_->spots_shed()) : 0;
+  s.link_spots_waiting = node_.link_ ? int64_t(node_.link_->spots_waiting()) : 0;
   s.uptime_seconds = std::chrono::duration_cast<std::chrono::seconds>(now - node_.started_).count();
   s.spots_per_minute_history = node_.stats_.History(now);
   return s;
@@ -871,6 +873,8 @@ ConsoleMetrics NodeConsoleModel::Metrics() const {
   m.refusals = node_.stats_.refusals();
   m.link_queue_depth = node_.link_ ? int64_t(node_.link_->queue_depth()) : 0;
   m.link_peak_pending = node_.link_ ? int64_t(node_.link_->peak_pending()) : 0;
+  m.link_spots_shed = node_.link_ ? int64_t(node_.link_->spots_shed()) : 0;
+  m.link_spots_waiting = node_.link_ ? int64_t(node_.link_->spots_waiting()) : 0;
   // Per-user output queues live in the front-end, which does not report them yet; the
   // metric stays empty rather than show a number that means something else.
   for (size_t i = 0; i < NodeStats::kDelayBounds.size(); ++i) {

@@ -318,6 +318,8 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
                            {"refusals", s.refusals},
                            {"pc41", s.pc41_counts},
                            {"linkPeakPending", s.link_peak_pending},
+                           {"linkSpotsShed", s.link_spots_shed},
+                           {"linkSpotsWaiting", s.link_spots_waiting},
                            {"uptimeSeconds", s.uptime_seconds},
                            {"uptime", UptimeText(std::chrono::seconds(s.uptime_seconds))},
                            {"history", s.spots_per_minute_history}});

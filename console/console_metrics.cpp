@@ -60,6 +60,12 @@ std::string FormatMetrics(const ConsoleMetrics& m) {
   Header(out, "qx_link_peak_pending_bytes", "gauge",
          "Largest pending buffer seen on the front-end link.");
   fmt::format_to(std::back_inserter(out), "qx_link_peak_pending_bytes {}\n", m.link_peak_pending);
+  Header(out, "qx_link_spots_shed_total", "counter",
+         "Spot lines dropped, oldest first per user, because the front-end fell behind.");
+  fmt::format_to(std::back_inserter(out), "qx_link_spots_shed_total {}\n", m.link_spots_shed);
+  Header(out, "qx_link_spots_waiting", "gauge",
+         "Spot lines waiting in per-user queues while the front-end is behind.");
+  fmt::format_to(std::back_inserter(out), "qx_link_spots_waiting {}\n", m.link_spots_waiting);
   Labelled(out, "qx_user_output_queue_high_water", "gauge",
            "Highest output queue of each connected user, in lines.", "call",
            m.user_queue_high_water);

@@ -132,6 +132,8 @@ struct ConsoleStats {
   std::map<std::string, uint64_t> refusals;     // reason -> count since start
   std::map<std::string, uint64_t> pc41_counts;  // PC41 field/kind -> count
   int link_peak_pending = 0;
+  int64_t link_spots_shed = 0;     // spot lines dropped because the front-end fell behind
+  int64_t link_spots_waiting = 0;  // spot lines waiting in per-user queues now
   int64_t uptime_seconds = 0;
   // Spots per minute, one value per minute, oldest first, up to the last few hours.
   std::vector<int> spots_per_minute_history;
@@ -149,6 +151,8 @@ struct ConsoleMetrics {
   std::map<std::string, uint64_t> refusals;        // reason -> count
   int64_t link_queue_depth = 0;                    // bytes waiting on the front-end link
   int64_t link_peak_pending = 0;
+  int64_t link_spots_shed = 0;     // spot lines dropped because the front-end fell behind
+  int64_t link_spots_waiting = 0;  // spot lines waiting in per-user queues now
   std::vector<std::pair<std::string, int64_t>> user_queue_high_water;  // call -> lines
   // Spot delivery delay (intake to last user write) as a cumulative histogram.
   std::vector<std::pair<double, uint64_t>> delay_buckets;  // upper bound (s) -> count <= bound

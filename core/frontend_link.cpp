@@ -324,6 +324,7 @@ void FrontendLink::StreamGone(int stream) {
   events_.OnStreamClosed(stream, previous_state);
   table_.Reset(stream);
   ended_in_cr_[size_t(stream)] = 0;
+  ForgetBacklog(stream);
 }
 
 void FrontendLink::HandleStreamList(std::string_view record) {
@@ -704,6 +705,7 @@ void FrontendLink::CloseSocket() {
   // written belongs to the old one.
   arrival_.Reset();
   out_.clear();
+  DropAllBacklogs();
 }
 
 void FrontendLink::StartConnect() {
@@ -799,7 +801,9 @@ void FrontendLink::HandleInputHeld() {
   if (!hand_over_done_) return;  // never asked for: the front-end holds input anyway
   input_held_ = true;
   // The answers to the last records may still wait to be written.
-  if (!write_in_flight_ && out_.empty()) FinishHandOver();
+  if (!write_in_flight_ && out_.empty() && spots_waiting_ == 0 && held_message_bytes_ == 0) {
+    FinishHandOver();
+  }
 }
 
 void FrontendLink::FinishHandOver() {
@@ -890,7 +894,7 @@ void FrontendLink::StartRead(int buffer) {
 
 bool FrontendLink::CanQueue(size_t bytes) {
   if (state_ != State::kConnected) return false;
-  if (out_.size() + bytes > options_.max_output_bytes) {
+  if (out_.size() + held_message_bytes_ + bytes > options_.max_output_bytes) {
     // The front-end has stopped taking what the node sends (it is overloaded or hung).  The
     // bound keeps the node's memory in check; what is dropped is counted and reported when
     // the link has room again, so the sysop sees how much was lost.
@@ -912,6 +916,7 @@ bool FrontendLink::CanQueue(size_t bytes) {
 }
 
 void FrontendLink::Queued() {
+  CheckCongestion();
   if (flush_posted_ || write_in_flight_) return;
   flush_posted_ = true;
   std::weak_ptr<int> alive = alive_;
@@ -923,8 +928,11 @@ void FrontendLink::Queued() {
 }
 
 void FrontendLink::Flush() {
-  if (write_in_flight_ || out_.empty()) return;
+  if (write_in_flight_) return;
   if (state_ != State::kConnected && state_ != State::kProving) return;
+  FeedWaiting();
+  EndEpisodeIfDrained();
+  if (out_.empty()) return;
   std::swap(out_, writing_);
   out_.clear();
   write_in_flight_ = true;
@@ -947,12 +955,160 @@ void FrontendLink::Flush() {
         }
         bytes_out_ += n;
         Flush();
-        if (input_held_ && !write_in_flight_) FinishHandOver();
+        if (input_held_ && !write_in_flight_ && spots_waiting_ == 0 && held_message_bytes_ == 0) {
+          FinishHandOver();
+        }
       });
 }
 
+// ---------------------------------------------------------------------------------------
+// Overload
+
+void FrontendLink::CheckCongestion() {
+  if (congested_ || Backlog() <= options_.soft_output_bytes) return;
+  congested_ = true;
+  episode_shed_ = 0;
+  episode_users_ = 0;
+  log_.Write("SendToWinsock", "the front-end is falling behind (" + std::to_string(Backlog()) +
+                                  " bytes waiting): spot lines now wait per user and the "
+                                  "oldest are dropped");
+}
+
+std::string& FrontendLink::TargetFor(int stream) {
+  if (!backlogs_.empty()) {
+    const auto it = backlogs_.find(stream);
+    if (it != backlogs_.end() && !it->second.items.empty()) {
+      it->second.items.push_back({});
+      return it->second.items.back().message;
+    }
+  }
+  return out_;
+}
+
+void FrontendLink::Held(const std::string& target) {
+  if (&target != &out_) held_message_bytes_ += target.size();
+}
+
+void FrontendLink::QueueSpot(int stream, const SharedText& text) {
+  StreamBacklog& b = backlogs_[stream];
+  const int64_t tag = table_.at(stream).tag;
+  if (b.tag != tag && !b.items.empty()) {
+    ForgetBacklog(stream);  // left by an earlier connection on the number
+    QueueSpot(stream, text);
+    return;
+  }
+  b.tag = tag;
+  if (b.items.empty()) feed_order_.push_back(stream);
+  if (b.spots >= std::max<size_t>(options_.stream_spot_queue, 1)) {
+    // Oldest first: the newest spots are the ones still worth having.
+    const auto oldest = std::find_if(b.items.begin(), b.items.end(),
+                                     [](const Waiting& w) { return w.spot != nullptr; });
+    b.items.erase(oldest);
+    --b.spots;
+    --spots_waiting_;
+    ++b.shed;
+    ++spots_shed_;
+    ++episode_shed_;
+  }
+  b.items.push_back({text, {}});
+  ++b.spots;
+  ++spots_waiting_;
+  Queued();
+}
+
+void FrontendLink::FeedWaiting() {
+  while (!feed_order_.empty() && Backlog() < options_.soft_output_bytes) {
+    const int stream = feed_order_.front();
+    feed_order_.pop_front();
+    const auto it = backlogs_.find(stream);
+    if (it == backlogs_.end() || it->second.items.empty()) continue;
+    StreamBacklog& b = it->second;
+    if (!table_.InRange(stream) || table_.at(stream).state == kStateFree ||
+        table_.at(stream).tag != b.tag) {
+      ForgetBacklog(stream);
+      continue;
+    }
+    Waiting& w = b.items.front();
+    if (w.spot) {
+      --b.spots;
+      --spots_waiting_;
+      FrameText(out_, stream, *w.spot);
+    } else {
+      held_message_bytes_ -= w.message.size();
+      out_.append(w.message);
+    }
+    b.items.pop_front();
+    if (!b.items.empty()) {
+      feed_order_.push_back(stream);
+    } else if (b.shed == 0) {
+      backlogs_.erase(it);  // kept only while the stream is still to be told of a loss
+    }
+  }
+}
+
+void FrontendLink::EndEpisodeIfDrained() {
+  if (!congested_ || spots_waiting_ != 0 || held_message_bytes_ != 0 ||
+      Backlog() > options_.soft_output_bytes / 2) {
+    return;
+  }
+  congested_ = false;
+  for (auto& [stream, b] : backlogs_) {
+    if (b.shed == 0 || !table_.InRange(stream) || table_.at(stream).state == kStateFree ||
+        table_.at(stream).tag != b.tag) {
+      continue;
+    }
+    AppendShedNotice(out_, stream, b);
+  }
+  backlogs_.clear();
+  feed_order_.clear();
+  log_.Write("SendToWinsock", "the front-end has caught up; " + std::to_string(episode_shed_) +
+                                  " spot lines were dropped for " + std::to_string(episode_users_) +
+                                  (episode_users_ == 1 ? " user" : " users"));
+  episode_shed_ = 0;
+  episode_users_ = 0;
+}
+
+void FrontendLink::AppendShedNotice(std::string& out, int stream, StreamBacklog& backlog) {
+  std::string line = "*** ";
+  AppendInt(line, static_cast<long long>(backlog.shed));
+  line += backlog.shed == 1 ? " spot was" : " spots were";
+  line += " dropped: the node could not keep up.\r\n";
+  backlog.shed = 0;
+  ++episode_users_;
+  FrameText(out, stream, line);
+}
+
+void FrontendLink::ForgetBacklog(int stream) {
+  const auto it = backlogs_.find(stream);
+  if (it == backlogs_.end()) return;
+  for (const Waiting& w : it->second.items) {
+    if (w.spot) {
+      --spots_waiting_;
+    } else {
+      held_message_bytes_ -= w.message.size();
+    }
+  }
+  backlogs_.erase(it);
+}
+
+void FrontendLink::DropAllBacklogs() {
+  if (congested_) {
+    log_.Write("SendToWinsock", "the link closed while the front-end was behind; " +
+                                    std::to_string(episode_shed_) + " spot lines were dropped");
+  }
+  congested_ = false;
+  episode_shed_ = 0;
+  episode_users_ = 0;
+  backlogs_.clear();
+  feed_order_.clear();
+  spots_waiting_ = 0;
+  held_message_bytes_ = 0;
+}
+
+// Link-control messages are never dropped for the bound: a lost disconnect or identity would
+// leave the two programs disagreeing about a connection.  They are small and few.
 void FrontendLink::SendRaw(std::string_view text) {
-  if (text.empty() || !CanQueue(text.size())) return;
+  if (text.empty() || state_ != State::kConnected) return;
   out_.append(text);
   Queued();
 }
@@ -963,7 +1119,7 @@ void FrontendLink::QueueHandshake(std::string_view bytes) {
 }
 
 void FrontendLink::SendToWinsockQuiet(std::string_view message) {
-  if (!CanQueue(message.size() + 1)) return;
+  if (state_ != State::kConnected) return;
   out_.append(message);
   out_.push_back(kMessageEnd);
   Queued();
@@ -977,30 +1133,49 @@ void FrontendLink::SendToWinsockEcho(std::string_view message) {
   monitor_.Console(line);
 }
 
+void FrontendLink::FrameText(std::string& out, int stream, std::string_view text) const {
+  // "0" ETX stream ETX text ETX tag EOT
+  out.push_back('0');
+  out.push_back(kElement);
+  AppendInt(out, stream);
+  out.push_back(kElement);
+  if (text.find(kMessageEnd) == std::string_view::npos) {
+    out.append(text);
+  } else {
+    // Chr 4 ends a message; one inside the text would cut it short and make the rest a
+    // message of its own.  Chr 3 may stay: the text runs up to the last element.
+    for (char c : text) {
+      if (c != kMessageEnd) out.push_back(c);
+    }
+  }
+  out.push_back(kElement);
+  AppendInt(out, table_.at(stream).tag);
+  out.push_back(kMessageEnd);
+}
+
 void FrontendLink::QueueStreamText(int stream, std::string_view text) {
   // A free entry has tag 0, which the front-end takes as "any connection": a late message
   // for a closed stream must not reach whoever got the number next.
   if (text.empty() || !table_.InRange(stream) || table_.at(stream).state == kStateFree) return;
   if (!CanQueue(text.size() + 32)) return;
-  // "0" ETX stream ETX text ETX tag EOT
-  out_.push_back('0');
-  out_.push_back(kElement);
-  AppendInt(out_, stream);
-  out_.push_back(kElement);
-  if (text.find(kMessageEnd) == std::string_view::npos) {
-    out_.append(text);
-  } else {
-    // Chr 4 ends a message; one inside the text would cut it short and make the rest a
-    // message of its own.  Chr 3 may stay: the text runs up to the last element.
-    for (char c : text) {
-      if (c != kMessageEnd) out_.push_back(c);
-    }
-  }
-  out_.push_back(kElement);
-  AppendInt(out_, table_.at(stream).tag);
-  out_.push_back(kMessageEnd);
+  std::string& target = TargetFor(stream);
+  FrameText(target, stream, text);
+  Held(target);
   Queued();
   monitor_.Write(MonitorChannel::kRaw, text, {}, stream, MonitorDirection::kOut);
+}
+
+void FrontendLink::SendSpotToStreamNo(int stream, const SharedText& text) {
+  if (!text || text->empty() || !table_.InRange(stream) || table_.at(stream).state == kStateFree ||
+      state_ != State::kConnected) {
+    return;
+  }
+  if (!congested_) {
+    QueueStreamText(stream, *text);
+    return;
+  }
+  QueueSpot(stream, text);
+  monitor_.Write(MonitorChannel::kRaw, *text, {}, stream);
 }
 
 void FrontendLink::SendToStream(std::string_view text) { QueueStreamText(table_.current(), text); }
@@ -1010,20 +1185,32 @@ void FrontendLink::SendToStreamNo(int stream, std::string_view text) {
 }
 
 void FrontendLink::CloseStream(int stream) {
-  if (!table_.InRange(stream) || table_.at(stream).state == kStateFree || !CanQueue(32)) return;
-  out_.push_back('1');
-  out_.push_back(kElement);
-  AppendInt(out_, stream);
-  out_.push_back(kElement);
-  out_.append("Disconnect");
-  out_.push_back(kElement);
-  AppendInt(out_, table_.at(stream).tag);
-  out_.push_back(kMessageEnd);
+  if (!table_.InRange(stream) || table_.at(stream).state == kStateFree ||
+      state_ != State::kConnected) {
+    return;
+  }
+  // A user who lost spots is told so before being let go.
+  const auto lost = backlogs_.find(stream);
+  if (lost != backlogs_.end() && lost->second.shed > 0) {
+    std::string& notice = TargetFor(stream);
+    AppendShedNotice(notice, stream, lost->second);
+    Held(notice);
+  }
+  std::string& out = TargetFor(stream);
+  out.push_back('1');
+  out.push_back(kElement);
+  AppendInt(out, stream);
+  out.push_back(kElement);
+  out.append("Disconnect");
+  out.push_back(kElement);
+  AppendInt(out, table_.at(stream).tag);
+  out.push_back(kMessageEnd);
+  Held(out);
   Queued();
 }
 
 void FrontendLink::OpenOutgoing(std::string_view host, int port, std::string_view label) {
-  if (!CanQueue(host.size() + label.size() + 16)) return;
+  if (state_ != State::kConnected) return;
   out_.push_back('2');
   out_.push_back(kElement);
   out_.append(host);
@@ -1037,36 +1224,40 @@ void FrontendLink::OpenOutgoing(std::string_view host, int port, std::string_vie
 
 void FrontendLink::SetStreamIdentity(int stream, std::string_view call, int state) {
   if (!table_.InRange(stream) || table_.at(stream).state == kStateFree ||
-      !CanQueue(call.size() + 48)) {
+      state_ != State::kConnected) {
     return;
   }
-  out_.push_back('3');
-  out_.push_back(kElement);
-  AppendInt(out_, stream);
-  out_.push_back(kElement);
-  out_.append(call);
-  out_.push_back(kElement);
-  AppendInt(out_, state);
-  out_.push_back(kElement);
-  AppendInt(out_, table_.at(stream).tag);
-  out_.push_back(kMessageEnd);
+  std::string& out = TargetFor(stream);
+  out.push_back('3');
+  out.push_back(kElement);
+  AppendInt(out, stream);
+  out.push_back(kElement);
+  out.append(call);
+  out.push_back(kElement);
+  AppendInt(out, state);
+  out.push_back(kElement);
+  AppendInt(out, table_.at(stream).tag);
+  out.push_back(kMessageEnd);
+  Held(out);
   Queued();
 }
 
 void FrontendLink::SetStreamAttributes(int stream, std::string_view text) {
   const std::string clean = CleanStreamAttributes(text);
   if (!table_.InRange(stream) || table_.at(stream).state == kStateFree ||
-      !CanQueue(clean.size() + 48)) {
+      state_ != State::kConnected) {
     return;
   }
-  out_.push_back('5');
-  out_.push_back(kElement);
-  AppendInt(out_, stream);
-  out_.push_back(kElement);
-  out_.append(clean);
-  out_.push_back(kElement);
-  AppendInt(out_, table_.at(stream).tag);
-  out_.push_back(kMessageEnd);
+  std::string& out = TargetFor(stream);
+  out.push_back('5');
+  out.push_back(kElement);
+  AppendInt(out, stream);
+  out.push_back(kElement);
+  out.append(clean);
+  out.push_back(kElement);
+  AppendInt(out, table_.at(stream).tag);
+  out.push_back(kMessageEnd);
+  Held(out);
   Queued();
 }
 

@@ -21,10 +21,12 @@
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "core/error_log.h"
@@ -98,8 +100,13 @@ struct FrontendLinkOptions {
   bool own_watchdog_timer = true;
   // Log the watchdog's counts below the reset (debug mode).
   bool debug = false;
-  // Output waiting for the socket beyond this is dropped (the front-end stopped reading).
+  // Ordinary text waiting for the socket beyond this is dropped (the front-end stopped
+  // reading).  Link-control messages are never dropped.
   size_t max_output_bytes = 64u << 20;
+  // Above this backlog the link is congested: spot lines wait per stream and a stream's
+  // oldest is shed when more than stream_spot_queue wait (see "Overload" below).
+  size_t soft_output_bytes = 4u << 20;
+  size_t stream_spot_queue = 64;
   size_t read_size = 64u << 10;
   size_t pending_capacity = LinkArrival::kDefaultPendingCapacity;
 };
@@ -109,8 +116,21 @@ struct FrontendLinkOptions {
 // ":"; the first "   " becomes two blanks.  Pure; out is overwritten.
 void NormaliseTextNodeLine(std::string_view line, std::string& out);
 
+// Overload.  When the front-end falls behind, the backlog on the link grows.  Above the soft
+// bound the link is congested and an overload episode begins (logged once): a spot line is
+// no longer written at once but waits in its stream's queue, where it shares the formatted
+// text with every other user who gets it.  The queues feed the link round-robin as it
+// drains.  A stream keeps at most stream_spot_queue spot lines; beyond that its oldest is
+// shed and counted.  Anything else for a stream that has lines waiting (text, identity,
+// attributes, disconnect) joins the queue behind them and is never shed, so each stream's
+// output keeps its order.  When every queue is empty and the backlog is down to half the soft
+// bound the episode ends (logged with its count) and each stream that lost spots is told
+// how many; a stream that is closed meanwhile is told before its disconnect.
 class FrontendLink : private LinkArrival::Sink {
  public:
+  // A formatted line shared by every stream that gets it.
+  using SharedText = std::shared_ptr<const std::string>;
+
   // The largest stream number a record may name; anything above is a bad record.
   static constexpr int kMaxStreamNumber = 65535;
 
@@ -157,6 +177,8 @@ class FrontendLink : private LinkArrival::Sink {
   // left out of the text.
   void SendToStream(std::string_view text);
   void SendToStreamNo(int stream, std::string_view text);
+  // A spot line for a stream: like text, but while the link is congested it may be shed.
+  void SendSpotToStreamNo(int stream, const SharedText& text);
   // A link-control message: text and Chr 4; the echo variant also shows it on the console.
   void SendToWinsockQuiet(std::string_view message);
   void SendToWinsockEcho(std::string_view message);
@@ -190,6 +212,11 @@ class FrontendLink : private LinkArrival::Sink {
   // Bytes queued for the socket and not yet written.
   size_t queue_depth() const { return out_.size() + writing_.size(); }
   uint64_t keepalives() const { return keepalives_; }
+  // Overload: spot lines shed since start, spot lines waiting in stream queues now, and
+  // whether an overload episode is under way.
+  uint64_t spots_shed() const { return spots_shed_; }
+  size_t spots_waiting() const { return spots_waiting_; }
+  bool congested() const { return congested_; }
   // The front-end's own counters, as last reported ("AA20"); kept when the link goes down.
   const FrontendCounterValues& frontend_counters() const { return frontend_counters_; }
 
@@ -252,6 +279,34 @@ class FrontendLink : private LinkArrival::Sink {
   void Queued();
   void Flush();
   void QueueStreamText(int stream, std::string_view text);
+  // The "0" message for stream, appended to out.
+  void FrameText(std::string& out, int stream, std::string_view text) const;
+  // Where a framed message for stream goes: out_, or a new message at the back of the
+  // stream's queue when lines wait there.  Held() counts what went into a queue.
+  std::string& TargetFor(int stream);
+  void Held(const std::string& target);
+
+  // Overload (see the class comment).
+  struct Waiting {
+    SharedText spot;      // a spot line, which may be shed; null for a message
+    std::string message;  // a framed message, never shed
+  };
+  struct StreamBacklog {
+    int64_t tag = 0;  // the connection the lines are for
+    std::deque<Waiting> items;
+    size_t spots = 0;   // spot lines among items
+    uint64_t shed = 0;  // shed this episode, told when it ends
+  };
+  size_t Backlog() const { return out_.size() + writing_.size(); }
+  void CheckCongestion();
+  void QueueSpot(int stream, const SharedText& text);
+  // Feeds the link from the stream queues, round-robin, up to the soft bound.
+  void FeedWaiting();
+  void EndEpisodeIfDrained();
+  // The line that tells a stream how many spots it lost, framed into out (once per episode).
+  void AppendShedNotice(std::string& out, int stream, StreamBacklog& backlog);
+  void ForgetBacklog(int stream);
+  void DropAllBacklogs();
   // Handshake output, which goes out while the front-end is still to prove itself.
   void QueueHandshake(std::string_view bytes);
 
@@ -305,6 +360,15 @@ class FrontendLink : private LinkArrival::Sink {
   uint64_t episode_dropped_ = 0;  // messages dropped since the bound was last exceeded
   uint64_t bytes_out_ = 0;
   uint64_t bytes_dropped_ = 0;
+  // Overload.
+  bool congested_ = false;
+  std::unordered_map<int, StreamBacklog> backlogs_;
+  std::deque<int> feed_order_;  // streams with lines waiting, in turn
+  size_t spots_waiting_ = 0;
+  size_t held_message_bytes_ = 0;  // ordinary text waiting in stream queues
+  uint64_t spots_shed_ = 0;
+  uint64_t episode_shed_ = 0;
+  uint64_t episode_users_ = 0;  // users told of a loss this episode
 
   // Per-record scratch, reused.
   std::vector<std::string_view> fields_;

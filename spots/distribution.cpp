@@ -101,8 +101,9 @@ void SpotDistributor::PrepareColumns(const Spot& spot) {
   put(kColDxState, state_of_ ? state_of_(spot.dx_call()) : std::string_view());
 }
 
-std::string_view SpotDistributor::UserText(const Spot& spot, int decimals, uint8_t columns,
-                                           int width, bool bell, DistributionStats& stats) {
+const std::shared_ptr<std::string>& SpotDistributor::UserText(const Spot& spot, int decimals,
+                                                              uint8_t columns, int width, bool bell,
+                                                              DistributionStats& stats) {
   for (size_t i = 0; i < ready_used_; ++i) {
     const Ready& r = ready_[i];
     if (r.decimals == decimals && r.columns == columns && r.width == width && r.bell == bell) {
@@ -115,23 +116,26 @@ std::string_view SpotDistributor::UserText(const Spot& spot, int decimals, uint8
   r.columns = columns;
   r.width = width;
   r.bell = bell;
+  // A text the sink still holds (a line waiting for a slow link) stays as it is.
+  if (!r.text || r.text.use_count() > 1) r.text = std::make_shared<std::string>();
+  std::string& text = *r.text;
   if (columns != 0) {
-    r.text = ExtendedLine(spot, decimals, columns, stats);  // fits the width by its making
+    text = ExtendedLine(spot, decimals, columns, stats);  // fits the width by its making
   } else {
     const std::string& line = LineFor(spot, decimals, stats);
     constexpr size_t kTime = 5;  // "HHnnZ", columns 71-75 of the full line
     if (size_t(width) < kDxDeLineWidth && size_t(width) >= kMinTimedWidth &&
         line.size() >= kDxDeLineWidth) {
       // A narrow screen loses the end of the comment, never the time that programs parse.
-      r.text.assign(line, 0, size_t(width) - kTime - 1);
-      r.text += ' ';
-      r.text.append(line, kDxDeLineWidth - kTime, kTime);
+      text.assign(line, 0, size_t(width) - kTime - 1);
+      text += ' ';
+      text.append(line, kDxDeLineWidth - kTime, kTime);
     } else {
-      r.text.assign(line, 0, std::min(line.size(), size_t(width)));
+      text.assign(line, 0, std::min(line.size(), size_t(width)));
     }
   }
-  if (bell) r.text += '\a';
-  r.text += "\r\n";
+  if (bell) text += '\a';
+  text += "\r\n";
   return r.text;
 }
 
@@ -178,7 +182,9 @@ void SpotDistributor::SendTo(int stream, const StreamEntry& user, const Spot& sp
     columns = FittingColumns(columns, columns_, kDxDeLineWidth, size_t(width));
   }
   const int decimals = set.resolution >= 2 ? 2 : 1;
-  sink_.SendToStream(stream, UserText(spot, decimals, columns, width, set.Has(kSwBeep), stats));
+  const std::shared_ptr<const std::string> text =
+      UserText(spot, decimals, columns, width, set.Has(kSwBeep), stats);
+  sink_.SendSpotToStream(stream, text);
   ++stats.users;
 }
 

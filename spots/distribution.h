@@ -7,6 +7,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +26,11 @@ class SpotSink {
  public:
   virtual ~SpotSink() = default;
   virtual void SendToStream(int stream, std::string_view text) = 0;
+  // A spot line, shared by every user who gets the same text, so that a sink that holds
+  // lines back (the link while the front-end is behind) keeps one copy, not one per user.
+  virtual void SendSpotToStream(int stream, const std::shared_ptr<const std::string>& text) {
+    SendToStream(stream, *text);
+  }
 };
 
 struct DistributionStats {
@@ -97,15 +103,16 @@ class SpotDistributor {
     uint8_t columns;
     int width;
     bool bell;
-    std::string text;
+    // Shared with the sink; rebuilt in place next spot unless the sink still holds it.
+    std::shared_ptr<std::string> text;
   };
   void Begin();
   void SendTo(int stream, const StreamEntry& user, const Spot& spot, DistributionStats& stats);
   const std::string& LineFor(const Spot& spot, int decimals, DistributionStats& stats);
   const std::string& ExtendedLine(const Spot& spot, int decimals, uint8_t columns,
                                   DistributionStats& stats);
-  std::string_view UserText(const Spot& spot, int decimals, uint8_t columns, int width, bool bell,
-                            DistributionStats& stats);
+  const std::shared_ptr<std::string>& UserText(const Spot& spot, int decimals, uint8_t columns,
+                                               int width, bool bell, DistributionStats& stats);
   // Works out the spot's extra column texts (once per spot).
   void PrepareColumns(const Spot& spot);
 

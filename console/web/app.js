@@ -613,6 +613,7 @@ async function loadStats() {
   const rows = [
     ['Users', s.users], ['Nodes', s.nodes], ['Spots per minute', s.spotsPerMinute],
     ['Highest spots per minute', s.highestSpotsPerMinute], ['Link peak pending', s.linkPeakPending],
+    ['Spots shed (link behind)', s.linkSpotsShed], ['Spots waiting', s.linkSpotsWaiting],
     ['Uptime', s.uptime],
   ];
   fillPairs($('stats-table'), rows);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -459,6 +460,15 @@ class FakeFrontend {
     boost::system::error_code ignored;
     acceptor_.close(ignored);
   }
+  // A front-end that stops reading: the node's backlog grows once the socket buffers fill.
+  void PauseReading() { paused_ = true; }
+  void ResumeReading() {
+    paused_ = false;
+    if (parked_) {
+      parked_ = false;
+      Read(socket_);
+    }
+  }
 
  private:
   void Accept() {
@@ -472,6 +482,10 @@ class FakeFrontend {
     });
   }
   void Read(std::shared_ptr<tcp::socket> s) {
+    if (paused_ && s == socket_) {
+      parked_ = true;
+      return;
+    }
     s->async_read_some(asio::buffer(buf_),
                        [this, s](const boost::system::error_code& ec, size_t n) {
                          if (ec) {
@@ -489,6 +503,8 @@ class FakeFrontend {
   std::string received_;
   int accepted_ = 0;
   bool peer_closed_ = false;
+  bool paused_ = false;
+  bool parked_ = false;
 };
 
 class LinkSocketTest : public LinkFixture {
@@ -883,6 +899,94 @@ TEST_F(LinkSocketTest, ConnectButtonConnectsAtOnce) {
   link_->Stop();
   ASSERT_TRUE(RunUntil([&] { return fe.peer_closed(); }));
   EXPECT_FALSE(link_->connected());
+}
+
+TEST_F(LinkSocketTest, AFrontEndThatFallsBehindLosesOnlySpotsAndEachUserIsToldHowMany) {
+  FakeFrontend fe(io_);
+  FrontendLinkOptions options;
+  options.port = std::to_string(fe.port());
+  options.soft_output_bytes = 64 << 10;
+  options.max_output_bytes = 256 << 10;  // far below what the test sends: nothing else is lost
+  options.stream_spot_queue = 4;
+  MakeLink(options);
+  link_->Start();
+  ASSERT_TRUE(Handshake(fe));
+  fe.Send(
+      "AA03^Connect Request^5^192.0.2.7:1^1838652366950417^in^0\x03"
+      "AA03^Connect Request^6^192.0.2.8:1^1838652366950418^in^0\x03");
+  ASSERT_TRUE(RunUntil([&] { return events_.connects.size() == 2; }));
+  fe.PauseReading();
+
+  // Spots for both users until the link is congested and each user's queue has overflowed.
+  int sent = 0;
+  const auto spot = [&] {
+    return std::make_shared<const std::string>("DX de W1AW: 14025.0 spot " +
+                                               std::to_string(++sent) + "\r\n");
+  };
+  while (!(link_->congested() && link_->spots_waiting() == 8 && link_->spots_shed() >= 20)) {
+    ASSERT_LT(sent, 400000);
+    if (sent % 64 == 0) RunFor(1ms);
+    const auto text = spot();
+    link_->SendSpotToStreamNo(5, text);
+    link_->SendSpotToStreamNo(6, text);
+    ASSERT_LE(link_->spots_waiting(), 8u);  // never more than four per user
+  }
+  const uint64_t shed = link_->spots_shed();
+  // Replies, identities and disconnects queue behind the user's spots and are never shed.
+  link_->SendToStreamNo(5, "reply after spots\r\n");
+  link_->SetStreamIdentity(5, "G4ABC", 1);
+  for (int i = 0; i < 10; ++i) link_->SendSpotToStreamNo(5, spot());
+  link_->CloseStream(6);
+  link_->OpenOutgoing("192.0.2.9", 7300, "GB7XX");
+  EXPECT_EQ(link_->spots_shed(), shed + 10);  // stream 5's four older spots and six new ones
+  EXPECT_TRUE(ErrorLogText().find("falling behind") != std::string::npos);
+
+  fe.ResumeReading();
+  ASSERT_TRUE(RunUntil([&] { return !link_->congested() && link_->queue_depth() == 0; }, 20s));
+  ASSERT_TRUE(Received(fe, "GB7XX\x04"));
+
+  // Per stream, in order: what each user received, with the spot lines counted.
+  struct Seen {
+    std::vector<std::string> texts;
+    int spots = 0;
+    uint64_t told = 0;
+  } seen[7];
+  std::vector<std::string> control;
+  std::string_view rest = fe.received();
+  while (!rest.empty()) {
+    const size_t end = rest.find('\x04');
+    ASSERT_NE(end, std::string_view::npos);
+    const auto parts = Split(rest.substr(0, end), '\x03');
+    rest.remove_prefix(end + 1);
+    if (parts[0] != "0") {
+      control.push_back(std::string(parts[0]) + ":" + std::string(parts[1]));
+      if (parts[0] == "1" || parts[0] == "3") seen[ParseIntOr(parts[1], 0)].texts.push_back("#");
+      continue;
+    }
+    Seen& s = seen[ParseIntOr(parts[1], 0)];
+    const std::string text(parts[2]);
+    if (text.starts_with("DX de")) {
+      ++s.spots;
+      if (s.texts.empty() || s.texts.back() != "spots") s.texts.push_back("spots");
+    } else if (text.starts_with("*** ")) {
+      s.told += uint64_t(ParseIntOr(Split(text, ' ')[1], 0));
+      s.texts.push_back("told");
+    } else {
+      s.texts.push_back(text);
+    }
+  }
+  std::sort(control.begin(), control.end());
+  EXPECT_EQ(control, (std::vector<std::string>{"1:6", "2:192.0.2.9", "3:5"}));
+  EXPECT_EQ(seen[5].texts,
+            (std::vector<std::string>{"spots", "reply after spots\r\n", "#", "spots", "told"}));
+  EXPECT_EQ(seen[6].texts, (std::vector<std::string>{"spots", "told", "#"}));
+  // Nothing is lost without being counted, and each user hears of exactly their loss.
+  EXPECT_EQ(seen[5].told + seen[6].told, link_->spots_shed());
+  EXPECT_EQ(seen[5].spots + int(seen[5].told), sent);
+  EXPECT_EQ(seen[6].spots + int(seen[6].told), sent - 10);
+  EXPECT_EQ(link_->spots_waiting(), 0u);
+  EXPECT_TRUE(ErrorLogText().find("has caught up; " + std::to_string(link_->spots_shed()) +
+                                  " spot lines were dropped for 2 users") != std::string::npos);
 }
 
 }  // namespace

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <memory>
+#include <utility>
+#include <vector>
 
 #include "core/stream_table.h"
 #include "spots/distribution.h"
@@ -157,6 +160,42 @@ TEST_F(DistributionTest, EachUserGetsTheirVariantAndLinesAreBuiltOncePerVariant)
   EXPECT_EQ(sink_.sent.count(7), 0u);
   EXPECT_EQ(sink_.sent.count(8), 0u);
   EXPECT_EQ(sink_.sent.count(9), 0u);
+}
+
+// A sink that holds spot lines (the link while the front-end is behind) gets one text per
+// variant, shared between users, and a held text survives the next spot unchanged.
+TEST_F(DistributionTest, HeldSpotTextsAreSharedAndNotReusedForTheNextSpot) {
+  class HoldingSink : public SpotSink {
+   public:
+    void SendToStream(int, std::string_view) override {}
+    void SendSpotToStream(int stream, const std::shared_ptr<const std::string>& text) override {
+      held.emplace_back(stream, text);
+    }
+    std::vector<std::pair<int, std::shared_ptr<const std::string>>> held;
+  } holding;
+  AddUser(1, "G1AAA");
+  AddUser(2, "G2BBB");
+  AddUser(3, "G3CCC").session.resolution = 2;
+  SpotDistributor dist(streams_, holding);
+  Spot s = MakeSpot();
+  dist.OutputSpotToAll(s);
+  ASSERT_EQ(holding.held.size(), 3u);
+  EXPECT_EQ(holding.held[0].second, holding.held[1].second);  // same variant: one text
+  EXPECT_NE(holding.held[0].second, holding.held[2].second);
+  const std::string first = *holding.held[0].second;
+
+  s.slots[2] = "JA1ZZZ";
+  dist.OutputSpotToAll(s);
+  ASSERT_EQ(holding.held.size(), 6u);
+  EXPECT_EQ(*holding.held[0].second, first);
+  EXPECT_NE(holding.held[3].second->find("JA1ZZZ"), std::string::npos);
+
+  // Once the sink lets go, the next spot may build into the same text again.
+  holding.held.clear();
+  s.slots[2] = "VK2YYY";
+  dist.OutputSpotToAll(s);
+  ASSERT_EQ(holding.held.size(), 3u);
+  EXPECT_NE(holding.held[0].second->find("VK2YYY"), std::string::npos);
 }
 
 TEST_F(DistributionTest, LocatorLookupWinsAndFilterIsAsked) {
