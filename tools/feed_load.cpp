@@ -114,7 +114,7 @@ double SlotKHz(int slot) {
     double start;
     int slots;
   };
-  static constexpr Band kBands[] = {{1800, 200},  {3500, 400}, {7000, 300},
+  static constexpr Band kBands[] = {{1800, 200},  {3500, 400},  {7000, 300},
                                     {10100, 80},  {14000, 600}, {18068, 160},
                                     {21000, 700}, {24890, 160}, {28000, 600}};
   for (const Band& b : kBands) {
@@ -375,8 +375,8 @@ class Run {
         std::printf(
             "t=%4.0fs qxcluster RSS %7.1f MB CPU %5.1f%% | qxfront RSS %6.1f MB CPU %5.1f%% | "
             "load %s | skimmer spots %d reporter spots %d | feed backlog %zu B\n",
-            s.t_s, s.node_rss_mb, s.node_cpu_pct, s.front_rss_mb, s.front_cpu_pct,
-            s.load.c_str(), skimmer_new_, reporter_new_, feed_out_.size());
+            s.t_s, s.node_rss_mb, s.node_cpu_pct, s.front_rss_mb, s.front_cpu_pct, s.load.c_str(),
+            skimmer_new_, reporter_new_, feed_out_.size());
         std::fflush(stdout);
         if (!node.alive || !front.alive) Die("a program under test is no longer running");
         node_prev = node;
@@ -697,8 +697,8 @@ int Run::Report(double login_seconds_total) const {
   const Tally sk = Count(skimmer_, skimmer_new_, opt_.takers);
   const Tally rp = Count(reporter_, reporter_new_, opt_.takers);
   auto row = [](const char* name, const std::vector<double>& v) {
-    std::printf("  %-34s %8zu %8.1f %8.1f %8.1f %8.1f\n", name, v.size(), Percentile(v, 50),
-                Percentile(v, 90), Percentile(v, 99), Percentile(v, 100));
+    std::printf("  %-34s %8zu %8.1f %8.1f %8.1f %8.1f %8.1f\n", name, v.size(), Percentile(v, 0),
+                Percentile(v, 50), Percentile(v, 90), Percentile(v, 99), Percentile(v, 100));
   };
   std::printf(
       "\nsent for %.0f s: %ld skimmer lines (%.0f/s; %d new calls, %ld repeats), %ld reporter "
@@ -707,7 +707,8 @@ int Run::Report(double login_seconds_total) const {
       sent_seconds_, skimmer_lines_, double(skimmer_lines_) / std::max(1e-9, sent_seconds_),
       skimmer_new_, repeats_, reports_, double(reports_) / std::max(1e-9, sent_seconds_),
       reporter_new_, reporter_repeats_, publish_errors_, max_backlog_);
-  std::printf("\n  %-34s %8s %8s %8s %8s %8s\n", "delay ms", "n", "p50", "p90", "p99", "max");
+  std::printf("\n  %-34s %8s %8s %8s %8s %8s %8s\n", "delay ms", "n", "min", "p50", "p90", "p99",
+              "max");
   row("skimmer, every arrival (timed)", skimmer_delays_);
   row("skimmer, last taker per spot", sk.last_ms);
   row("reporter beyond hold (timed)", reporter_delays_);
@@ -760,12 +761,11 @@ int Run::Report(double login_seconds_total) const {
       "\"node_rss_mb\":%.1f,\"front_rss_mb\":%.1f,\"node_rss_slope_mb_min\":%.2f,"
       "\"node_cpu_pct\":%.1f,\"front_cpu_pct\":%.1f,\"load\":\"%s\",\"counts_ok\":%s}\n",
       opt_.users, opt_.takers, opt_.seconds, opt_.skimmer_rate, opt_.reporter_rate,
-      login_seconds_total, sk.expected, sk.complete, sk.duplicates,
-      Percentile(skimmer_delays_, 50), sk_p99, Percentile(sk.last_ms, 99), rp.expected,
-      rp.complete, rp.duplicates, Percentile(reporter_delays_, 50),
-      Percentile(reporter_delays_, 99), non_taker_skimmer_ + non_taker_reporter_,
-      last.node_rss_mb, last.front_rss_mb, node_slope, node_cpu, front_cpu,
-      LoadAverage().c_str(), pass_counts ? "true" : "false");
+      login_seconds_total, sk.expected, sk.complete, sk.duplicates, Percentile(skimmer_delays_, 50),
+      sk_p99, Percentile(sk.last_ms, 99), rp.expected, rp.complete, rp.duplicates,
+      Percentile(reporter_delays_, 50), Percentile(reporter_delays_, 99),
+      non_taker_skimmer_ + non_taker_reporter_, last.node_rss_mb, last.front_rss_mb, node_slope,
+      node_cpu, front_cpu, LoadAverage().c_str(), pass_counts ? "true" : "false");
   std::fflush(stdout);
   return pass_counts ? 0 : 2;
 }
