@@ -745,8 +745,8 @@ int Run::Report(double login_seconds_total) const {
   std::printf(
       "  RSS growth over the last third: qxcluster %.2f MB/min, qxfront %.2f MB/min -> %s\n"
       "  mean CPU: qxcluster %.1f%%, qxfront %.1f%%; feed_load itself %.1f s CPU; load %s\n",
-      node_slope, front_slope, flat ? "flat" : "still growing", node_cpu, front_cpu,
-      SelfCpu(), LoadAverage().c_str());
+      node_slope, front_slope, flat ? "flat" : "still growing", node_cpu, front_cpu, SelfCpu(),
+      LoadAverage().c_str());
 
   const bool pass_counts = sk.complete == sk.expected && rp.complete == rp.expected &&
                            sk.duplicates == 0 && rp.duplicates == 0 && non_taker_skimmer_ == 0 &&
@@ -853,7 +853,9 @@ int main(int argc, char** argv) {
       fmt::format(
           "Feed Name^Load\r\nFeed Kind^RBN\r\nFeed Address^127.0.0.1\r\nFeed Port^{}\r\n"
           "Feed Call^XX0QX\r\nFeed Active^True\r\nFeed Max Lines Per Second^{}\r\n"
-          "FT8 URL^127.0.0.1\r\nFT8 Port^{}\r\nFT8 Hold^{}\r\n",
+          "FT8 URL^127.0.0.1\r\nFT8 Port^{}\r\nFT8 Hold^{}\r\n"
+          // Nothing may leave the machine: no reference downloads, WWV fetch or update check.
+          "Country File URL^\r\nKnown Calls URL^\r\nWWV URL^\r\nUpdate URL^\r\n",
           feed_port, opt.feed_limit, broker_port, opt.hold);
   PrepareHome(opt.paths.home, opt.paths.cty, cfg);
   std::printf(
