@@ -39,7 +39,7 @@ std::string StreamCallOf(std::string_view name) {
 }  // namespace
 
 FeedManager::FeedManager(boost::asio::io_context& io, FeedManagerDeps deps)
-    : io_(io), deps_(std::move(deps)), verifier_(*deps_.bands) {}
+    : io_(io), deps_(std::move(deps)), verifier_(*deps_.bands), reporter_due_timer_(io) {}
 
 FeedManager::~FeedManager() { Stop(); }
 
@@ -492,9 +492,28 @@ void FeedManager::OnReporterPayload(std::string_view payload) {
       ++reporter_rejected_;
       break;
     case ReporterOutcome::kHeld:
+      ArmReporterDue();
+      break;
     case ReporterOutcome::kCollapsed:
       break;
   }
+}
+
+void FeedManager::ArmReporterDue() {
+  if (reporter_due_armed_ || !reporter_) return;
+  const std::optional<SysTime> due = reporter_->NextDue();
+  if (!due) return;
+  reporter_due_armed_ = true;
+  const auto wait = std::max(SysTime::duration::zero(), *due - deps_.clock->Now());
+  reporter_due_timer_.expires_after(std::chrono::duration_cast<std::chrono::nanoseconds>(wait));
+  reporter_due_timer_.async_wait([this](const boost::system::error_code& ec) {
+    if (ec) return;  // cancelled: the manager is going away
+    reporter_due_armed_ = false;
+    if (!reporter_) return;
+    reporter_->TakeDue(deps_.clock->Now(),
+                       [this](std::string_view sentence) { TakeReporterSpot(sentence); });
+    ArmReporterDue();
+  });
 }
 
 void FeedManager::TakeReporterSpot(std::string_view sentence) {
@@ -540,6 +559,7 @@ void FeedManager::Tick() {
 }
 
 void FeedManager::Stop() {
+  reporter_due_timer_.cancel();
   if (reporter_client_) reporter_client_->Stop();
 }
 

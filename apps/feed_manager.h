@@ -9,6 +9,7 @@
 #pragma once
 
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -145,6 +146,9 @@ class FeedManager {
   void ConfigureReporter(const Config& config);
   void OnReporterPayload(std::string_view payload);
   void TakeReporterSpot(std::string_view sentence);
+  // Wakes at the moment the oldest held reporter spot falls due: the once-a-second tick
+  // alone would add up to a second to every hold.
+  void ArmReporterDue();
   FeedStatus StatusOf(const Feed& feed, int64_t now) const;
 
   boost::asio::io_context& io_;
@@ -164,6 +168,8 @@ class FeedManager {
   // The reporter network.
   std::unique_ptr<ReporterFeed> reporter_;
   std::chrono::seconds reporter_hold_{0};
+  boost::asio::steady_timer reporter_due_timer_;
+  bool reporter_due_armed_ = false;
   std::unique_ptr<ReporterClient> reporter_client_;
   ReporterClientOptions reporter_options_;
   FeedRate reporter_rate_;

@@ -307,7 +307,7 @@ const ReporterResult& ReporterFeed::Offer(std::string_view payload, SysTime now_
     r.outcome = ReporterOutcome::kSpot;
     return r;
   }
-  pending_.push_back({key, e.generation, now + settings_.hold.count()});
+  pending_.push_back({key, e.generation, now_time + settings_.hold});
   // Bounded even when nobody takes the due spots: the oldest waiting items go first.
   while (pending_.size() > std::max<size_t>(settings_.max_entries, 1)) pending_.pop_front();
   r.outcome = ReporterOutcome::kHeld;
@@ -318,8 +318,8 @@ size_t ReporterFeed::TakeDue(SysTime now_time,
                              const std::function<void(std::string_view sentence)>& on_spot) {
   const int64_t now = Seconds(now_time);
   size_t spots = 0;
-  while (!pending_.empty() && pending_.front().at <= now) {
-    const Item item = pending_.front();
+  while (!pending_.empty() && pending_.front().at <= now_time) {
+    const DueItem item = pending_.front();
     pending_.pop_front();
     const auto it = entries_.find(item.key);
     if (it == entries_.end() || it->second.generation != item.generation || it->second.released) {
@@ -333,6 +333,11 @@ size_t ReporterFeed::TakeDue(SysTime now_time,
   // Items of entries that left early (evicted) are dropped as they come to the front; the
   // queue holds no more items than spots were held within one hold time.
   return spots;
+}
+
+std::optional<SysTime> ReporterFeed::NextDue() const {
+  if (pending_.empty()) return std::nullopt;
+  return pending_.front().at;
 }
 
 }  // namespace qx

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -98,8 +99,12 @@ class ReporterFeed {
   // One payload; the result is valid until the next call.
   const ReporterResult& Offer(std::string_view payload, SysTime now);
   // Hands on each held spot whose hold has passed, oldest first, and forgets stations whose
-  // window has passed.  Call it about once a second.  Returns the number of spots.
+  // window has passed.  Call it at NextDue() (and about once a second for the expiry).
+  // Returns the number of spots.
   size_t TakeDue(SysTime now, const std::function<void(std::string_view sentence)>& on_spot);
+  // When the oldest held spot falls due, to the clock's full resolution (so that a caller
+  // with a timer hands it on then, not up to a tick later); nullopt when none is held.
+  std::optional<SysTime> NextDue() const;
 
   size_t entries() const { return entries_.size(); }
   // Held spots lost because the table was full before their hold passed.
@@ -127,6 +132,11 @@ class ReporterFeed {
     uint64_t generation;
     int64_t at;
   };
+  struct DueItem {
+    uint64_t key;
+    uint64_t generation;
+    SysTime at;
+  };
 
   void Expire(int64_t now);
   void Release(Entry& entry, std::string& out) const;
@@ -137,8 +147,8 @@ class ReporterFeed {
   ReporterResult result_;
   ReporterReport report_;
   std::unordered_map<uint64_t, Entry> entries_;
-  std::deque<Item> made_;     // creation order, for expiry and eviction
-  std::deque<Item> pending_;  // held spots in the order they fall due
+  std::deque<Item> made_;        // creation order, for expiry and eviction
+  std::deque<DueItem> pending_;  // held spots in the order they fall due
   uint64_t next_generation_ = 1;
   size_t lost_ = 0;
   std::string due_sentence_;

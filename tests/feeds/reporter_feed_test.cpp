@@ -133,6 +133,16 @@ TEST_F(ReporterFeedTest, AHeldSpotCountsTheReceiversHeardDuringItsHold) {
   EXPECT_EQ(feed.Offer(Payload("K1ABC", "VK2ABC"), kT0 + seconds(40)).outcome,
             ReporterOutcome::kCollapsed);
   EXPECT_EQ(feed.TakeDue(kT0 + seconds(200), take), 0u);
+  EXPECT_FALSE(feed.NextDue().has_value());
+  // A hold is timed to the clock's resolution, not to whole seconds: a report 0.7 s into a
+  // second is due 0.7 s into the second a hold later, and not a moment before.
+  const SysTime first = kT0 + seconds(400) + std::chrono::milliseconds(700);
+  EXPECT_EQ(feed.Offer(Payload("K2XYZ", "DL1XYZ", 14074000, "FT8", kUnix0 + 400), first).outcome,
+            ReporterOutcome::kHeld);
+  ASSERT_TRUE(feed.NextDue().has_value());
+  EXPECT_EQ(*feed.NextDue(), first + seconds(30));
+  EXPECT_EQ(feed.TakeDue(first + seconds(30) - std::chrono::milliseconds(1), take), 0u);
+  EXPECT_EQ(feed.TakeDue(first + seconds(30), take), 1u);
   // Intake takes the sentence as it is, as an FT8 spot of this source.
   BadLists lists;
   ManualClock clock(kT0 + seconds(30));
