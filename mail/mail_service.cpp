@@ -332,15 +332,22 @@ std::vector<std::string> MailService::LoginNotices(int stream) {
 }
 
 void MailService::Announce(const MailMessage& m) {
-  if (!m.is_private) return;
   StreamTable& streams = *deps_.streams;
   for (int s = 1; s <= streams.high_socket(); ++s) {
     StreamEntry& e = streams.at(s);
     if (!e.IsUser() || e.login_stage != LoginStage::kLoggedIn) continue;
-    if (!EqualsIgnoreCase(BaseCall(e.call), m.to)) continue;
-    Send(s, fmt::format("New mail has arrived for you from {}.   Message # {}, \"{}\"; READ {} "
-                        "reads it.",
-                        m.from, m.number, m.subject, m.number));
+    const std::string_view call = BaseCall(e.call);
+    if (m.is_private) {
+      if (!EqualsIgnoreCase(call, m.to)) continue;
+      Send(s, fmt::format("New mail has arrived for you from {}.   Message # {}, \"{}\"; READ {} "
+                          "reads it.",
+                          m.from, m.number, m.subject, m.number));
+    } else {
+      // A bulletin is a broadcast: whoever turned announcements off does not want this line
+      // either, and the author knows already.
+      if (!e.session.Has(kSwAnnouncements) || EqualsIgnoreCase(call, m.from)) continue;
+      Send(s, fmt::format("New bulletin {} to {} from {}: {}", m.number, m.to, m.from, m.subject));
+    }
     if (m.number > e.session.mail_number) {
       e.session.mail_number = m.number;
       if (deps_.save_mail_number) deps_.save_mail_number(e.call, m.number);

@@ -99,7 +99,8 @@ class MailService {
   std::vector<std::string> List(int stream, std::string_view args);
   void Finish(int stream, Draft d);
   void Close(int stream);
-  // Tells every logged-in user of the message's addressee that it has arrived.
+  // Tells the logged-in addressee of a private message that it has arrived, and every
+  // logged-in user who takes announcements of a new bulletin.
   void Announce(const MailMessage& m);
   void Log(std::string_view text) const;
 

@@ -183,7 +183,9 @@ TEST_F(MailPeerTest, PeerHandsTheNodeMailAndEveryoneIsTold) {
               HasSubstr("Subject: Sked\r\nLine one\r\ntwo\r\nthree\r\nfour\r\nfive\r\n"
                         "six with a ~ caret\r\n"));
 
+  user->ClearReceived();
   PeerSends("ALL", false, "Contest", {"Rules on the web"});
+  ASSERT_TRUE(user->ReadUntil("New bulletin 2 to ALL from W7OLD: Contest\r\n")) << user->received();
   user->ClearReceived();
   user->SendLine("DIR");
   ASSERT_TRUE(user->ReadUntil("QXC >")) << user->received();

@@ -14,6 +14,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 class Recorder final : public StreamOutput {
  public:
@@ -216,6 +217,23 @@ TEST_F(MailServiceTest, ReceivedMessageIsStoredOnceAndAnnounced) {
   EXPECT_EQ(mail_->Receive(m), 2);
   EXPECT_EQ(store_.Find(2)->bound_for, "GB7ZZZ");  // passes on towards its home
   EXPECT_THAT(stored_, ElementsAre(1, 2));
+
+  // A bulletin, received or written here, is announced to everyone who takes announcements
+  // except its author.
+  streams_.at(3).session.switches &= ~kSwAnnouncements;
+  out_.sent.clear();
+  m.to = "DX";
+  m.is_private = false;
+  m.subject = "3Y0 news";
+  EXPECT_EQ(mail_->Receive(m), 3);
+  EXPECT_EQ(out_.sent[1], "New bulletin 3 to DX from W1XXX: 3Y0 news\r\n");
+  EXPECT_EQ(out_.sent[2], out_.sent[1]);
+  EXPECT_EQ(out_.sent[3], "");
+  out_.sent.clear();
+  SendMail(2, "ALL", "Meeting", {"Friday"});
+  EXPECT_EQ(out_.sent[1], "New bulletin 4 to ALL from G4XYZ: Meeting\r\n");
+  EXPECT_THAT(out_.sent[2], Not(HasSubstr("New bulletin")));
+  EXPECT_EQ(saved_["K1ABC"], 4);  // told, so not counted again at the next log-in
 }
 
 }  // namespace
