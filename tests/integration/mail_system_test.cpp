@@ -75,5 +75,40 @@ TEST(MailSystemTest, MailTravelsBetweenLinkedNodes) {
   EXPECT_EQ(CountAfterDrain(*ua, "Contest rules"), 1u);
 }
 
+// A user in the middle of a message when the node restarts goes on writing it: the front-end
+// keeps the connection, and the node takes the editor back from its draft file.
+TEST(MailSystemTest, MessageBeingWrittenSurvivesANodeRestart) {
+  if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
+  NodeSite a("K1QXA");
+  a.Start();
+  auto user = a.LogIn("W1AAA");
+  user->SendLine("SP W1XYZ");
+  ASSERT_TRUE(user->ReadUntil("Enter the subject")) << user->received();
+  user->SendLine("Before and after");
+  user->SendLine("written before");
+  const std::filesystem::path drafts = a.home() / "data/msg/drafts";
+  ASSERT_TRUE(WaitFor([&] {
+    std::error_code ec;
+    for (const auto& f : std::filesystem::directory_iterator(drafts, ec)) {
+      const auto text = ReadFileText(f.path());
+      if (text && text->find("written before") != std::string::npos) return true;
+    }
+    return false;
+  })) << user->received() << Logs(a);
+  ASSERT_EQ(a.node().Stop(), 0);
+  user->SendLine("typed while the node was down");
+  a.StartNode();
+  user->SendLine("written after");
+  user->ClearReceived();
+  user->SendLine("/EX");
+  ASSERT_TRUE(user->ReadUntil("Message no 1 saved and directed to W1XYZ", 20s))
+      << user->received() << Logs(a);
+  user->SendLine("READ 1");
+  ASSERT_TRUE(user->ReadUntil("End of message 1")) << user->received();
+  EXPECT_THAT(user->received(), HasSubstr("Subject: Before and after\r\nwritten before\r\n"
+                                          "typed while the node was down\r\nwritten after\r\n"));
+  EXPECT_TRUE(std::filesystem::is_empty(drafts));
+}
+
 }  // namespace
 }  // namespace qx::testing
