@@ -4,6 +4,7 @@
 
 #include "console/console_logs.h"
 #include "console/console_model.h"
+#include "mail/mail_forwarder.h"
 
 namespace qx {
 
@@ -55,6 +56,11 @@ class NodeConsoleModel final : public ConsoleModel {
   std::optional<std::vector<std::string>> SearchLog(std::string_view name, std::string_view needle,
                                                     size_t max_hits) const override;
 
+  std::vector<ConsoleMail> MailList() const override;
+  std::optional<ConsoleMail> MailRead(int number) const override;
+  ConsoleResult MailDelete(int number) override;
+  ConsoleResult MailRequeue(int number) override;
+
   ConsoleResult Restart() override;
   void Shutdown() override;
 
@@ -62,6 +68,9 @@ class NodeConsoleModel final : public ConsoleModel {
   static std::string ValidateSetting(std::string_view key, std::string_view value);
 
  private:
+  ConsoleMail MailRow(const MailMessage& m,
+                      const std::vector<MailForwarder::Pending>& pending) const;
+
   ClusterNode& node_;
   ConsoleLogFiles logs_;
 };
