@@ -29,6 +29,8 @@ bool MailForwarder::DueOn(const MailMessage& m, int stream, const std::string& p
 }
 
 void MailForwarder::Enqueue(Peer& p, int number) {
+  // The message on its way now is not due again unless it fails (and then it is queued).
+  if (p.link.sending_id() == number) return;
   if (p.queued.insert(number).second) p.queue.push_back(number);
 }
 

@@ -22,8 +22,9 @@ async function mailAction(action, number) {
   $('mail-error').textContent = '';
   try {
     await api('mail/' + action, {number});
-    if (action === 'delete' && $('mail-read').dataset.number === String(number)) {
-      $('mail-read').hidden = true;
+    if ($('mail-read').dataset.number === String(number)) {
+      if (action === 'delete') $('mail-read').hidden = true;
+      else if (!$('mail-read').hidden) await readMail(number);
     }
   } catch (e) {
     $('mail-error').textContent = e.message;
