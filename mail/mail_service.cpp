@@ -399,8 +399,10 @@ void MailService::SaveDraft(int stream) {
   d.call = CallOf(stream);
   std::error_code ec;
   std::filesystem::create_directories(deps_.drafts_dir, ec);
-  // Written whole each time: a crash leaves the previous step, never half a file.
-  if (!AtomicWriteFile(DraftPath(stream), FormatMailDraft(d))) {
+  // Written whole each time, so a stop or crash of the node leaves the previous step, never
+  // half a file.  Not waited onto the disk: this runs for every line typed (or pasted) on the
+  // node's one thread, and a draft need not outlive a power cut.
+  if (!AtomicWriteFile(DraftPath(stream), FormatMailDraft(d), FileSync::kNone)) {
     Log(fmt::format("cannot keep the draft of {} on stream {}", d.call, stream));
   }
 }
