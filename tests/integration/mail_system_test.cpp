@@ -94,7 +94,8 @@ TEST(MailSystemTest, MessageBeingWrittenSurvivesANodeRestart) {
       if (text && text->find("written before") != std::string::npos) return true;
     }
     return false;
-  })) << user->received() << Logs(a);
+  })) << user->received()
+      << Logs(a);
   ASSERT_EQ(a.node().Stop(), 0);
   user->SendLine("typed while the node was down");
   a.StartNode();
