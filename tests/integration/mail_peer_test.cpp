@@ -91,10 +91,10 @@ class MailPeerTest : public ::testing::Test {
   // The peer sends a message as such a peer does: header, lines five at a time, end.
   void PeerSends(std::string_view to, bool is_private, std::string_view subject,
                  const std::vector<std::string>& lines) {
-    const SysTime now = SystemClock().Now();
     peer_->ClearReceived();
     peer_->SendLine(fmt::format("PC28^K1QXA^K7LEG^{}^W7OLD^{}^{}^{}^{}^ ^5^0^ ^K7LEG^~", to,
-                                PeerDate(now), TimeHHnnZ(now), is_private ? 1 : 0, subject));
+                                PeerDate(written_), TimeHHnnZ(written_), is_private ? 1 : 0,
+                                subject));
     std::smatch m;
     std::string got;
     const std::regex ack("PC30\\^K7LEG\\^K1QXA\\^([0-9]+)\\^\r\n");
@@ -164,6 +164,9 @@ class MailPeerTest : public ::testing::Test {
   }
 
   NodeSite node_{"K1QXA"};
+  // When the peer's messages were written: one time for all, so that a message offered twice
+  // is the same message even when a minute passes in between.
+  const SysTime written_ = SystemClock().Now();
   std::unique_ptr<LineClient> peer_;
   std::string seen_;  // what the peer received before its last ClearReceived
 };
