@@ -1012,11 +1012,14 @@ void ClusterNode::OnStreamRecovered(int stream) {
   if (json_streams_->OnRecovered(stream)) return;
   if (feeds_->OnStreamRecovered(stream)) return;
   login_->OnRecovered(stream);
+  // A user who was writing a message goes on with it; the prompt waits for the editor.
+  if (streams_.at(stream).IsUser()) mail_->RestoreDraft(stream);
   network_->OnStreamRecovered(stream);
 }
 
 void ClusterNode::OnRecoveryComplete() {
   network_->RecoveryComplete();
+  mail_->DropUnrestoredDrafts();
   feeds_->SetReady(true);
 }
 

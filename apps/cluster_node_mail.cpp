@@ -36,6 +36,7 @@ void ClusterNode::SetUpMail() {
   deps.home_node = [this](std::string_view call) {
     return store_.Load(call, kStateUser).settings.home_node;
   };
+  deps.drafts_dir = dir_.Data("msg") / "drafts";
   mail_ = std::make_unique<MailService>(std::move(deps));
 
   MailForwarderDeps f;

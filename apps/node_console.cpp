@@ -899,6 +899,78 @@ std::optional<std::vector<std::string>> NodeConsoleModel::SearchLog(std::string_
   return logs_.Search(name, needle, max_hits);
 }
 
+ConsoleMail NodeConsoleModel::MailRow(const MailMessage& m,
+                                      const std::vector<MailForwarder::Pending>& pending) const {
+  ConsoleMail c;
+  c.number = m.number;
+  c.from = m.from;
+  c.to = m.to;
+  c.subject = m.subject;
+  c.time = m.time;
+  c.is_private = m.is_private;
+  c.read = m.read;
+  c.origin = m.origin;
+  c.received_from = m.received_from;
+  c.bound_for = m.bound_for;
+  for (const std::string& n : m.forwarded_to) c.forwards.push_back({n, "acknowledged", 0});
+  for (const MailForwarder::Pending& p : pending) {
+    if (p.number != m.number) continue;
+    const char* state = p.state == MailForwarder::Pending::State::kSending   ? "sending"
+                        : p.state == MailForwarder::Pending::State::kGivenUp ? "given up"
+                                                                             : "queued";
+    c.forwards.push_back({p.peer, state, p.attempts});
+  }
+  // Private mail for another node that is not on its way anywhere waits for a route.
+  if (!m.bound_for.empty() && c.forwards.empty()) c.waiting = "no route to " + m.bound_for;
+  return c;
+}
+
+std::vector<ConsoleMail> NodeConsoleModel::MailList() const {
+  std::vector<ConsoleMail> out;
+  if (!node_.mail_store_) return out;
+  const std::vector<MailForwarder::Pending> pending = node_.mail_forwarder_
+                                                          ? node_.mail_forwarder_->PendingForwards()
+                                                          : std::vector<MailForwarder::Pending>{};
+  for (const auto& [number, m] : node_.mail_store_->index()) {
+    if (!m.deleted) out.push_back(MailRow(m, pending));
+  }
+  return out;
+}
+
+std::optional<ConsoleMail> NodeConsoleModel::MailRead(int number) const {
+  MailMessage m;
+  if (!node_.mail_store_ || !node_.mail_store_->ReadFull(number, m) || m.deleted) {
+    return std::nullopt;
+  }
+  ConsoleMail c = MailRow(m, node_.mail_forwarder_ ? node_.mail_forwarder_->PendingForwards()
+                                                   : std::vector<MailForwarder::Pending>{});
+  c.text = std::move(m.text);
+  return c;
+}
+
+ConsoleResult NodeConsoleModel::MailDelete(int number) {
+  const MailMessage* m = node_.mail_store_ ? node_.mail_store_->Find(number) : nullptr;
+  if (!m || m->deleted) return ConsoleResult::Fail("no message " + std::to_string(number));
+  // Marked like a user's KILL: the forwarder no longer offers it, the next purge removes it.
+  if (!node_.mail_store_->Modify(number, [](MailMessage& x) { x.deleted = true; })) {
+    return ConsoleResult::Fail("message " + std::to_string(number) + " could not be rewritten");
+  }
+  node_.log_.Write("Mail", "message " + std::to_string(number) + " deleted from the console");
+  return ConsoleResult::Ok();
+}
+
+ConsoleResult NodeConsoleModel::MailRequeue(int number) {
+  const MailMessage* m = node_.mail_store_ ? node_.mail_store_->Find(number) : nullptr;
+  if (!m || m->deleted) return ConsoleResult::Fail("no message " + std::to_string(number));
+  if (!node_.mail_forwarder_ || !node_.mail_forwarder_->Requeue(number, node_.clock_.Now())) {
+    return ConsoleResult::Fail(
+        m->bound_for.empty() || !m->is_private
+            ? "message " + std::to_string(number) + " is due on no link that is up"
+            : "message " + std::to_string(number) + " has no route to " + m->bound_for + " yet");
+  }
+  return ConsoleResult::Ok();
+}
+
 ConsoleResult NodeConsoleModel::Restart() {
   node_.Restart();  // logs the request itself
   return ConsoleResult::Ok();

@@ -8,6 +8,7 @@
 #include "console/console_logs.h"
 #include "console/console_model.h"
 #include "console/sysop_files.h"
+#include "mail/mail_forwarder.h"
 
 namespace qx {
 
@@ -77,6 +78,11 @@ class NodeConsoleModel final : public ConsoleModel {
   std::optional<std::vector<std::string>> SearchLog(std::string_view name, std::string_view needle,
                                                     size_t max_hits) const override;
 
+  std::vector<ConsoleMail> MailList() const override;
+  std::optional<ConsoleMail> MailRead(int number) const override;
+  ConsoleResult MailDelete(int number) override;
+  ConsoleResult MailRequeue(int number) override;
+
   ConsoleResult Restart() override;
   void Shutdown() override;
 
@@ -93,6 +99,8 @@ class NodeConsoleModel final : public ConsoleModel {
                                std::string_view source);
   bool WritePasswords(std::string_view text);
   ConsoleUser UserSummary(const std::string& call, const std::string& text) const;
+  ConsoleMail MailRow(const MailMessage& m,
+                      const std::vector<MailForwarder::Pending>& pending) const;
 
   ClusterNode& node_;
   ConsoleLogFiles logs_;

@@ -105,6 +105,34 @@ json UserJson(const ConsoleUser& u) {
           {"stream", u.stream}};
 }
 
+json MailJson(const ConsoleMail& m) {
+  json forwards = json::array();
+  for (const ConsoleMail::Forward& f : m.forwards) {
+    forwards.push_back({{"node", f.node}, {"state", f.state}, {"attempts", f.attempts}});
+  }
+  json j{{"number", m.number},
+         {"from", m.from},
+         {"to", m.to},
+         {"subject", m.subject},
+         {"time", UnixSeconds(m.time)},
+         {"private", m.is_private},
+         {"read", m.read},
+         {"origin", m.origin},
+         {"receivedFrom", m.received_from},
+         {"boundFor", m.bound_for},
+         {"waiting", m.waiting},
+         {"forwards", forwards}};
+  if (!m.text.empty()) j["text"] = m.text;
+  return j;
+}
+
+// A message number from the query or the body: 1 and up.
+std::optional<int> MailNumber(std::string_view text) {
+  long long n = 0;
+  if (!ParseInt(Trim(text), n) || n < 1 || n > 99999999) return std::nullopt;
+  return int(n);
+}
+
 }  // namespace
 
 std::string_view MonitorChannelName(MonitorChannel c) {
@@ -336,6 +364,20 @@ ApiReply ConsoleApi::Get(std::string_view path, std::string_view query) {
     }
     return Reply(200, json{{"files", files}, {"program", model_.UpdateCheckOutcome()}});
   }
+  if (path == "mail") {
+    json list = json::array();
+    for (const ConsoleMail& m : model_.MailList()) list.push_back(MailJson(m));
+    return Reply(200, json{{"messages", list}});
+  }
+  if (path == "mail/read") {
+    const std::optional<int> number = MailNumber(QueryValue(query, "number"));
+    if (!number) return Error(400, "message number needed");
+    const std::optional<ConsoleMail> m = model_.MailRead(*number);
+    if (!m) return Error(404, "no message " + std::to_string(*number));
+    json j = MailJson(*m);
+    j["text"] = m->text;  // present even when empty
+    return Reply(200, j);
+  }
   if (path == "monitor/view") return Reply(200, json{{"view", model_.MonitorView()}});
   if (path == "monitor/history") return MonitorHistory(query);
   if (path == "spots") return Spots(query);
@@ -554,6 +596,12 @@ ApiReply ConsoleApi::Post(std::string_view path, const json& body) {
     const ConsoleResult r = model_.SetMonitorView(int(view));
     if (!r.ok) return Error(400, r.error);
     return Reply(200, json{{"ok", true}, {"view", model_.MonitorView()}});
+  }
+  if (path == "mail/delete" || path == "mail/requeue") {
+    const std::optional<int> number = MailNumber(StringField(body, "number"));
+    if (!number) return Error(400, "message number needed");
+    return FromResult(path == "mail/delete" ? model_.MailDelete(*number)
+                                            : model_.MailRequeue(*number));
   }
   if (path == "downloads/update") return FromResult(model_.UpdateReferenceData());
   if (path == "restart") {

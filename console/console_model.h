@@ -188,6 +188,29 @@ struct ConsoleSpot {
   std::string rule;    // refused: the rule that fired ("bad word: X (badwords.txt)")
 };
 
+// A mail message or bulletin as the sysop's mail page shows it, with where it stands on its
+// way to other nodes.
+struct ConsoleMail {
+  struct Forward {
+    std::string node;   // the neighbour
+    std::string state;  // "queued", "sending", "given up", "acknowledged"
+    int attempts = 0;   // failed attempts so far
+  };
+  int number = 0;
+  std::string from;
+  std::string to;
+  std::string subject;
+  SysTime time{};
+  bool is_private = true;
+  bool read = false;
+  std::string origin;
+  std::string received_from;      // "" when written here
+  std::string bound_for;          // private mail on its way to that node
+  std::string waiting;            // why it is not moving, e.g. "no route to GB7ZZZ"
+  std::vector<Forward> forwards;  // every neighbour it is queued for, going to or went to
+  std::vector<std::string> text;  // only when one message is read
+};
+
 class ConsoleModel {
  public:
   virtual ~ConsoleModel() = default;
@@ -311,6 +334,17 @@ class ConsoleModel {
   // Fetches every reference file now (and checks for a newer program when an address is set).
   virtual ConsoleResult UpdateReferenceData() {
     return ConsoleResult::Fail("reference data is not kept current on this node");
+  }
+
+  // Mail: every message that is not deleted, oldest first (without text); one with its text
+  // (nullopt when there is none with that number); deleting one; sending a stuck one again.
+  virtual std::vector<ConsoleMail> MailList() const { return {}; }
+  virtual std::optional<ConsoleMail> MailRead(int number) const { return std::nullopt; }
+  virtual ConsoleResult MailDelete(int number) {
+    return ConsoleResult::Fail("there is no mail on this node");
+  }
+  virtual ConsoleResult MailRequeue(int number) {
+    return ConsoleResult::Fail("there is no mail on this node");
   }
 
   // Restarts the node the way RESTART does: connections are kept, commands wait.

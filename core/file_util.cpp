@@ -28,12 +28,12 @@ bool WriteAll(int fd, std::string_view text) {
 
 }  // namespace
 
-bool AtomicWriteFile(const std::filesystem::path& path, std::string_view text) {
+bool AtomicWriteFile(const std::filesystem::path& path, std::string_view text, FileSync sync) {
   std::filesystem::path tmp = path;
   tmp += ".tmp";
   const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return false;
-  const bool ok = WriteAll(fd, text) && ::fsync(fd) == 0;
+  const bool ok = WriteAll(fd, text) && (sync == FileSync::kNone || ::fsync(fd) == 0);
   ::close(fd);
   if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
     std::remove(tmp.c_str());

@@ -29,6 +29,8 @@ bool MailForwarder::DueOn(const MailMessage& m, int stream, const std::string& p
 }
 
 void MailForwarder::Enqueue(Peer& p, int number) {
+  // The message on its way now is not due again unless it fails (and then it is queued).
+  if (p.link.sending_id() == number) return;
   if (p.queued.insert(number).second) p.queue.push_back(number);
 }
 
@@ -55,6 +57,47 @@ void MailForwarder::LinkDown(int stream, SysTime now) {
   it->second.link.Reset(out);
   for (const std::string& note : out.notes) Log(note);
   peers_.erase(it);
+}
+
+std::vector<MailForwarder::Pending> MailForwarder::PendingForwards() const {
+  std::vector<Pending> out;
+  for (const auto& [stream, p] : peers_) {
+    auto add = [&](int number, Pending::State state) {
+      const auto tries = p.attempts.find(number);
+      out.push_back(
+          Pending{number, p.link.peer(), state, tries == p.attempts.end() ? 0 : tries->second});
+    };
+    if (p.link.sending()) add(p.link.sending_id(), Pending::State::kSending);
+    for (int number : p.queue) add(number, Pending::State::kQueued);
+    for (const auto& [number, tries] : p.attempts) {
+      if (tries < kMaxAttempts) continue;
+      const MailMessage* m = deps_.store->Find(number);
+      if (m && DueOn(*m, stream, p.link.peer())) add(number, Pending::State::kGivenUp);
+    }
+  }
+  return out;
+}
+
+bool MailForwarder::Requeue(int number, SysTime now) {
+  const MailMessage* m = deps_.store->Find(number);
+  if (!m) return false;
+  bool queued = false;
+  for (auto& [stream, p] : peers_) {
+    p.attempts.erase(number);
+    if (!DueOn(*m, stream, p.link.peer())) continue;
+    queued = true;
+    if (p.link.sending_id() == number) continue;
+    if (p.queued.insert(number).second) {
+      p.queue.push_front(number);
+    } else {
+      // Already waiting: moved to the front.
+      std::erase(p.queue, number);
+      p.queue.push_front(number);
+    }
+    p.next_try = now;
+    Pump(stream, p, now);
+  }
+  return queued;
 }
 
 void MailForwarder::Stored(int number, SysTime now) {

@@ -12,6 +12,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "mail/mail_link.h"
 #include "mail/mail_store.h"
@@ -50,6 +51,20 @@ class MailForwarder {
   void Tick(SysTime now);
 
   size_t Queued(int stream) const;
+
+  // Where a message stands on one neighbour link, for the sysop.
+  struct Pending {
+    int number = 0;
+    std::string peer;
+    enum class State { kQueued, kSending, kGivenUp } state = State::kQueued;
+    int attempts = 0;  // failed so far
+  };
+  // Every message under way or stuck, link by link.
+  std::vector<Pending> PendingForwards() const;
+  // The sysop's "try again now" for a stuck message: its failed attempts are forgotten and it
+  // is queued, ahead of the others, on every link it is due on.  False when it is due on none
+  // (already confirmed everywhere, deleted, or no route is known yet).
+  bool Requeue(int number, SysTime now);
 
  private:
   struct Peer {

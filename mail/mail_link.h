@@ -51,6 +51,8 @@ class MailLink {
 
   const std::string& peer() const { return peer_; }
   bool sending() const { return send_state_ != SendState::kIdle; }
+  // The message being sent (its number here), 0 when none.
+  int sending_id() const { return sending() ? out_msg_.id : 0; }
   bool receiving() const { return receiving_; }
 
   // Starts sending o; the link must not be sending already (false, nothing done).

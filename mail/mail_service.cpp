@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "core/file_util.h"
 #include "core/text_util.h"
 #include "spots/call_sign.h"
 
@@ -75,6 +76,7 @@ std::vector<std::string> MailService::Command(int stream, std::string_view verb,
     if (!error.empty()) return {error};
     const std::string to = Join(d.to, " ");
     drafts_[stream] = std::move(d);
+    SaveDraft(stream);
     return {fmt::format("Sending {} to {}. Enter the subject ({} characters at most):",
                         drafts_[stream].is_private ? "a private message" : "a bulletin", to,
                         kMailSubjectMax)};
@@ -142,6 +144,7 @@ void MailService::OnEditorLine(int stream, std::string_view raw) {
     if (line.size() > kMailSubjectMax) {
       Send(stream, fmt::format("Subject cut to {} characters: {}", kMailSubjectMax, d.subject));
     }
+    SaveDraft(stream);
     Send(stream, kTextPrompt);
     return;
   }
@@ -149,12 +152,14 @@ void MailService::OnEditorLine(int stream, std::string_view raw) {
   if (EqualsIgnoreCase(line, "/EX") || line == "\x1a" || line == "^Z") {
     Draft done = std::move(d);
     drafts_.erase(it);
+    RemoveDraft(stream);
     Finish(stream, std::move(done));
     return;
   }
   if (d.lines.size() >= kMailLinesMax) {
     if (!d.over_long) {
       d.over_long = true;
+      SaveDraft(stream);
       Send(stream, fmt::format("The message is full ({} lines); later lines are not kept. /EX "
                                "sends what there is, /ABORT cancels it.",
                                kMailLinesMax));
@@ -165,6 +170,7 @@ void MailService::OnEditorLine(int stream, std::string_view raw) {
   while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) text.pop_back();
   if (text.size() > kMailLineMax) text.resize(kMailLineMax);
   d.lines.push_back(std::move(text));
+  SaveDraft(stream);
 }
 
 void MailService::Finish(int stream, Draft d) {
@@ -195,7 +201,7 @@ void MailService::Finish(int stream, Draft d) {
 }
 
 void MailService::Close(int stream) {
-  drafts_.erase(stream);
+  if (drafts_.erase(stream)) RemoveDraft(stream);
   if (deps_.prompt) deps_.prompt(stream);
 }
 
@@ -256,6 +262,7 @@ std::vector<std::string> MailService::Reply(int stream, std::string_view args) {
   std::vector<std::string> out{fmt::format("Replying to {}, subject \"{}\".", m->from, d.subject),
                                std::string(kTextPrompt)};
   drafts_[stream] = std::move(d);
+  SaveDraft(stream);
   return out;
 }
 
@@ -332,15 +339,22 @@ std::vector<std::string> MailService::LoginNotices(int stream) {
 }
 
 void MailService::Announce(const MailMessage& m) {
-  if (!m.is_private) return;
   StreamTable& streams = *deps_.streams;
   for (int s = 1; s <= streams.high_socket(); ++s) {
     StreamEntry& e = streams.at(s);
     if (!e.IsUser() || e.login_stage != LoginStage::kLoggedIn) continue;
-    if (!EqualsIgnoreCase(BaseCall(e.call), m.to)) continue;
-    Send(s, fmt::format("New mail has arrived for you from {}.   Message # {}, \"{}\"; READ {} "
-                        "reads it.",
-                        m.from, m.number, m.subject, m.number));
+    const std::string_view call = BaseCall(e.call);
+    if (m.is_private) {
+      if (!EqualsIgnoreCase(call, m.to)) continue;
+      Send(s, fmt::format("New mail has arrived for you from {}.   Message # {}, \"{}\"; READ {} "
+                          "reads it.",
+                          m.from, m.number, m.subject, m.number));
+    } else {
+      // A bulletin is a broadcast: whoever turned announcements off does not want this line
+      // either, and the author knows already.
+      if (!e.session.Has(kSwAnnouncements) || EqualsIgnoreCase(call, m.from)) continue;
+      Send(s, fmt::format("New bulletin {} to {} from {}: {}", m.number, m.to, m.from, m.subject));
+    }
     if (m.number > e.session.mail_number) {
       e.session.mail_number = m.number;
       if (deps_.save_mail_number) deps_.save_mail_number(e.call, m.number);
@@ -373,6 +387,63 @@ int MailService::Receive(MailMessage m) {
   Announce(m);
   if (deps_.stored) deps_.stored(m.number);
   return m.number;
+}
+
+std::filesystem::path MailService::DraftPath(int stream) const {
+  return deps_.drafts_dir / fmt::format("{}.draft", stream);
+}
+
+void MailService::SaveDraft(int stream) {
+  if (deps_.drafts_dir.empty()) return;
+  Draft& d = drafts_.at(stream);
+  d.call = CallOf(stream);
+  std::error_code ec;
+  std::filesystem::create_directories(deps_.drafts_dir, ec);
+  // Written whole each time, so a stop or crash of the node leaves the previous step, never
+  // half a file.  Not waited onto the disk: this runs for every line typed (or pasted) on the
+  // node's one thread, and a draft need not outlive a power cut.
+  if (!AtomicWriteFile(DraftPath(stream), FormatMailDraft(d), FileSync::kNone)) {
+    Log(fmt::format("cannot keep the draft of {} on stream {}", d.call, stream));
+  }
+}
+
+void MailService::RemoveDraft(int stream) {
+  if (deps_.drafts_dir.empty()) return;
+  std::error_code ec;
+  std::filesystem::remove(DraftPath(stream), ec);
+}
+
+bool MailService::RestoreDraft(int stream) {
+  if (deps_.drafts_dir.empty()) return false;
+  const std::optional<std::string> text = ReadFileText(DraftPath(stream));
+  if (!text) return false;
+  std::string why;
+  std::optional<Draft> d = ParseMailDraft(*text, &why);
+  // The stream number may have gone to someone else meanwhile: the draft is its writer's.
+  if (d && d->call != CallOf(stream)) why = "written by " + d->call + ", not " + CallOf(stream);
+  if (!d || !why.empty()) {
+    Log(fmt::format("draft of stream {} dropped: {}", stream, why));
+    RemoveDraft(stream);
+    return false;
+  }
+  drafts_[stream] = std::move(*d);
+  return true;
+}
+
+void MailService::DropUnrestoredDrafts() {
+  if (deps_.drafts_dir.empty()) return;
+  std::error_code ec;
+  for (const auto& f : std::filesystem::directory_iterator(deps_.drafts_dir, ec)) {
+    const std::string name = f.path().filename().string();
+    long long stream = 0;
+    if (f.path().extension() == ".draft" &&
+        ParseInt(std::string_view(name).substr(0, name.size() - 6), stream) &&
+        drafts_.contains(int(stream))) {
+      continue;
+    }
+    std::error_code remove_ec;
+    std::filesystem::remove(f.path(), remove_ec);
+  }
 }
 
 int MailService::Purge(int days) {

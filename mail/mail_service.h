@@ -4,6 +4,7 @@
 // handed to the forwarder through the stored hook.
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
@@ -14,6 +15,7 @@
 #include "core/stream_output.h"
 #include "core/stream_table.h"
 #include "core/time_text.h"
+#include "mail/mail_draft.h"
 #include "mail/mail_store.h"
 
 namespace qx {
@@ -34,6 +36,9 @@ struct MailServiceDeps {
   // The node where a call is at home ("" when unknown); a private message for a call at
   // home elsewhere is bound for that node.
   std::function<std::string(std::string_view call)> home_node;
+  // Where the editor keeps each stream's unfinished message, one file per stream, so that a
+  // restart of the node does not lose it; empty: drafts live in memory only.
+  std::filesystem::path drafts_dir;
 };
 
 class MailService {
@@ -54,9 +59,14 @@ class MailService {
   void OnEditorLine(int stream, std::string_view line);
   // The stream closed: an unfinished message is dropped.
   void StreamClosed(int stream) {
-    drafts_.erase(stream);
+    if (drafts_.erase(stream)) RemoveDraft(stream);
     last_read_.erase(stream);
   }
+  // A stream taken back after a restart of the node: the message its user was writing, if
+  // any, is open again at the step they were at.  True when there was one.
+  bool RestoreDraft(int stream);
+  // Once every stream is back: drafts of streams that did not come back are removed.
+  void DropUnrestoredDrafts();
 
   // The lines for a user who has just logged in: one per unread message addressed to them,
   // and a count of bulletins that came since they were last told.
@@ -78,14 +88,7 @@ class MailService {
   int Rebuild();
 
  private:
-  struct Draft {
-    std::vector<std::string> to;
-    bool is_private = true;
-    bool have_subject = false;
-    std::string subject;
-    std::vector<std::string> lines;
-    bool over_long = false;  // the writer was told the text is full
-  };
+  using Draft = MailDraft;
 
   void Send(int stream, std::string_view line);
   std::string CallOf(int stream) const;  // base call, upper case
@@ -99,9 +102,13 @@ class MailService {
   std::vector<std::string> List(int stream, std::string_view args);
   void Finish(int stream, Draft d);
   void Close(int stream);
-  // Tells every logged-in user of the message's addressee that it has arrived.
+  // Tells the logged-in addressee of a private message that it has arrived, and every
+  // logged-in user who takes announcements of a new bulletin.
   void Announce(const MailMessage& m);
   void Log(std::string_view text) const;
+  std::filesystem::path DraftPath(int stream) const;
+  void SaveDraft(int stream);
+  void RemoveDraft(int stream);
 
   MailServiceDeps deps_;
   std::unordered_set<std::string> bulletin_addresses_;

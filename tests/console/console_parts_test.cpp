@@ -334,6 +334,42 @@ TEST_F(ConsoleApiTest, ReferenceDataStateAndUpdateButton) {
   EXPECT_EQ(model_.download_requests, 1);
 }
 
+TEST_F(ConsoleApiTest, MailListReadDeleteAndRequeue) {
+  ConsoleMail m;
+  m.number = 7;
+  m.from = "K1ABC";
+  m.to = "ALL";
+  m.subject = "Field day";
+  m.time = SysTime{} + std::chrono::seconds(1'800'000'000);
+  m.is_private = false;
+  m.forwards = {{"DB0BBB", "acknowledged", 0}, {"W1CCC", "given up", 5}};
+  m.text = {"Saturday", ""};
+  model_.mail = {m};
+  const json list = Call("GET", "mail");
+  ASSERT_EQ(list["messages"].size(), 1u);
+  EXPECT_EQ(list["messages"][0]["subject"], "Field day");
+  EXPECT_EQ(list["messages"][0]["time"], 1'800'000'000);
+  EXPECT_FALSE(list["messages"][0]["private"]);
+  EXPECT_EQ(list["messages"][0]["forwards"][1],
+            json({{"node", "W1CCC"}, {"state", "given up"}, {"attempts", 5}}));
+  EXPECT_FALSE(list["messages"][0].contains("text"));  // the list carries no text
+
+  EXPECT_EQ(Call("GET", "mail/read", "", 200, "number=7")["text"], json({"Saturday", ""}));
+  Call("GET", "mail/read", "", 404, "number=8");
+  for (std::string_view bad : {"", "number=x", "number=0", "number=-3"}) {
+    Call("GET", "mail/read", "", 400, bad);
+  }
+
+  Call("POST", "mail/requeue", R"({"number":7})");
+  EXPECT_EQ(model_.mail[0].forwards[1].state, "queued");
+  EXPECT_EQ(Call("POST", "mail/requeue", R"({"number":"7"})", 400)["error"],
+            "message 7 is due on no link");
+  Call("POST", "mail/delete", R"({"number":"abc"})", 400);
+  Call("POST", "mail/delete", R"({"number":7})");
+  EXPECT_TRUE(model_.mail.empty());
+  Call("POST", "mail/delete", R"({"number":7})", 400);
+}
+
 TEST(ConsoleApiTextTest, QueryAndPercentDecoding) {
   EXPECT_EQ(QueryValue("a=1&name=x%20y+z&b", "name"), "x y z");
   EXPECT_EQ(QueryValue("a=1", "name"), "");

@@ -66,6 +66,7 @@ class FakeConsoleModel : public ConsoleModel {
   ConsoleStats stats;
   std::vector<ConsoleDownload> downloads;
   int download_requests = 0;
+  std::vector<ConsoleMail> mail;
   std::map<std::string, std::vector<std::string>> log_files;  // name -> lines
   std::vector<ConsoleSpot> spots;                             // taken, oldest first, of any day
   std::vector<ConsoleSpot> refusals;                          // oldest first
@@ -309,6 +310,36 @@ class FakeConsoleModel : public ConsoleModel {
       if (ToUpper(*l).find(ToUpper(needle)) != std::string::npos) out.push_back(*l);
     }
     return out;
+  }
+
+  std::vector<ConsoleMail> MailList() const override {
+    std::vector<ConsoleMail> out = mail;
+    for (ConsoleMail& m : out) m.text.clear();
+    return out;
+  }
+  std::optional<ConsoleMail> MailRead(int number) const override {
+    for (const ConsoleMail& m : mail) {
+      if (m.number == number) return m;
+    }
+    return std::nullopt;
+  }
+  ConsoleResult MailDelete(int number) override {
+    if (std::erase_if(mail, [&](const ConsoleMail& m) { return m.number == number; }) == 0) {
+      return ConsoleResult::Fail("no message " + std::to_string(number));
+    }
+    return ConsoleResult::Ok();
+  }
+  // A stuck forward is queued again; anything else has nothing to do.
+  ConsoleResult MailRequeue(int number) override {
+    for (ConsoleMail& m : mail) {
+      for (ConsoleMail::Forward& f : m.forwards) {
+        if (m.number == number && f.state == "given up") {
+          f = {f.node, "queued", 0};
+          return ConsoleResult::Ok();
+        }
+      }
+    }
+    return ConsoleResult::Fail("message " + std::to_string(number) + " is due on no link");
   }
 
   ConsoleResult Restart() override {

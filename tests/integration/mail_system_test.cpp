@@ -60,20 +60,55 @@ TEST(MailSystemTest, MailTravelsBetweenLinkedNodes) {
   ASSERT_TRUE(ub->ReadUntil("End of message")) << ub->received();
   EXPECT_THAT(ub->received(), HasSubstr("Subject: Sked tomorrow\r\n14.025 at 1400Z\r\nSH/DX\r\n"));
 
-  // A bulletin written on B reaches A, where every user may read it.
+  // A bulletin written on B reaches A, where it is announced and every user may read it.
   ub->SendLine("SEND ALL");
   ASSERT_TRUE(ub->ReadUntil("Enter the subject")) << ub->received();
   ub->SendLine("Contest rules");
   ub->SendLine("See the web page.");
   ub->SendLine("/EX");
   ASSERT_TRUE(ub->ReadUntil("directed to ALL")) << ub->received();
-  ASSERT_TRUE(WaitFor([&] {
-    ua->ClearReceived();
-    ua->SendLine("DIR");
-    return ua->ReadUntil("QXC >", 2s) && ua->received().find("Contest rules") != std::string::npos;
-  })) << ua->received()
-      << Logs(a) << Logs(b);
+  ASSERT_TRUE(ua->ReadUntil("New bulletin 2 to ALL from W2BBB: Contest rules\r\n", 20s))
+      << ua->received() << Logs(a) << Logs(b);
+  ua->ClearReceived();
+  ua->SendLine("DIR");
+  ASSERT_TRUE(ua->ReadUntil("QXC >")) << ua->received();
   EXPECT_EQ(CountAfterDrain(*ua, "Contest rules"), 1u);
+}
+
+// A user in the middle of a message when the node restarts goes on writing it: the front-end
+// keeps the connection, and the node takes the editor back from its draft file.
+TEST(MailSystemTest, MessageBeingWrittenSurvivesANodeRestart) {
+  if (!std::filesystem::exists(kSystemCountryFile)) GTEST_SKIP() << "no country file";
+  NodeSite a("K1QXA");
+  a.Start();
+  auto user = a.LogIn("W1AAA");
+  user->SendLine("SP W1XYZ");
+  ASSERT_TRUE(user->ReadUntil("Enter the subject")) << user->received();
+  user->SendLine("Before and after");
+  user->SendLine("written before");
+  const std::filesystem::path drafts = a.home() / "data/msg/drafts";
+  ASSERT_TRUE(WaitFor([&] {
+    std::error_code ec;
+    for (const auto& f : std::filesystem::directory_iterator(drafts, ec)) {
+      const auto text = ReadFileText(f.path());
+      if (text && text->find("written before") != std::string::npos) return true;
+    }
+    return false;
+  })) << user->received()
+      << Logs(a);
+  ASSERT_EQ(a.node().Stop(), 0);
+  user->SendLine("typed while the node was down");
+  a.StartNode();
+  user->SendLine("written after");
+  user->ClearReceived();
+  user->SendLine("/EX");
+  ASSERT_TRUE(user->ReadUntil("Message no 1 saved and directed to W1XYZ", 20s))
+      << user->received() << Logs(a);
+  user->SendLine("READ 1");
+  ASSERT_TRUE(user->ReadUntil("End of message 1")) << user->received();
+  EXPECT_THAT(user->received(), HasSubstr("Subject: Before and after\r\nwritten before\r\n"
+                                          "typed while the node was down\r\nwritten after\r\n"));
+  EXPECT_TRUE(std::filesystem::is_empty(drafts));
 }
 
 }  // namespace

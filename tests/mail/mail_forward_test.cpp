@@ -302,5 +302,39 @@ TEST(MailForwarderTest, PrivateMailFollowsTheRouteAndIsRetried) {
   EXPECT_EQ(net["DB0BBB"].fwd->Queued(2), 0u);
 }
 
+TEST(MailForwarderTest, StuckForwardIsShownAndSentAgainOnRequest) {
+  using State = MailForwarder::Pending::State;
+  MailNet net;
+  for (const char* n : {"GB7AAA", "DB0BBB"}) net.Add(n);
+  net.Link("GB7AAA", 1, "DB0BBB", 1);
+  net.cut_.insert({"GB7AAA", 1});
+  MailMessage m = Written("ALL", false, "GB7AAA", 2);
+  ASSERT_TRUE(net["GB7AAA"].store.Add(m));
+  MailForwarder& fwd = *net["GB7AAA"].fwd;
+  fwd.Stored(m.number, kT0);
+  ASSERT_EQ(fwd.PendingForwards().size(), 1u);
+  EXPECT_EQ(fwd.PendingForwards()[0].state, State::kSending);
+  EXPECT_EQ(fwd.PendingForwards()[0].peer, "DB0BBB");
+
+  SysTime t = kT0;
+  for (int i = 0; i < MailForwarder::kMaxAttempts; ++i) {
+    t += MailLink::kAnswerTimeout;
+    fwd.Tick(t);
+    t += MailForwarder::kRetryDelay;
+    fwd.Tick(t);
+  }
+  ASSERT_EQ(fwd.PendingForwards().size(), 1u);
+  EXPECT_EQ(fwd.PendingForwards()[0].state, State::kGivenUp);
+  EXPECT_EQ(fwd.PendingForwards()[0].attempts, MailForwarder::kMaxAttempts);
+
+  net.cut_.clear();
+  EXPECT_FALSE(fwd.Requeue(99, t));
+  EXPECT_TRUE(fwd.Requeue(m.number, t));
+  net.Run(t);
+  EXPECT_EQ(net["DB0BBB"].store.index().size(), 1u);
+  EXPECT_THAT(fwd.PendingForwards(), IsEmpty());
+  EXPECT_FALSE(fwd.Requeue(m.number, t));  // confirmed: nothing left to do
+}
+
 }  // namespace
 }  // namespace qx::testing

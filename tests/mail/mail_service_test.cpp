@@ -14,6 +14,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 class Recorder final : public StreamOutput {
  public:
@@ -38,6 +39,8 @@ class MailServiceTest : public ::testing::Test {
     d.stored = [this](int n) { stored_.push_back(n); };
     d.prompt = [this](int s) { ++prompts_[s]; };
     d.home_node = [this](std::string_view call) { return homes_[std::string(call)]; };
+    d.drafts_dir = tmp_ / "drafts";
+    deps_ = d;
     mail_ = std::make_unique<MailService>(std::move(d));
     mail_->SetBulletinAddresses({"DX", "local"});
     User(1, "K1ABC");
@@ -75,6 +78,7 @@ class MailServiceTest : public ::testing::Test {
   StreamTable streams_;
   Recorder out_;
   MailStore store_;
+  MailServiceDeps deps_;
   std::unique_ptr<MailService> mail_;
   std::map<std::string, int> saved_;
   std::vector<int> stored_;
@@ -216,6 +220,55 @@ TEST_F(MailServiceTest, ReceivedMessageIsStoredOnceAndAnnounced) {
   EXPECT_EQ(mail_->Receive(m), 2);
   EXPECT_EQ(store_.Find(2)->bound_for, "GB7ZZZ");  // passes on towards its home
   EXPECT_THAT(stored_, ElementsAre(1, 2));
+
+  // A bulletin, received or written here, is announced to everyone who takes announcements
+  // except its author.
+  streams_.at(3).session.switches &= ~kSwAnnouncements;
+  out_.sent.clear();
+  m.to = "DX";
+  m.is_private = false;
+  m.subject = "3Y0 news";
+  EXPECT_EQ(mail_->Receive(m), 3);
+  EXPECT_EQ(out_.sent[1], "New bulletin 3 to DX from W1XXX: 3Y0 news\r\n");
+  EXPECT_EQ(out_.sent[2], out_.sent[1]);
+  EXPECT_EQ(out_.sent[3], "");
+  out_.sent.clear();
+  SendMail(2, "ALL", "Meeting", {"Friday"});
+  EXPECT_EQ(out_.sent[1], "New bulletin 4 to ALL from G4XYZ: Meeting\r\n");
+  EXPECT_THAT(out_.sent[2], Not(HasSubstr("New bulletin")));
+  EXPECT_EQ(saved_["K1ABC"], 4);  // told, so not counted again at the next log-in
+}
+
+}  // namespace
+}  // namespace qx::testing
+
+namespace qx::testing {
+namespace {
+
+TEST_F(MailServiceTest, DraftOutlivesARestartOfTheNode) {
+  Cmd(1, "SP", "G4XYZ");
+  Type(1, {"Antenna", "first line"});
+  Cmd(3, "SEND", "ALL");  // only the subject asked for yet
+  Cmd(2, "SEND", "K1ABC");
+  mail_->StreamClosed(2);  // gone: nothing is kept for it
+
+  // The node restarts; streams 1 and 3 come back, stream 3 now with someone else on it.
+  mail_ = std::make_unique<MailService>(deps_);
+  User(3, "W9NEW");
+  EXPECT_TRUE(mail_->RestoreDraft(1));
+  EXPECT_FALSE(mail_->RestoreDraft(2));
+  EXPECT_FALSE(mail_->RestoreDraft(3));
+  EXPECT_FALSE(mail_->Composing(3));
+  mail_->DropUnrestoredDrafts();
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tmp_ / "drafts"),
+                          std::filesystem::directory_iterator()),
+            1);
+  EXPECT_EQ(Type(1, {"second line", "/EX"}), "Message no 1 saved and directed to G4XYZ\r\n");
+  MailMessage m;
+  ASSERT_TRUE(store_.ReadFull(1, m));
+  EXPECT_EQ(m.subject, "Antenna");
+  EXPECT_THAT(m.text, ElementsAre("first line", "second line"));
+  EXPECT_TRUE(std::filesystem::is_empty(tmp_ / "drafts"));  // /EX leaves nothing behind
 }
 
 }  // namespace

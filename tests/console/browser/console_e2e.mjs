@@ -484,6 +484,21 @@ try {
   await page.uncheck('#logs-follow');
   await shot('08-logs');
 
+  await tab('mail');
+  check(await visible(page.locator('#mail-table')), 'the mail page opens');
+  if (demo) {
+    const row = page.locator('#mail-table tbody tr', {hasText: 'Field day'});
+    check(await visible(row.locator('td', {hasText: 'W1CCC: given up (5 failed)'})),
+          'a stuck forward is shown with its failed attempts');
+    await row.locator('button', {hasText: 'Read'}).click();
+    check(await visible(page.locator('#mail-read pre', {hasText: 'Saturday from 1200Z'})),
+          'a message can be read');
+    await row.locator('button', {hasText: 'Send again'}).click();
+    check(await visible(page.locator('#mail-table td', {hasText: 'W1CCC: queued'})),
+          'a stuck forward is queued again');
+  }
+  await shot('09-mail');
+
   check(pageErrors.length === 0, 'no script errors in the page' +
         (pageErrors.length ? ': ' + pageErrors.join('; ') : ''));
 

@@ -118,6 +118,17 @@ int main(int argc, char** argv) {
   model.stats.spots_per_minute = model.stats.spots_per_minute_history.back();
   model.stats.highest_spots_per_minute = 70;
   model.stats.refusals = {{"bad call", 3}, {"rate", 1}};
+  qx::ConsoleMail bulletin;
+  bulletin.number = 17;
+  bulletin.from = "K1ABC";
+  bulletin.to = "ALL";
+  bulletin.subject = "Field day";
+  bulletin.time = std::chrono::system_clock::now();
+  bulletin.is_private = false;
+  bulletin.origin = "GB7QX";
+  bulletin.forwards = {{"DB0BBB", "acknowledged", 0}, {"W1CCC", "given up", 5}};
+  bulletin.text = {"Saturday from 1200Z", "73"};
+  model.mail.push_back(bulletin);
 
   qx::ConsoleServerOptions options;
   options.port = port;
