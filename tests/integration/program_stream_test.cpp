@@ -1,0 +1,136 @@
+// Programs through the real front-end and node together: a WebSocket client gets every spot as
+// JSON, picks up exactly where it left off after a disconnect, keeps its stream while the node
+// restarts, and a poll answers the same spots.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/testlib/node_sites.h"
+
+namespace qx::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+// A WebSocket client written out by hand, so that the test depends on nothing but bytes.
+class WsClient {
+ public:
+  bool Open(int port, std::string_view target) {
+    if (!client_.Connect(port)) return false;
+    client_.Send("GET " + std::string(target) +
+                 " HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                 "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
+    const auto head = client_.ReadUntil("\r\n\r\n");
+    if (!head || !head->starts_with("HTTP/1.1 101 ")) return false;
+    used_ = head->find("\r\n\r\n") + 4;
+    return true;
+  }
+
+  // The JSON messages received so far, after waiting until `until` holds for them.
+  std::vector<json> Messages(const std::function<bool(const std::vector<json>&)>& until,
+                             std::chrono::milliseconds limit = 10s) {
+    WaitFor(
+        [&] {
+          client_.Drain(20ms);
+          Parse();
+          return until(messages_);
+        },
+        limit);
+    return messages_;
+  }
+  void Close() { client_.Close(); }
+
+ private:
+  // Server frames are never masked; a text frame is one JSON object.
+  void Parse() {
+    const std::string& bytes = client_.received();
+    while (bytes.size() >= used_ + 2) {
+      uint64_t n = uint8_t(bytes[used_ + 1]) & 0x7F;
+      size_t header = 2;
+      if (n == 126) {
+        if (bytes.size() < used_ + 4) return;
+        n = uint64_t(uint8_t(bytes[used_ + 2])) << 8 | uint8_t(bytes[used_ + 3]);
+        header = 4;
+      }
+      ASSERT_NE(n, 127u) << "no message of ours needs a 64-bit length";
+      if (bytes.size() < used_ + header + n) return;
+      if ((uint8_t(bytes[used_]) & 0x0F) == 1) {
+        messages_.push_back(json::parse(bytes.substr(used_ + header, n)));
+      }
+      used_ += header + n;
+    }
+  }
+
+  LineClient client_;
+  size_t used_ = 0;
+  std::vector<json> messages_;
+};
+
+std::vector<std::string> SpotCalls(const std::vector<json>& messages) {
+  std::vector<std::string> calls;
+  for (const json& m : messages) {
+    if (m.value("type", "") == "spot") calls.push_back(m["dx"]["call"]);
+  }
+  return calls;
+}
+
+auto HasSpots(size_t n) {
+  return [n](const std::vector<json>& m) { return SpotCalls(m).size() >= n; };
+}
+
+TEST(ProgramStreamTest, AClientResumesExactlyAndKeepsItsStreamOverANodeRestart) {
+  NodeSite site("K1QXA");
+  const int web_port = FreePort();
+  site.Setting("WebSocket Port", std::to_string(web_port));
+  site.Start();
+  auto user = site.LogIn("W1AW");
+
+  WsClient first;
+  ASSERT_TRUE(first.Open(web_port, "/stream")) << site.front().Output();
+  auto got = first.Messages([](const auto& m) { return !m.empty(); });
+  ASSERT_FALSE(got.empty());
+  EXPECT_EQ(got[0]["type"], "hello");
+  EXPECT_EQ(got[0]["read_only"], true);
+  user->SendLine("DX 14025.0 K1ABC first");
+  got = first.Messages(HasSpots(1));
+  ASSERT_EQ(SpotCalls(got), std::vector<std::string>{"K1ABC"}) << site.node().Output();
+  const uint64_t seen = got.back()["id"];
+  first.Close();
+
+  // Two spots while the program is away; it comes back with the last number it saw.
+  user->SendLine("DX 14030.0 K2ABC second");
+  user->SendLine("DX 14035.0 K3ABC third");
+  ASSERT_TRUE(user->ReadUntil("K3ABC")) << user->received();
+  WsClient again;
+  ASSERT_TRUE(again.Open(web_port, "/stream?since=" + std::to_string(seen)));
+  got = again.Messages(HasSpots(2));
+  EXPECT_EQ(SpotCalls(got), (std::vector<std::string>{"K2ABC", "K3ABC"}));
+
+  // The node restarts; the front-end keeps the program's connection, and the next spot is
+  // the only one it gets: nothing is replayed.
+  ASSERT_EQ(site.node().Stop(), 0);
+  site.StartNode();
+  ASSERT_TRUE(site.WaitOutput("Recovery complete")) << site.node().Output();
+  user->SendLine("DX 14040.0 K4ABC after the restart");
+  got = again.Messages(HasSpots(3));
+  again.Messages([](const auto&) { return false; }, 1500ms);  // anything more would be a repeat
+  EXPECT_EQ(SpotCalls(again.Messages([](const auto&) { return true; })),
+            (std::vector<std::string>{"K2ABC", "K3ABC", "K4ABC"}));
+
+  // A program that polls gets the same spots as an array.
+  LineClient poll;
+  ASSERT_TRUE(poll.Connect(web_port));
+  poll.Send("GET /spots?since=" + std::to_string(seen) + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  poll.WaitClosed();
+  const std::string& answer = poll.received();
+  ASSERT_THAT(answer, ::testing::StartsWith("HTTP/1.1 200 ")) << answer;
+  const json spots = json::parse(answer.substr(answer.find("\r\n\r\n") + 4));
+  ASSERT_TRUE(spots.is_array());
+  EXPECT_EQ(SpotCalls(spots.get<std::vector<json>>()),
+            (std::vector<std::string>{"K2ABC", "K3ABC", "K4ABC"}));
+}
+
+}  // namespace
+}  // namespace qx::testing
