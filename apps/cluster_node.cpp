@@ -855,6 +855,7 @@ void ClusterNode::OnTimer() {
   if (++memory_tick_ % 10 == 0) CheckMemory();
   if (feeds_) feeds_->Tick();
   if (json_streams_ && ++heartbeat_tick_ % 30 == 0) json_streams_->Heartbeat();
+  if (++bookkeeping_tick_ % 60 == 0) store_.WriteBookkeeping();
   timer_.expires_after(std::chrono::seconds(1));
   timer_.async_wait([this](const boost::system::error_code& ec) {
     if (!ec) OnTimer();
@@ -867,6 +868,7 @@ void ClusterNode::Stop() {
   timer_.cancel();
   SaveHighestRates(/*at_stop=*/true);
   SaveNetworkState();
+  store_.WriteBookkeeping();
   if (feeds_) feeds_->Stop();
   if (link_) link_->Stop();
   if (console_) console_->Stop();

@@ -337,6 +337,13 @@ std::filesystem::path UserStore::RemotePath(std::string_view call) const {
   return name.empty() ? std::filesystem::path() : dir_.Data("userRemote") / (name + ".dat");
 }
 
+void UserStore::MergeUnwritten(std::string_view call, SessionSettings& s) const {
+  const auto it = unwritten_.find(ToUpper(BaseCall(call)));
+  if (it == unwritten_.end()) return;
+  if (it->second.last_login) s.last_login = *it->second.last_login;
+  if (it->second.spots) s.spots_posted = *it->second.spots;
+}
+
 UserRecordLoad UserStore::Load(std::string_view call, int stream_state,
                                std::string_view kind_code) const {
   UserRecordLoad result;
@@ -364,9 +371,11 @@ UserRecordLoad UserStore::Load(std::string_view call, int stream_state,
       result.settings.dxbm2 = kDefaultDxbmMask2;
       result.settings.name.clear();
     }
+    MergeUnwritten(call, result.settings);
     return result;
   }
   ApplyUserRecord(*text, set, result.settings);
+  MergeUnwritten(call, result.settings);
   return result;
 }
 
@@ -409,14 +418,32 @@ bool UserStore::Save(std::string_view call, std::string_view key, std::string_vi
                  CleanValue(value, allow_caret), false);
 }
 
-bool UserStore::NoteLogin(std::string_view call, std::string_view when) {
-  return Save(BaseCall(call), "LASTLOGIN", when);
+void UserStore::NoteLogin(std::string_view call, std::string_view when) {
+  const std::string base = ToUpper(BaseCall(call));
+  if (!LocalPath(base).empty()) unwritten_[base].last_login = CleanValue(when, false);
 }
 
 int UserStore::CountSpot(std::string_view call) {
-  const std::string_view base = BaseCall(call);
+  const std::string base = ToUpper(BaseCall(call));
+  if (LocalPath(base).empty()) return 0;
   const int count = Load(base, kStateUser).settings.spots_posted + 1;
-  return Save(base, "SPOTS", std::to_string(count)) ? count : count - 1;
+  unwritten_[base].spots = count;
+  return count;
+}
+
+size_t UserStore::WriteBookkeeping() {
+  size_t written = 0;
+  for (const auto& [base, b] : unwritten_) {
+    const bool ok = RewriteWith(LocalPath(base), RemotePath(base), [&](std::string_view text) {
+      std::string out(text);
+      if (b.last_login) out = ReplaceRecordLines(out, "LASTLOGIN", 0, {*b.last_login});
+      if (b.spots) out = ReplaceRecordLines(out, "SPOTS", 0, {std::to_string(*b.spots)});
+      return out;
+    });
+    if (ok) ++written;
+  }
+  unwritten_.clear();
+  return written;
 }
 
 bool UserStore::SavePersonal(std::string_view call, int type, std::string_view value) {

@@ -16,6 +16,8 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -103,10 +105,15 @@ class UserStore {
                  const std::vector<std::string>& values);
 
   // The person's last log-in ("24-Nov-2026 1952Z") and the count of spots they posted on
-  // this node; both are kept once per call, under set 0, whatever the SSID.
-  bool NoteLogin(std::string_view call, std::string_view when);
+  // this node; both are kept once per call, under set 0, whatever the SSID.  They are
+  // bookkeeping, so they are held here and written by WriteBookkeeping (the node does so
+  // once a minute and at stop) instead of costing a synced file write at every log-in and
+  // every spot on the node's only thread.  Load sees them at once.
+  void NoteLogin(std::string_view call, std::string_view when);
   // Adds one to the call's count of spots posted; returns the new count.
   int CountSpot(std::string_view call);
+  // Writes what NoteLogin and CountSpot hold, one rewrite per call; returns the calls written.
+  size_t WriteBookkeeping();
 
   // Personal information typed on this node (SET/NAME, QTH, LOCATION, HOMENODE, QRA):
   // type 1 name, 2 QTH, 3 location, 4 home node, 5 grid.  A location that does not parse
@@ -122,6 +129,12 @@ class UserStore {
   std::filesystem::path RemotePath(std::string_view call) const;
 
  private:
+  struct Bookkeeping {
+    std::optional<std::string> last_login;
+    std::optional<int> spots;
+  };
+  void MergeUnwritten(std::string_view call, SessionSettings& s) const;
+
   bool Rewrite(const std::filesystem::path& target, const std::filesystem::path& seed,
                std::string_view key, int set_or_type, std::string_view value, bool pc41);
   // Reads target (seed when target is missing), applies change, writes target atomically.
@@ -129,6 +142,7 @@ class UserStore {
                    const std::function<std::string(std::string_view)>& change);
 
   ProgramDir dir_;
+  std::map<std::string, Bookkeeping, std::less<>> unwritten_;  // by base call
 };
 
 }  // namespace qx

@@ -70,6 +70,14 @@ TEST_F(InfoCommandsTest, UserStatisticsFromTheRecord) {
   EXPECT_EQ(Run("SH/STAT/USER K1ABC"), own);
   EXPECT_THAT(Run("STATUSER k1abc"), StartsWith("User: K1ABC  (logged in now)"));
   EXPECT_EQ(Run("STATUSER W9NOBODY"), "W9NOBODY: no record on this node\r\n");
+
+  // Held in memory until the node writes them (once a minute and at stop); a restarted node
+  // reads them back from the record, with nothing else in it lost.
+  EXPECT_EQ(store_.WriteBookkeeping(), 1u);
+  const SessionSettings after = UserStore(dir_).Load("K1ABC", kStateUser).settings;
+  EXPECT_EQ(after.spots_posted, 2);
+  EXPECT_EQ(after.last_login, "15-Nov-2026 0046Z");
+  EXPECT_EQ(after.qth, "Boston");
 }
 
 TEST_F(InfoCommandsTest, StateTableIsTheSysopsAndKeptOnDisk) {
