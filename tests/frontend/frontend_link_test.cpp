@@ -16,6 +16,7 @@
 
 #include "core/link_secret.h"
 #include "core/text_util.h"
+#include "tests/frontend/fake_node.h"
 #include "tests/testlib/test_util.h"
 
 namespace qx {
@@ -26,45 +27,11 @@ using testing::ChildProcess;
 using testing::LineClient;
 using testing::TempDir;
 
-constexpr char kEtx = '\x03';
-
-std::string Message(std::initializer_list<std::string_view> elements) {
-  std::string out;
-  for (auto e : elements) {
-    if (!out.empty()) out.push_back(kEtx);
-    out.append(e);
-  }
-  out.push_back('\x04');
-  return out;
-}
-
-// The complete records received so far.
-std::vector<std::string> Records(const std::string& received) {
-  std::vector<std::string> out;
-  size_t start = 0;
-  for (size_t end; (end = received.find(kEtx, start)) != std::string::npos; start = end + 1) {
-    out.push_back(received.substr(start, end - start));
-  }
-  return out;
-}
-
-// Waits for a complete record starting with prefix; returns it (empty on time-out).
-std::string WaitRecord(LineClient& link, std::string_view prefix,
-                       std::chrono::milliseconds limit = 10s) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (true) {
-    for (const auto& r : Records(link.received())) {
-      if (r.starts_with(prefix)) return r;
-    }
-    if (std::chrono::steady_clock::now() >= end) return "";
-    link.Drain(20ms);
-  }
-}
-
-std::string Field(std::string_view record, size_t index) {
-  const auto fields = Split(record, '^');
-  return index < fields.size() ? std::string(fields[index]) : "";
-}
+using fake_node::Field;
+using fake_node::kEtx;
+using fake_node::Message;
+using fake_node::Records;
+using fake_node::WaitRecord;
 
 int LocalPort(const LineClient& c) {
   sockaddr_in addr{};
