@@ -24,21 +24,11 @@ using ::testing::HasSubstr;
 // A process that listens on the link port in place of the front-end.
 class FakeFrontEnd {
  public:
-  explicit FakeFrontEnd(int port) {
-    // Close-on-exec, or the node started after it would inherit the listening socket.
-    listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int one = 1;
-    ::setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    listening_ = ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-                 ::listen(listen_fd_, 4) == 0;
-  }
+  explicit FakeFrontEnd(int port)
+      : listen_fd_(ListenLoopback(port)), listening_(listen_fd_ >= 0) {}
   ~FakeFrontEnd() {
     if (conn_ >= 0) ::close(conn_);
-    ::close(listen_fd_);
+    if (listen_fd_ >= 0) ::close(listen_fd_);
   }
   bool listening() const { return listening_; }
   bool Accept() {

@@ -105,17 +105,8 @@ class NodeSiteTest : public ::testing::Test {
 // A scripted peer's end of a connection that a node opened to it.
 class PeerListener {
  public:
-  PeerListener() : port_(FreePort()) {
-    listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    int one = 1;
-    ::setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(uint16_t(port_));
-    bound_ = ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-             ::listen(listen_fd_, 4) == 0;
-  }
+  PeerListener()
+      : port_(FreePort()), listen_fd_(ListenLoopback(port_)), bound_(listen_fd_ >= 0) {}
   ~PeerListener() {
     if (fd_ >= 0) ::close(fd_);
     if (listen_fd_ >= 0) ::close(listen_fd_);

@@ -29,6 +29,9 @@ class TempDir {
 
 // A loopback TCP port that was free a moment ago.
 int FreePort();
+// A socket listening on 127.0.0.1:port, close-on-exec (a program the test starts afterwards
+// must not inherit it); -1 when the port cannot be had.
+int ListenLoopback(int port);
 // Whether this machine can listen on the IPv6 loopback [::1].
 bool HasIpv6Loopback();
 
