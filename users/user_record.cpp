@@ -433,7 +433,9 @@ int UserStore::CountSpot(std::string_view call) {
 
 size_t UserStore::WriteBookkeeping() {
   size_t written = 0;
-  for (const auto& [base, b] : unwritten_) {
+  for (const auto& entry : unwritten_) {
+    const std::string& base = entry.first;
+    const Bookkeeping& b = entry.second;  // a named reference: lambdas cannot take bindings
     const bool ok = RewriteWith(LocalPath(base), RemotePath(base), [&](std::string_view text) {
       std::string out(text);
       if (b.last_login) out = ReplaceRecordLines(out, "LASTLOGIN", 0, {*b.last_login});
