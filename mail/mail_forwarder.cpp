@@ -61,7 +61,9 @@ void MailForwarder::LinkDown(int stream, SysTime now) {
 
 std::vector<MailForwarder::Pending> MailForwarder::PendingForwards() const {
   std::vector<Pending> out;
-  for (const auto& [stream, p] : peers_) {
+  for (const auto& entry : peers_) {
+    const int stream = entry.first;
+    const auto& p = entry.second;  // a named reference: lambdas cannot take bindings
     auto add = [&](int number, Pending::State state) {
       const auto tries = p.attempts.find(number);
       out.push_back(
