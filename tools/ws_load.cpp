@@ -612,24 +612,34 @@ int main(int argc, char** argv) {
   const rlim_t files = RaiseFileLimit(want);
   if (files < want) Die("open-file limit " + std::to_string(files) + " is too low");
 
-  const int link_port = FreePort();
-  const int user_port = FreePort();
-  const int console_port = FreePort();
-  const int web_port = FreePort();
-  std::string cfg = SiteConfig("XX0QX-1", link_port, user_port, console_port) + kNoSpotLimits +
-                    "WebSocket Port^" + std::to_string(web_port) +
-                    "\r\nWebSocket Max Per Address^0\r\n"
-                    // Nothing may leave the machine: no reference downloads, WWV fetch or update
-                    // check.
-                    "Country File URL^\r\nKnown Calls URL^\r\nWWV URL^\r\nUpdate URL^\r\n";
-  if (opt.max_dx_spots > 0) cfg += "Maximum DX Spots^" + std::to_string(opt.max_dx_spots) + "\r\n";
-  PrepareHome(opt.paths.home, opt.paths.cty, cfg);
-
   std::printf("ws_load: %d streams, %.0f spots/s for %.0f s, resume of %d; load %s\n", opt.clients,
               opt.rate, opt.seconds, opt.resume, LoadAverage().c_str());
-  g_front_pid = Spawn(opt.paths.qxfront, opt.paths.home, "qxfront");
-  g_node_pid = Spawn(opt.paths.qxcluster, opt.paths.home, "qxcluster");
-  if (!WaitForBanner(user_port, std::chrono::seconds(60))) Die("no log-in banner within 60 s");
+  // A port free a moment ago may be taken by the time the front-end listens (other programs on
+  // the machine open connections too): then the front-end stops, and the next try takes
+  // other ports.
+  int user_port = 0, web_port = 0;
+  for (int attempt = 1;; ++attempt) {
+    const int link_port = FreePort();
+    user_port = FreePort();
+    const int console_port = FreePort();
+    web_port = FreePort();
+    std::string cfg =
+        SiteConfig("XX0QX-1", link_port, user_port, console_port) + kNoSpotLimits +
+        "WebSocket Port^" + std::to_string(web_port) +
+        "\r\nWebSocket Max Per Address^0\r\n"
+        // Nothing may leave the machine: no reference downloads, WWV fetch or update check.
+        "Country File URL^\r\nKnown Calls URL^\r\nWWV URL^\r\nUpdate URL^\r\n";
+    if (opt.max_dx_spots > 0) {
+      cfg += "Maximum DX Spots^" + std::to_string(opt.max_dx_spots) + "\r\n";
+    }
+    PrepareHome(opt.paths.home, opt.paths.cty, cfg);
+    g_front_pid = Spawn(opt.paths.qxfront, opt.paths.home, "qxfront");
+    g_node_pid = Spawn(opt.paths.qxcluster, opt.paths.home, "qxcluster");
+    if (WaitForBanner(user_port, std::chrono::seconds(attempt < 3 ? 10 : 60))) break;
+    if (attempt == 3) Die("no log-in banner: see " + opt.paths.home.string() + "/*.out");
+    std::fprintf(stderr, "ws_load: no log-in banner (a port taken?); trying other ports\n");
+    StopChildren();
+  }
 
   Load load(opt);
   load.LogInSpotter(user_port);
