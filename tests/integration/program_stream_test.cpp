@@ -155,6 +155,9 @@ TEST(ProgramStreamTest, ALongResumeArrivesWholeInOrderAndThenGoesLive) {
   }
   site.Start();
   auto user = site.LogIn("W1AW");
+  // The program last saw this one (a stream from 0 would only ask for what memory holds).
+  user->SendLine("DX 14020.0 K1PRE seen");
+  ASSERT_TRUE(user->ReadUntil("K1PRE")) << user->received();
   WsClient probe;
   ASSERT_TRUE(probe.Open(web_port, "/stream"));
   const uint64_t before = probe.Messages([](const auto& m) { return !m.empty(); }).at(0)["last_id"];
