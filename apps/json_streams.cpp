@@ -140,8 +140,9 @@ void JsonStreams::Replay(int stream, const StreamRequest& request) {
     spots.erase(spots.begin(), spots.end() - long(kMaxReplay));
     gap = true;
   }
-  if (gap)
+  if (gap) {
     deps_.out->SendToStream(stream, GapJson(request.since, spots.empty() ? 0 : spots.front().Id));
+  }
   if (spots.empty()) return;
   deps_.streams->at(stream).json_replaying = true;
   ReplayStep(stream, deps_.streams->at(stream).tag,
@@ -155,15 +156,18 @@ void JsonStreams::ReplayStep(int stream, int64_t tag, std::shared_ptr<std::vecto
   // The client went away (and the number may already serve another connection).
   if (e.state != kStateJsonStream || e.tag != tag || !e.json_replaying) return;
   std::string out;
-  const size_t end = std::min(spots->size(), next + kReplayChunk);
-  for (size_t i = next; i < end; ++i) deps_.spot_json((*spots)[i], out);
-  if (end < spots->size() && deps_.later) {
+  while (true) {
+    const size_t end = std::min(spots->size(), next + kReplayChunk);
+    for (; next < end; ++next) deps_.spot_json((*spots)[next], out);
+    if (next == spots->size()) break;
     deps_.out->SendToStream(stream, out);
-    deps_.later(kReplayPause,
-                [this, stream, tag, spots, end] { ReplayStep(stream, tag, spots, end); });
-    return;
+    out.clear();
+    if (deps_.later) {
+      deps_.later(kReplayPause,
+                  [this, stream, tag, spots, next] { ReplayStep(stream, tag, spots, next); });
+      return;
+    }
   }
-  for (size_t i = end; i < spots->size(); ++i) deps_.spot_json((*spots)[i], out);
   // Spots accepted while the replay was under way are in the history by now; after them the
   // stream is live, with nothing in between on this one thread.
   const uint64_t last = spots->back().Id;
