@@ -42,9 +42,9 @@ pid_t g_front_pid = -1;
 
 // What a text message from the node is, as far as the measurement cares.
 struct Message {
-  enum Kind { kOther, kHello, kSpot, kGap, kDropped } kind = kOther;
+  enum Kind { kOther, kHello, kSpot, kGap, kDropped, kShed } kind = kOther;
   int spot = -1;    // the spot number the DX call encodes
-  uint64_t id = 0;  // "id" of a spot, "last_id" of a hello
+  uint64_t id = 0;  // "id" of a spot, "last_id" of a hello, the count of a kShed
 };
 
 uint64_t NumberAfter(std::string_view text, std::string_view key) {
@@ -78,6 +78,11 @@ Message ReadMessage(std::string_view text) {
     m.kind = Message::kGap;
   } else if (text.find("\"type\":\"dropped\"") != std::string_view::npos) {
     m.kind = Message::kDropped;
+  } else if (text.starts_with("*** ") && text.find(" dropped") != std::string_view::npos) {
+    // The node's own notice of spots it shed while its link to the front-end was congested
+    // (plain text, as to a telnet user).
+    m.kind = Message::kShed;
+    m.id = NumberAfter(text, "*** ");
   }
   return m;
 }
@@ -185,6 +190,7 @@ struct StreamTally {
   int out_of_order = 0;
   int gaps = 0;
   int dropped_notices = 0;
+  long shed = 0;  // spots the node said it dropped
   int last_spot = -1;
   uint64_t hello_last_id = 0;
   bool hello = false;
@@ -268,8 +274,9 @@ class Load {
             : 0;
     const ProcStats node1 = ReadProc(g_node_pid), front1 = ReadProc(g_front_pid);
     const double self1 = SelfCpu();
-    long lost = 0, dups = 0, disorder = 0, dropped = 0;
+    long lost = 0, dups = 0, disorder = 0, dropped = 0, shed = 0;
     for (size_t c = 0; c < clients_.size(); ++c) {
+      shed += tallies_[c].shed;
       dups += tallies_[c].duplicates;
       disorder += tallies_[c].out_of_order;
       dropped += tallies_[c].dropped_notices;
@@ -289,6 +296,7 @@ class Load {
         .dups = dups,
         .disorder = disorder,
         .dropped = dropped,
+        .shed = shed,
         .node_us = (node1.cpu_s - node0.cpu_s) * 1e6 / msgs,
         .front_us = (front1.cpu_s - front0.cpu_s) * 1e6 / msgs,
         .self_us = (self1 - self0) * 1e6 / msgs,
@@ -302,12 +310,13 @@ class Load {
         "live: %zu streams, %d spots at %.0f/s asked, %.1f/s sent, load %s\n"
         "  delay DX command -> stream, ms (every stream, every spot): p50 %.2f p90 %.2f p99 %.2f "
         "max %.2f\n"
-        "  lost %ld, duplicates %ld, out of order %ld, dropped notices %ld\n"
+        "  lost %ld, duplicates %ld, out of order %ld, front-end dropped notices %ld, spots "
+        "the node said it shed %ld\n"
         "  CPU us per delivered message: qxcluster %.2f, qxfront %.2f, ws_load %.2f; waiting for "
         "a core s: qxcluster %.2f, qxfront main thread %.2f\n"
         "  RSS MB: qxcluster %.1f, qxfront %.1f\n",
         clients_.size(), count, opt_.rate, sent_rate, live_.load.c_str(), live_.p50, live_.p90,
-        live_.p99, live_.max, lost, dups, disorder, dropped, live_.node_us, live_.front_us,
+        live_.p99, live_.max, lost, dups, disorder, dropped, shed, live_.node_us, live_.front_us,
         live_.self_us, live_.node_wait_s, live_.front_wait_s, live_.node_rss_mb,
         live_.front_rss_mb);
     std::fflush(stdout);
@@ -390,14 +399,14 @@ class Load {
     std::printf(
         "{\"tool\":\"ws_load\",\"streams\":%d,\"rate\":%.0f,\"spots\":%d,\"sent_rate\":%.1f,"
         "\"p50_ms\":%.2f,\"p90_ms\":%.2f,\"p99_ms\":%.2f,\"max_ms\":%.2f,\"lost\":%ld,"
-        "\"duplicates\":%ld,\"out_of_order\":%ld,\"dropped_notices\":%ld,"
+        "\"duplicates\":%ld,\"out_of_order\":%ld,\"dropped_notices\":%ld,\"shed\":%ld,"
         "\"node_us_per_msg\":%.2f,\"front_us_per_msg\":%.2f,\"node_rss_mb\":%.1f,"
         "\"front_rss_mb\":%.1f,\"live_load\":\"%s\",\"resume_spots\":%d,\"resume_got\":%d,"
         "\"resume_s\":%.3f,\"resume_duplicates\":%d,\"resume_out_of_order\":%d,"
         "\"resume_gaps\":%d,\"resume_dropped_notices\":%d,\"resume_live_after\":%d,"
         "\"resume_load\":\"%s\"}\n",
         opt_.clients, opt_.rate, live_.count, live_.sent_rate, live_.p50, live_.p90, live_.p99,
-        live_.max, live_.lost, live_.dups, live_.disorder, live_.dropped, live_.node_us,
+        live_.max, live_.lost, live_.dups, live_.disorder, live_.dropped, live_.shed, live_.node_us,
         live_.front_us, live_.node_rss_mb, live_.front_rss_mb, live_.load.c_str(), resume_.count,
         resume_.got, resume_.seconds, resume_.duplicates, resume_.out_of_order, resume_.gaps,
         resume_.dropped, resume_.live_after, resume_.load.c_str());
@@ -415,7 +424,7 @@ class Load {
   struct LiveFigures {
     int count = 0;
     double sent_rate = 0, p50 = 0, p90 = 0, p99 = 0, max = 0;
-    long lost = 0, dups = 0, disorder = 0, dropped = 0;
+    long lost = 0, dups = 0, disorder = 0, dropped = 0, shed = 0;
     double node_us = 0, front_us = 0, self_us = 0, node_rss_mb = 0, front_rss_mb = 0;
     double node_wait_s = 0, front_wait_s = 0;
     std::string load;
@@ -508,6 +517,9 @@ class Load {
         return;
       case Message::kDropped:
         ++t.dropped_notices;
+        return;
+      case Message::kShed:
+        t.shed += long(m.id);
         return;
       case Message::kOther:
         return;
