@@ -174,6 +174,12 @@ void ClusterNode::SetUpJsonStreams() {
   deps.log = &log_;
   deps.spot_json = [this](const Spot& spot, std::string& out) { SpotJson(spot, out); };
   deps.last_id = [this] { return spot_ids_->last(); };
+  deps.later = [this](std::chrono::milliseconds pause, std::function<void()> task) {
+    auto timer = std::make_shared<boost::asio::steady_timer>(io_, pause);
+    timer->async_wait([this, timer, task = std::move(task)](const boost::system::error_code& ec) {
+      if (!ec && !stopped_) task();
+    });
+  };
   deps.node_call = config_.Get("Cluster Call");
   deps.version = std::string(kVersion);
   deps.require_login = StreamsRequireLogin();

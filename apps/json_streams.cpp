@@ -140,9 +140,41 @@ void JsonStreams::Replay(int stream, const StreamRequest& request) {
     spots.erase(spots.begin(), spots.end() - long(kMaxReplay));
     gap = true;
   }
+  if (gap) {
+    deps_.out->SendToStream(stream, GapJson(request.since, spots.empty() ? 0 : spots.front().Id));
+  }
+  if (spots.empty()) return;
+  deps_.streams->at(stream).json_replaying = true;
+  ReplayStep(stream, deps_.streams->at(stream).tag,
+             std::make_shared<std::vector<Spot>>(std::move(spots)), 0);
+}
+
+void JsonStreams::ReplayStep(int stream, int64_t tag, std::shared_ptr<std::vector<Spot>> spots,
+                             size_t next) {
+  if (!deps_.streams->InRange(stream)) return;
+  StreamEntry& e = deps_.streams->at(stream);
+  // The client went away (and the number may already serve another connection).
+  if (e.state != kStateJsonStream || e.tag != tag || !e.json_replaying) return;
   std::string out;
-  if (gap) out += GapJson(request.since, spots.empty() ? 0 : spots.front().Id);
-  for (const Spot& s : spots) deps_.spot_json(s, out);
+  while (true) {
+    const size_t end = std::min(spots->size(), next + kReplayChunk);
+    for (; next < end; ++next) deps_.spot_json((*spots)[next], out);
+    if (next == spots->size()) break;
+    deps_.out->SendToStream(stream, out);
+    out.clear();
+    if (deps_.later) {
+      deps_.later(kReplayPause,
+                  [this, stream, tag, spots, next] { ReplayStep(stream, tag, spots, next); });
+      return;
+    }
+  }
+  // Spots accepted while the replay was under way are in the history by now; after them the
+  // stream is live, with nothing in between on this one thread.
+  const uint64_t last = spots->back().Id;
+  spots.reset();
+  bool gap = false;
+  for (const Spot& s : Wanted(stream, last, gap)) deps_.spot_json(s, out);
+  e.json_replaying = false;
   if (!out.empty()) deps_.out->SendToStream(stream, out);
 }
 

@@ -9,10 +9,13 @@
 // docs/json-stream.md has the protocol.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/time_text.h"
 #include "spots/spot.h"
@@ -43,6 +46,8 @@ struct JsonStreamDeps {
   std::function<void(const Spot& spot, std::string& out)> spot_json;
   // The number of the newest accepted spot.
   std::function<uint64_t()> last_id;
+  // Runs a task on the node's thread after a pause.  Without it a replay is written at once.
+  std::function<void(std::chrono::milliseconds, std::function<void()>)> later;
   std::string node_call;
   std::string version;
   bool require_login = false;  // "Stream Requires Login"
@@ -50,8 +55,17 @@ struct JsonStreamDeps {
 
 class JsonStreams {
  public:
-  // Spots replayed to a resuming stream at most; an older start is reported as a gap.
-  static constexpr size_t kMaxReplay = 5000;
+  // Spots replayed to a resuming stream at most; an older start is reported as a gap.  A
+  // busy node takes some 300 spots a minute, so this covers a program that was away for an
+  // hour (what the history holds still bounds it).
+  static constexpr size_t kMaxReplay = 20000;
+  // A replay goes out in pieces of this many spots (some 100 KB), one piece per pause, so that
+  // the node serves everybody else in between and the front-end's bounded queue for the
+  // client (1 MiB) is not overrun by a burst the client could not have read yet: some 12 MB/s,
+  // 10,000 spots in about 0.4 s.  A client that reads more slowly than that for long is told
+  // that output was dropped and resumes from the last number it holds.
+  static constexpr size_t kReplayChunk = 250;
+  static constexpr std::chrono::milliseconds kReplayPause{10};
 
   explicit JsonStreams(JsonStreamDeps deps);
 
@@ -73,6 +87,9 @@ class JsonStreams {
   bool Admit(int stream, const StreamRequest& request, bool recovered);
   void Refuse(int stream, bool poll, int status, std::string_view text);
   void Replay(int stream, const StreamRequest& request);
+  // Sends the next piece of a replay; the last piece also sends what was accepted since the
+  // replay began and lets live spots through.
+  void ReplayStep(int stream, int64_t tag, std::shared_ptr<std::vector<Spot>> spots, size_t next);
   void AnswerPoll(int stream, const StreamRequest& request);
   // The kept spots after `after` that the stream's switches and filters let through.
   std::vector<Spot> Wanted(int stream, uint64_t after, bool& gap) const;

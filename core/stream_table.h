@@ -70,7 +70,10 @@ inline constexpr int kSpotFormatEnhanced = 6;
 struct StreamEntry {
   std::string call;  // set by the log-in or "AA16"; "T/O" after a time-out
   int state = kStateFree;
-  int64_t tag = 0;        // the front-end's tag, echoed in every message to the stream
+  int64_t tag = 0;  // the front-end's tag, echoed in every message to the stream
+  // A program's stream still being sent the spots it missed: live spots wait in the history
+  // until the replay reaches them, so that none comes twice or out of order.
+  bool json_replaying = false;
   std::string attribute;  // "AA04" text
   // What the node gave the front-end to keep with the stream (SetStreamAttributes), as the
   // front-end reported it back after a node restart ("AA38").
@@ -122,7 +125,7 @@ struct StreamEntry {
   bool IsNode() const { return IsNodeState(state); }
   bool IsFeed() const { return IsFeedState(state); }
   // Spot distribution serves users and programs' JSON streams.
-  bool TakesSpots() const { return IsUser() || state == kStateJsonStream; }
+  bool TakesSpots() const { return IsUser() || (state == kStateJsonStream && !json_replaying); }
 };
 
 class StreamTable {

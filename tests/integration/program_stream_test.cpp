@@ -1,6 +1,8 @@
 // Programs through the real front-end and node together: a WebSocket client gets every spot as
 // JSON, picks up exactly where it left off after a disconnect, keeps its stream while the node
-// restarts, and a poll answers the same spots.
+// restarts, a poll answers the same spots, and a long resume comes whole and in order.
+#include <algorithm>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,9 +21,10 @@ class WsClient {
  public:
   bool Open(int port, std::string_view target) {
     if (!client_.Connect(port)) return false;
-    client_.Send("GET " + std::string(target) +
-                 " HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                 "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
+    client_.Send(
+        "GET " + std::string(target) +
+        " HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+        "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
     const auto head = client_.ReadUntil("\r\n\r\n");
     if (!head || !head->starts_with("HTTP/1.1 101 ")) return false;
     used_ = head->find("\r\n\r\n") + 4;
@@ -130,6 +133,64 @@ TEST(ProgramStreamTest, AClientResumesExactlyAndKeepsItsStreamOverANodeRestart) 
   ASSERT_TRUE(spots.is_array());
   EXPECT_EQ(SpotCalls(spots.get<std::vector<json>>()),
             (std::vector<std::string>{"K2ABC", "K3ABC", "K4ABC"}));
+}
+
+// A distinct call per spot number: "DL" with a digit and three letters.
+std::string ReplayCall(int i) {
+  std::string call = "DL";
+  call += char('0' + i % 10);
+  call += char('A' + i / 10 / 676 % 26);
+  call += char('A' + i / 10 / 26 % 26);
+  call += char('A' + i / 10 % 26);
+  return call;
+}
+
+TEST(ProgramStreamTest, ALongResumeArrivesWholeInOrderAndThenGoesLive) {
+  NodeSite site("K1QXA");
+  const int web_port = FreePort();
+  site.Setting("WebSocket Port", std::to_string(web_port));
+  for (const char* key :
+       {"NewMaxSpotsPerMin", "NewMaxSpotsPerMinPerDx", "NewMaxSpotsPerMinPerSpotter"}) {
+    site.Setting(key, "1000000");
+  }
+  site.Start();
+  auto user = site.LogIn("W1AW");
+  // The program last saw this one (a stream from 0 would only ask for what memory holds).
+  user->SendLine("DX 14020.0 K1PRE seen");
+  ASSERT_TRUE(user->ReadUntil("K1PRE")) << user->received();
+  WsClient probe;
+  ASSERT_TRUE(probe.Open(web_port, "/stream"));
+  const uint64_t before = probe.Messages([](const auto& m) { return !m.empty(); }).at(0)["last_id"];
+  probe.Close();
+
+  // More than the node keeps in memory and than a replay used to hold, and many pieces of
+  // it: the replay reaches into the day file and is written in turns.
+  constexpr int kSpots = 5600;
+  std::vector<std::string> want;
+  for (int i = 0; i < kSpots; i += 400) {
+    std::string lines;
+    for (int k = i; k < std::min(kSpots, i + 400); ++k) {
+      want.push_back(ReplayCall(k));
+      lines += "DX " + std::to_string(14000 + k % 300) + ".0 " + want.back() + " r\r\n";
+    }
+    ASSERT_TRUE(user->Send(lines));
+    ASSERT_TRUE(user->ReadUntil(want.back() + " ", 30s)) << site.node().Output();
+  }
+
+  WsClient resumed;
+  ASSERT_TRUE(resumed.Open(web_port, "/stream?since=" + std::to_string(before)));
+  // A spot posted once the replay has begun comes after it, once.
+  resumed.Messages(HasSpots(1));
+  user->SendLine("DX 14070.0 K9LIVE during the replay");
+  ASSERT_TRUE(user->ReadUntil("K9LIVE")) << user->received();
+  want.push_back("K9LIVE");
+  const auto got = resumed.Messages(HasSpots(want.size()), 30s);
+  for (const json& m : got) EXPECT_NE(m.value("type", ""), "gap") << m;
+  const std::vector<std::string> calls = SpotCalls(got);
+  ASSERT_EQ(calls.size(), want.size());
+  EXPECT_TRUE(calls == want) << "first difference at "
+                             << std::mismatch(calls.begin(), calls.end(), want.begin()).first -
+                                    calls.begin();
 }
 
 }  // namespace
