@@ -231,7 +231,7 @@ class ClusterNode final : public LinkEvents,
   std::map<std::string, std::function<void(const InstalledFile&)>> reloaders_;  // upper case
   MemoryCeiling memory_ceiling_;
   int memory_tick_ = 0;
-  int heartbeat_tick_ = 0;  // seconds towards the next heartbeat of the JSON streams
+  int heartbeat_tick_ = 0;    // seconds towards the next heartbeat of the JSON streams
   int bookkeeping_tick_ = 0;  // seconds towards the next write of log-in times and spot counts
   std::unique_ptr<UserContext> user_ctx_;
   std::unique_ptr<Login> login_;

@@ -305,12 +305,12 @@ int main(int argc, char** argv) {
   const int link_port = FreePort();
   const int user_port = FreePort();
   const int console_port = FreePort();
-  PrepareHome(opt.paths.home, opt.paths.cty,
-              SiteConfig("XX0QX-1", link_port, user_port, console_port) + kNoSpotLimits +
-                  "Max Connections^" + std::to_string(opt.users + 100) + "\r\n" +
-                  (opt.front_threads > 0
-                       ? "Frontend Threads^" + std::to_string(opt.front_threads) + "\r\n"
-                       : std::string()));
+  PrepareHome(
+      opt.paths.home, opt.paths.cty,
+      SiteConfig("XX0QX-1", link_port, user_port, console_port) + kNoSpotLimits +
+          "Max Connections^" + std::to_string(opt.users + 100) + "\r\n" +
+          (opt.front_threads > 0 ? "Frontend Threads^" + std::to_string(opt.front_threads) + "\r\n"
+                                 : std::string()));
   const pid_t front = Spawn(opt.paths.qxfront, opt.paths.home, "qxfront");
   const pid_t node = Spawn(opt.paths.qxcluster, opt.paths.home, "qxcluster");
   if (!WaitForBanner(user_port, std::chrono::seconds(60))) Die("no log-in banner within 60 s");

@@ -135,8 +135,8 @@ TEST_F(FeedsSystemTest, ASilentFeedAndAFloodingFeedAreCutAndCalledAgain) {
   for (int round = 0; round < 100 && !cut; ++round) {
     std::string burst;
     for (int i = 0; i < 50; ++i) {
-      burst += fmt::format("DX de DL1AAA-#:  {}.0  K{}AB  CW  18 dB  26 WPM  CQ  {}\r\n",
-                           7000 + i, i % 10, NowHHnnZ());
+      burst += fmt::format("DX de DL1AAA-#:  {}.0  K{}AB  CW  18 dB  26 WPM  CQ  {}\r\n", 7000 + i,
+                           i % 10, NowHHnnZ());
     }
     cut = !server.Send(burst) ||
           site.node().Output().find("more than 20 lines a second for 2 s") != std::string::npos;

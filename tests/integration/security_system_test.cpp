@@ -24,8 +24,7 @@ using ::testing::HasSubstr;
 // A process that listens on the link port in place of the front-end.
 class FakeFrontEnd {
  public:
-  explicit FakeFrontEnd(int port)
-      : listen_fd_(ListenLoopback(port)), listening_(listen_fd_ >= 0) {}
+  explicit FakeFrontEnd(int port) : listen_fd_(ListenLoopback(port)), listening_(listen_fd_ >= 0) {}
   ~FakeFrontEnd() {
     if (conn_ >= 0) ::close(conn_);
     if (listen_fd_ >= 0) ::close(listen_fd_);

@@ -105,8 +105,7 @@ class NodeSiteTest : public ::testing::Test {
 // A scripted peer's end of a connection that a node opened to it.
 class PeerListener {
  public:
-  PeerListener()
-      : port_(FreePort()), listen_fd_(ListenLoopback(port_)), bound_(listen_fd_ >= 0) {}
+  PeerListener() : port_(FreePort()), listen_fd_(ListenLoopback(port_)), bound_(listen_fd_ >= 0) {}
   ~PeerListener() {
     if (fd_ >= 0) ::close(fd_);
     if (listen_fd_ >= 0) ::close(listen_fd_);
