@@ -165,5 +165,29 @@ TEST_F(NodeAdminTest, NeighboursLinksAndUsersAreManagedFromTheConsole) {
   EXPECT_THAT(ErrorLog(node), HasSubstr("Sysop locked out G4ABC and disconnected 1 stream(s)"));
 }
 
+// Behind an HTTPS proxy the live view takes the public site's origin and no other; the
+// restart button restarts the node without dropping the telnet user, who is answered at once.
+TEST_F(NodeAdminTest, TheLiveViewWorksBehindAProxyAndTheRestartButtonKeepsUsers) {
+  NodeSite node("K1QXA");
+  node.Setting("Console Public Address", "https://cluster.example.org");
+  StartNode(node);
+  auto user = node.LogInAs("G4ABC", "", "Bob");
+
+  WsClient proxied;
+  EXPECT_EQ(proxied.Connect(node.console_port(), login_.cookie, "https://cluster.example.org"),
+            101);
+  WsClient stranger;
+  EXPECT_EQ(stranger.Connect(node.console_port(), login_.cookie, "https://evil.example.net"),
+            403);
+
+  Post("restart", json{{"confirm", true}});
+  ASSERT_TRUE(node.WaitOutput("Recovery complete", 2)) << node.node().Output();
+  EXPECT_TRUE(node.node().Running());
+  user->ClearReceived();
+  user->SendLine("SH/TIME");
+  EXPECT_TRUE(user->ReadUntil("QXC >")) << user->received();
+  EXPECT_THAT(ErrorLog(node), HasSubstr("restart requested by a sysop"));
+}
+
 }  // namespace
 }  // namespace qx::testing
