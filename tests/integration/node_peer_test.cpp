@@ -171,10 +171,12 @@ TEST_F(NodePeerTest, Pc9xPeerCallsTheNode) {
   EXPECT_TRUE(UserListed(*user, "W9USR")) << user->received();
 
   user->ClearReceived();
-  peer->SendLine("PC93^K9PCX^" + t.Next() + "^W1AAA^W9USR^*^#12 talk over pc93^^198.51.100.9^H99^");
+  const std::string stamp = t.Next();
+  peer->SendLine("PC93^K9PCX^" + stamp + "^W1AAA^W9USR^*^#12 talk over pc93^^198.51.100.9^H99^");
   ASSERT_TRUE(user->ReadUntil("W1AAA de W9USR: #12 talk over pc93")) << user->received();
-  // A replayed sentence (same stamp rule) is not shown twice.
-  peer->SendLine("PC93^K9PCX^100^*^W9USR^*^replayed^^198.51.100.9^H99^");
+  // A replayed sentence (its stamp is no newer than the last) is not shown.  The same stamp,
+  // not a small one: shortly before midnight a small stamp is tomorrow's, and new.
+  peer->SendLine("PC93^K9PCX^" + stamp + "^*^W9USR^*^replayed^^198.51.100.9^H99^");
   user->Drain(1s);
   EXPECT_THAT(user->received(), ::testing::Not(HasSubstr("replayed")));
 }
