@@ -47,18 +47,29 @@ class FrontendLinkTest : public ::testing::TestWithParam<int> {
   FrontendLinkTest() : key_(LoadOrCreateLinkSecret(dir_.path()).key) {}
 
   void StartFront(std::vector<std::string> extra = {}, std::string_view extra_cfg = "") {
-    link_port_ = testing::FreePort();
-    user_port_ = testing::FreePort();
-    user_port2_ = testing::FreePort();
-    testing::WriteFile(dir_ / "cluster.cfg",
-                       "Winsock IP^127.0.0.1\r\nWinsock Port^" + std::to_string(link_port_) +
-                           "\r\nFrontend Ports^" + std::to_string(user_port_) + "," +
-                           std::to_string(user_port2_) + "\r\nStation Text^GB7QX test\r\n" +
-                           "Frontend Threads^" + std::to_string(GetParam()) + "\r\n" +
-                           std::string(extra_cfg));
-    std::vector<std::string> args{"--home", dir_.path().string()};
-    args.insert(args.end(), extra.begin(), extra.end());
-    front_ = std::make_unique<ChildProcess>(QX_FRONT_BIN, args, dir_.path(), "qxfront");
+    // A port that was free when it was picked can be taken by a test running beside this one
+    // before qxfront binds it; qxfront then says so and ends, and is started on new ports.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      link_port_ = testing::FreePort();
+      user_port_ = testing::FreePort();
+      user_port2_ = testing::FreePort();
+      testing::WriteFile(dir_ / "cluster.cfg",
+                         "Winsock IP^127.0.0.1\r\nWinsock Port^" + std::to_string(link_port_) +
+                             "\r\nFrontend Ports^" + std::to_string(user_port_) + "," +
+                             std::to_string(user_port2_) + "\r\nStation Text^GB7QX test\r\n" +
+                             "Frontend Threads^" + std::to_string(GetParam()) + "\r\n" +
+                             std::string(extra_cfg));
+      std::vector<std::string> args{"--home", dir_.path().string()};
+      args.insert(args.end(), extra.begin(), extra.end());
+      front_ = std::make_unique<ChildProcess>(QX_FRONT_BIN, args, dir_.path(), "qxfront");
+      const std::string listening = "Listening on port " + std::to_string(user_port2_) + " ";
+      testing::WaitFor(
+          [&] {
+            return front_->Output().find(listening) != std::string::npos || !front_->Running();
+          },
+          15s);
+      if (front_->Running()) return;
+    }
   }
 
   // The node's side of the link-up on a connected socket: greeting, the challenge, our
