@@ -195,10 +195,12 @@ void AppendSpotJson(std::string& out, const Spot& spot, const SpotJsonFacts& fac
   End(out);
 }
 
-std::string AnnounceJson(SysTime time, std::string_view from, std::string_view to,
-                         std::string_view text) {
+namespace {
+// An announcement and a talk line carry the same fields; only the type differs.
+std::string MessageJson(std::string_view type, SysTime time, std::string_view from,
+                        std::string_view to, std::string_view text) {
   std::string out;
-  Begin(out, "announce");
+  Begin(out, type);
   StringKey(out, "time", IsoTime(time));
   StringKey(out, "from", from);
   StringKey(out, "to", to);
@@ -207,18 +209,16 @@ std::string AnnounceJson(SysTime time, std::string_view from, std::string_view t
   End(out);
   return out;
 }
+}  // namespace
+
+std::string AnnounceJson(SysTime time, std::string_view from, std::string_view to,
+                         std::string_view text) {
+  return MessageJson("announce", time, from, to, text);
+}
 
 std::string TalkJson(SysTime time, std::string_view from, std::string_view to,
                      std::string_view text) {
-  std::string out;
-  Begin(out, "talk");
-  StringKey(out, "time", IsoTime(time));
-  StringKey(out, "from", from);
-  StringKey(out, "to", to);
-  Key(out, "text");
-  AppendJsonString(out, text);
-  End(out);
-  return out;
+  return MessageJson("talk", time, from, to, text);
 }
 
 std::string PropagationJson(std::string_view kind, SysTime time, std::string_view line) {

@@ -169,35 +169,7 @@ pid_t SpawnBroker(const std::string& program, const fs::path& home, int port) {
         << "max_queued_messages 0\nlog_dest stdout\n";
     if (!out) Die("cannot write " + conf.string());
   }
-  int slot = -1;
-  for (int i = 0; i < kMaxChildren && slot < 0; ++i) {
-    if (g_children[i] <= 0) slot = i;
-  }
-  if (slot < 0) Die("too many child programs");
-  const std::string out_path = (home / "mosquitto.out").string();
-  const std::string conf_text = conf.string();
-  sigset_t stopping, before;
-  sigemptyset(&stopping);
-  sigaddset(&stopping, SIGINT);
-  sigaddset(&stopping, SIGTERM);
-  ::sigprocmask(SIG_BLOCK, &stopping, &before);
-  const pid_t pid = ::fork();
-  if (pid < 0) Die(std::string("fork: ") + std::strerror(errno));
-  if (pid == 0) {
-    ::sigprocmask(SIG_SETMASK, &before, nullptr);
-    const int fd = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd >= 0) {
-      ::dup2(fd, 1);
-      ::dup2(fd, 2);
-      ::close(fd);
-    }
-    const char* argv[] = {program.c_str(), "-c", conf_text.c_str(), nullptr};
-    ::execv(program.c_str(), const_cast<char* const*>(argv));
-    std::_Exit(127);
-  }
-  g_children[slot] = pid;
-  ::sigprocmask(SIG_SETMASK, &before, nullptr);
-  return pid;
+  return SpawnArgs({program, "-c", conf.string()}, (home / "mosquitto.out").string());
 }
 
 // ---------------------------------------------------------------------------------------

@@ -98,15 +98,17 @@ inline void SetUpTool(const char* name) {
   std::exit(1);
 }
 
-// Starts `program --home home` with its output in home/<log_name>.out.
-inline pid_t Spawn(const std::string& program, const fs::path& home, const std::string& log_name) {
+// Starts program with args (program name first) and its output in out_path; the child is
+// stopped with the others.
+inline pid_t SpawnArgs(const std::vector<std::string>& args, const std::string& out_path) {
   int slot = -1;
   for (int i = 0; i < kMaxChildren && slot < 0; ++i) {
     if (g_children[i] <= 0) slot = i;
   }
   if (slot < 0) Die("too many child programs");
-  const std::string out = (home / (log_name + ".out")).string();
-  const std::string home_text = home.string();
+  std::vector<char*> argv;
+  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
   // No stopping signal between the fork and the child's entry in the table: it would be
   // left running.
   sigset_t stopping, before;
@@ -118,19 +120,23 @@ inline pid_t Spawn(const std::string& program, const fs::path& home, const std::
   if (pid < 0) Die(std::string("fork: ") + std::strerror(errno));
   if (pid == 0) {
     ::sigprocmask(SIG_SETMASK, &before, nullptr);
-    const int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int fd = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd >= 0) {
       ::dup2(fd, 1);
       ::dup2(fd, 2);
       ::close(fd);
     }
-    const char* argv[] = {program.c_str(), "--home", home_text.c_str(), nullptr};
-    ::execv(program.c_str(), const_cast<char* const*>(argv));
+    ::execv(argv[0], argv.data());
     std::_Exit(127);
   }
   g_children[slot] = pid;
   ::sigprocmask(SIG_SETMASK, &before, nullptr);
   return pid;
+}
+
+// Starts `program --home home` with its output in home/<log_name>.out.
+inline pid_t Spawn(const std::string& program, const fs::path& home, const std::string& log_name) {
+  return SpawnArgs({program, "--home", home.string()}, (home / (log_name + ".out")).string());
 }
 
 // ---------------------------------------------------------------------------------------

@@ -177,8 +177,7 @@ TEST_F(NodeAdminTest, TheLiveViewWorksBehindAProxyAndTheRestartButtonKeepsUsers)
   EXPECT_EQ(proxied.Connect(node.console_port(), login_.cookie, "https://cluster.example.org"),
             101);
   WsClient stranger;
-  EXPECT_EQ(stranger.Connect(node.console_port(), login_.cookie, "https://evil.example.net"),
-            403);
+  EXPECT_EQ(stranger.Connect(node.console_port(), login_.cookie, "https://evil.example.net"), 403);
 
   Post("restart", json{{"confirm", true}});
   ASSERT_TRUE(node.WaitOutput("Recovery complete", 2)) << node.node().Output();
