@@ -679,8 +679,19 @@ ConsoleResult NodeConsoleModel::RemoveNode(std::string_view call) {
   if (!WriteCfgFile(node_.config_, node_.dir_)) {
     return ConsoleResult::Fail("cannot write cluster.cfg");
   }
+  // The node's password goes with it: a row left behind would still let the call log in
+  // with it (as a user) and would come back unasked if the node were defined again.
+  const std::string upper = ToUpper(Trim(call));
+  const auto text = ReadFileText(node_.dir_.Data("files") / "passwords.dat");
+  bool password_removed = false;
+  const std::string next =
+      AccessLists::RemovePasswordRows(text ? *text : std::string(), upper, &password_removed);
+  if (password_removed && !WritePasswords(next)) {
+    return ConsoleResult::Fail("cannot write data/files/passwords.dat");
+  }
   node_.ApplySettings();
-  node_.log_.Write("Console", "Sysop removed node " + ToUpper(Trim(call)));
+  node_.log_.Write("Console",
+                   "Sysop removed node " + upper + (password_removed ? " and its password" : ""));
   return ConsoleResult::Ok();
 }
 

@@ -121,6 +121,15 @@ TEST_F(NodeAdminTest, NeighboursLinksAndUsersAreManagedFromTheConsole) {
   peer->SendLine("PC20^");
   ASSERT_TRUE(node.WaitOutput("Node link up: K7LEG")) << node.node().Output();
 
+  // A neighbour removed takes its password with it.
+  Post("nodes/save", {{"call", "K7PW"}, {"password", "Secret7"}});
+  EXPECT_THAT(ReadFileText(node.home() / "data/files/passwords.dat").value_or(""),
+              HasSubstr("K7PW"));
+  Post("nodes/remove", {{"call", "k7pw"}});
+  EXPECT_EQ(Get("links")["nodes"].size(), 1u);
+  EXPECT_THAT(ReadFileText(node.home() / "data/files/passwords.dat").value_or(""),
+              Not(HasSubstr("K7PW")));
+
   // An outgoing connection that cannot be opened says why.
   const int closed_port = FreePort();
   Post("links/save", {{"name", "K7OFF"},
