@@ -148,6 +148,10 @@ void DownloadManager::Fail(Entry& e, std::string why) {
 void DownloadManager::OnAnswer(const std::string& file, uint64_t generation, HttpGetResult r) {
   Entry* e = Find(file);
   if (!e || e->generation != generation) return;
+  if ((r.status == 200 || r.status == 304) && !r.url.empty() && r.url != e->source.url) {
+    Log("Download of " + e->source.file + ": " + e->source.url + " has moved to " + r.url +
+        "; the address in the settings can be changed to it");
+  }
   if (r.status == 304) {
     e->schedule.Succeeded(clock_.Now());
     e->record.last_success = clock_.Now();

@@ -10,7 +10,6 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
-#include <charconv>
 #include <optional>
 
 namespace qx {
@@ -67,6 +66,7 @@ asio::awaitable<void> Exchange(Stream& stream, const HttpGetRequest& req, const 
   result.body = std::move(response.body());
   result.last_modified = std::string(response[http::field::last_modified]);
   result.etag = std::string(response[http::field::etag]);
+  result.location = std::string(response[http::field::location]);
 }
 
 asio::awaitable<void> Run(std::shared_ptr<State> st, HttpGetRequest req, Url url,
@@ -108,47 +108,10 @@ asio::awaitable<void> Run(std::shared_ptr<State> st, HttpGetRequest req, Url url
 
 }  // namespace
 
-bool ParseUrl(std::string_view text, Url& out) {
-  Url u;
-  if (text.starts_with("https://")) {
-    u.https = true;
-    text.remove_prefix(8);
-  } else if (text.starts_with("http://")) {
-    text.remove_prefix(7);
-  } else {
-    return false;
-  }
-  const size_t slash = text.find_first_of("/?");
-  std::string_view authority = text.substr(0, slash);
-  u.target = slash == std::string_view::npos ? "/" : std::string(text.substr(slash));
-  if (u.target.front() == '?') u.target.insert(0, "/");
-  if (authority.find('@') != std::string_view::npos) return false;
-  u.port = u.https ? "443" : "80";
-  const size_t colon = authority.rfind(':');
-  if (colon != std::string_view::npos && authority.find(']', colon) == std::string_view::npos) {
-    const std::string_view port = authority.substr(colon + 1);
-    int value = 0;
-    const auto [end, ec] = std::from_chars(port.data(), port.data() + port.size(), value);
-    if (port.empty() || ec != std::errc() || end != port.data() + port.size() || value < 1 ||
-        value > 65535) {
-      return false;
-    }
-    u.port = std::string(port);
-    authority = authority.substr(0, colon);
-  }
-  if (authority.size() > 2 && authority.front() == '[' && authority.back() == ']') {
-    authority = authority.substr(1, authority.size() - 2);
-  }
-  if (authority.empty()) return false;
-  for (char c : authority) {
-    if (c <= ' ' || c == '/' || c == '[' || c == ']') return false;
-  }
-  u.host = std::string(authority);
-  out = std::move(u);
-  return true;
-}
+namespace {
 
-void HttpGet(asio::io_context& io, HttpGetRequest request,
+// One request, no redirects followed.
+void GetOnce(asio::io_context& io, HttpGetRequest request,
              std::function<void(HttpGetResult)> done) {
   Url url;
   if (!ParseUrl(request.url, url)) {
@@ -184,6 +147,51 @@ void HttpGet(asio::io_context& io, HttpGetRequest request,
                    st->lowest().socket().close(ignored);
                    done(std::move(*result));
                  });
+}
+
+bool IsRedirect(int status) {
+  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+constexpr int kMaxRedirects = 5;
+
+void Follow(asio::io_context& io, HttpGetRequest request, int redirects_left,
+            std::function<void(HttpGetResult)> done) {
+  const std::string asked = request.url;
+  GetOnce(
+      io, request,
+      [&io, request, redirects_left, asked, done = std::move(done)](HttpGetResult result) mutable {
+        result.url = asked;
+        if (!IsRedirect(result.status) || result.location.empty()) {
+          result.location.clear();
+          done(std::move(result));
+          return;
+        }
+        std::string next;
+        HttpGetResult failed;
+        failed.url = asked;
+        if (!ResolveRedirect(asked, result.location, next)) {
+          failed.error =
+              "redirected to an address that cannot be fetched: " + result.location.substr(0, 200);
+        } else if (asked.starts_with("https://") && !next.starts_with("https://")) {
+          failed.error = "refused a redirect from https to plain http: " + next;
+        } else if (redirects_left == 0) {
+          failed.error = "more than " + std::to_string(kMaxRedirects) + " redirects (the last to " +
+                         next + ")";
+        } else {
+          request.url = std::move(next);
+          Follow(io, std::move(request), redirects_left - 1, std::move(done));
+          return;
+        }
+        done(std::move(failed));
+      });
+}
+
+}  // namespace
+
+void HttpGet(asio::io_context& io, HttpGetRequest request,
+             std::function<void(HttpGetResult)> done) {
+  Follow(io, std::move(request), kMaxRedirects, std::move(done));
 }
 
 }  // namespace qx

@@ -13,18 +13,9 @@
 #include <string>
 #include <string_view>
 
+#include "downloads/url.h"
+
 namespace qx {
-
-struct Url {
-  bool https = false;
-  std::string host;
-  std::string port;    // "80" / "443" unless given
-  std::string target;  // path and query, "/" when empty
-};
-
-// "http://host[:port]/path" or "https://..."; false for anything else (other schemes,
-// user info, an empty host, a port that is no number).
-bool ParseUrl(std::string_view text, Url& out);
 
 struct HttpGetRequest {
   std::string url;
@@ -41,9 +32,14 @@ struct HttpGetResult {
   std::string body;
   std::string last_modified;
   std::string etag;
+  std::string url;       // the address that answered: the request's, or where redirects led
+  std::string location;  // a redirect's Location while it is followed; empty in results
 };
 
-// Runs the request; done is called exactly once, on the io_context's thread.
+// Runs the request; done is called exactly once, on the io_context's thread.  Redirects
+// (301, 302, 303, 307, 308) are followed up to five times, each step with the whole time
+// limit; one from https to plain http is refused, since it would hand reference data to
+// whoever sits on the path.
 void HttpGet(boost::asio::io_context& io, HttpGetRequest request,
              std::function<void(HttpGetResult)> done);
 

@@ -122,6 +122,22 @@ class DownloadManagerTest : public ::testing::Test {
   std::vector<std::string> log_;
 };
 
+// A file that moved is fetched from where it went, and the sysop is told the new address.
+TEST_F(DownloadManagerTest, AMovedFileIsFetchedAndTheNewAddressLogged) {
+  ServedFile moved;
+  moved.location = "/new/cty.dat";
+  server_.Serve("/cty/cty_wt_mod.dat", moved);
+  server_.Serve("/new/cty.dat", {CountryFile(12), "\"v3\""});
+  Fetch("cty_wt_mod.dat");
+  EXPECT_EQ(Status("cty_wt_mod.dat").outcome, "installed");
+  EXPECT_EQ(Installed("cty_wt_mod.dat"), CountryFile(12));
+  EXPECT_NE(std::find(log_.begin(), log_.end(),
+                      "Download of cty_wt_mod.dat: " + server_.Url("/cty/cty_wt_mod.dat") +
+                          " has moved to " + server_.Url("/new/cty.dat") +
+                          "; the address in the settings can be changed to it"),
+            log_.end());
+}
+
 TEST_F(DownloadManagerTest, NewFileIsInstalledAndHandedOnThenNotModified) {
   testing::WriteFile(dir_ / "files" / "cty_wt_mod.dat", CountryFile(10));
   server_.Serve("/cty/cty_wt_mod.dat", {CountryFile(12), "\"v2\""});

@@ -85,6 +85,60 @@ TEST(HttpGetTest, OversizeSilentAndUnreachableServersGiveAnError) {
   EXPECT_TRUE(r.error.starts_with("not an http or https address")) << r.error;
 }
 
+// Reference files move (a new host, http to https): the fetch follows where they went, and
+// says where it ended, but not round in circles.
+TEST(HttpGetTest, FollowsRedirectsAWayAndNoFurther) {
+  asio::io_context io;
+  HttpTestServer server(io);
+  ServeWwv(server);
+  ServedFile moved;
+  moved.location = "../text/wwv.txt#top";  // relative to /old/wwv.txt
+  server.Serve("/old/wwv.txt", moved);
+  moved.location = server.Url("/old/wwv.txt");
+  server.Serve("/older", moved);
+  moved.location = "/loop";
+  server.Serve("/loop", moved);
+  HttpGetRequest request;
+  request.url = server.Url("/older");
+  HttpGetResult r = Fetch(io, request);
+  EXPECT_EQ(r.status, 200) << r.error;
+  EXPECT_EQ(r.body, "Solar flux 140");
+  EXPECT_EQ(r.url, server.Url("/text/wwv.txt"));
+  EXPECT_EQ(server.requests().size(), 3u);
+
+  request.url = server.Url("/loop");
+  r = Fetch(io, request);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.error, "more than 5 redirects (the last to " + server.Url("/loop") + ")");
+  EXPECT_EQ(server.requests().size(), 3u + 6u);
+
+  std::string next;
+  const struct {
+    const char* base;
+    const char* location;
+    const char* expected;  // nullptr: refused
+  } kCases[] = {
+      {"https://a.example/x/y.txt?q=1", "z.txt", "https://a.example/x/z.txt"},
+      {"http://a.example:8080/x/y", "/z", "http://a.example:8080/z"},
+      {"https://a.example/x", "//b.example/z", "https://b.example/z"},
+      {"http://[::1]:81/x/y", "z", "http://[::1]:81/x/z"},
+      {"http://a.example/x/y/z", "../../w/./v?a=../b", "http://a.example/w/v?a=../b"},
+      {"http://a.example/x/y", "..", "http://a.example/"},
+      {"http://a.example/x", "https://b.example/", "https://b.example/"},
+      {"http://a.example/x", "ftp://b.example/", nullptr},
+      {"http://a.example/x", "mailto:a@b.example", nullptr},
+      {"http://a.example/x", "", nullptr},
+      {"http://a.example/x", "/a b", nullptr},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(c.base) + " + " + c.location);
+    EXPECT_EQ(ResolveRedirect(c.base, c.location, next), c.expected != nullptr);
+    if (c.expected) {
+      EXPECT_EQ(next, c.expected);
+    }
+  }
+}
+
 TEST(HttpGetTest, ParsesTheAddressesItCanFetch) {
   Url u;
   ASSERT_TRUE(ParseUrl("https://services.example.gov/text/wwv.txt", u));

@@ -1,7 +1,7 @@
 // A small HTTP server on a loopback port for the code that downloads: files by path, each
-// answered 200 with its text, 304 when the request brings back the file's validator, and 404
-// for anything else.  It runs on the caller's io_context, or, built without one, on a thread
-// of its own so that the real programs can fetch from it.
+// answered 200 with its text, 304 when the request brings back the file's validator, 302 when
+// it has moved, and 404 for anything else.  It runs on the caller's io_context, or, built without
+// one, on a thread of its own so that the real programs can fetch from it.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -28,6 +28,7 @@ struct ServedFile {
   std::string last_modified;  // sent as Last-Modified; If-Modified-Since with it gets 304
   size_t short_by = 0;
   bool silent = false;
+  std::string location;  // when set, the answer is a 302 to it
 };
 
 class HttpTestServer {
@@ -101,7 +102,10 @@ class HttpTestServer {
         return !value.empty() &&
                request.find(std::string(header) + ": " + value + "\r\n") != std::string::npos;
       };
-      if (carries("If-None-Match", f.etag) || carries("If-Modified-Since", f.last_modified)) {
+      if (!f.location.empty()) {
+        *reply = "HTTP/1.1 302 Found\r\nLocation: " + f.location + "\r\nContent-Length: 0\r\n\r\n";
+      } else if (carries("If-None-Match", f.etag) ||
+                 carries("If-Modified-Since", f.last_modified)) {
         *reply = "HTTP/1.1 304 Not Modified\r\nContent-Length: 0\r\n\r\n";
       } else {
         *reply = "HTTP/1.1 200 OK\r\n" + (f.etag.empty() ? "" : "ETag: " + f.etag + "\r\n") +
