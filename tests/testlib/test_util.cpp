@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -38,18 +39,27 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
+// A port from the kernel's own choice (bind to 0) lies in the ephemeral range, which the
+// kernel also hands out as the source port of every outgoing connection: between the test
+// picking it and the program binding it, any test's connect could take it, and the program
+// would fail to listen.  So ports come from below that range, each process starting at its
+// own place and never handing out one twice, and only a port that binds now is given.
 int FreePort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  socklen_t len = sizeof addr;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  const int port = ntohs(addr.sin_port);
-  ::close(fd);
-  return port;
+  constexpr int kFirst = 20000;
+  constexpr int kCount = 12000;  // up to 31999: below the usual ephemeral range (32768-60999)
+  static std::atomic<int> next{int(std::random_device{}() % kCount)};
+  for (int tries = 0; tries < kCount; ++tries) {
+    const int port = kFirst + next.fetch_add(1) % kCount;
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    ::close(fd);
+    if (bound) return port;
+  }
+  return 0;
 }
 
 int ListenLoopback(int port) {
