@@ -62,7 +62,8 @@ class NodeRingTest : public NodeSiteTest {
       const std::string call(*(user_calls.begin() + n));
       u.ClearReceived();
       first.SendLine("TALK " + call + " " + t + " talk");
-      EXPECT_TRUE(u.ReadUntil(call + " de " + first_call + ": " + t + " talk")) << t << u.received();
+      EXPECT_TRUE(u.ReadUntil(call + " de " + first_call + ": " + t + " talk"))
+          << t << u.received();
       first.ClearReceived();
       u.SendLine("TALK " + first_call + " " + t + " answer");
       EXPECT_TRUE(first.ReadUntil(t + " answer")) << t << first.received();
