@@ -29,7 +29,9 @@ TEST(UserFileName, DropsTheSsidWritesSlashAsPAndSplitsSetsAtSixteen) {
                {"A B", "", 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.call);
-    if (c.file) EXPECT_EQ(UserFileName(c.call), c.file);
+    if (c.file) {
+      EXPECT_EQ(UserFileName(c.call), c.file);
+    }
     EXPECT_EQ(SettingsSet(c.call), c.set);
   }
 }
