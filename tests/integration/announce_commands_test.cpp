@@ -75,8 +75,9 @@ TEST_F(AnnounceCommandsTest, AnnouncementsAreKeptLimitedAndListedAfterARestart) 
   EXPECT_THAT(Command(*quiet, "SH/NAME"), Not(HasSubstr("five")));
 }
 
-TEST_F(AnnounceCommandsTest, DxTestReachesOnlyTheUserAndLeavesNoTrace) {
+TEST_F(AnnounceCommandsTest, DxTestLeavesNoTraceShowDxFormsCombineAndSpoofIsTheSysops) {
   NodeSite a("K1QXA");
+  a.Password("K1SYS", "secret", 5);
   a.Start();
   auto tester = a.LogIn("W1TST");
   auto other = a.LogIn("W2OTH");
@@ -101,12 +102,8 @@ TEST_F(AnnounceCommandsTest, DxTestReachesOnlyTheUserAndLeavesNoTrace) {
   }
   EXPECT_THAT(Command(*other, "SH/DX INFO SSB"), HasSubstr("K1ABD"));
   EXPECT_THAT(Command(*other, "SH/DX ON 17Q"), HasSubstr("SH/DX ON 17Q command error"));
-}
 
-TEST_F(AnnounceCommandsTest, SpoofRunsACommandAsAnotherUserForTheSysopOnly) {
-  NodeSite a("K1QXA");
-  a.Password("K1SYS", "secret", 5);
-  a.Start();
+  // SPOOF runs a command as another user, for the sysop only.
   auto sysop = a.LogIn("K1SYS", "secret");
   auto user = a.LogIn("W1USR");
   std::string reply = Command(*sysop, "SPOOF W1USR SET/NAME Bobby");

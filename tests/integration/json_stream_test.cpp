@@ -1,7 +1,7 @@
 // Programs' JSON streams through the real node, with the test playing the front-end on the
-// link: it proves itself with the link secret, opens user and WebSocket streams with AA03,
-// reads what the node sends each stream, and reports the streams back with AA38 when the
-// node restarts, as the front-end does.
+// link: it proves itself with the link secret, opens user, WebSocket and HTTP streams with
+// AA03 and reads what the node sends each stream.  (Resuming, also over a node restart, runs
+// through the real front-end in program_stream_test.)
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -33,12 +33,8 @@ class LinkPlayer {
   }
   bool ok() const { return ok_; }
 
-  // Takes the node's connection and proves itself; then answers the stream report with
-  // `report` (the AA01 and AA38 records).
-  bool Handshake(const std::string& key, const std::string& report) {
-    if (conn_ >= 0) ::close(conn_);
-    conn_ = -1;
-    raw_.clear();
+  // Takes the node's connection, proves itself and reports no streams.
+  bool Handshake(const std::string& key) {
     pollfd p{listen_fd_, POLLIN, 0};
     if (::poll(&p, 1, 20000) != 1) return false;
     conn_ = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
@@ -53,7 +49,7 @@ class LinkPlayer {
     Send("QRV GB7TEST^1.0^" + FrontLinkProof(key, node_nonce, fe_nonce) + "\x03");
     if (!ReadRaw("8270")) return false;
     raw_.clear();
-    Send(report);
+    Send("AA01^0^\x03");
     return true;
   }
   void Send(std::string_view text) { ::send(conn_, text.data(), text.size(), MSG_NOSIGNAL); }
@@ -79,13 +75,6 @@ class LinkPlayer {
   bool Closed(int stream) {
     Pump(0ms);
     return closed_.count(stream) != 0;
-  }
-  // The AA38 record the front-end would report for the stream.
-  std::string Recovery(int stream, std::string_view kind) {
-    Pump(0ms);
-    return "AA38^" + std::to_string(stream) + "^" + std::to_string(stream) + "^192.0.2." +
-           std::to_string(stream) + ":5000^0^" + identity_[stream] + "^" + std::string(kind) + "^" +
-           attributes_[stream] + "\x03";
   }
   // The JSON objects the stream got, in order.
   std::vector<json> Objects(int stream) {
@@ -134,10 +123,6 @@ class LinkPlayer {
                                         size_t(el.back().data() - el[2].data()) - 1);
       } else if (code == "1") {
         closed_.insert(stream);
-      } else if (code == "3" && el.size() >= 4) {
-        identity_[stream] = std::string(el[2]) + "^" + std::string(el[3]);
-      } else if (code == "5" && el.size() >= 4) {
-        attributes_[stream] = std::string(el[2]);
       } else if (code == "6") {
         Send("AA21\x03");
       }
@@ -150,8 +135,6 @@ class LinkPlayer {
   bool ok_ = false;
   std::string raw_;
   std::map<int, std::string> text_;
-  std::map<int, std::string> identity_;
-  std::map<int, std::string> attributes_;
   std::set<int> closed_;
 };
 
@@ -168,7 +151,7 @@ class JsonStreamTest : public SystemFixture {
     ASSERT_FALSE(key_.empty());
     ASSERT_TRUE(link_.ok());
     StartNode();
-    ASSERT_TRUE(link_.Handshake(key_, "AA01^0^\x03"));
+    ASSERT_TRUE(link_.Handshake(key_));
     // A user who spots, logged in through the dialogue.
     link_.Open(1, "in");
     ASSERT_TRUE(link_.WaitText(1, "login: "));
@@ -186,63 +169,9 @@ class JsonStreamTest : public SystemFixture {
     link_.Line(1, "DX " + std::string(freq) + " " + std::string(dx) + " " + mark);
     ASSERT_TRUE(link_.WaitText(1, mark)) << link_.Text(1);
   }
-  static std::vector<uint64_t> SpotIds(const std::vector<json>& objects) {
-    std::vector<uint64_t> ids;
-    for (const json& j : objects) {
-      if (j["type"] == "spot") ids.push_back(j["id"].get<uint64_t>());
-    }
-    return ids;
-  }
-
   std::string key_;
   LinkPlayer link_{link_port_};
 };
-
-TEST_F(JsonStreamTest, ResumesExactlyTheMissedSpotsAlsoAfterANodeRestart) {
-  link_.Open(2, "ws:/stream");
-  ASSERT_TRUE(link_.WaitText(2, "\"type\":\"hello\""));
-  SpotDx("K1AAA");
-  SpotDx("K1BBB");
-  SpotDx("K1CCC");
-  ASSERT_TRUE(link_.WaitText(2, "K1CCC"));
-  const std::vector<uint64_t> live = SpotIds(link_.Objects(2));
-  ASSERT_EQ(live.size(), 3u);
-  EXPECT_LT(live[0], live[1]);
-  EXPECT_LT(live[1], live[2]);
-
-  // A client that saw the first spot: the other two, once each, then live.
-  link_.Open(3, "ws:/stream?since=" + std::to_string(live[0]));
-  ASSERT_TRUE(link_.WaitText(3, "K1CCC"));
-  EXPECT_EQ(SpotIds(link_.Objects(3)), (std::vector<uint64_t>{live[1], live[2]}));
-  // A poll from the same point, one spot at a time.
-  link_.Open(4, "http:/spots?since=" + std::to_string(live[0]) + "&limit=1");
-  ASSERT_TRUE(WaitFor([&] { return link_.Closed(4); }));
-  const std::string poll = link_.Text(4);
-  ASSERT_TRUE(poll.starts_with("Status: 200\r\n")) << poll;
-  const json body = json::parse(poll.substr(poll.find("\r\n") + 2));
-  ASSERT_EQ(body.size(), 1u);
-  EXPECT_EQ(body[0]["id"], live[1]);
-  EXPECT_EQ(body[0]["dx"]["call"], "K1BBB");
-
-  // The node restarts under the streams: the WebSocket stream is reported back and gets
-  // neither a greeting nor a replay, only what comes next.
-  const std::string report = link_.Recovery(1, "in") + link_.Recovery(2, "ws:/stream");
-  node_->Stop();
-  StartNode();
-  ASSERT_TRUE(link_.Handshake(key_, "AA01^2^1,2\x03" + report));
-  const size_t before = link_.Objects(2).size();
-  SpotDx("K1DDD");
-  ASSERT_TRUE(link_.WaitText(2, "K1DDD"));
-  const std::vector<json> after = link_.Objects(2);
-  ASSERT_EQ(after.size(), before + 1) << link_.Text(2);
-  const uint64_t fourth = after.back()["id"].get<uint64_t>();
-  EXPECT_GT(fourth, live[2]);
-
-  // A client that saw only the first spot before the restart resumes from the day file.
-  link_.Open(5, "ws:/stream?since=" + std::to_string(live[0]));
-  ASSERT_TRUE(link_.WaitText(5, "K1DDD"));
-  EXPECT_EQ(SpotIds(link_.Objects(5)), (std::vector<uint64_t>{live[1], live[2], fourth}));
-}
 
 TEST_F(JsonStreamTest, FiltersGapsAndRefusals) {
   // A stream's own rules, as ACCEPT/REJECT take them.

@@ -1,5 +1,6 @@
 // Real nodes linked on loopback: each with its own front-end, linked through outgoing
-// connections; users on each node see what users on the others do, exactly once.
+// connections; users on each node see what users on the others do, exactly once, also after a
+// node restarts (which its neighbours must not notice) and after a link is cut and comes back.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,23 +15,70 @@ using namespace std::chrono_literals;
 
 class NodeRingTest : public NodeSiteTest {
  protected:
-  // Short timers so that links come back within the test's patience.
-  static void Fast(NodeSite& s) {
-    s.Setting("Connection Retry", "2");
-    s.Setting("Node First Ping", "1");
-  }
-  // Every site defines every other one as a PC9x node.
+  // Every site defines every other one as a PC9x node, with short timers so that links come
+  // back within the test's patience.
   static void DefineAll(std::initializer_list<NodeSite*> sites) {
     for (NodeSite* s : sites) {
-      Fast(*s);
+      s->Setting("Connection Retry", "2");
+      s->Setting("Node First Ping", "1");
       for (NodeSite* o : sites) {
         if (o != s) s->Define(o->call());
       }
     }
   }
+  // Restarts the node of s; the others' links must not notice.
+  static void RestartNode(NodeSite& s, std::initializer_list<NodeSite*> others) {
+    ASSERT_EQ(s.node().Stop(), 0);
+    s.StartNode();
+    ASSERT_TRUE(s.WaitOutput("Recovery complete")) << s.node().Output();
+    ASSERT_TRUE(s.WaitOutput("Network view taken back")) << s.node().Output();
+    EXPECT_EQ(s.node().Output().find("Node link up"), std::string::npos) << s.node().Output();
+    for (NodeSite* o : others) {
+      const std::string out = o->node().Output();
+      EXPECT_EQ(out.find("Node link closed"), std::string::npos) << o->call() << out;
+      EXPECT_EQ(out.find("starts the link again"), std::string::npos) << o->call() << out;
+    }
+  }
+  // Every user of every node is listed at each user, talk between the first user and each
+  // other one arrives both ways, and an announcement of the first arrives once everywhere.
+  static void ExpectWholeNetwork(std::initializer_list<NodeSite*> sites,
+                                 std::initializer_list<LineClient*> users,
+                                 std::initializer_list<std::string_view> user_calls,
+                                 std::string_view tag) {
+    std::vector<std::string_view> all(user_calls);
+    for (NodeSite* s : sites) all.push_back(s->call());
+    for (LineClient* u : users) {
+      std::string missing;
+      for (std::string_view call : all) {
+        if (!ConfigurationMissing(*u, {call}).empty()) missing += std::string(call) + " ";
+      }
+      EXPECT_EQ(missing, "") << tag;
+    }
+    LineClient& first = **users.begin();
+    const std::string first_call(*user_calls.begin());
+    const std::string t(tag);
+    for (size_t n = 1; n < users.size(); ++n) {
+      LineClient& u = **(users.begin() + n);
+      const std::string call(*(user_calls.begin() + n));
+      u.ClearReceived();
+      first.SendLine("TALK " + call + " " + t + " talk");
+      EXPECT_TRUE(u.ReadUntil(call + " de " + first_call + ": " + t + " talk"))
+          << t << u.received();
+      first.ClearReceived();
+      u.SendLine("TALK " + first_call + " " + t + " answer");
+      EXPECT_TRUE(first.ReadUntil(t + " answer")) << t << first.received();
+    }
+    for (LineClient* u : users) u->ClearReceived();
+    first.SendLine("ANNOUNCE FULL " + t + " news");
+    for (LineClient* u : users) {
+      if (u == &first) continue;
+      EXPECT_TRUE(u->ReadUntil(t + " news")) << t << u->received();
+      EXPECT_EQ(CountAfterDrain(*u, t + " news"), 1u) << t;
+    }
+  }
 };
 
-TEST_F(NodeRingTest, TwoNodesShareSpotsAnnouncementsTalkAndUserInformation) {
+TEST_F(NodeRingTest, TwoNodesShareEverythingAndEachRestartsWithoutTheOtherNoticing) {
   NodeSite a("K1QXA"), b("K2QXB");
   DefineAll({&a, &b});
   b.Outgoing(a.call(), a.user_port());
@@ -52,38 +100,36 @@ TEST_F(NodeRingTest, TwoNodesShareSpotsAnnouncementsTalkAndUserInformation) {
   ASSERT_TRUE(probe->ReadUntil("(Y or N) >")) << probe->received();
   probe->SendLine("y");
   ASSERT_TRUE(probe->ReadUntil("Cluster: 2 nodes  2 Locals  3 Total users")) << probe->received();
+  probe.reset();
 
   ua->SendLine("DX 14025.0 JA1ABC loopback test");
   ASSERT_TRUE(ub->ReadUntil("JA1ABC"))
       << ub->received() << (ua->Drain(500ms), ua->received()) << Logs(a) << Logs(b);
   EXPECT_THAT(ub->received(), HasSubstr("DX de W1AAA:"));
   EXPECT_EQ(CountAfterDrain(*ub, "JA1ABC"), 1u);
-  ub->ClearReceived();
-
-  ua->SendLine("ANNOUNCE FULL hello network");
-  ASSERT_TRUE(ub->ReadUntil("To ALL de W1AAA: hello network")) << ub->received();
-  EXPECT_EQ(CountAfterDrain(*ub, "hello network"), 1u);
-  ub->ClearReceived();
-
-  ua->SendLine("TALK W2BBB hi there");
-  ASSERT_TRUE(ub->ReadUntil("W2BBB de W1AAA: hi there")) << ub->received();
-  ub->ClearReceived();
+  ExpectWholeNetwork({&a, &b}, {ua.get(), ub.get()}, {"W1AAA", "W2BBB"}, "fresh");
 
   ua->SendLine("SET/NAME Bertram");
   ASSERT_TRUE(ua->ReadUntil(">"));
-  const auto local = b.home() / "data/user/W1AAA.dat";
-  const auto remote = b.home() / "data/userRemote/W1AAA.dat";
   EXPECT_TRUE(WaitFor([&] {
-    for (const auto& p : {local, remote}) {
-      if (std::filesystem::exists(p) && ReadFile(p).find("Bertram") != std::string::npos) {
-        return true;
-      }
+    for (const char* dir : {"data/user/W1AAA.dat", "data/userRemote/W1AAA.dat"}) {
+      const auto text = ReadFileText(b.home() / dir);
+      if (text && text->find("Bertram") != std::string::npos) return true;
     }
     return false;
   })) << "no record of W1AAA on the other node";
+
+  RestartNode(a, {&b});  // the accepting side
+  ExpectWholeNetwork({&a, &b}, {ua.get(), ub.get()}, {"W1AAA", "W2BBB"}, "first");
+  RestartNode(b, {&a});  // the calling side
+  ExpectWholeNetwork({&a, &b}, {ub.get(), ua.get()}, {"W2BBB", "W1AAA"}, "second");
+  ua->ClearReceived();
+  ub->SendLine("DX 14025.0 JA1XYZ after two restarts");
+  ASSERT_TRUE(ua->ReadUntil("JA1XYZ")) << ua->received();
+  EXPECT_EQ(CountAfterDrain(*ua, "JA1XYZ"), 1u);
 }
 
-TEST_F(NodeRingTest, ThreeNodesInARingDeliverOnceAndHealAfterADisconnect) {
+TEST_F(NodeRingTest, ThreeNodeRingDeliversOnceOverARestartAndHealsAfterADisconnect) {
   NodeSite a("K1QXA"), b("K2QXB"), c("K3QXC");
   DefineAll({&a, &b, &c});
   // A calls B again only after a few seconds: time to look at the network without that link.
@@ -100,21 +146,18 @@ TEST_F(NodeRingTest, ThreeNodesInARingDeliverOnceAndHealAfterADisconnect) {
   auto ub = b.LogIn("W2BBB");
   auto uc = c.LogIn("W3CCC");
   ASSERT_TRUE(WaitUntilListed(*ub, "W3CCC")) << ub->received();
-  ub->ClearReceived();
+  ASSERT_TRUE(WaitUntilListed(*ub, "W1AAA")) << ub->received();
 
-  ua->SendLine("DX 7012.0 JA1XYZ ring spot");
-  ASSERT_TRUE(ub->ReadUntil("JA1XYZ")) << ub->received();
-  ASSERT_TRUE(uc->ReadUntil("JA1XYZ")) << uc->received();
-  EXPECT_EQ(CountAfterDrain(*ub, "JA1XYZ"), 1u);
-  EXPECT_EQ(CountAfterDrain(*uc, "JA1XYZ"), 1u);
-  EXPECT_EQ(CountAfterDrain(*ua, "JA1XYZ"), 1u);  // the spotter's own node shows it once
-
-  ub->SendLine("ANNOUNCE FULL ring announcement");
-  ASSERT_TRUE(ua->ReadUntil("To ALL de W2BBB: ring announcement")) << ua->received();
-  ASSERT_TRUE(uc->ReadUntil("To ALL de W2BBB: ring announcement")) << uc->received();
-  EXPECT_EQ(CountAfterDrain(*ua, "ring announcement"), 1u);
-  EXPECT_EQ(CountAfterDrain(*uc, "ring announcement"), 1u);
-
+  RestartNode(b, {&a, &c});
+  ExpectWholeNetwork({&a, &b, &c}, {ub.get(), ua.get(), uc.get()}, {"W2BBB", "W1AAA", "W3CCC"},
+                     "ring");
+  for (LineClient* u : {ua.get(), ub.get(), uc.get()}) u->ClearReceived();
+  ub->SendLine("DX 7012.0 JA1XYZ ring spot");
+  for (LineClient* u : {ua.get(), uc.get()}) {
+    ASSERT_TRUE(u->ReadUntil("JA1XYZ")) << u->received();
+    EXPECT_EQ(CountAfterDrain(*u, "JA1XYZ"), 1u);
+  }
+  EXPECT_EQ(CountAfterDrain(*ub, "JA1XYZ"), 1u);  // the spotter's own node shows it once
   uc->SendLine("TALK W1AAA over the ring");
   ASSERT_TRUE(ua->ReadUntil("W1AAA de W3CCC: over the ring")) << ua->received();
   EXPECT_EQ(CountAfterDrain(*ua, "over the ring"), 1u);

@@ -1,7 +1,9 @@
 // Programs through the real front-end and node together: a WebSocket client gets every spot as
-// JSON, picks up exactly where it left off after a disconnect, keeps its stream while the node
-// restarts, a poll answers the same spots, and a long resume comes whole and in order.
+// JSON, picks up exactly where it left off after a disconnect (also from the day file after a
+// node restart), keeps its stream while the node restarts, a poll answers the same spots, and
+// a long resume comes whole and in order.
 #include <algorithm>
+#include <functional>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -119,20 +121,39 @@ TEST(ProgramStreamTest, AClientResumesExactlyAndKeepsItsStreamOverANodeRestart) 
   user->SendLine("DX 14040.0 K4ABC after the restart");
   got = again.Messages(HasSpots(3));
   again.Messages([](const auto&) { return false; }, 1500ms);  // anything more would be a repeat
-  EXPECT_EQ(SpotCalls(again.Messages([](const auto&) { return true; })),
-            (std::vector<std::string>{"K2ABC", "K3ABC", "K4ABC"}));
+  got = again.Messages([](const auto&) { return true; });
+  const std::vector<std::string> after{"K2ABC", "K3ABC", "K4ABC"};
+  EXPECT_EQ(SpotCalls(got), after);
+  // Neither a second greeting; and the numbers go on rising over the restart.
+  EXPECT_EQ(std::count_if(got.begin(), got.end(),
+                          [](const json& m) { return m.value("type", "") == "hello"; }),
+            1);
+  std::vector<uint64_t> ids;
+  for (const json& m : got) {
+    if (m.value("type", "") == "spot") ids.push_back(m["id"]);
+  }
+  EXPECT_TRUE(std::adjacent_find(ids.begin(), ids.end(), std::greater_equal<>()) == ids.end());
+  // A client that saw only the first spot before the restart resumes from the day file.
+  WsClient late;
+  ASSERT_TRUE(late.Open(web_port, "/stream?since=" + std::to_string(seen)));
+  EXPECT_EQ(SpotCalls(late.Messages(HasSpots(3))), after);
 
-  // A program that polls gets the same spots as an array.
-  LineClient poll;
-  ASSERT_TRUE(poll.Connect(web_port));
-  poll.Send("GET /spots?since=" + std::to_string(seen) + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
-  poll.WaitClosed();
-  const std::string& answer = poll.received();
-  ASSERT_THAT(answer, ::testing::StartsWith("HTTP/1.1 200 ")) << answer;
-  const json spots = json::parse(answer.substr(answer.find("\r\n\r\n") + 4));
-  ASSERT_TRUE(spots.is_array());
-  EXPECT_EQ(SpotCalls(spots.get<std::vector<json>>()),
-            (std::vector<std::string>{"K2ABC", "K3ABC", "K4ABC"}));
+  // A program that polls gets the same spots as an array, as many as it asks for.
+  const auto poll = [&](const std::string& query) {
+    LineClient client;
+    EXPECT_TRUE(client.Connect(web_port));
+    client.Send("GET /spots?" + query + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    client.WaitClosed();
+    const std::string& answer = client.received();
+    EXPECT_THAT(answer, ::testing::StartsWith("HTTP/1.1 200 ")) << answer;
+    const size_t body = answer.find("\r\n\r\n");
+    const json spots = body == std::string::npos ? json() : json::parse(answer.substr(body + 4));
+    EXPECT_TRUE(spots.is_array()) << answer;
+    return spots.is_array() ? SpotCalls(spots.get<std::vector<json>>())
+                            : std::vector<std::string>{};
+  };
+  EXPECT_EQ(poll("since=" + std::to_string(seen)), after);
+  EXPECT_EQ(poll("since=" + std::to_string(seen) + "&limit=1"), std::vector<std::string>{"K2ABC"});
 }
 
 // A distinct call per spot number: "DL" with a digit and three letters.

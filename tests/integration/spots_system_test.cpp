@@ -15,43 +15,6 @@ using ::testing::Not;
 
 class SpotsSystemTest : public SystemFixture {};
 
-// The "DX de" body is fixed in 66 columns; the time follows in columns 71-75.
-TEST_F(SpotsSystemTest, SpotReachesOtherUserAsExactLine) {
-  StartAll();
-  auto a = LogIn("DL1ABC", "Hans");
-  auto b = LogIn("K1XYZ", "Joe");
-  a->SendLine("DX 14025 K1ABC test");
-  ASSERT_TRUE(b->ReadUntil("\r\n")) << b->received();
-  const std::string line = b->received().substr(0, b->received().find("\r\n"));
-  ASSERT_EQ(line.size(), 75u) << line;
-  EXPECT_EQ(line.substr(0, 66),
-            "DX de DL1ABC:    14025.0  K1ABC        test                       ");
-  EXPECT_EQ(line.substr(66, 4), "    ");
-  EXPECT_EQ(line[74], 'Z');
-  // The spotter sees it too, and gets the prompt after it.
-  EXPECT_TRUE(a->ReadUntil("QXC >"));
-  EXPECT_THAT(a->received(), HasSubstr("DX de DL1ABC:    14025.0  K1ABC"));
-}
-
-// The columns behind the time come from the spotter's session (its locator), the state table
-// read at start-up and the DX call's country; posting counts in the spotter's record.
-TEST_F(SpotsSystemTest, ExtraColumnsAndSpotsPostedEndToEnd) {
-  WriteFile(home() / "data/files/states.dat", "K1XYZ MA\n");
-  StartAll();
-  auto a = LogIn("DL1ABC", "Hans");
-  auto b = LogIn("K1XYZ", "Joe");
-  for (const char* line : {"SET/WIDTH 100", "SET/GRIDSQUARE", "SET/DXSQTH", "SET/DXCQ"}) {
-    Command(*a, line);
-  }
-  b->ClearReceived();
-  b->SendLine("SET/QRA FN42");
-  ASSERT_TRUE(b->ReadUntil("Grid set to FN42"));
-  b->SendLine("DX 14025 DL2ZZZ test");
-  ASSERT_TRUE(a->ReadUntil("Z FN42 MA CQ14\r\n")) << a->received();
-  ASSERT_TRUE(b->ReadUntil("DL2ZZZ"));
-  EXPECT_THAT(Command(*b, "STAT/USER"), HasSubstr("  Spots posted: 1\r\n"));
-}
-
 // A companion client that names itself gets the enhanced sentence in place of the line, with
 // what the node knows of the spot, and keeps it when the node restarts; a plain user keeps
 // the line.
@@ -85,42 +48,57 @@ TEST_F(SpotsSystemTest, CompanionClientGetsTheEnhancedSentenceAcrossARestart) {
   EXPECT_THAT(client->received(), HasSubstr("QX11^1^14030.0^DL3ZZZ^"));
 }
 
-// Chr 4 ends every message from the node to the front-end; typed into a comment it must be
-// gone before the node sees it, or the spot would be stored with it and cut every list
-// that shows it.  A character-mode client's corrections are applied on the way, too.
-TEST_F(SpotsSystemTest, ControlCharactersTypedIntoASpotNeverReachTheNode) {
+// What users see of spots on one node: the exact "DX de" line, control characters dropped on
+// the way in, refusals, SH/DX order, the beep setting, and the extra columns behind the time.
+TEST_F(SpotsSystemTest, LinesListsRefusalsAndExtraColumnsEndToEnd) {
+  WriteFile(home() / "data/files/states.dat", "K1XYZ MA\n");
   StartAll();
   auto a = LogIn("DL1ABC", "Hans");
   auto b = LogIn("K1XYZ", "Joe");
-  ASSERT_TRUE(a->Send("DX 14025 K1ABC cq\x04 tesx\bt \x1b[1mup\x1b[0m\r\n"));
+  // The "DX de" body is fixed in 66 columns; the time follows in columns 71-75.
+  a->SendLine("DX 14025 K1ABC test");
   ASSERT_TRUE(b->ReadUntil("\r\n")) << b->received();
-  EXPECT_THAT(b->received(), HasSubstr("DX de DL1ABC:    14025.0  K1ABC        cq test up     "));
+  std::string line = b->received().substr(0, b->received().find("\r\n"));
+  ASSERT_EQ(line.size(), 75u) << line;
+  EXPECT_EQ(line.substr(0, 66),
+            "DX de DL1ABC:    14025.0  K1ABC        test                       ");
+  EXPECT_EQ(line.substr(66, 4), "    ");
+  EXPECT_EQ(line[74], 'Z');
+  // The spotter sees it too, and gets the prompt after it.
+  EXPECT_TRUE(a->ReadUntil("QXC >"));
+  EXPECT_THAT(a->received(), HasSubstr("DX de DL1ABC:    14025.0  K1ABC"));
+
+  // Chr 4 ends every message from the node to the front-end; typed into a comment it must be
+  // gone before the node sees it, or the spot would be stored with it and cut every list
+  // that shows it.  A character-mode client's corrections are applied on the way, too.
+  a->ClearReceived();
+  b->ClearReceived();
+  ASSERT_TRUE(a->Send("DX 14027 K3XYZ cq\x04 tesx\bt \x1b[1mup\x1b[0m\r\n"));
+  ASSERT_TRUE(b->ReadUntil("\r\n")) << b->received();
+  EXPECT_THAT(b->received(), HasSubstr("DX de DL1ABC:    14027.0  K3XYZ        cq test up     "));
   ASSERT_TRUE(a->ReadUntil("QXC >"));
   a->SendLine("DX 14030 K2ABC next");
   ASSERT_TRUE(a->ReadUntil("K2ABC"));
   ASSERT_TRUE(a->ReadUntil("QXC >"));
-  const std::string list = Command(*a, "SH/DX 2");
+  std::string list = Command(*a, "SH/DX 2");
   // Both lines whole, newest first, and the prompt after them.
   const std::vector<std::string_view> lines = Split(list, '\n');
   ASSERT_EQ(lines.size(), 4u) << list;
   EXPECT_TRUE(lines[0].starts_with("  14030.0  K2ABC  ")) << lines[0];
   EXPECT_TRUE(lines[0].ends_with("Z  next  <DL1ABC>\r")) << lines[0];
-  EXPECT_TRUE(lines[1].starts_with("  14025.0  K1ABC  ")) << lines[1];
+  EXPECT_TRUE(lines[1].starts_with("  14027.0  K3XYZ  ")) << lines[1];
   EXPECT_TRUE(lines[1].ends_with("Z  cq test up  <DL1ABC>\r")) << lines[1];
   EXPECT_THAT(lines[2], HasSubstr("QXC >"));
   EXPECT_EQ(list.find_first_of(std::string("\x04\x08\x1b", 3)), std::string::npos);
-}
 
-// A refused spot gets its error (when the user can do something about it) and the prompt,
-// reaches nobody, and what intake refused lands in its log.
-TEST_F(SpotsSystemTest, RefusedSpotsGetTheirErrorAndThePromptAndLandInTheirLog) {
-  StartAll();
-  auto a = LogIn("DL1ABC", "Hans");
-  auto b = LogIn("K1XYZ", "Joe");
+  // A refused spot gets its error (when the user can do something about it) and the prompt,
+  // reaches nobody, and what intake refused lands in its log.
+  b->Drain(std::chrono::milliseconds(300));
+  b->ClearReceived();
   EXPECT_THAT(Command(*a, "DX 14025"), HasSubstr("Error - DX 14025\r\n"));
   EXPECT_THAT(Command(*a, "DX 129.9 K1ABC"), HasSubstr("Error - invalid frequency\r\n"));
   EXPECT_THAT(Command(*a, "DX 14025 QQ1ABC"), HasSubstr("Error - Invalid Dx Call\r\n"));
-  EXPECT_THAT(Command(*a, "DX 14025 K1ABC PSE QSL"), Not(HasSubstr("DX de")));
+  EXPECT_THAT(Command(*a, "DX 14025 K7QSL PSE QSL"), Not(HasSubstr("DX de")));
   EXPECT_THAT(Command(*a, "DX 99999999 K1ABC test"), Not(HasSubstr("DX de")));
   b->Drain(std::chrono::milliseconds(300));
   EXPECT_THAT(b->received(), Not(HasSubstr("DX de")));
@@ -129,15 +107,11 @@ TEST_F(SpotsSystemTest, RefusedSpotsGetTheirErrorAndThePromptAndLandInTheirLog) 
     if (f.path().filename().string().starts_with("badfreq")) bad_frequencies += ReadFile(f.path());
   }
   EXPECT_THAT(bad_frequencies, HasSubstr("99999999")) << bad_frequencies;
-}
 
-TEST_F(SpotsSystemTest, ShowDxListsNewestFirstAndBeepSettingSurvivesReconnect) {
-  StartAll();
-  auto a = LogIn("DL1ABC", "Hans");
   for (int i = 1; i <= 5; ++i) {
     Command(*a, "DX " + std::to_string(14000 + 10 * i) + " K" + std::to_string(i) + "AB spot");
   }
-  const std::string list = Command(*a, "SH/DX 5");
+  list = Command(*a, "SH/DX 5");
   const size_t k5 = list.find("K5AB");
   const size_t k1 = list.find("K1AB");
   ASSERT_NE(k5, std::string::npos) << list;
@@ -146,6 +120,7 @@ TEST_F(SpotsSystemTest, ShowDxListsNewestFirstAndBeepSettingSurvivesReconnect) {
   EXPECT_THAT(list, HasSubstr("  14050.0  K5AB         "));
   EXPECT_THAT(list, HasSubstr("  spot  <DL1ABC>\r\n"));
 
+  // The beep setting survives a reconnect.
   Command(*a, "SET/BEEP");
   a->SendLine("SET/NOBEEP");
   ASSERT_TRUE(a->ReadUntil("Beep disabled"));
@@ -158,6 +133,19 @@ TEST_F(SpotsSystemTest, ShowDxListsNewestFirstAndBeepSettingSurvivesReconnect) {
   ASSERT_TRUE(again->ReadUntil("DX de"));
   EXPECT_TRUE(again->ReadUntil("QXC >"));
   EXPECT_THAT(again->received(), Not(HasSubstr("\a")));
+
+  // The columns behind the time come from the spotter's session (its locator), the state
+  // table read at start-up and the DX call's country; posting counts in the spotter's record.
+  for (const char* setting : {"SET/WIDTH 100", "SET/GRIDSQUARE", "SET/DXSQTH", "SET/DXCQ"}) {
+    Command(*again, setting);
+  }
+  b->ClearReceived();
+  b->SendLine("SET/QRA FN42");
+  ASSERT_TRUE(b->ReadUntil("Grid set to FN42"));
+  b->SendLine("DX 14025 DL2ZZZ test");
+  ASSERT_TRUE(again->ReadUntil("Z FN42 MA CQ14\r\n")) << again->received();
+  ASSERT_TRUE(b->ReadUntil("DL2ZZZ"));
+  EXPECT_THAT(Command(*b, "STAT/USER"), HasSubstr("  Spots posted: 1\r\n"));
 }
 
 // The highest spot rate is kept across restarts, but a climbing rate must not rewrite the

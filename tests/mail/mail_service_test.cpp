@@ -239,12 +239,6 @@ TEST_F(MailServiceTest, ReceivedMessageIsStoredOnceAndAnnounced) {
   EXPECT_EQ(saved_["K1ABC"], 4);  // told, so not counted again at the next log-in
 }
 
-}  // namespace
-}  // namespace qx::testing
-
-namespace qx::testing {
-namespace {
-
 TEST_F(MailServiceTest, DraftOutlivesARestartOfTheNode) {
   Cmd(1, "SP", "G4XYZ");
   Type(1, {"Antenna", "first line"});

@@ -57,29 +57,24 @@ TEST_F(InterpreterTest, DispatchFollowsTableOrderAndAbbreviations) {
       {"ANNOUNCE", "Command error - ANNOUNCE\r\n"},
   };
   for (const auto& c : cases) EXPECT_EQ(Run(c.line), c.reply) << c.line;
+  // An unknown line is echoed cut at sixty characters.
+  EXPECT_EQ(Run(std::string(70, 'Z')), std::string(60, 'Z') + " ...  command error\r\n");
+  EXPECT_EQ(Run(std::string(60, 'Y')), std::string(60, 'Y') + " command error\r\n");
 }
 
-TEST_F(InterpreterTest, LongUnknownLineIsCutAtSixty) {
-  const std::string line(70, 'Z');
-  EXPECT_EQ(Run(line), std::string(60, 'Z') + " ...  command error\r\n");
-  const std::string sixty(60, 'Y');
-  EXPECT_EQ(Run(sixty), sixty + " command error\r\n");
-}
-
-TEST_F(InterpreterTest, NoPromptWhileTheMailEditorHasTheLines) {
+// Every command is followed by the prompt, except while the mail editor has the lines and
+// after a client's keep-alive token.
+TEST_F(InterpreterTest, PromptFollowsEveryCommandButNotEditorLinesOrKeepAlive) {
+  Type(1, "XYZZY");
+  EXPECT_THAT(Take(1), EndsWith("K1ABC de XX0QX-1 15-Nov-2026 0046Z   QXC >\r\n"));
   services_.composing = true;
   Type(1, "SEND G4XYZ");
   EXPECT_EQ(Take(1), "mail:SEND(G4XYZ)\r\n");
   services_.composing = false;
   Type(1, "DIR");
   EXPECT_THAT(Take(1), EndsWith("QXC >\r\n"));
-}
-
-TEST_F(InterpreterTest, EveryCommandIsFollowedByThePrompt) {
-  Type(1, "XYZZY");
-  EXPECT_THAT(Take(1), EndsWith("K1ABC de XX0QX-1 15-Nov-2026 0046Z   QXC >\r\n"));
-  Type(1, "SET/BEEP");
-  EXPECT_THAT(Take(1), EndsWith("QXC >\r\n"));
+  Type(1, "KeepAlive");
+  EXPECT_EQ(Take(1), "");
 }
 
 TEST_F(InterpreterTest, ByeClosesTheStreamAtOnceWithoutAnotherPrompt) {
@@ -91,59 +86,46 @@ TEST_F(InterpreterTest, ByeClosesTheStreamAtOnceWithoutAnotherPrompt) {
   EXPECT_FALSE(streams_.at(1).IsUser());  // out of WHO and the counts before the close report
 }
 
-TEST_F(InterpreterTest, SwitchesPersistInTheRecord) {
+TEST_F(InterpreterTest, SettingsAreCheckedAndPersistedInTheRecord) {
   Run("SET/NOBEEP");
   Run("SET/NOANN");
   Run("SET/GRIDSQ");
-  const SessionSettings loaded = store_.Load("K1ABC-5", kStateUser).settings;
-  EXPECT_FALSE(loaded.Has(kSwBeep));
-  EXPECT_FALSE(loaded.Has(kSwAnnouncements));
-  EXPECT_TRUE(loaded.Has(kSwGridSquare));
-  EXPECT_EQ(loaded.switches, streams_.at(1).session.switches);
-}
-
-TEST_F(InterpreterTest, WidthResolutionAndDxbmArePersisted) {
   EXPECT_EQ(Run("SET/WIDTH 80"), "Width set to 80\r\n");
   EXPECT_EQ(Run("SET/WIDTH 5"), "SET/WIDTH 5 command error\r\n");
   EXPECT_EQ(Run("SET/RES 2"), "Resolution set to 2 decimals\r\n");
   EXPECT_EQ(Run("SET/RES 3"), "SET/RES 3 command error\r\n");
   EXPECT_EQ(Run("SET/DXBM 12/34"), "DXBM set to 12/34 (no band)\r\n");
-  const SessionSettings loaded = store_.Load("K1ABC", kStateUser).settings;
+  const SessionSettings loaded = store_.Load("K1ABC-5", kStateUser).settings;
+  EXPECT_FALSE(loaded.Has(kSwBeep));
+  EXPECT_FALSE(loaded.Has(kSwAnnouncements));
+  EXPECT_TRUE(loaded.Has(kSwGridSquare));
+  EXPECT_EQ(loaded.switches, streams_.at(1).session.switches);
   EXPECT_EQ(loaded.width, 80);
   EXPECT_EQ(loaded.resolution, 2);
   EXPECT_EQ(loaded.dxbm, 12u);
   EXPECT_EQ(loaded.dxbm2, 34u);
 }
 
-TEST_F(InterpreterTest, LocationIsCheckedAndRelayed) {
+// Name, QTH, locator, home node and location go to the record and out as PC41.
+TEST_F(InterpreterTest, PersonalSettingsAreCheckedAndProducePc41) {
   const std::string bad = Run("SET/LOCATION somewhere");
   EXPECT_THAT(bad, StartsWith("SET/LOCATION command error\r\n"));
   EXPECT_THAT(bad, HasSubstr("Example:  SET/LOCATION 49 11 N 122 30 W\r\n"));
-  relay_.events.clear();
-  EXPECT_EQ(Run("SET/LOC 49 11 n 122 30 w"), "Location updated to 49 11 N 122 30 W\r\n");
-  ASSERT_EQ(relay_.events.size(), 1u);
-  EXPECT_EQ(relay_.events[0].a, "PC41^K1ABC^3^49 11 N 122 30 W^H99^~\r\n");
-}
-
-TEST_F(InterpreterTest, PersonalSettingsProducePc41) {
   relay_.events.clear();
   EXPECT_EQ(Run("SET/NAME Annie"), "Name set to Annie.\r\n");
   EXPECT_EQ(Run("SET/QTH Boston"), "QTH set to Boston\r\n");
   EXPECT_EQ(Run("SET/QRA FN42aa"), "Grid set to FN42AA\r\n");
   EXPECT_EQ(Run("SET/HOMENODE K1NODE-2"), "Home node set to K1NODE-2\r\n");
   EXPECT_EQ(Run("SET/HOMENODE ABC1"), "ABC1 is not a valid DX Cluster Callsign\r\n");
-  ASSERT_EQ(relay_.events.size(), 4u);
-  EXPECT_EQ(relay_.events[0].a, "PC41^K1ABC^1^Annie^H99^~\r\n");
-  EXPECT_EQ(relay_.events[1].a, "PC41^K1ABC^2^Boston^H99^~\r\n");
-  EXPECT_EQ(relay_.events[2].a, "PC41^K1ABC^5^FN42AA^H99^~\r\n");
-  EXPECT_EQ(relay_.events[3].a, "PC41^K1ABC^4^K1NODE-2^H99^~\r\n");
-  EXPECT_EQ(store_.Load("K1ABC", kStateUser).settings.qth, "Boston");
-
+  EXPECT_EQ(Run("SET/LOC 49 11 n 122 30 w"), "Location updated to 49 11 N 122 30 W\r\n");
   // A caret would split the sentence and the record line: it is kept as "~".
-  relay_.events.clear();
   EXPECT_EQ(Run("SET/QTH Bad^Town"), "QTH set to Bad~Town\r\n");
-  ASSERT_EQ(relay_.events.size(), 1u);
-  EXPECT_EQ(relay_.events[0].a, "PC41^K1ABC^2^Bad~Town^H99^~\r\n");
+  std::vector<std::string> sent;
+  for (const auto& ev : relay_.events) sent.push_back(ev.a);
+  EXPECT_THAT(sent, ElementsAre("PC41^K1ABC^1^Annie^H99^~\r\n", "PC41^K1ABC^2^Boston^H99^~\r\n",
+                                "PC41^K1ABC^5^FN42AA^H99^~\r\n", "PC41^K1ABC^4^K1NODE-2^H99^~\r\n",
+                                "PC41^K1ABC^3^49 11 N 122 30 W^H99^~\r\n",
+                                "PC41^K1ABC^2^Bad~Town^H99^~\r\n"));
   EXPECT_EQ(store_.Load("K1ABC", kStateUser).settings.qth, "Bad~Town");
 }
 
@@ -205,10 +187,7 @@ TEST_F(InterpreterTest, TalkBetweenLocalUsers) {
   EXPECT_EQ(Run("TALK K2DEF again"), "K2DEF has talk disabled.\r\n");
 }
 
-TEST_F(InterpreterTest, ClientTokensAreNotCommands) {
-  EXPECT_EQ(Run("KeepAlive"), "");
-  Type(1, "KeepAlive");
-  EXPECT_EQ(Take(1), "");  // no prompt either
+TEST_F(InterpreterTest, ClientsNameThemselves) {
   Run("/CTCP DXS HRD 6");
   EXPECT_EQ(streams_.at(1).client_type, "HRD 6");
   EXPECT_FALSE(streams_.at(1).WantsEnhancedSpots());

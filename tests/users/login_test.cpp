@@ -15,20 +15,18 @@ using ::testing::StartsWith;
 
 class LoginTest : public UserFixture {};
 
-TEST_F(LoginTest, BannerEndsWithLoginPromptWithoutLineEnd) {
+TEST_F(LoginTest, BannerEndsWithLoginPromptAndSysopTextsFrameIt) {
   Connect(1);
-  const std::string banner = Take(1);
+  std::string banner = Take(1);
   EXPECT_THAT(banner, StartsWith("Welcome to XX0QX-1\r\n"));
   EXPECT_THAT(banner, HasSubstr("Running QX Cluster software version 0.1.0\r\n"));
   EXPECT_THAT(banner, HasSubstr("Please enter your call: \r\n"));
-  EXPECT_THAT(banner, EndsWith("\r\nlogin: "));
-}
+  EXPECT_THAT(banner, EndsWith("\r\nlogin: "));  // no line end after the prompt
 
-TEST_F(LoginTest, SysopTextsFrameTheBanner) {
   messages_.Set("Logon 1", "Hello from the test node");
   messages_.Set("Logon 2", "Be nice");
-  Connect(1);
-  const std::string banner = Take(1);
+  Connect(2);
+  banner = Take(2);
   EXPECT_THAT(banner, StartsWith("Hello from the test node\r\nRunning QX Cluster"));
   EXPECT_THAT(banner, HasSubstr("0.1.0\r\nBe nice\r\nPlease enter your call: "));
 }
@@ -87,19 +85,16 @@ TEST_F(LoginTest, ProgramsGivingTheNameByCommandAreNotHeldInTheQuestion) {
   EXPECT_THAT(text, HasSubstr("Name is Bo"));
 }
 
-TEST_F(LoginTest, KnownUserGoesStraightToGreeting) {
-  LogIn(1, "K1ABC", "Bob");
-  const std::string text = Take(1);
-  EXPECT_THAT(text, Not(HasSubstr("Please enter your name")));
-  EXPECT_THAT(text, HasSubstr("Hello Bob."));
-}
-
-TEST_F(LoginTest, MailNoticesComeAfterTheStatisticsAndBeforeThePrompt) {
+// A known user gets no name question; mail notices come after the statistics and before the
+// prompt.
+TEST_F(LoginTest, KnownUserGoesStraightToGreetingWithMailNotices) {
   ctx_.mail_notices = [this](int stream) {
     return std::vector<std::string>{"notice for " + streams_.at(stream).call};
   };
   LogIn(1, "K1ABC", "Bob");
   const std::string text = Take(1);
+  EXPECT_THAT(text, Not(HasSubstr("Please enter your name")));
+  EXPECT_THAT(text, HasSubstr("Hello Bob."));
   const size_t stats = text.find("Cluster: ");
   const size_t notice = text.find("notice for K1ABC\r\n");
   const size_t prompt = text.find("K1ABC de XX0QX-1");
@@ -108,38 +103,34 @@ TEST_F(LoginTest, MailNoticesComeAfterTheStatisticsAndBeforeThePrompt) {
   EXPECT_LT(notice, prompt);
 }
 
-TEST_F(LoginTest, InvalidCallIsRefusedAndClosed) {
-  Connect(3);
-  Take(3);
-  Type(3, "ABC1");
-  EXPECT_EQ(Take(3), "ABC1 is not a valid callsign\r\n");
-  EXPECT_EQ(streams_.at(3).state, kStateTimedOut);
-  EXPECT_THAT(out_.closed, ::testing::ElementsAre(3));
-}
-
-TEST_F(LoginTest, CommandAtCallPromptIsNotRun) {
-  Connect(1);
-  Take(1);
-  Type(1, "SH/DX");
-  EXPECT_EQ(Take(1), "SH/DX is not a valid callsign\r\n");
-}
-
-TEST_F(LoginTest, EchoProbesAreIgnoredSilently) {
-  Connect(1);
-  Take(1);
-  Type(1, "echo hello");
-  EXPECT_EQ(Take(1), "");
-  EXPECT_TRUE(out_.closed.empty());
-  EXPECT_EQ(streams_.at(1).login_stage, LoginStage::kAwaitingCall);
-}
-
-TEST_F(LoginTest, LockedOutCallIsRefused) {
+// At the call prompt: an invalid call, a command and a locked-out call (whatever its SSID) are
+// refused and closed; an echo probe is ignored without a word.
+TEST_F(LoginTest, CallPromptRefusesWhatIsNoCallAndLockedOutCalls) {
   access_.locked_out.insert("K1BAD");
-  Connect(2);
-  Take(2);
-  Type(2, "K1BAD-3");
-  EXPECT_EQ(Take(2), "LockedOut \r\n");
-  EXPECT_THAT(out_.closed, ::testing::ElementsAre(2));
+  const struct {
+    const char* line;
+    const char* reply;
+  } refused[] = {{"ABC1", "ABC1 is not a valid callsign\r\n"},
+                 {"SH/DX", "SH/DX is not a valid callsign\r\n"},
+                 {"K1BAD-3", "LockedOut \r\n"}};
+  int stream = 1;
+  for (const auto& r : refused) {
+    SCOPED_TRACE(r.line);
+    Connect(stream);
+    Take(stream);
+    Type(stream, r.line);
+    EXPECT_EQ(Take(stream), r.reply);
+    EXPECT_EQ(streams_.at(stream).state, kStateTimedOut);
+    EXPECT_EQ(out_.closed.back(), stream);
+    ++stream;
+  }
+  out_.closed.clear();
+  Connect(stream);
+  Take(stream);
+  Type(stream, "echo hello");
+  EXPECT_EQ(Take(stream), "");
+  EXPECT_TRUE(out_.closed.empty());
+  EXPECT_EQ(streams_.at(stream).login_stage, LoginStage::kAwaitingCall);
 }
 
 TEST_F(LoginTest, PasswordGivesPrivilegeAndThreeFailuresClose) {

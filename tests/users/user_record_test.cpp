@@ -9,23 +9,31 @@
 namespace qx {
 namespace {
 
-TEST(UserFileName, DropsTheSsidAndWritesSlashAsP) {
-  EXPECT_EQ(UserFileName("XX9ABC-3"), "XX9ABC");
-  EXPECT_EQ(UserFileName("XX9ABC"), "XX9ABC");
-  EXPECT_EQ(UserFileName("K1ABC/P-2"), "K1ABCpP");
-  EXPECT_EQ(UserFileName("K1ABCpP"), "K1ABCpP");  // an already filed name stays as it is
-  EXPECT_EQ(UserFileName(""), "");
-  EXPECT_EQ(UserFileName(".."), "");
-  EXPECT_EQ(UserFileName("A B"), "");
-}
-
-TEST(SettingsSet, SplitsAtSsidSixteen) {
-  EXPECT_EQ(SettingsSet("XX9ABC"), 0);
-  EXPECT_EQ(SettingsSet("XX9ABC-3"), 0);
-  EXPECT_EQ(SettingsSet("XX9ABC-15"), 0);
-  EXPECT_EQ(SettingsSet("XX9ABC-16"), 16);
-  EXPECT_EQ(SettingsSet("XX9ABC-99"), 99);
-  EXPECT_EQ(SettingsSet("XX9ABC-X"), 0);
+// A call's record file drops the SSID and writes "/" as "p"; SSIDs from 16 up have their own
+// set of settings.
+TEST(UserFileName, DropsTheSsidWritesSlashAsPAndSplitsSetsAtSixteen) {
+  const struct {
+    const char* call;
+    const char* file;  // nullptr: not asked
+    int set;
+  } cases[] = {{"XX9ABC-3", "XX9ABC", 0},
+               {"XX9ABC", "XX9ABC", 0},
+               {"XX9ABC-15", "XX9ABC", 0},
+               {"XX9ABC-16", "XX9ABC", 16},
+               {"XX9ABC-99", "XX9ABC", 99},
+               {"XX9ABC-X", nullptr, 0},
+               {"K1ABC/P-2", "K1ABCpP", 0},
+               {"K1ABCpP", "K1ABCpP", 0},  // already filed
+               {"", "", 0},
+               {"..", "", 0},
+               {"A B", "", 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.call);
+    if (c.file) {
+      EXPECT_EQ(UserFileName(c.call), c.file);
+    }
+    EXPECT_EQ(SettingsSet(c.call), c.set);
+  }
 }
 
 TEST(ParseLocation, DegreesMinutesAndHemispheres) {
@@ -141,7 +149,7 @@ class UserStoreTest : public ::testing::Test {
   UserStore store_;
 };
 
-TEST_F(UserStoreTest, MissingRecordGivesDefaults) {
+TEST_F(UserStoreTest, LoadGivesDefaultsOrTheStoredValuesWithTheirRules) {
   const UserRecordLoad r = store_.Load("XX9NEW-2", kStateLoggingIn);
   EXPECT_FALSE(r.existed);
   EXPECT_EQ(DisplayName(r.settings), "Unknown Name");
@@ -151,6 +159,15 @@ TEST_F(UserStoreTest, MissingRecordGivesDefaults) {
   EXPECT_EQ(r.settings.switches, kDefaultSwitches);
   // A feed stream keeps the feed defaults.
   EXPECT_EQ(store_.Load("XX9SKM", kStateFeedSkimmer, "SKM").settings.switches, 0u);
+
+  testing::WriteFile(dir_.Data("user") / "XX9DEF.dat",
+                     "DXBM^0^0/0\r\nWIDTH^0^0\r\nPC41^0^1^\"Joe\"\r\nMAILNUMBER^0^4\r\n");
+  const SessionSettings s = store_.Load("XX9DEF-1", kStateUser).settings;
+  EXPECT_EQ(s.dxbm, 1040382980u);
+  EXPECT_EQ(s.dxbm2, 15880u);
+  EXPECT_EQ(s.width, 75);
+  EXPECT_EQ(s.name, "Joe");
+  EXPECT_EQ(s.mail_number, 4);
 }
 
 TEST_F(UserStoreTest, SsidsBelowSixteenShareASet) {
@@ -164,17 +181,6 @@ TEST_F(UserStoreTest, SsidsBelowSixteenShareASet) {
   EXPECT_EQ(r16.settings.width, 120);
   EXPECT_EQ(r16.settings.settings_set, 16);
   EXPECT_EQ(store_.Load("XX9ABC-17", kStateUser).settings.width, 75);
-}
-
-TEST_F(UserStoreTest, StoredValuesLoadWithTheirRules) {
-  testing::WriteFile(dir_.Data("user") / "XX9DEF.dat",
-                     "DXBM^0^0/0\r\nWIDTH^0^0\r\nPC41^0^1^\"Joe\"\r\nMAILNUMBER^0^4\r\n");
-  const SessionSettings s = store_.Load("XX9DEF-1", kStateUser).settings;
-  EXPECT_EQ(s.dxbm, 1040382980u);
-  EXPECT_EQ(s.dxbm2, 15880u);
-  EXPECT_EQ(s.width, 75);
-  EXPECT_EQ(s.name, "Joe");
-  EXPECT_EQ(s.mail_number, 4);
 }
 
 TEST_F(UserStoreTest, SaveKeepsEveryOtherLine) {
