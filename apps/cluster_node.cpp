@@ -236,6 +236,9 @@ void ClusterNode::SetUpNetwork() {
   deps.open_outgoing = [this](std::string_view host, int port, std::string_view label) {
     if (link_) link_->OpenOutgoing(host, port, label);
   };
+  deps.outgoing_not_up = [this](std::string_view label, std::string_view reason) {
+    link_errors_[ToUpper(label)] = std::string(reason);
+  };
   deps.spot_intake = [this](std::string_view sentence, int, int stream) {
     IntakeRequest request;
     request.sentence = sentence;
@@ -643,7 +646,9 @@ std::string ClusterNode::LinkState(std::string_view name, int* stream) const {
     const StreamEntry& e = streams_.at(s);
     if (e.state != kStateFree && EqualsIgnoreCase(e.connection_label, name)) {
       *stream = s;
-      return e.IsNode() ? "connected" : "connecting";
+      // A link still in its handshake is not connected yet: a refused log-in would
+      // otherwise look like a link that is up, and its reason be thrown away.
+      return e.IsNode() && e.state != kStateNodeConnecting ? "connected" : "connecting";
     }
   }
   return "idle";

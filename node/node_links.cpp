@@ -103,6 +103,7 @@ void NodeNetwork::DropLink(Link& link, std::string_view reason, bool send_pc39) 
   if (link.closing) return;
   if (send_pc39) Send(link.info.stream, BuildPc39(options_.our_call, reason));
   link.closing = true;
+  link.drop_reason = std::string(reason);
   Show("Node link " + link.info.peer + " dropped: " + std::string(reason), "red", link.info.stream);
   deps_.out->CloseStream(link.info.stream);
 }
@@ -124,6 +125,15 @@ void NodeNetwork::LinkGone(int stream) {
   const int64_t now = Now();
   for (Outgoing& o : outgoing_) {
     if (o.stream == stream) {
+      if (!was_up) {
+        // Connected but never linked: the connect succeeded, so without this the sysop
+        // would see no reason at all for a link that never comes up.
+        std::string why = link->drop_reason.empty() ? "closed by " + o.peer + " during the log-in"
+                                                    : link->drop_reason;
+        if (!link->last_line.empty()) why += " (it said: " + link->last_line + ")";
+        Show("Node link to " + o.peer + " did not come up: " + why, "red", stream);
+        if (deps_.outgoing_not_up) deps_.outgoing_not_up(o.def.name, why);
+      }
       o.stream = 0;
       o.pending = false;
       o.next_attempt = now + options_.retry_interval;
@@ -218,6 +228,12 @@ void NodeNetwork::OnLine(int stream, std::string_view line) {
   Link* link = FindLink(stream);
   if (!link || link->closing) return;
   ++link->info.lines_in;
+  if (!link->info.up && !Trim(line).empty()) {
+    link->last_line = std::string(Trim(line.substr(0, 120)));
+    for (char& c : link->last_line) {
+      if (static_cast<unsigned char>(c) < ' ') c = ' ';
+    }
+  }
   if (link->info.up) {
     const std::string_view header = Trim(line.substr(0, line.find('^')));
     if (header == "PC18" || header == "PC20") RenewedHandshake(*link, header);

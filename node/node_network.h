@@ -93,6 +93,9 @@ struct NodeNetworkDeps {
   std::function<UserGate(std::string_view from, std::string_view to, std::string_view text,
                          std::string_view origin)>
       announce_gate;
+  // An outgoing link that connected but closed before it came up (refused log-in, no
+  // answer): the connection's label and why, for the sysop's list of links.
+  std::function<void(std::string_view label, std::string_view reason)> outgoing_not_up;
 };
 
 class NodeNetwork final : public NodeRelay, private NodeOutput {
@@ -213,7 +216,9 @@ class NodeNetwork final : public NodeRelay, private NodeOutput {
     SysTime ping_sent{};
     bool ping_outstanding = false;
     bool closing = false;
-    bool recovered = false;  // resumed after a restart of this node, not yet told our config
+    bool recovered = false;   // resumed after a restart of this node, not yet told our config
+    std::string drop_reason;  // why this node closed it (DropLink)
+    std::string last_line;    // the peer's last line before the link came up, for the sysop
   };
   struct Outgoing {
     OutgoingConnection def;

@@ -4,7 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <string>
+#include <thread>
 
 #include "core/file_util.h"
 #include "core/time_text.h"
@@ -147,8 +151,42 @@ TEST_F(NodeAdminTest, NeighboursLinksAndUsersAreManagedFromTheConsole) {
         return !off.is_null();
       },
       20s))
-      << Get("links").dump();
+      << node.node().Output();
   EXPECT_THAT(off["lastError"].get<std::string>(), HasSubstr("refused"));
+
+  // One that connects but is refused at the log-in says so, with the other node's words.
+  const int refusing_port = FreePort();
+  const int listener = ListenLoopback(refusing_port);
+  ASSERT_GE(listener, 0);
+  std::thread refuser([listener] {
+    const int fd = ::accept(listener, nullptr, nullptr);
+    const std::string_view prompt = "login: ";
+    (void)!::write(fd, prompt.data(), prompt.size());
+    char call[64];
+    (void)!::read(fd, call, sizeof call);
+    const std::string_view no = "Sorry, you are not a known node\r\n";
+    (void)!::write(fd, no.data(), no.size());
+    ::close(fd);
+  });
+  Post("links/save", {{"name", "K7NO"},
+                      {"remoteKind", "QXC"},
+                      {"address", "127.0.0.1"},
+                      {"port", refusing_port},
+                      {"active", true}});
+  std::string refused;
+  EXPECT_TRUE(WaitFor(
+      [&] {
+        const json now = Get("links");  // kept: the loop's range must outlive the call
+        for (const json& l : now["links"]) {
+          if (l["name"] == "K7NO") refused = l["lastError"].get<std::string>();
+        }
+        return !refused.empty();
+      },
+      20s))
+      << node.node().Output();
+  refuser.join();
+  ::close(listener);
+  EXPECT_EQ(refused, "closed by K7NO during the log-in (it said: Sorry, you are not a known node)");
 
   // Users: listed a page at a time from their records; a lock-out disconnects at once and
   // refuses the next log-in.
