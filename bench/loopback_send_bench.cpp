@@ -9,12 +9,14 @@
 // variant that moves work to another thread cannot hide it.  Counters:
 //   cpu_ns_per_line   process CPU (user + system) per line delivered
 //   wall_ns_per_line  wall time per line
+//   preempted_per_turn  involuntary context switches per turn
 //   failed            sends that did not take the whole write (should be 0: the sender must
 //                     never find a socket full, or the variants would not do the same work)
 #include <benchmark/benchmark.h>
 #include <liburing.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
@@ -41,16 +43,56 @@ constexpr int kDeferTaskrun = 2;  // IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_D
 constexpr int kFixedFiles = 4;    // sockets registered with the ring: no fd lookup per send
 constexpr int kSqPoll = 8;        // a kernel thread polls the submission queue, burning CPU
 
-double CpuSeconds() {
+// The process's CPU time and how often it was preempted: on a busy machine every preemption
+// costs a refill of the caches, and a way of sending that stays in the kernel longer is
+// preempted less often.
+struct Usage {
+  double cpu = 0;
+  double preempted = 0;
+  Usage& operator+=(const Usage& o) {
+    cpu += o.cpu;
+    preempted += o.preempted;
+    return *this;
+  }
+  Usage operator-(const Usage& o) const { return {cpu - o.cpu, preempted - o.preempted}; }
+};
+
+Usage Now() {
   rusage ru{};
   getrusage(RUSAGE_SELF, &ru);
   auto secs = [](const timeval& tv) { return double(tv.tv_sec) + double(tv.tv_usec) * 1e-6; };
-  return secs(ru.ru_utime) + secs(ru.ru_stime);
+  return {secs(ru.ru_utime) + secs(ru.ru_stime), double(ru.ru_nivcsw)};
 }
 
+// Keeps the sender on the CPU it runs on and gives the reader the others, so that a reader
+// woken by a send never preempts the sender on its own CPU (which would favour whichever way
+// of sending enters the kernel least often).  Nothing is pinned on a single CPU.
+class PinnedSender {
+ public:
+  PinnedSender() {
+    sched_getaffinity(0, sizeof all_, &all_);
+    others_ = all_;
+    if (CPU_COUNT(&all_) < 2) return;
+    cpu_set_t mine;
+    CPU_ZERO(&mine);
+    CPU_SET(sched_getcpu(), &mine);
+    CPU_CLR(sched_getcpu(), &others_);
+    sched_setaffinity(0, sizeof mine, &mine);
+  }
+  ~PinnedSender() { sched_setaffinity(0, sizeof all_, &all_); }
+  PinnedSender(const PinnedSender&) = delete;
+  PinnedSender& operator=(const PinnedSender&) = delete;
+
+  const cpu_set_t& reader_cpus() const { return others_; }
+
+ private:
+  cpu_set_t all_, others_;
+};
+
 // Drains every socket until all have been closed by the sender, then exits.
-[[noreturn]] void RunReader(const std::vector<int>& fds) {
+[[noreturn]] void RunReader(const std::vector<int>& fds, const cpu_set_t& cpus) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive the benchmark
+  sched_setaffinity(0, sizeof cpus, &cpus);
   const int ep = epoll_create1(0);
   for (int fd : fds) {
     epoll_event ev{};
@@ -84,7 +126,7 @@ double CpuSeconds() {
 // be drained between turns, outside the measurement, so that no send wakes anyone.
 class Loopback {
  public:
-  Loopback(int n, bool reader_process) {
+  Loopback(int n, const cpu_set_t* reader_cpus) {
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
@@ -118,7 +160,7 @@ class Loopback {
       accepted.push_back(peer);
     }
     close(listener);
-    if (!reader_process) {
+    if (reader_cpus == nullptr) {
       accepted_ = std::move(accepted);
       return;
     }
@@ -126,7 +168,7 @@ class Loopback {
       reader_ = fork();
       if (reader_ == 0) {
         for (int fd : fds_) close(fd);
-        RunReader(accepted);
+        RunReader(accepted, *reader_cpus);
       }
       if (reader_ < 0) error_ = std::string("fork: ") + std::strerror(errno);
     }
@@ -242,7 +284,8 @@ void Run(benchmark::State& state, bool reader_process) {
   std::string bytes;
   for (int i = 0; i < lines; ++i) bytes += line;
 
-  Loopback loopback(connections, reader_process);
+  PinnedSender pinned;
+  Loopback loopback(connections, reader_process ? &pinned.reader_cpus() : nullptr);
   if (!loopback.error().empty()) return state.SkipWithError(loopback.error().c_str());
   Sender sender(mode, loopback.fds());
   if (!sender.error().empty()) return state.SkipWithError(sender.error().c_str());
@@ -251,27 +294,29 @@ void Run(benchmark::State& state, bool reader_process) {
 
   using Clock = std::chrono::steady_clock;
   int64_t failed = 0;
-  double cpu = 0, wall = 0;
+  Usage used;
+  double wall = 0;
   if (reader_process) {
-    const double cpu_start = CpuSeconds();
+    const Usage start = Now();
     const auto wall_start = Clock::now();
     for (auto _ : state) failed += sender.SendToAll(bytes);
     wall = std::chrono::duration<double>(Clock::now() - wall_start).count();
-    cpu = CpuSeconds() - cpu_start;
+    used = Now() - start;
   } else {
     for (auto _ : state) {
-      const double cpu_start = CpuSeconds();
+      const Usage start = Now();
       const auto wall_start = Clock::now();
       failed += sender.SendToAll(bytes);
       const double turn = std::chrono::duration<double>(Clock::now() - wall_start).count();
-      cpu += CpuSeconds() - cpu_start;
+      used += Now() - start;
       wall += turn;
       state.SetIterationTime(turn);
       loopback.Drain();
     }
   }
   const double delivered = double(state.iterations()) * connections * lines;
-  state.counters["cpu_ns_per_line"] = cpu * 1e9 / delivered;
+  state.counters["cpu_ns_per_line"] = used.cpu * 1e9 / delivered;
+  state.counters["preempted_per_turn"] = used.preempted / double(state.iterations());
   state.counters["wall_ns_per_line"] = wall * 1e9 / delivered;
   state.counters["failed"] = double(failed);
   state.SetItemsProcessed(int64_t(delivered));
