@@ -3,15 +3,20 @@
 // of them.  The question is whether batching the system calls saves enough of the sender's
 // CPU per line to be worth a dependency on liburing.
 //
-// The receiving ends live in a child process that drains them with epoll, so the reading is
-// never charged to this process; the sender's CPU is taken from getrusage(RUSAGE_SELF), which
-// includes any kernel thread io_uring starts for the process (the SQPOLL thread), so a
-// variant that moves work to another thread cannot hide it.  Counters:
-//   cpu_ns_per_line   process CPU (user + system) per line delivered
-//   wall_ns_per_line  wall time per line
+// The receiving ends are either drained between turns outside the measurement, so that no
+// send wakes anyone (BM_SendDrained), or read by a child process on another CPU that every
+// send wakes, as a load tool on the same machine is (BM_SendWokenReader); the reading is
+// never charged to the sender.  The sender's CPU comes from getrusage(RUSAGE_SELF), which
+// includes the thread io_uring starts for SQPOLL, so a variant cannot hide work in a thread.
+// Counters:
+//   cpu_ns_per_line     process CPU (user + system) per line delivered
+//   wall_ns_per_line    wall time per line
 //   preempted_per_turn  involuntary context switches per turn
-//   failed            sends that did not take the whole write (should be 0: the sender must
-//                     never find a socket full, or the variants would not do the same work)
+//   failed              writes that did not go out whole (must be 0: a sender that found a
+//                       socket full would not be doing the same work in every variant)
+//
+// On a machine shared with other work, run it under `chrt -f 1` to give the sender a core of
+// its own; otherwise preemptions dominate the difference between the variants.
 #include <benchmark/benchmark.h>
 #include <liburing.h>
 #include <netinet/in.h>
@@ -26,7 +31,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
