@@ -147,8 +147,7 @@ TEST_F(ProcessNodeDataTest, AWholeMalformedLineIsLoggedAndTheNextOneProcessed) {
     ASSERT_EQ(errors_.size(), 1u) << line;
     EXPECT_EQ(errors_[0].code, 2000);
     EXPECT_EQ(errors_[0].tag, "HopeCheckEtc ");
-    EXPECT_NE(errors_[0].text.find("line = " + line + " from Q9ZZZ-2"), std::string::npos)
-        << errors_[0].text;
+    EXPECT_TRUE(test::Has(errors_[0].text, "line = " + line + " from Q9ZZZ-2"));
     EXPECT_TRUE(Carry(kPeer).empty()) << line;
     EXPECT_TRUE(Feed(kPeer, "PC51^Q1AAA^Q9ZZZ-2^1^")) << line;
     EXPECT_EQ(out_.sent.size(), 1u) << line;
@@ -175,8 +174,7 @@ TEST_F(ProcessNodeDataTest, EndlessPiecesAreBoundedAndTheLinkRecovers) {
   EXPECT_GT(longest, NodeProcessor::kMaxNodeCarry - piece.size());
   ASSERT_FALSE(errors_.empty());
   EXPECT_EQ(errors_.back().tag, "ProcessNodeData ");
-  EXPECT_NE(errors_.back().text.find("dropped from Q7XXX"), std::string::npos)
-      << errors_.back().text;
+  EXPECT_TRUE(test::Has(errors_.back().text, "dropped from Q7XXX"));
   // The line that ends the pieces goes with them; the one after it stands alone.
   Feed(kLegacy, "^~");
   EXPECT_TRUE(Carry(kLegacy).empty());
@@ -222,8 +220,8 @@ TEST_F(ProcessNodeDataTest, SpotsNeedARealHopCount) {
     ASSERT_EQ(errors_.size(), c.logged_as.empty() ? 0u : 1u) << c.line;
     if (!c.logged_as.empty()) {
       EXPECT_EQ(errors_[0].tag, c.logged_as) << c.line;
-      EXPECT_NE(errors_[0].text.find(c.line), std::string::npos) << errors_[0].text;
-      EXPECT_NE(errors_[0].text.find("from Q9ZZZ-2"), std::string::npos) << errors_[0].text;
+      EXPECT_TRUE(test::Has(errors_[0].text, c.line));
+      EXPECT_TRUE(test::Has(errors_[0].text, "from Q9ZZZ-2"));
     }
   }
 }
@@ -261,7 +259,7 @@ TEST_F(ProcessNodeDataTest, LowerCaseHeadersAreDroppedWithAnError) {
   EXPECT_EQ(errors_[0].code, 999);
   EXPECT_EQ(errors_[0].tag, "ProcessNodeData ");
   EXPECT_EQ(errors_[0].text.rfind("from Q9ZZZ-2 PCnr ", 0), 0u);
-  EXPECT_NE(errors_[0].text.find("where = pc11^"), std::string::npos);
+  EXPECT_TRUE(test::Has(errors_[0].text, "where = pc11^"));
   EXPECT_TRUE(spots_.empty());
 }
 
@@ -447,7 +445,7 @@ TEST_F(ProcessNodeDataTest, HandlerFaultCostsOneLine) {
   proc_->SetHandler(50, [](PcSentence&) -> bool { throw std::runtime_error("boom"); });
   EXPECT_FALSE(Feed(kLegacy, "PC50^Q7XXX^3^H99^"));
   ASSERT_EQ(errors_.size(), 1u);
-  EXPECT_NE(errors_[0].text.find("boom"), std::string::npos);
+  EXPECT_TRUE(test::Has(errors_[0].text, "boom"));
   EXPECT_TRUE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H25^"));
 }
 

@@ -17,6 +17,7 @@
 #include "core/time_text.h"
 #include "node/qx11.h"
 #include "spots/spot.h"
+#include "tests/node/node_test_util.h"
 
 namespace qx {
 namespace {
@@ -277,6 +278,28 @@ class NodeNetworkTest : public ::testing::Test {
     net_.Link(a, 5, b, 7, "Q1AAA");
     return {a, b};
   }
+  // n calls the outgoing connection named label on stream.
+  static void Call(TestNode& n, int stream, const std::string& label) {
+    n.streams.at(stream).state = kStateLoggingIn;
+    n.streams.at(stream).connection_label = label;
+    ASSERT_TRUE(n.net->OnConnectRequest(stream));
+  }
+  // The node call logs in to n on stream.
+  static void Accept(TestNode& n, int stream, std::string_view call) {
+    n.streams.at(stream).state = kStateLoggingIn;
+    ASSERT_TRUE(n.net->OnNodeLogin(stream, call));
+  }
+  // n's timers run for hours in five-minute steps, the wires delivering after each; a legacy
+  // neighbour on legacy_stream, when given, keeps its link alive with PC50.
+  void RunHours(TestNode& n, int hours, int legacy_stream = 0) {
+    for (int i = 0; i < 12 * hours; ++i) {
+      clock_.Advance(std::chrono::seconds(300));
+      if (legacy_stream != 0) n.net->OnLine(legacy_stream, "PC50^Q7XXX^0^H99^");
+      n.net->Tick();
+      net_.Pump();
+    }
+  }
+  std::string Stamp() const { return std::to_string(SecondsOfDay(clock_.Now())); }
 
   ManualClock clock_{MakeUtc(2026, 11, 21, 22, 0, 0)};
   Network net_{clock_};
@@ -316,20 +339,16 @@ TEST_F(NodeNetworkTest, TwoNodesLinkInBothRolesAndSeeEachOther) {
   EXPECT_EQ(b.net->RemoteUserCount(), 0);
 }
 
-TEST_F(NodeNetworkTest, UndefinedCallIsNoNode) {
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}));
-  EXPECT_FALSE(a.net->OnNodeLogin(3, "Q5USR"));
-  EXPECT_TRUE(a.net->IsDefinedNode("q2bbb"));
-  EXPECT_TRUE(a.out.sent.empty());
-}
-
-TEST_F(NodeNetworkTest, NodeTypesDecideTheExpectedStyle) {
+TEST_F(NodeNetworkTest, DefinedNodesAndTheStyleTheirTypeExpects) {
   EXPECT_EQ(NodeNetwork::StyleOfType("QXC"), NodeNetwork::Style::kPc9x);
   EXPECT_EQ(NodeNetwork::StyleOfType("dxs pc9x"), NodeNetwork::Style::kPc9x);
   EXPECT_EQ(NodeNetwork::StyleOfType("ARC"), NodeNetwork::Style::kLegacy);
   EXPECT_EQ(NodeNetwork::StyleOfType(""), NodeNetwork::Style::kLegacy);
-  // The "Nodes" list defines nodes too.
   TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}));
+  EXPECT_FALSE(a.net->OnNodeLogin(3, "Q5USR"));  // an undefined call is no node
+  EXPECT_TRUE(a.net->IsDefinedNode("q2bbb"));
+  EXPECT_TRUE(a.out.sent.empty());
+  // The "Nodes" list defines nodes too.
   Config cfg = ParseCfg(Cfg({"Q2BBB"}));
   cfg.List("Nodes").Add("Q3CCC ARC");
   cfg.List("LocalNodes").Add("Q4DDD");
@@ -342,16 +361,15 @@ TEST_F(NodeNetworkTest, NodeTypesDecideTheExpectedStyle) {
 TEST_F(NodeNetworkTest, AcceptsALegacyPeerWithStrayLinesAndMissingTrailers) {
   TestNode& a = net_.Add("Q1AAA", Cfg({"Q7XXX"}));
   a.AddUser(1, "Q5USR");
-  a.streams.at(4).state = kStateLoggingIn;
-  ASSERT_TRUE(a.net->OnNodeLogin(4, "Q7XXX"));
+  Accept(a, 4, "Q7XXX");
   EXPECT_EQ(net_.TakeFrom(a, 4), "PC18^QX Cluster Version: 5457 Build: 0.001 pc9x^5457^\r\n");
   for (std::string_view l :
        {"0", "PC19^1^Q7XXX^0^5455^H25^", "PC16^Q7XXX^Q7USR - 1^H25^", "PC20"}) {
     a.net->OnLine(4, l);
   }
   const std::string reply = net_.TakeFrom(a, 4);
-  EXPECT_NE(reply.find("PC19^1^Q1AAA^0^5457^H99^\r\n"), std::string::npos) << reply;
-  EXPECT_NE(reply.find("PC16^Q1AAA^Q5USR - 1^H99^\r\n"), std::string::npos) << reply;
+  EXPECT_TRUE(test::Has(reply, "PC19^1^Q1AAA^0^5457^H99^\r\n"));
+  EXPECT_TRUE(test::Has(reply, "PC16^Q1AAA^Q5USR - 1^H99^\r\n"));
   EXPECT_EQ(reply.substr(reply.size() - 7), "PC22^\r\n");
   EXPECT_EQ(a.streams.at(4).state, kStateNodeLegacy);
   EXPECT_EQ(a.net->RemoteUserCount(), 1);
@@ -364,16 +382,14 @@ TEST_F(NodeNetworkTest, CallsALegacyAcceptor) {
   TestNode& b = net_.Add("Q2BBB", Cfg({"Q7XXX"}, {"Q7XXX"}));
   b.net->SetReady(true);
   b.net->Tick();
-  b.streams.at(6).state = kStateLoggingIn;
-  b.streams.at(6).connection_label = "Q7XXX";
-  ASSERT_TRUE(b.net->OnConnectRequest(6));
+  Call(b, 6, "Q7XXX");
   b.net->OnLine(6, "Welcome to the old node");
   EXPECT_TRUE(b.net->OnPartialLine(6, "login: "));
   EXPECT_EQ(net_.TakeFrom(b, 6), "Q2BBB\r\n");
   b.net->OnLine(6, "PC38^Q7XXX^~");
   b.net->OnLine(6, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
   const std::string config = net_.TakeFrom(b, 6);
-  EXPECT_NE(config.find("PC19^1^Q2BBB^0^5457^H99^"), std::string::npos) << config;
+  EXPECT_TRUE(test::Has(config, "PC19^1^Q2BBB^0^5457^H99^"));
   EXPECT_EQ(config.substr(config.size() - 7), "PC20^\r\n");
   b.net->OnLine(6, "PC19^1^Q7XXX^0^5455^H25^");
   b.net->OnLine(6, "PC22^");
@@ -383,30 +399,24 @@ TEST_F(NodeNetworkTest, CallsALegacyAcceptor) {
 
 TEST_F(NodeNetworkTest, PromptCaughtUpByThePc18IsStillUnderstood) {
   TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
-  b.streams.at(6).state = kStateLoggingIn;
-  b.streams.at(6).connection_label = "Q1AAA";
-  ASSERT_TRUE(b.net->OnConnectRequest(6));
+  Call(b, 6, "Q1AAA");
   b.net->OnLine(6, "Please enter your call: ");
   EXPECT_EQ(net_.TakeFrom(b, 6), "Q2BBB\r\n");
   b.net->OnLine(6, "login: PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^0.1^");
-  EXPECT_NE(net_.TakeFrom(b, 6).find("PC20^"), std::string::npos);
+  EXPECT_TRUE(test::Has(net_.TakeFrom(b, 6), "PC20^"));
 }
 
 TEST_F(NodeNetworkTest, CallsAPc9xAcceptorThatSpeaksPc92) {
   TestNode& b = net_.Add("Q8YYY", Cfg({"Q9ZZZ-2"}, {"Q9ZZZ-2"}));
-  b.streams.at(6).state = kStateLoggingIn;
-  b.streams.at(6).connection_label = "Q9ZZZ-2";
-  ASSERT_TRUE(b.net->OnConnectRequest(6));
+  Call(b, 6, "Q9ZZZ-2");
   b.net->OnPartialLine(6, "login: ");
   net_.TakeFrom(b, 6);
-  const int t = SecondsOfDay(clock_.Now());
+  const std::string t = Stamp();
   b.net->OnLine(6, "PC18^ExampleNode Version: 2.3 Build: 120 pc9x 91^5300^");
   const std::string config = net_.TakeFrom(b, 6);
-  EXPECT_NE(config.find("PC92^Q8YYY^" + std::to_string(t) + "^C^5Q8YYY:5457^"), std::string::npos)
-      << config;
-  b.net->OnLine(6, "PC92^Q9ZZZ-2^" + std::to_string(t) + "^A^^5Q8YYY:127.0.0.1^H99^");
-  b.net->OnLine(
-      6, "PC92^Q9ZZZ-2^" + std::to_string(t) + ".01^K^5Q9ZZZ-2:5300:^1^0^127.0.0.1^none/none^H99^");
+  EXPECT_TRUE(test::Has(config, "PC92^Q8YYY^" + t + "^C^5Q8YYY:5457^"));
+  b.net->OnLine(6, "PC92^Q9ZZZ-2^" + t + "^A^^5Q8YYY:127.0.0.1^H99^");
+  b.net->OnLine(6, "PC92^Q9ZZZ-2^" + t + ".01^K^5Q9ZZZ-2:5300:^1^0^127.0.0.1^none/none^H99^");
   b.net->OnLine(6, "PC22^");
   EXPECT_EQ(b.streams.at(6).state, kStateNodePc9x);
   const NetworkView::Node* peer = b.net->view().FindNode("Q9ZZZ-2");
@@ -437,8 +447,7 @@ class RingTest : public NodeNetworkTest {
   // PC20; what A answered is taken.
   void LinkLegacyToA(std::initializer_list<std::string_view> config) {
     a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC DXS pc9x", "Q7XXX ARC"}, {"Q2BBB"})));
-    a_->streams.at(15).state = kStateLoggingIn;
-    ASSERT_TRUE(a_->net->OnNodeLogin(15, "Q7XXX"));
+    Accept(*a_, 15, "Q7XXX");
     for (std::string_view l : config) a_->net->OnLine(15, l);
     a_->net->OnLine(15, "PC20^");
     net_.Pump();
@@ -466,7 +475,7 @@ TEST_F(RingTest, EveryNodeKnowsEveryUser) {
   EXPECT_EQ(c_->net->RemoteUserCount(), 2);
   const auto who = a_->net->Lines("who");
   ASSERT_EQ(who.size(), 3u);
-  EXPECT_NE(who[0].find("Q6USR"), std::string::npos);
+  EXPECT_TRUE(test::Has(who[0], "Q6USR"));
 }
 
 TEST_F(RingTest, SpotReachesEveryNodeOnceAndNeverGoesBack) {
@@ -483,8 +492,8 @@ TEST_F(RingTest, SpotReachesEveryNodeOnceAndNeverGoesBack) {
   EXPECT_EQ(Count(b_->out.To(21), "Q4DX"), 0u);
   EXPECT_EQ(Count(c_->out.To(31), "Q4DX"), 0u);
   // Relayed copies carry one hop less.
-  EXPECT_NE(b_->out.To(23).find("^Q1AAA^198.51.100.7^"), std::string::npos) << b_->out.To(23);
-  EXPECT_NE(b_->out.To(23).find("^H98^~\r\n"), std::string::npos) << b_->out.To(23);
+  EXPECT_TRUE(test::Has(b_->out.To(23), "^Q1AAA^198.51.100.7^"));
+  EXPECT_TRUE(test::Has(b_->out.To(23), "^H98^~\r\n"));
 }
 
 TEST_F(RingTest, SpotFromAPrivateOrUnknownAddressTravelsAsPc11) {
@@ -497,7 +506,7 @@ TEST_F(RingTest, SpotFromAPrivateOrUnknownAddressTravelsAsPc11) {
     EXPECT_EQ(Count(a_->out.To(13), "PC61^"), 0u) << address;
     // Nor does a QX11 carry it.
     const std::string qx11 = a_->out.To(11);
-    EXPECT_NE(qx11.find("^Q5USR^Q1AAA^^"), std::string::npos) << address;
+    EXPECT_TRUE(test::Has(qx11, "^Q5USR^Q1AAA^^"));
     if (address[0]) {
       EXPECT_EQ(qx11.find("^" + std::string(address) + "^"), std::string::npos) << address;
     }
@@ -526,11 +535,10 @@ TEST_F(RingTest, SpotsTravelOnOnlyWithARealHopCountAndClean) {
   b_->net->OnLine(21,
                   "PC61^7010.0^Q4OK^21-Nov-2026^2200Z^\a\x1b[5m cq\x04^Q5USR^Q1AAA^"
                   "198.51.100.7^H5^~");
-  EXPECT_NE(b_->out.To(23).find("QX11^1^7010.0^Q4OK^21-Nov-2026^2200Z^[5m cq^Q5USR^Q1AAA^"
-                                "198.51.100.7^"),
-            std::string::npos)
-      << b_->out.To(23);
-  EXPECT_NE(b_->out.To(23).find("^H4^~\r\n"), std::string::npos) << b_->out.To(23);
+  EXPECT_TRUE(test::Has(b_->out.To(23),
+                        "QX11^1^7010.0^Q4OK^21-Nov-2026^2200Z^[5m cq^Q5USR^Q1AAA^"
+                        "198.51.100.7^"));
+  EXPECT_TRUE(test::Has(b_->out.To(23), "^H4^~\r\n"));
   // A spot on its last hop is used here but goes no further.
   b_->net->OnLine(21, "PC11^7010.0^Q4LAST^21-Nov-2026^2200Z^last hop^Q5USR^Q1AAA^H1^~");
   EXPECT_EQ(b_->seen_spots.size(), 2u);
@@ -562,7 +570,7 @@ TEST_F(RingTest, EachKindOfNeighbourGetsTheSpotInItsOwnSentence) {
   EXPECT_EQ(b_->last_carried.OriginId, 42u);
   EXPECT_EQ(b_->last_carried.SpotterGrid, "FN42");
   EXPECT_EQ(b_->last_carried.Mode, "CW");
-  EXPECT_NE(b_->out.To(23).find("^FN42^^^^^42^H98^~"), std::string::npos) << b_->out.To(23);
+  EXPECT_TRUE(test::Has(b_->out.To(23), "^FN42^^^^^42^H98^~"));
 }
 
 // A QX11 from a neighbour of this software goes through intake like a PC61 and on to the
@@ -593,8 +601,7 @@ TEST_F(RingTest, Qx11FromANeighbourGoesOnInTheOthersSentences) {
   a_->net->OnLine(11, "QX11^1^14025.0^Q4BAD^21-Nov-2026^2200Z^x^Q6USR^Q2BBB^H20^~");
   EXPECT_EQ(a_->intake.size(), 2u);
   ASSERT_FALSE(a_->errors.empty());
-  EXPECT_NE(a_->errors.back().find("QX11: spot dropped (too few fields)"), std::string::npos)
-      << a_->errors.back();
+  EXPECT_TRUE(test::Has(a_->errors.back(), "QX11: spot dropped (too few fields)"));
   EXPECT_EQ(net_.TakeFrom(*a_, 13) + net_.TakeFrom(*a_, 15), "");
 }
 
@@ -614,8 +621,7 @@ TEST_F(RingTest, AnnouncementReachesEveryUserOnce) {
   // nobody sees it twice and it does not go round again.
   clock_.Advance(std::chrono::seconds(60));
   const size_t b_sent = b_->out.To(23).size();
-  b_->net->OnLine(21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) +
-                          "^*^Q5USR^*^full announcement^^^H99^");
+  b_->net->OnLine(21, "PC93^Q1AAA^" + Stamp() + "^*^Q5USR^*^full announcement^^^H99^");
   net_.Pump();
   EXPECT_EQ(Count(b_->out.To(1), "full announcement"), 1u);
   EXPECT_EQ(b_->out.To(23).size(), b_sent);
@@ -627,16 +633,14 @@ TEST_F(RingTest, ReceivedAnnouncementsReachOnlyTheirAudience) {
   net_.Pump();
   // A sysop announcement is for the sysops only.
   clock_.Advance(1s);
-  b_->net->OnLine(21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) +
-                          "^SYSOP^Q5USR^*^sysops only^^^H99^");
+  b_->net->OnLine(21, "PC93^Q1AAA^" + Stamp() + "^SYSOP^Q5USR^*^sysops only^^^H99^");
   EXPECT_EQ(Count(b_->out.To(2), "To SYSOP de Q5USR: sysops only\r\n"), 1u);
   EXPECT_EQ(Count(b_->out.To(1), "sysops only"), 0u);
   // A legacy node's PC12 that a PC9x neighbour passes on is shown once, also when the same
   // announcement comes as PC93 as well.
   b_->net->OnLine(21, "PC12^Q7OLD^*^old style^ ^Q7XXX^0^H29^~");
   clock_.Advance(1s);
-  b_->net->OnLine(21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) +
-                          "^*^Q7OLD^*^old style^Q7XXX^^H99^");
+  b_->net->OnLine(21, "PC93^Q1AAA^" + Stamp() + "^*^Q7OLD^*^old style^Q7XXX^^H99^");
   EXPECT_EQ(Count(b_->out.To(1), "To ALL de Q7OLD: old style\r\n"), 1u);
 }
 
@@ -651,8 +655,7 @@ TEST_F(RingTest, ReceivedAnnouncementsPassEachUsersRules) {
     };
   };
   clock_.Advance(1s);
-  b_->net->OnLine(
-      21, "PC93^Q1AAA^" + std::to_string(SecondsOfDay(clock_.Now())) + "^WX^Q5USR^*^foggy^^^H99^");
+  b_->net->OnLine(21, "PC93^Q1AAA^" + Stamp() + "^WX^Q5USR^*^foggy^^^H99^");
   b_->net->OnLine(21, "PC12^Q7OLD^*^old style^ ^Q7XXX^0^H29^~");
   EXPECT_EQ(asked, (std::vector<std::string>{"Q5USR|WX|foggy|Q1AAA", "Q7OLD|*|old style|Q7XXX"}));
   EXPECT_EQ(Count(b_->out.To(1), "foggy"), 0u);
@@ -763,9 +766,7 @@ TEST_F(RingTest, LegacyNeighbourGetsPc11Pc12AndPc10) {
 
   a_->net->RelaySpot(LocalSpot("198.51.100.7"), 1);
   std::string sent = net_.TakeFrom(*a_, 15);
-  EXPECT_NE(sent.find("PC11^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q5USR^Q1AAA^H99^~"),
-            std::string::npos)
-      << sent;
+  EXPECT_TRUE(test::Has(sent, "PC11^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q5USR^Q1AAA^H99^~"));
   b_->net->Announce("Q6USR", "*", "to the old ones");
   net_.Pump();
   sent = net_.TakeFrom(*a_, 15);
@@ -807,8 +808,7 @@ class MixedNetworkTest : public NodeNetworkTest {
   // A scripted legacy neighbour logs in to A and sends its configuration and PC20; A's answer.
   std::string LinkLegacy(int stream, const std::string& call,
                          std::initializer_list<std::string> config) {
-    a_->streams.at(stream).state = kStateLoggingIn;
-    EXPECT_TRUE(a_->net->OnNodeLogin(stream, call));
+    Accept(*a_, stream, call);
     EXPECT_EQ(Count(net_.TakeFrom(*a_, stream), "PC18^"), 1u);
     for (const std::string& line : config) a_->net->OnLine(stream, line);
     a_->net->OnLine(stream, "PC20^");
@@ -816,9 +816,6 @@ class MixedNetworkTest : public NodeNetworkTest {
     const std::string reply = net_.TakeFrom(*a_, stream);
     net_.Pump();
     return reply;
-  }
-  std::string Stamp(int ahead = 0) const {
-    return std::to_string((SecondsOfDay(clock_.Now()) + ahead) % 86400);
   }
   TestNode* a_;
   TestNode* b_;
@@ -834,12 +831,10 @@ TEST_F(MixedNetworkTest, LegacyPeersLinkingLaterLearnEveryNodeAndUserButNeverThe
       15, "Q7XXX",
       {"PC19^1^Q7XXX^0^5455^1^Q7FAR^0^5455^H25^", "PC16^Q7XXX^Q7OLD - 1^Q7TWO - 1^H25^"});
   // Our node first, then everything beyond us in the same sentence; users per node.
-  EXPECT_NE(first.find("PC19^1^Q1AAA^0^5457^1^Q2BBB^0^5457^1^Q3CCC^0^5457^H99^\r\n"),
-            std::string::npos)
-      << first;
-  EXPECT_NE(first.find("PC16^Q1AAA^Q5USR - 1^H99^\r\n"), std::string::npos) << first;
-  EXPECT_NE(first.find("PC16^Q2BBB^Q6USR - 1^H99^\r\n"), std::string::npos) << first;
-  EXPECT_NE(first.find("PC16^Q3CCC^Q3USR - 1^H99^\r\n"), std::string::npos) << first;
+  EXPECT_TRUE(test::Has(first, "PC19^1^Q1AAA^0^5457^1^Q2BBB^0^5457^1^Q3CCC^0^5457^H99^\r\n"));
+  EXPECT_TRUE(test::Has(first, "PC16^Q1AAA^Q5USR - 1^H99^\r\n"));
+  EXPECT_TRUE(test::Has(first, "PC16^Q2BBB^Q6USR - 1^H99^\r\n"));
+  EXPECT_TRUE(test::Has(first, "PC16^Q3CCC^Q3USR - 1^H99^\r\n"));
   // Its own node, the node behind it and its users, which it has just told us, are not
   // described back to it.
   EXPECT_EQ(Count(first, "Q7XXX"), 0u) << first;
@@ -849,14 +844,14 @@ TEST_F(MixedNetworkTest, LegacyPeersLinkingLaterLearnEveryNodeAndUserButNeverThe
 
   // A second legacy neighbour hears of the first and its users too.
   const std::string second = LinkLegacy(16, "Q4OLD", {"PC19^1^Q4OLD^0^5455^H25^"});
-  EXPECT_NE(second.find("^1^Q7XXX^0^5455^"), std::string::npos) << second;
-  EXPECT_NE(second.find("PC16^Q7XXX^Q7OLD - 1^Q7TWO - 1^H99^\r\n"), std::string::npos) << second;
+  EXPECT_TRUE(test::Has(second, "^1^Q7XXX^0^5455^"));
+  EXPECT_TRUE(test::Has(second, "PC16^Q7XXX^Q7OLD - 1^Q7TWO - 1^H99^\r\n"));
   EXPECT_EQ(Count(second, "Q4OLD"), 0u) << second;
   // Meanwhile nothing about the first came back on its own link.
   const std::string to_first = net_.TakeFrom(*a_, 15);
   EXPECT_EQ(Count(to_first, "Q7XXX"), 0u) << to_first;
   EXPECT_EQ(Count(to_first, "Q7OLD"), 0u) << to_first;
-  EXPECT_NE(to_first.find("PC19^1^Q4OLD^0^"), std::string::npos) << to_first;
+  EXPECT_TRUE(test::Has(to_first, "PC19^1^Q4OLD^0^"));
 }
 
 TEST_F(MixedNetworkTest, LegacyCallerLearnsTheNetworkBeyondTheNodeItCalls) {
@@ -864,17 +859,13 @@ TEST_F(MixedNetworkTest, LegacyCallerLearnsTheNetworkBeyondTheNodeItCalls) {
   // This time A calls the legacy node, which answers with a status-text PC18.
   Config cfg = ParseCfg(Cfg({"Q2BBB"}, {"Q7XXX"}));
   a_->net->Configure(cfg);
-  a_->streams.at(6).state = kStateLoggingIn;
-  a_->streams.at(6).connection_label = "Q7XXX";
-  ASSERT_TRUE(a_->net->OnConnectRequest(6));
+  Call(*a_, 6, "Q7XXX");
   a_->net->OnPartialLine(6, "login: ");
   net_.TakeFrom(*a_, 6);
   a_->net->OnLine(6, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
   const std::string config = net_.TakeFrom(*a_, 6);
-  EXPECT_NE(config.find("PC19^1^Q1AAA^0^5457^1^Q2BBB^0^5457^1^Q3CCC^0^5457^H99^\r\n"),
-            std::string::npos)
-      << config;
-  EXPECT_NE(config.find("PC16^Q3CCC^Q3USR - 1^H99^\r\n"), std::string::npos) << config;
+  EXPECT_TRUE(test::Has(config, "PC19^1^Q1AAA^0^5457^1^Q2BBB^0^5457^1^Q3CCC^0^5457^H99^\r\n"));
+  EXPECT_TRUE(test::Has(config, "PC16^Q3CCC^Q3USR - 1^H99^\r\n"));
   EXPECT_EQ(config.substr(config.size() - 7), "PC20^\r\n");
 }
 
@@ -914,8 +905,7 @@ TEST_F(MixedNetworkTest, Pc9xConfigurationsReachLinkedLegacyPeersAsTheirChanges)
   a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^7Q7XXX^1Q7OLD^1Q7NEW^H99^");
   EXPECT_EQ(net_.TakeFrom(*a_, 15), "");
   const std::string to_second = net_.TakeFrom(*a_, 16);
-  EXPECT_NE(to_second.find("PC16^Q7XXX^Q7OLD - 1^Q7NEW - 1^H99^\r\n"), std::string::npos)
-      << to_second;
+  EXPECT_TRUE(test::Has(to_second, "PC16^Q7XXX^Q7OLD - 1^Q7NEW - 1^H99^\r\n"));
   // And nothing ever went back to B in legacy words.
   EXPECT_EQ(Count(a_->out.To(11), "PC16^"), 0u);
   EXPECT_EQ(Count(a_->out.To(11), "PC19^"), 0u);
@@ -955,25 +945,17 @@ TEST_F(MixedNetworkTest, Pc9xPeersLearnTheUsersBehindOurLegacyNeighbours) {
   EXPECT_EQ(Count(a_->out.To(15), "Q7OLD"), 0u);
 
   // Then hourly, with the keep-alive.  The legacy neighbour keeps the link alive with PC50.
-  const auto hour = [&] {
-    for (int i = 0; i < 12; ++i) {
-      clock_.Advance(300s);
-      a_->net->OnLine(15, "PC50^Q7XXX^2^H99^");
-      a_->net->Tick();
-      net_.Pump();
-    }
-  };
-  hour();
+  RunHours(*a_, 1, 15);
   EXPECT_EQ(Count(a_->out.To(11), "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 2u);
   EXPECT_TRUE(a_->out.closed.empty());
   // Relayed by B, it reaches C, which linked after A's link-up.
   EXPECT_EQ(c_->net->view().RouteTo("Q7TWO"), 32);
   // Another node that is linked to the same legacy node described it lately: A leaves it.
   a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^");
-  hour();
+  RunHours(*a_, 1, 15);
   EXPECT_EQ(Count(a_->out.To(11), "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 2u);
   EXPECT_GE(Count(a_->out.To(11), "^K^5Q1AAA"), 2u);
-  hour();
+  RunHours(*a_, 1, 15);
   EXPECT_EQ(Count(a_->out.To(11), "^C^7Q7XXX^1Q7OLD^1Q7TWO^H99^\r\n"), 3u);
 }
 
@@ -988,12 +970,7 @@ TEST_F(MixedNetworkTest, NodesBehindALegacyNeighbourHangUnderItAndOutliveOurFull
 
   // A's full configurations (after the link change, then every few hours) list only A's
   // neighbours and users; the far node stays in B's view all the same.
-  for (int i = 0; i < 12; ++i) {
-    clock_.Advance(300s);
-    a_->net->OnLine(15, "PC50^Q7XXX^0^H99^");
-    a_->net->Tick();
-    net_.Pump();
-  }
+  RunHours(*a_, 1, 15);
   ASSERT_GE(Count(a_->out.To(11), "^C^5Q1AAA"), 1u);
   EXPECT_NE(b_->net->view().FindNode("Q7FAR"), nullptr);
   EXPECT_NE(c_->net->view().FindNode("Q7FAR"), nullptr);
@@ -1034,16 +1011,11 @@ TEST_F(MixedNetworkTest, LegacyPeersHearOfEveryNodeThatLeavesTheView) {
   // The node comes back: the legacy side hears of it again.
   clock_.Advance(10s);
   a_->net->OnLine(11, "PC92^Q2BBB^" + Stamp() + "^C^5Q2BBB:5457^5Q1AAA^5Q3CCC^5Q6TWO^H99^");
-  EXPECT_NE(net_.TakeFrom(*a_, 15).find("^Q6TWO^"), std::string::npos);
+  EXPECT_TRUE(test::Has(net_.TakeFrom(*a_, 15), "^Q6TWO^"));
 
   // C sends no keep-alive (only A's timers run): after three hours it expires, and the
   // legacy neighbour, which keeps nodes until told, hears so.
-  for (int i = 0; i < 36; ++i) {
-    clock_.Advance(300s);
-    a_->net->OnLine(15, "PC50^Q7XXX^0^H99^");
-    a_->net->Tick();
-    net_.Pump();
-  }
+  RunHours(*a_, 3, 15);
   EXPECT_EQ(a_->net->view().FindNode("Q3CCC"), nullptr);
   EXPECT_EQ(Count(a_->out.To(15), "PC21^Q3CCC^Gone^"), 1u);
 }
@@ -1110,9 +1082,9 @@ TEST_F(NodeNetworkTest, PingsAreAnsweredAndTimed) {
   EXPECT_NEAR(a.net->Links()[0].last_rtt_ms, 250.0, 1.0);
   const auto lines = a.net->Lines("links");
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_NE(lines[1].find("Q2BBB"), std::string::npos);
-  EXPECT_NE(lines[1].find("PC9x"), std::string::npos);
-  EXPECT_NE(lines[1].find(" 250 "), std::string::npos) << lines[1];
+  EXPECT_TRUE(test::Has(lines[1], "Q2BBB"));
+  EXPECT_TRUE(test::Has(lines[1], "PC9x"));
+  EXPECT_TRUE(test::Has(lines[1], " 250 "));
   for (int i = 0; i < 5; ++i) {
     clock_.Advance(300s);
     a.net->Tick();
@@ -1124,11 +1096,10 @@ TEST_F(NodeNetworkTest, PingsAreAnsweredAndTimed) {
 }
 
 // A legacy link is dropped after two unanswered checks, unless anything at all comes back.
-TEST_F(NodeNetworkTest, UnansweredPingsDropALinkAndAnyTrafficCountsAsAnAnswer) {
+TEST_F(NodeNetworkTest, UnansweredPingsOrAPc39DropALinkAndAnyTrafficCountsAsAnAnswer) {
   TestNode& a = net_.Add("Q1AAA", Cfg({"Q7XXX", "Q8YYY"}));
   for (auto [stream, peer] : {std::pair{4, "Q7XXX"}, std::pair{6, "Q8YYY"}}) {
-    a.streams.at(stream).state = kStateLoggingIn;
-    ASSERT_TRUE(a.net->OnNodeLogin(stream, peer));
+    Accept(a, stream, peer);
     a.net->OnLine(stream, "PC20^");
     ASSERT_EQ(a.streams.at(stream).state, kStateNodeLegacy);
     net_.TakeFrom(a, stream);
@@ -1148,6 +1119,11 @@ TEST_F(NodeNetworkTest, UnansweredPingsDropALinkAndAnyTrafficCountsAsAnAnswer) {
   EXPECT_EQ(Count(net_.TakeFrom(a, 4), "PC39^Q1AAA^"), 1u);
   // Legacy neighbours get PC50 every hour.
   EXPECT_GE(Count(a.out.To(6), "PC50^Q1AAA^"), 1u);
+  // A PC39 closes the link, but only one from the neighbour itself.
+  a.net->OnLine(6, "PC39^Q6OTHER^bye^H30^");
+  EXPECT_EQ(a.out.closed, std::vector<int>{4});
+  a.net->OnLine(6, "PC39^Q8YYY^Disconnected by System Op^H30^");
+  EXPECT_EQ(a.out.closed, (std::vector<int>{4, 6}));
 }
 
 TEST_F(NodeNetworkTest, KeepaliveAndFullConfigurationOnTheirTimers) {
@@ -1177,58 +1153,36 @@ TEST_F(NodeNetworkTest, KeepaliveAndFullConfigurationOnTheirTimers) {
   EXPECT_NE(b.net->view().FindNode("Q1AAA"), nullptr);
 }
 
-TEST_F(NodeNetworkTest, QuietNodeExpiresUnlessItSendsAKeepalive) {
-  auto [a, b] = LinkedPair();
+// Peers send K hourly: our own, shorter K interval must not expire them any sooner.
+TEST_F(NodeNetworkTest, QuietNodeExpiresAfterThreeHoursUnlessItSendsAKeepalive) {
+  NodeNetworkOptions o;
+  o.keepalive_interval = 600;
+  auto [a, b] = LinkedPair(o);
   // Two nodes beyond B, each heard once.
   const auto far = [&](std::string_view call, std::string_view type) {
-    const std::string t = std::to_string(SecondsOfDay(clock_.Now()));
-    a.net->OnLine(5, "PC92^" + std::string(call) + "^" + t + "^" + std::string(type) + "^5" +
-                         std::string(call) + ":5457^1^0^H97^");
+    a.net->OnLine(5, fmt::format("PC92^{}^{}^{}^5{}:5457^1^0^H97^", call, Stamp(), type, call));
   };
   far("Q8FAR", "K");
   far("Q9FAR", "C");
   ASSERT_EQ(a.net->NodeCount(), 3);
   // Only A's timers run: B sends no keep-alive of its own but answers A's link checks.
-  const auto hour = [&] {
-    for (int i = 0; i < 12; ++i) {
-      clock_.Advance(300s);
-      a.net->Tick();
-      net_.Pump();
-    }
-  };
-  hour();
-  hour();
+  RunHours(a, 2);
   far("Q9FAR", "K");
   const int changes = a.counts_changed;
-  hour();
+  RunHours(a, 1);
   EXPECT_EQ(a.net->view().FindNode("Q8FAR"), nullptr);
   EXPECT_GT(a.counts_changed, changes);
   ASSERT_NE(a.net->view().FindNode("Q9FAR"), nullptr);
   EXPECT_EQ(a.net->NodeCount(), 2);
-  for (int i = 0; i < 10; ++i) hour();
+  for (int hour = 0; hour < 4; ++hour) {  // a K every hour keeps it
+    far("Q9FAR", "K");
+    RunHours(a, 1);
+    ASSERT_NE(a.net->view().FindNode("Q9FAR"), nullptr) << "hour " << hour;
+  }
+  RunHours(a, 10);
   // The neighbour never goes while its link stands; the other one did.
   EXPECT_EQ(a.net->view().Nodes(), std::vector<std::string>{"Q2BBB"});
   EXPECT_TRUE(a.out.closed.empty());
-}
-
-// Peers send K hourly: a node whose own K interval is shorter must not expire them sooner.
-TEST_F(NodeNetworkTest, QuietCountdownIsHourlyWhateverOurKeepaliveInterval) {
-  NodeNetworkOptions o;
-  o.keepalive_interval = 600;
-  auto [a, b] = LinkedPair(o);
-  const auto far_k = [&] {
-    const std::string t = std::to_string(SecondsOfDay(clock_.Now()));
-    a.net->OnLine(5, "PC92^Q8FAR^" + t + "^K^5Q8FAR:5457^1^0^H97^");
-  };
-  for (int hour = 0; hour < 5; ++hour) {
-    far_k();
-    for (int i = 0; i < 12; ++i) {
-      clock_.Advance(300s);
-      a.net->Tick();
-      net_.Pump();
-    }
-    ASSERT_NE(a.net->view().FindNode("Q8FAR"), nullptr) << "hour " << hour;
-  }
 }
 
 // Outgoing connections, sysop commands, restart -------------------------------------------------
@@ -1264,8 +1218,7 @@ TEST_F(NodeNetworkTest, DisconnectSaysGoodbyeAndTheLinkComesBack) {
   net_.Link(a, 5, b, 7, "Q1AAA");
   EXPECT_EQ(b.net->LinkCommand("Q1AAA", false), "Disconnecting Q1AAA");
   EXPECT_EQ(b.out.closed, std::vector<int>{7});
-  EXPECT_NE(net_.TakeFrom(b, 7).find("PC39^Q2BBB^Disconnected by System Op^H99^"),
-            std::string::npos);
+  EXPECT_TRUE(test::Has(net_.TakeFrom(b, 7), "PC39^Q2BBB^Disconnected by System Op^H99^"));
   net_.Cut(a, 5, b, 7);
   EXPECT_EQ(a.net->NodeCount(), 0);
   EXPECT_TRUE(b.net->Links().empty());
@@ -1280,15 +1233,11 @@ TEST_F(NodeNetworkTest, DisconnectSaysGoodbyeAndTheLinkComesBack) {
 TEST_F(NodeNetworkTest, NodesCallingEachOtherAtOnceKeepOneLink) {
   TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}, {"Q2BBB"}));
   TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
-  for (TestNode* n : {&a, &b}) {
-    n->streams.at(3).state = kStateLoggingIn;
-    n->streams.at(3).connection_label = n == &a ? "Q2BBB" : "Q1AAA";
-    ASSERT_TRUE(n->net->OnConnectRequest(3));
-    n->streams.at(4).state = kStateLoggingIn;
-  }
+  Call(a, 3, "Q2BBB");
+  Call(b, 3, "Q1AAA");
   // Each side's call arrives at the other on stream 4.
-  EXPECT_TRUE(a.net->OnNodeLogin(4, "Q2BBB"));
-  EXPECT_TRUE(b.net->OnNodeLogin(4, "Q1AAA"));
+  Accept(a, 4, "Q2BBB");
+  Accept(b, 4, "Q1AAA");
   // Q1AAA's call (A's stream 3, B's stream 4) is the one that stays.
   EXPECT_EQ(a.out.closed, std::vector<int>{4});
   EXPECT_EQ(b.out.closed, std::vector<int>{3});
@@ -1296,17 +1245,6 @@ TEST_F(NodeNetworkTest, NodesCallingEachOtherAtOnceKeepOneLink) {
   EXPECT_TRUE(a.net->Links()[0].outgoing);
   ASSERT_EQ(b.net->Links().size(), 1u);
   EXPECT_FALSE(b.net->Links()[0].outgoing);
-}
-
-TEST_F(NodeNetworkTest, Pc39FromTheNeighbourClosesTheLink) {
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q7XXX"}));
-  a.streams.at(4).state = kStateLoggingIn;
-  ASSERT_TRUE(a.net->OnNodeLogin(4, "Q7XXX"));
-  a.net->OnLine(4, "PC20^");
-  a.net->OnLine(4, "PC39^Q6OTHER^bye^H30^");
-  EXPECT_TRUE(a.out.closed.empty());
-  a.net->OnLine(4, "PC39^Q7XXX^Disconnected by System Op^H30^");
-  EXPECT_EQ(a.out.closed, std::vector<int>{4});
 }
 
 // A chain A <- B <- C (each calls the one before) with users on every node; B restarts.

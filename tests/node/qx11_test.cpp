@@ -110,13 +110,13 @@ TEST_F(Qx11Test, WhatTheOriginKnewTravelsOnUnchanged) {
 TEST_F(Qx11Test, ModeComesFromTheCommentBeforeTheBandPlan) {
   spot_.slots[kSlotComment] = "loud FT8 -12dB";
   spot_.ModeFlags = kModeFt8;
-  EXPECT_NE(Build().find("^FT8^S^"), std::string::npos) << Build();
+  EXPECT_TRUE(test::Has(Build(), "^FT8^S^"));
   spot_.slots[kSlotComment] = "usb pileup";
   spot_.ModeFlags = 0;
-  EXPECT_NE(Build().find("^SSB^S^"), std::string::npos) << Build();
+  EXPECT_TRUE(test::Has(Build(), "^SSB^S^"));
   spot_.slots[kSlotComment] = " ";
   spot_.FrequencyKHz = 10368100.0;  // no band plan up there
-  EXPECT_NE(Build().find("^198.51.100.7^^^C^"), std::string::npos) << Build();
+  EXPECT_TRUE(test::Has(Build(), "^198.51.100.7^^^C^"));
 }
 
 TEST_F(Qx11Test, LaterVersionsAddFieldsBeforeTheHopCount) {
@@ -233,9 +233,9 @@ TEST_F(Qx11Test, NodeTakesAQx11FromPiecesAndLogsABadOne) {
   EXPECT_FALSE(proc.ProcessNodeData(1, "QX11^1^14025.0^DL1XYZ^H5^~"));
   EXPECT_FALSE(proc.ProcessNodeData(1, std::string(line).replace(line.rfind("H12"), 3, "H0")));
   ASSERT_EQ(errors.size(), 2u);
-  EXPECT_NE(errors[0].find("QX11: spot dropped (too few fields)"), std::string::npos) << errors[0];
-  EXPECT_NE(errors[1].find("(no hop count)"), std::string::npos) << errors[1];
-  EXPECT_NE(errors[1].find("from XX0QX-2"), std::string::npos) << errors[1];
+  EXPECT_TRUE(test::Has(errors[0], "QX11: spot dropped (too few fields)"));
+  EXPECT_TRUE(test::Has(errors[1], "(no hop count)"));
+  EXPECT_TRUE(test::Has(errors[1], "from XX0QX-2"));
   EXPECT_TRUE(proc.ProcessNodeData(1, line));
   EXPECT_EQ(taken.size(), 2u);
 }
