@@ -293,13 +293,13 @@ TEST_F(IntakeTest, VerboseSpotterRefusalShowsTheEarlyNotice) {
   EXPECT_LT(early, spot_list_.rfind("### Spotter Bad ###"));
 }
 
-TEST_F(IntakeTest, TorHitAlsoRecordsTheSpotter) {
+// A Tor hit also records the spotter; a PC11 is judged by the address its caller knows; a
+// PC61 address that is no public one is logged but no reason to refuse the spot.
+TEST_F(IntakeTest, AddressesTheSpotCameFrom) {
   lists_.AddTorAddress("2001:db8::1");
   EXPECT_EQ(Run(With(kGood, 8, "2001:DB8::1")).verdict, SpotVerdict::kTorAddress);
   EXPECT_EQ(Log("badspotsTor/BadCall-22-Nov-2026"), "DL1XYZ\r\n");
-}
 
-TEST_F(IntakeTest, Pc11IsCheckedAgainstTheAddressTheCallerKnows) {
   lists_.AddRefusedAddress("198.51.100.9");
   IntakeRequest req;
   req.sentence = "PC11^14025.0^K1ABC^22-Nov-2026^0315Z^cq^G4USR^G7XXX^H24^~";
@@ -307,9 +307,7 @@ TEST_F(IntakeTest, Pc11IsCheckedAgainstTheAddressTheCallerKnows) {
   req.known_address = "198.51.100.9";
   EXPECT_EQ(intake_->Process(req).verdict, SpotVerdict::kRefusedAddress);
   EXPECT_NE(spot_list_.find("### Bad IP PC11 ###"), std::string::npos);
-}
 
-TEST_F(IntakeTest, OddPc61AddressIsLoggedButNotRefused) {
   EXPECT_TRUE(Run(With(kGood, 8, "")).accepted());
   EXPECT_TRUE(Run(With(With(kGood, 8, "node.example"), 2, "K2ABC")).accepted());
   EXPECT_TRUE(Run(With(With(kGood, 8, "2001:db8::7"), 2, "K3ABC")).accepted());
@@ -318,18 +316,15 @@ TEST_F(IntakeTest, OddPc61AddressIsLoggedButNotRefused) {
   EXPECT_NE(log.find("node.example"), std::string::npos);
 }
 
-TEST_F(IntakeTest, BadWordHitIsLoggedWithTheSpotFields) {
+// A bad-word hit is logged with the spot's fields and counts against the address, which the
+// sysop may have refused after so many offences.
+TEST_F(IntakeTest, BadWordHitsAreLoggedAndCanRefuseTheAddress) {
   lists_.AddBadWord("SPAM");
+  lists_.set_auto_refuse_after(2);
   EXPECT_EQ(Run(With(kGood, 5, "buy spam, now")).verdict, SpotVerdict::kBadWord);
   EXPECT_EQ(Log("badinfo/22-Nov-2026.log"),
             std::string(With(kGood, 5, "buy spam, now")) + " 0315 BadWordCheck PC11\r\n");
   EXPECT_EQ(lists_.offences("192.0.2.1"), 1);
-}
-
-TEST_F(IntakeTest, OffencesCanRefuseTheAddressWhenTheSysopAsks) {
-  lists_.AddBadWord("SPAM");
-  lists_.set_auto_refuse_after(2);
-  Run(With(kGood, 5, "spam"));
   EXPECT_EQ(Run(With(kGood, 5, "x")).verdict, SpotVerdict::kAccepted);
   Run(With(kGood, 5, "spam"));
   EXPECT_EQ(Run(With(With(kGood, 5, "y"), 2, "K9ZZ")).verdict, SpotVerdict::kRefusedAddress);
@@ -376,7 +371,9 @@ TEST_F(IntakeTest, RefusalsAreKeptWithTheRuleInWordsAndDuplicatesApart) {
   EXPECT_EQ(kept.back()->rule, "duplicate: K1ABC already spotted on this frequency lately");
 }
 
-TEST_F(IntakeTest, ReporterSpotsAreFt8AndCarryTheirTag) {
+// Reporter spots are FT8 and carry their tag; feeds may skip the request filter; beacons
+// are flagged by call or comment.
+TEST_F(IntakeTest, SourceFlagsAndBeacons) {
   IntakeRequest req;
   const std::string s = With(With(kGood, 5, "CW 20 dB"), 1, "14074.0");
   req.sentence = s;
@@ -385,6 +382,16 @@ TEST_F(IntakeTest, ReporterSpotsAreFt8AndCarryTheirTag) {
   ASSERT_TRUE(r.accepted());
   EXPECT_EQ(r.spot->ModeFlags & kModeMask, kModeFt8);
   EXPECT_EQ(r.spot->SourceTag, "PskReporter");
+
+  IntakeRequest feed;
+  const std::string request = With(With(kGood, 5, "PSE QSL"), 2, "K6ABC");
+  feed.sentence = request;
+  feed.skip_request_filter = true;
+  EXPECT_TRUE(intake_->Process(feed).accepted());
+
+  EXPECT_TRUE(Run(With(With(kGood, 2, "DK0WCY/B"), 1, "10144.0")).spot->IsBeacon);
+  EXPECT_TRUE(Run(With(With(kGood, 2, "K4ABC"), 5, "bcn 599")).spot->IsBeacon);
+  EXPECT_FALSE(Run(With(With(kGood, 2, "K5ABC"), 5, "BCNX")).spot->IsBeacon);
 }
 
 // What a spot carries beyond its sentence: whether the mode was stated, a skimmer's verdict
@@ -466,57 +473,44 @@ TEST(SkimmerTag, EveryVerdictAndWhatIsNoTag) {
   EXPECT_EQ(SkimmerModeWord("CWX 20 DB"), "");
 }
 
-TEST_F(IntakeTest, FeedsMaySkipTheRequestFilter) {
-  IntakeRequest req;
-  const std::string s = With(kGood, 5, "PSE QSL");
-  req.sentence = s;
-  req.skip_request_filter = true;
-  EXPECT_TRUE(intake_->Process(req).accepted());
-}
-
-TEST_F(IntakeTest, BeaconsAreFlagged) {
-  EXPECT_TRUE(Run(With(With(kGood, 2, "DK0WCY/B"), 1, "10144.0")).spot->IsBeacon);
-  EXPECT_TRUE(Run(With(With(kGood, 2, "K4ABC"), 5, "bcn 599")).spot->IsBeacon);
-  EXPECT_FALSE(Run(With(With(kGood, 2, "K5ABC"), 5, "BCNX")).spot->IsBeacon);
-}
-
-TEST(IntakeRulesTest, RequestFilter) {
-  EXPECT_TRUE(IsRequestComment("PSE QSL"));
-  EXPECT_TRUE(IsRequestComment("PLS QSL VIA BURO"));
-  EXPECT_FALSE(IsRequestComment("QSL PLS"));  // " PLS " needs a blank on both sides
-  EXPECT_TRUE(IsRequestComment("QSL PLS TNX"));
-  EXPECT_TRUE(IsRequestComment("QSL PSE TNX"));
-  EXPECT_TRUE(IsRequestComment("PLEASE CALL"));
-  EXPECT_TRUE(IsRequestComment("PPP PLEASE CALL"));
-  EXPECT_FALSE(IsRequestComment("XX PLEASE CALL"));
-  EXPECT_TRUE(IsRequestComment("GOT NIL FROM HIM"));
-  EXPECT_TRUE(IsRequestComment(" NIL "));
-  EXPECT_FALSE(IsRequestComment("PSE"));  // three characters never
-  EXPECT_FALSE(IsRequestComment("NIL"));
-  EXPECT_FALSE(IsRequestComment("UP 5"));
-}
-
-TEST(IntakeRulesTest, ModeOrder) {
-  EXPECT_EQ(ClassifyMode("FT4 AND FT8"), kModeFt8);
-  EXPECT_EQ(ClassifyMode("FT4"), kModeFt4);
-  EXPECT_EQ(ClassifyMode("FT-4 OR PSK"), kModeFt4);
-  EXPECT_EQ(ClassifyMode("FT-8"), kModeFt8);
-  EXPECT_EQ(ClassifyMode("F/H MODE"), kModeFt8);
-  EXPECT_EQ(ClassifyMode("FOX"), kModeFt8);
-  EXPECT_EQ(ClassifyMode("RTTY PSK31"), kModePsk);
-  EXPECT_EQ(ClassifyMode("RTTY 599"), kModeRtty);
-  EXPECT_EQ(ClassifyMode("MSK144"), kModeMsk);
-  EXPECT_EQ(ClassifyMode("CW 599"), 0u);
-  EXPECT_EQ(ClassifyMode("FT"), 0u);
-}
-
-TEST(IntakeRulesTest, IpAddresses) {
-  EXPECT_TRUE(IsIpAddress("192.0.2.1"));
-  EXPECT_TRUE(IsIpAddress("2001:db8::1"));
-  EXPECT_FALSE(IsIpAddress("2001,db8,,1"));
-  EXPECT_FALSE(IsIpAddress("192.0.2"));
-  EXPECT_FALSE(IsIpAddress(""));
-  EXPECT_FALSE(IsIpAddress(std::string(100, '1')));
+TEST(IntakeRulesTest, RequestFilterModeOrderAndAddresses) {
+  // " PLS " needs a blank on both sides; three characters are never a request.
+  const std::pair<const char*, bool> kRequests[] = {
+      {"PSE QSL", true},
+      {"PLS QSL VIA BURO", true},
+      {"QSL PLS", false},
+      {"QSL PLS TNX", true},
+      {"QSL PSE TNX", true},
+      {"PLEASE CALL", true},
+      {"PPP PLEASE CALL", true},
+      {"XX PLEASE CALL", false},
+      {"GOT NIL FROM HIM", true},
+      {" NIL ", true},
+      {"PSE", false},
+      {"NIL", false},
+      {"UP 5", false},
+  };
+  for (auto [comment, request] : kRequests)
+    EXPECT_EQ(IsRequestComment(comment), request) << comment;
+  const std::pair<const char*, uint32_t> kModes[] = {
+      {"FT4 AND FT8", kModeFt8},
+      {"FT4", kModeFt4},
+      {"FT-4 OR PSK", kModeFt4},
+      {"FT-8", kModeFt8},
+      {"F/H MODE", kModeFt8},
+      {"FOX", kModeFt8},
+      {"RTTY PSK31", kModePsk},
+      {"RTTY 599", kModeRtty},
+      {"MSK144", kModeMsk},
+      {"CW 599", 0u},
+      {"FT", 0u},
+  };
+  for (auto [comment, mode] : kModes) EXPECT_EQ(ClassifyMode(comment), mode) << comment;
+  const std::pair<std::string, bool> kAddresses[] = {
+      {"192.0.2.1", true}, {"2001:db8::1", true}, {"2001,db8,,1", false},
+      {"192.0.2", false},  {"", false},           {std::string(100, '1'), false},
+  };
+  for (const auto& [text, address] : kAddresses) EXPECT_EQ(IsIpAddress(text), address) << text;
 }
 
 TEST(BadListsTest, BadWordCheckWordRules) {
@@ -543,23 +537,25 @@ TEST(BadListsTest, BadWordCheckWordRules) {
 TEST(BadListsTest, CallListsMatchAsDocumented) {
   BadLists l;
   l.SetDxNok({"k1abc", "VP8*", " "});
-  EXPECT_TRUE(l.IsDxNok("K1ABC"));
-  EXPECT_TRUE(l.IsDxNok("k1abc"));
-  EXPECT_FALSE(l.IsDxNok("K1ABCD"));
-  EXPECT_TRUE(l.IsDxNok("VP8ABC"));
-  EXPECT_FALSE(l.IsDxNok("VP2ABC"));
   l.SetSpotterNok({"DL1XYZ-5"});
-  EXPECT_TRUE(l.IsSpotterNok("DL1XYZ"));
-  EXPECT_TRUE(l.IsSpotterNok("dl1xyz-2"));
-  EXPECT_FALSE(l.IsSpotterNok("DL1XY"));
   l.SetNodeNok({"DB0SUE"});
-  EXPECT_TRUE(l.IsNodeNok("DB0SUE-7"));
-  EXPECT_FALSE(l.IsNodeNok("DB0SU"));
-  EXPECT_TRUE(CallNotIssued("N0CALL"));
-  EXPECT_TRUE(CallNotIssued("0A1B"));
-  EXPECT_TRUE(CallNotIssued("1B1ABC"));
-  EXPECT_FALSE(CallNotIssued("1A0KM"));
-  EXPECT_FALSE(CallNotIssued("K1ABC-2"));
+  const struct {
+    bool (BadLists::*is)(std::string_view) const;
+    const char* call;
+    bool listed;
+  } kCases[] = {
+      {&BadLists::IsDxNok, "K1ABC", true},         {&BadLists::IsDxNok, "k1abc", true},
+      {&BadLists::IsDxNok, "K1ABCD", false},       {&BadLists::IsDxNok, "VP8ABC", true},
+      {&BadLists::IsDxNok, "VP2ABC", false},       {&BadLists::IsSpotterNok, "DL1XYZ", true},
+      {&BadLists::IsSpotterNok, "dl1xyz-2", true}, {&BadLists::IsSpotterNok, "DL1XY", false},
+      {&BadLists::IsNodeNok, "DB0SUE-7", true},    {&BadLists::IsNodeNok, "DB0SU", false},
+  };
+  for (const auto& c : kCases) EXPECT_EQ((l.*c.is)(c.call), c.listed) << c.call;
+  for (auto [call, not_issued] :
+       {std::pair{"N0CALL", true}, std::pair{"0A1B", true}, std::pair{"1B1ABC", true},
+        std::pair{"1A0KM", false}, std::pair{"K1ABC-2", false}}) {
+    EXPECT_EQ(CallNotIssued(call), not_issued) << call;
+  }
 }
 
 TEST(BadListsTest, LoadBadWordsMovesTheNewFileIn) {
