@@ -183,14 +183,6 @@ TEST_F(ProcessNodeDataTest, EndlessPiecesAreBoundedAndTheLinkRecovers) {
   EXPECT_EQ(spots_.back().second, piece + "^~");
 }
 
-TEST_F(ProcessNodeDataTest, Pc61NeedsNoTrailerEvenIfTheTableSaysSo) {
-  proc_->check_flags().Set(61, 3);
-  EXPECT_TRUE(Feed(kPeer, "PC61^14074.0^Q3DX^21-Nov-2026^2225Z^ft8^Q5USR^Q9ZZZ-2^198.51.100.7"));
-  ASSERT_EQ(spots_.size(), 1u);
-  EXPECT_EQ(spots_[0].first, 161);
-  EXPECT_EQ(proc_->check_flags().Get(61), 0);
-}
-
 // A hop count the network never gives (none left, more than 99, lower case, another letter,
 // nothing where the count belongs) would end or restart a spot's travel.  The trailer check
 // lets every PC61 through, so the spot handler refuses it, with a "HopsOk" entry, before
@@ -203,14 +195,19 @@ TEST_F(ProcessNodeDataTest, SpotsNeedARealHopCount) {
     std::string line;
     std::string logged_as;  // empty: taken
   } kCases[] = {
-      {pc61 + "H1^~", ""},         {pc61 + "H99^~", ""},      {pc61 + "H07", ""},
-      {pc11 + "H1^~", ""},         {pc11 + "H99^~", ""},      {pc11 + "H99", ""},
-      {pc61 + "H0^~", kHops},      {pc61 + "H100^~", kHops},  {pc61 + "H999^~", kHops},
-      {pc61 + "h5^~", kHops},      {pc61 + "X5^~", kHops},    {pc61 + "H5x^~", kHops},
-      {pc61 + "~", kHops},         {pc61 + "^~", kHops},      {pc11 + "H0^~", kTrailer},
-      {pc11 + "H100^~", kTrailer}, {pc11 + "h5^~", kTrailer}, {pc11 + "~", kTrailer},
-      {pc11 + "H5x^~", kTrailer},  {pc11 + "H100", kTrailer},
+      {pc61 + "H1^~", ""},        {pc61 + "H99^~", ""},
+      {pc61 + "H07", ""},         {pc11 + "H1^~", ""},
+      {pc11 + "H99^~", ""},       {pc11 + "H99", ""},
+      {pc61 + "H0^~", kHops},     {pc61 + "H100^~", kHops},
+      {pc61 + "H999^~", kHops},   {pc61 + "h5^~", kHops},
+      {pc61 + "X5^~", kHops},     {pc61 + "H5x^~", kHops},
+      {pc61 + "~", kHops},        {pc61 + "^~", kHops},
+      {pc11 + "H0^~", kTrailer},  {pc11 + "H100^~", kTrailer},
+      {pc11 + "h5^~", kTrailer},  {pc11 + "~", kTrailer},
+      {pc11 + "H5x^~", kTrailer}, {pc11 + "H100", kTrailer},
+      {pc61 + "H7", ""},  // a PC61 needs no trailer, whatever the table says
   };
+  proc_->check_flags().Set(61, 3);
   for (const auto& c : kCases) {
     spots_.clear();
     errors_.clear();
@@ -224,6 +221,7 @@ TEST_F(ProcessNodeDataTest, SpotsNeedARealHopCount) {
       EXPECT_TRUE(test::Has(errors_[0].text, "from Q9ZZZ-2"));
     }
   }
+  EXPECT_EQ(proc_->check_flags().Get(61), 0);
 }
 
 // Control characters from a neighbour never get further than the line they came in: not to
@@ -274,7 +272,7 @@ TEST_F(ProcessNodeDataTest, Pc92IsUpperCasedOnceWhole) {
   EXPECT_EQ(proc_->view().FindNode("Q9ZZZ-2")->version, "5300");
 }
 
-TEST_F(ProcessNodeDataTest, HeaderChecks) {
+TEST_F(ProcessNodeDataTest, HeaderChecksAndFeedLines) {
   EXPECT_FALSE(Feed(kPeer, "login: "));
   EXPECT_FALSE(Feed(kPeer, "Please enter your call: "));
   EXPECT_TRUE(errors_.empty());
@@ -290,9 +288,8 @@ TEST_F(ProcessNodeDataTest, HeaderChecks) {
   EXPECT_EQ(errors_[1].tag, "Data Not Processed PCnr ");
   EXPECT_EQ(errors_[1].text, "40 PC40^Q1AAA^Q9ZZZ-2^x^");
   EXPECT_EQ(proc_->state().current_sentence, 40);
-}
 
-TEST_F(ProcessNodeDataTest, FeedLinesBypassParsing) {
+  // Lines of a feed are no sentences: they go to the feed as they are.
   EXPECT_TRUE(Feed(kFeed, "DX de Q2SKM-#: 14025.0 Q3DX CW 12 dB 22 WPM CQ 2222Z\r"));
   ASSERT_EQ(feed_.size(), 1u);
   EXPECT_EQ(feed_[0], "3/3 DX de Q2SKM-#: 14025.0 Q3DX CW 12 dB 22 WPM CQ 2222Z");
@@ -300,7 +297,7 @@ TEST_F(ProcessNodeDataTest, FeedLinesBypassParsing) {
   EXPECT_TRUE(spots_.empty());
 }
 
-TEST_F(ProcessNodeDataTest, Pc51LinkCheck) {
+TEST_F(ProcessNodeDataTest, Pc51LinkCheckAndTheUnansweredCount) {
   streams_.at(kPeer).unanswered_pings = 2;
   EXPECT_TRUE(Feed(kPeer, "PC51^Q1AAA^Q9ZZZ-2^1^"));
   ASSERT_EQ(out_.sent.size(), 1u);
@@ -317,9 +314,7 @@ TEST_F(ProcessNodeDataTest, Pc51LinkCheck) {
   streams_.at(kPeer).unanswered_pings = 2;
   EXPECT_TRUE(Feed(kPeer, "PC51^Q1AAA^Q9ZZZ-2^0^"));
   EXPECT_EQ(streams_.at(kPeer).unanswered_pings, 0);
-}
-
-TEST_F(ProcessNodeDataTest, AnySentenceOnAnEstablishedLinkResetsTheUnansweredCount) {
+  // Any sentence resets it on an established link, only an answer on a starting one.
   streams_.at(kLegacy).unanswered_pings = 2;
   Feed(kLegacy, "PC50^Q7XXX^3^H99^");
   EXPECT_EQ(streams_.at(kLegacy).unanswered_pings, 0);
@@ -329,14 +324,12 @@ TEST_F(ProcessNodeDataTest, AnySentenceOnAnEstablishedLinkResetsTheUnansweredCou
   EXPECT_EQ(streams_.at(kLegacy).unanswered_pings, 2);
 }
 
-TEST_F(ProcessNodeDataTest, Pc18RecordsTheNeighboursClass) {
+TEST_F(ProcessNodeDataTest, Pc18RecordsTheNeighboursClassAndPc16ItsUsers) {
   Feed(kPeer, "PC18^ExampleNode Version: 2.3 Build: 120 pc9x 91^5457^");
   EXPECT_EQ(streams_.at(kPeer).node_class, "5^5457");
   Feed(kLegacy, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
   EXPECT_EQ(streams_.at(kLegacy).node_class, "7^5447");
-}
-
-TEST_F(ProcessNodeDataTest, Pc16CountsOnlyFromTheNodeItself) {
+  // A legacy link's PC16 counts only for the node itself.
   EXPECT_TRUE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H25^"));
   EXPECT_FALSE(Feed(kLegacy, "PC16^Q6WWW^Q6USR - 1^H25^"));
   EXPECT_EQ(proc_->view().UserCount(), 1);
