@@ -407,13 +407,6 @@ TEST_F(ProcessNodeDataTest, Pc92RepeatOverASecondLinkIsRememberedAsARoute) {
   EXPECT_EQ(relayed_.size(), 2u);
   EXPECT_EQ(proc_->view().FindNode("Q6WWW")->routes,
             (std::map<int, int>{{kPeer, 97}, {kSecond, 96}}));
-
-  // The first link goes: the origin, what it owns and their users stay, now behind Q8YYY.
-  EXPECT_EQ(proc_->LinkClosed(kPeer), std::vector<std::string>{"Q9ZZZ-2"});
-  EXPECT_EQ(proc_->view().Nodes(), (std::vector<std::string>{"Q5OLD", "Q6WWW", "Q8YYY"}));
-  EXPECT_EQ(proc_->view().UserCount(), 2);
-  EXPECT_EQ(proc_->view().RouteTo("Q6USR"), kSecond);
-  EXPECT_EQ(proc_->view().RouteTo("Q5USR"), kSecond);
 }
 
 TEST_F(ProcessNodeDataTest, QuietNodeIsForgottenWithItsTimeStamp) {
@@ -440,48 +433,6 @@ TEST_F(ProcessNodeDataTest, HandlerFaultCostsOneLine) {
   ASSERT_EQ(errors_.size(), 1u);
   EXPECT_TRUE(test::Has(errors_[0].text, "boom"));
   EXPECT_TRUE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H25^"));
-}
-
-TEST_F(ProcessNodeDataTest, HandshakeSeesTheLinesOfAStartingLink) {
-  NodeDeps deps;
-  deps.streams = &streams_;
-  deps.output = &out_;
-  deps.clock = &clock_;
-  deps.our_config = [](bool pc9x) {
-    return pc9x ? std::vector<std::string>{"PC92^Q1AAA^80562^C^5Q1AAA:5457^H99^\r\n"}
-                : std::vector<std::string>{"PC19^1^Q1AAA^0^5457^H99^\r\n"};
-  };
-  proc_ = std::make_unique<NodeProcessor>(NodeOptions{"Q1AAA", "0.1", 0, true, false}, deps);
-  streams_.at(4).call = "Q7XXX";
-  proc_->StartLink(4, NodeLinkHandshake::Role::kCall, "Q7XXX");
-  EXPECT_EQ(streams_.at(4).state, kStateNodeConnecting);
-  Feed(4, "login: ");
-  Feed(4, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
-  Feed(4, "PC19^1^Q7XXX^0^5455^H15^");
-  Feed(4, "PC22^");
-  ASSERT_EQ(out_.sent.size(), 3u);
-  EXPECT_EQ(out_.sent[0].text, "Q1AAA\r\n");
-  EXPECT_EQ(out_.sent[1].text, "PC19^1^Q1AAA^0^5457^H99^\r\n");
-  EXPECT_EQ(out_.sent[2].text, "PC20^\r\n");
-  EXPECT_EQ(streams_.at(4).state, kStateNodeLegacy);
-  EXPECT_EQ(streams_.at(4).node_class, "7^5447");
-  EXPECT_EQ(proc_->view().RouteTo("Q7XXX"), 4);
-  proc_->LinkClosed(4);
-  EXPECT_EQ(proc_->view().RouteTo("Q7XXX"), 0);
-
-  // An accepted link whose call the log-in dialogue already read gets PC18 at once.
-  out_.sent.clear();
-  streams_.at(4).call = "Q8YYY";
-  proc_->StartLink(4, NodeLinkHandshake::Role::kAccept, "Q8YYY", "Q8YYY");
-  ASSERT_EQ(out_.sent.size(), 1u);
-  EXPECT_EQ(out_.sent[0].text.substr(0, 5), "PC18^");
-  clock_.Set(MakeUtc(2026, 11, 21, 22, 22, 42));
-  Feed(4, "PC92^Q8YYY^80562^C^5Q8YYY:5457^1Q8USR:198.51.100.20^H99^");
-  Feed(4, "PC20^");
-  EXPECT_EQ(streams_.at(4).state, kStateNodePc9x);
-  EXPECT_EQ(out_.sent.back().text, "PC22^\r\n");
-  proc_->LinkClosed(4);
-  EXPECT_EQ(proc_->view().RouteTo("Q7XXX"), 0);
 }
 
 }  // namespace
