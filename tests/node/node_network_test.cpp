@@ -299,6 +299,19 @@ class NodeNetworkTest : public ::testing::Test {
       net_.Pump();
     }
   }
+  // A scripted legacy neighbour logs in to n and sends its configuration and PC20; what n
+  // answered before the wires delivered again.
+  std::string LinkLegacy(TestNode& n, int stream, std::string_view call,
+                         std::initializer_list<std::string_view> config) {
+    Accept(n, stream, call);
+    EXPECT_EQ(Count(net_.TakeFrom(n, stream), "PC18^"), 1u);
+    for (std::string_view line : config) n.net->OnLine(stream, line);
+    n.net->OnLine(stream, "PC20^");
+    EXPECT_EQ(n.streams.at(stream).state, kStateNodeLegacy);
+    const std::string reply = net_.TakeFrom(n, stream);
+    net_.Pump();
+    return reply;
+  }
   std::string Stamp() const { return std::to_string(SecondsOfDay(clock_.Now())); }
 
   ManualClock clock_{MakeUtc(2026, 11, 21, 22, 0, 0)};
@@ -378,43 +391,17 @@ TEST_F(NodeNetworkTest, AcceptsALegacyPeerWithStrayLinesAndMissingTrailers) {
   EXPECT_EQ(net_.TakeFrom(a, 4), "PC16^Q1AAA^Q6NEW - 1^H99^\r\n");
 }
 
-TEST_F(NodeNetworkTest, CallsALegacyAcceptor) {
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q7XXX"}, {"Q7XXX"}));
-  b.net->SetReady(true);
-  b.net->Tick();
-  Call(b, 6, "Q7XXX");
-  b.net->OnLine(6, "Welcome to the old node");
-  EXPECT_TRUE(b.net->OnPartialLine(6, "login: "));
-  EXPECT_EQ(net_.TakeFrom(b, 6), "Q2BBB\r\n");
-  b.net->OnLine(6, "PC38^Q7XXX^~");
-  b.net->OnLine(6, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
-  const std::string config = net_.TakeFrom(b, 6);
-  EXPECT_TRUE(test::Has(config, "PC19^1^Q2BBB^0^5457^H99^"));
-  EXPECT_EQ(config.substr(config.size() - 7), "PC20^\r\n");
-  b.net->OnLine(6, "PC19^1^Q7XXX^0^5455^H25^");
-  b.net->OnLine(6, "PC22^");
-  EXPECT_EQ(b.streams.at(6).state, kStateNodeLegacy);
-  EXPECT_FALSE(b.net->Links()[0].pc9x);
-}
-
-TEST_F(NodeNetworkTest, PromptCaughtUpByThePc18IsStillUnderstood) {
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}));
-  Call(b, 6, "Q1AAA");
-  b.net->OnLine(6, "Please enter your call: ");
-  EXPECT_EQ(net_.TakeFrom(b, 6), "Q2BBB\r\n");
-  b.net->OnLine(6, "login: PC18^QX Cluster Version: 0.1 Build: 0.001 pc9x^0.1^");
-  EXPECT_TRUE(test::Has(net_.TakeFrom(b, 6), "PC20^"));
-}
-
+// A pc9x node of another kind: its second prompt arrives caught up with its PC18.
 TEST_F(NodeNetworkTest, CallsAPc9xAcceptorThatSpeaksPc92) {
   TestNode& b = net_.Add("Q8YYY", Cfg({"Q9ZZZ-2"}, {"Q9ZZZ-2"}));
   Call(b, 6, "Q9ZZZ-2");
-  b.net->OnPartialLine(6, "login: ");
-  net_.TakeFrom(b, 6);
+  b.net->OnLine(6, "Please enter your call: ");
+  EXPECT_EQ(net_.TakeFrom(b, 6), "Q8YYY\r\n");
   const std::string t = Stamp();
-  b.net->OnLine(6, "PC18^ExampleNode Version: 2.3 Build: 120 pc9x 91^5300^");
+  b.net->OnLine(6, "login: PC18^ExampleNode Version: 2.3 Build: 120 pc9x 91^5300^");
   const std::string config = net_.TakeFrom(b, 6);
   EXPECT_TRUE(test::Has(config, "PC92^Q8YYY^" + t + "^C^5Q8YYY:5457^"));
+  EXPECT_TRUE(config.ends_with("PC20^\r\n")) << config;
   b.net->OnLine(6, "PC92^Q9ZZZ-2^" + t + "^A^^5Q8YYY:127.0.0.1^H99^");
   b.net->OnLine(6, "PC92^Q9ZZZ-2^" + t + ".01^K^5Q9ZZZ-2:5300:^1^0^127.0.0.1^none/none^H99^");
   b.net->OnLine(6, "PC22^");
@@ -443,14 +430,10 @@ class RingTest : public NodeNetworkTest {
     c_->AddUser(2, "Q7QUIET", kDefaultSwitches & ~(kSwAnnouncements | kSwTalk | kSwWx));
     net_.Pump();
   }
-  // A fourth, legacy neighbour Q7XXX logs in to A on stream 15, sends its configuration and
-  // PC20; what A answered is taken.
+  // A fourth, legacy neighbour Q7XXX logs in to A on stream 15 and sends its configuration.
   void LinkLegacyToA(std::initializer_list<std::string_view> config) {
     a_->net->Configure(ParseCfg(Cfg({"Q2BBB", "Q3CCC DXS pc9x", "Q7XXX ARC"}, {"Q2BBB"})));
-    Accept(*a_, 15, "Q7XXX");
-    for (std::string_view l : config) a_->net->OnLine(15, l);
-    a_->net->OnLine(15, "PC20^");
-    net_.Pump();
+    LinkLegacy(*a_, 15, "Q7XXX", config);
     net_.TakeFrom(*a_, 15);
   }
   Spot LocalSpot(std::string_view address) {
@@ -805,17 +788,9 @@ class MixedNetworkTest : public NodeNetworkTest {
     net_.Link(*a_, 11, *b_, 21, "Q1AAA");
     net_.Link(*b_, 23, *c_, 32, "Q2BBB");
   }
-  // A scripted legacy neighbour logs in to A and sends its configuration and PC20; A's answer.
-  std::string LinkLegacy(int stream, const std::string& call,
-                         std::initializer_list<std::string> config) {
-    Accept(*a_, stream, call);
-    EXPECT_EQ(Count(net_.TakeFrom(*a_, stream), "PC18^"), 1u);
-    for (const std::string& line : config) a_->net->OnLine(stream, line);
-    a_->net->OnLine(stream, "PC20^");
-    EXPECT_EQ(a_->streams.at(stream).state, kStateNodeLegacy);
-    const std::string reply = net_.TakeFrom(*a_, stream);
-    net_.Pump();
-    return reply;
+  std::string LinkLegacy(int stream, std::string_view call,
+                         std::initializer_list<std::string_view> config) {
+    return NodeNetworkTest::LinkLegacy(*a_, stream, call, config);
   }
   TestNode* a_;
   TestNode* b_;
@@ -856,17 +831,25 @@ TEST_F(MixedNetworkTest, LegacyPeersLinkingLaterLearnEveryNodeAndUserButNeverThe
 
 TEST_F(MixedNetworkTest, LegacyCallerLearnsTheNetworkBeyondTheNodeItCalls) {
   LinkPc9xChain();
-  // This time A calls the legacy node, which answers with a status-text PC18.
+  // This time A calls the legacy node, which answers with a banner, a prompt without its
+  // line end, stray lines and a status-text PC18.
   Config cfg = ParseCfg(Cfg({"Q2BBB"}, {"Q7XXX"}));
   a_->net->Configure(cfg);
   Call(*a_, 6, "Q7XXX");
-  a_->net->OnPartialLine(6, "login: ");
-  net_.TakeFrom(*a_, 6);
+  a_->net->OnLine(6, "Welcome to the old node");
+  EXPECT_TRUE(a_->net->OnPartialLine(6, "login: "));
+  EXPECT_EQ(net_.TakeFrom(*a_, 6), "Q1AAA\r\n");
+  a_->net->OnLine(6, "PC38^Q7XXX^~");
   a_->net->OnLine(6, "PC18^ 1 nodes, 0 local / 1 total users  Max users 0  Uptime 0 00:00^5447^~");
   const std::string config = net_.TakeFrom(*a_, 6);
   EXPECT_TRUE(test::Has(config, "PC19^1^Q1AAA^0^5457^1^Q2BBB^0^5457^1^Q3CCC^0^5457^H99^\r\n"));
   EXPECT_TRUE(test::Has(config, "PC16^Q3CCC^Q3USR - 1^H99^\r\n"));
   EXPECT_EQ(config.substr(config.size() - 7), "PC20^\r\n");
+  a_->net->OnLine(6, "PC19^1^Q7XXX^0^5455^H25^");
+  a_->net->OnLine(6, "PC22^");
+  EXPECT_EQ(a_->streams.at(6).state, kStateNodeLegacy);
+  ASSERT_EQ(a_->net->Links().size(), 2u);
+  for (const auto& l : a_->net->Links()) EXPECT_EQ(l.pc9x, l.peer != "Q7XXX") << l.peer;
 }
 
 TEST_F(MixedNetworkTest, Pc9xConfigurationsReachLinkedLegacyPeersAsTheirChanges) {
