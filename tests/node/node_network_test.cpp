@@ -610,7 +610,7 @@ TEST_F(RingTest, AnnouncementReachesEveryUserOnce) {
   EXPECT_EQ(b_->out.To(23).size(), b_sent);
 }
 
-TEST_F(RingTest, ReceivedAnnouncementsReachOnlyTheirAudience) {
+TEST_F(RingTest, ReceivedAnnouncementsReachOnlyTheirAudienceAndPassEachUsersRules) {
   b_->AddUser(2, "Q6SYS");
   b_->streams.at(2).privilege = 5;
   net_.Pump();
@@ -625,10 +625,8 @@ TEST_F(RingTest, ReceivedAnnouncementsReachOnlyTheirAudience) {
   clock_.Advance(1s);
   b_->net->OnLine(21, "PC93^Q1AAA^" + Stamp() + "^*^Q7OLD^*^old style^Q7XXX^^H99^");
   EXPECT_EQ(Count(b_->out.To(1), "To ALL de Q7OLD: old style\r\n"), 1u);
-}
 
-TEST_F(RingTest, ReceivedAnnouncementsPassEachUsersRules) {
-  b_->AddUser(2, "Q6TWO");
+  // The users' rules are asked once per announcement, of either kind.
   std::vector<std::string> asked;
   b_->announce_gate = [&](std::string_view from, std::string_view to, std::string_view text,
                           std::string_view origin) {
@@ -639,11 +637,11 @@ TEST_F(RingTest, ReceivedAnnouncementsPassEachUsersRules) {
   };
   clock_.Advance(1s);
   b_->net->OnLine(21, "PC93^Q1AAA^" + Stamp() + "^WX^Q5USR^*^foggy^^^H99^");
-  b_->net->OnLine(21, "PC12^Q7OLD^*^old style^ ^Q7XXX^0^H29^~");
-  EXPECT_EQ(asked, (std::vector<std::string>{"Q5USR|WX|foggy|Q1AAA", "Q7OLD|*|old style|Q7XXX"}));
+  b_->net->OnLine(21, "PC12^Q7OLD^*^new style^ ^Q7XXX^0^H29^~");
+  EXPECT_EQ(asked, (std::vector<std::string>{"Q5USR|WX|foggy|Q1AAA", "Q7OLD|*|new style|Q7XXX"}));
   EXPECT_EQ(Count(b_->out.To(1), "foggy"), 0u);
   EXPECT_EQ(Count(b_->out.To(2), "WX de Q5USR: foggy\r\n"), 1u);
-  EXPECT_EQ(Count(b_->out.To(1), "To ALL de Q7OLD: old style\r\n"), 1u);
+  EXPECT_EQ(Count(b_->out.To(1), "To ALL de Q7OLD: new style\r\n"), 1u);
 }
 
 TEST_F(RingTest, TalkFollowsTheRouteToTheUsersNode) {
@@ -1170,12 +1168,15 @@ TEST_F(NodeNetworkTest, QuietNodeExpiresAfterThreeHoursUnlessItSendsAKeepalive) 
 
 // Outgoing connections, sysop commands, restart -------------------------------------------------
 
-TEST_F(NodeNetworkTest, OutgoingConnectionIsRetriedAfterTheInterval) {
+// The outgoing connection is tried once the front-end link is ready, again after the retry
+// interval when it failed, and again after a sysop's DISCONNECT, which says goodbye.
+TEST_F(NodeNetworkTest, OutgoingConnectionIsRetriedAndComesBackAfterADisconnect) {
   NodeNetworkOptions o;
   o.retry_interval = 60;
-  TestNode& b = net_.Add("Q2BBB", Cfg({}, {"Q1AAA"}), o);
+  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
+  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
   b.net->Tick();
-  EXPECT_TRUE(b.opened.empty());  // not before the front-end link is ready
+  EXPECT_TRUE(b.opened.empty());
   b.net->SetReady(true);
   b.net->Tick();
   ASSERT_EQ(b.opened.size(), 1u);
@@ -1189,15 +1190,7 @@ TEST_F(NodeNetworkTest, OutgoingConnectionIsRetriedAfterTheInterval) {
   // CONNECT while an attempt is on its way, DISCONNECT when there is no link.
   EXPECT_EQ(b.net->LinkCommand("Q9NONE", true), "Q9NONE: no outgoing connection defined");
   EXPECT_EQ(b.net->LinkCommand("Q1AAA", false), "Q1AAA: not connected");
-}
 
-TEST_F(NodeNetworkTest, DisconnectSaysGoodbyeAndTheLinkComesBack) {
-  NodeNetworkOptions o;
-  o.retry_interval = 5;
-  TestNode& a = net_.Add("Q1AAA", Cfg({"Q2BBB"}), o);
-  TestNode& b = net_.Add("Q2BBB", Cfg({"Q1AAA"}, {"Q1AAA"}), o);
-  b.net->SetReady(true);
-  b.net->Tick();
   net_.Link(a, 5, b, 7, "Q1AAA");
   EXPECT_EQ(b.net->LinkCommand("Q1AAA", false), "Disconnecting Q1AAA");
   EXPECT_EQ(b.out.closed, std::vector<int>{7});
@@ -1205,9 +1198,9 @@ TEST_F(NodeNetworkTest, DisconnectSaysGoodbyeAndTheLinkComesBack) {
   net_.Cut(a, 5, b, 7);
   EXPECT_EQ(a.net->NodeCount(), 0);
   EXPECT_TRUE(b.net->Links().empty());
-  clock_.Advance(5s);
+  clock_.Advance(60s);
   b.net->Tick();
-  ASSERT_EQ(b.opened.size(), 2u);
+  ASSERT_EQ(b.opened.size(), 3u);
   net_.Link(a, 6, b, 8, "Q1AAA");
   EXPECT_EQ(a.net->NodeCount(), 1);
   EXPECT_EQ(b.streams.at(8).state, kStateNodePc9x);
