@@ -566,6 +566,7 @@ TEST_F(RingTest, Qx11FromANeighbourGoesOnInTheOthersSentences) {
   s.SkimmerVerdict = 'V';
   s.SkimmerCount = 3;
   s.OriginId = 9;
+  s.DxGrid = "JO62";
   std::string line;
   BuildQx11(s, "H20", "198.51.100.9", line);
   a_->net->OnLine(11, line);
@@ -574,17 +575,23 @@ TEST_F(RingTest, Qx11FromANeighbourGoesOnInTheOthersSentences) {
   EXPECT_EQ(a_->intake[0],
             "PC61^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q6USR^Q2BBB^198.51.100.9^H20^~");
   EXPECT_EQ(a_->last_carried.SkimmerVerdict, 'V');
+  EXPECT_EQ(a_->last_carried.SkimmerCount, 3);
+  EXPECT_EQ(a_->last_carried.OriginId, 9u);
+  EXPECT_EQ(a_->last_carried.DxGrid, "JO62");
   EXPECT_EQ(net_.TakeFrom(*a_, 13),
             "PC61^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q6USR^Q2BBB^198.51.100.9^H19^~\r\n");
   EXPECT_EQ(net_.TakeFrom(*a_, 15),
             "PC11^14025.0^Q4DX^21-Nov-2026^2200Z^cq test^Q6USR^Q2BBB^H19^~\r\n");
   EXPECT_EQ(net_.TakeFrom(*a_, 11), "");  // never back where it came from
 
-  // One that cannot be read is logged and goes nowhere.
+  // One that cannot be read is logged with the reason and the neighbour, and goes nowhere.
   a_->net->OnLine(11, "QX11^1^14025.0^Q4BAD^21-Nov-2026^2200Z^x^Q6USR^Q2BBB^H20^~");
+  a_->net->OnLine(11, std::string(line).replace(line.rfind("H20"), 3, "H0"));
   EXPECT_EQ(a_->intake.size(), 2u);
-  ASSERT_FALSE(a_->errors.empty());
-  EXPECT_TRUE(test::Has(a_->errors.back(), "QX11: spot dropped (too few fields)"));
+  ASSERT_EQ(a_->errors.size(), 2u);
+  EXPECT_TRUE(test::Has(a_->errors[0], "QX11: spot dropped (too few fields)"));
+  EXPECT_TRUE(test::Has(a_->errors[1], "(no hop count)"));
+  EXPECT_TRUE(test::Has(a_->errors[1], "from Q2BBB"));
   EXPECT_EQ(net_.TakeFrom(*a_, 13) + net_.TakeFrom(*a_, 15), "");
 }
 
