@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "tests/node/node_test_util.h"
 
 namespace qx {
