@@ -76,6 +76,13 @@ class IntakeTest : public ::testing::Test {
     r.is_local = local;
     return intake_->Process(r);
   }
+  // A request as a feed, a trial or a neighbour makes it: set() fills in the rest.
+  IntakeResult Request(std::string_view sentence, const std::function<void(IntakeRequest&)>& set) {
+    IntakeRequest r;
+    r.sentence = sentence;
+    set(r);
+    return intake_->Process(r);
+  }
   std::string Log(std::string_view rel) {
     const auto p = dir_.Data() / rel;
     return std::filesystem::exists(p) ? ReadFile(p) : std::string();
@@ -301,11 +308,13 @@ TEST_F(IntakeTest, AddressesTheSpotCameFrom) {
   EXPECT_EQ(Log("badspotsTor/BadCall-22-Nov-2026"), "DL1XYZ\r\n");
 
   lists_.AddRefusedAddress("198.51.100.9");
-  IntakeRequest req;
-  req.sentence = "PC11^14025.0^K1ABC^22-Nov-2026^0315Z^cq^G4USR^G7XXX^H24^~";
-  req.source_stream = kNodeStream;
-  req.known_address = "198.51.100.9";
-  EXPECT_EQ(intake_->Process(req).verdict, SpotVerdict::kRefusedAddress);
+  EXPECT_EQ(Request("PC11^14025.0^K1ABC^22-Nov-2026^0315Z^cq^G4USR^G7XXX^H24^~",
+                    [](IntakeRequest& r) {
+                      r.source_stream = kNodeStream;
+                      r.known_address = "198.51.100.9";
+                    })
+                .verdict,
+            SpotVerdict::kRefusedAddress);
   EXPECT_NE(spot_list_.find("### Bad IP PC11 ###"), std::string::npos);
 
   EXPECT_TRUE(Run(With(kGood, 8, "")).accepted());
@@ -346,11 +355,9 @@ TEST_F(IntakeTest, RefusalsAreKeptWithTheRuleInWordsAndDuplicatesApart) {
   lists_.AddBadWord("FT8SPAM");
   EXPECT_EQ(Run(With(kGood, 5, "FT8SPAM here")).verdict, SpotVerdict::kBadWord);
   EXPECT_EQ(Run("PC61^14025.0^K1ABC").verdict, SpotVerdict::kFieldCount);
-  const std::string again = With(kGood, 5, "FT8SPAM again");
-  IntakeRequest trial;
-  trial.sentence = again;
-  trial.trial = true;
-  EXPECT_EQ(intake_->Process(trial).verdict, SpotVerdict::kBadWord);  // a trial is not kept
+  EXPECT_EQ(
+      Request(With(kGood, 5, "FT8SPAM again"), [](IntakeRequest& r) { r.trial = true; }).verdict,
+      SpotVerdict::kBadWord);  // a trial is not kept
   std::vector<const SpotRefusal*> kept = intake_->RecentRefusals();
   ASSERT_EQ(kept.size(), 2u);
   EXPECT_EQ(kept[0]->rule, "bad word: FT8SPAM (badwords.txt)");
@@ -374,20 +381,15 @@ TEST_F(IntakeTest, RefusalsAreKeptWithTheRuleInWordsAndDuplicatesApart) {
 // Reporter spots are FT8 and carry their tag; feeds may skip the request filter; beacons
 // are flagged by call or comment.
 TEST_F(IntakeTest, SourceFlagsAndBeacons) {
-  IntakeRequest req;
-  const std::string s = With(With(kGood, 5, "CW 20 dB"), 1, "14074.0");
-  req.sentence = s;
-  req.source = SpotSource::kReporter;
-  const IntakeResult r = intake_->Process(req);
+  const IntakeResult r = Request(With(With(kGood, 5, "CW 20 dB"), 1, "14074.0"),
+                                 [](IntakeRequest& r) { r.source = SpotSource::kReporter; });
   ASSERT_TRUE(r.accepted());
   EXPECT_EQ(r.spot->ModeFlags & kModeMask, kModeFt8);
   EXPECT_EQ(r.spot->SourceTag, "PskReporter");
 
-  IntakeRequest feed;
-  const std::string request = With(With(kGood, 5, "PSE QSL"), 2, "K6ABC");
-  feed.sentence = request;
-  feed.skip_request_filter = true;
-  EXPECT_TRUE(intake_->Process(feed).accepted());
+  EXPECT_TRUE(Request(With(With(kGood, 5, "PSE QSL"), 2, "K6ABC"), [](IntakeRequest& r) {
+                r.skip_request_filter = true;
+              }).accepted());
 
   EXPECT_TRUE(Run(With(With(kGood, 2, "DK0WCY/B"), 1, "10144.0")).spot->IsBeacon);
   EXPECT_TRUE(Run(With(With(kGood, 2, "K4ABC"), 5, "bcn 599")).spot->IsBeacon);
@@ -398,12 +400,11 @@ TEST_F(IntakeTest, SourceFlagsAndBeacons) {
 // read from its tag, the local spotter's locator, and whatever a neighbour of this software
 // sent with it.  Nothing of one spot stays with the next.
 TEST_F(IntakeTest, SpotsLearnTheirModeSourceVerdictAndLocators) {
-  IntakeRequest skimmer;
-  const std::string sk = With(With(kGood, 5, "CW    18 dB 26 WPM CQ V3"), 6, "DL1ABC-#");
-  skimmer.sentence = sk;
-  skimmer.source = SpotSource::kSkimmer;
-  skimmer.skip_dupe_check = true;
-  IntakeResult r = intake_->Process(skimmer);
+  IntakeResult r = Request(With(With(kGood, 5, "CW    18 dB 26 WPM CQ V3"), 6, "DL1ABC-#"),
+                           [](IntakeRequest& r) {
+                             r.source = SpotSource::kSkimmer;
+                             r.skip_dupe_check = true;
+                           });
   ASSERT_TRUE(r.accepted());
   EXPECT_TRUE(r.spot->ModeStated);
   EXPECT_EQ(r.spot->Mode, "CW");
@@ -412,12 +413,10 @@ TEST_F(IntakeTest, SpotsLearnTheirModeSourceVerdictAndLocators) {
 
   streams_.EnsureCapacity(3);
   streams_.at(3).session.grid = "JO62";
-  IntakeRequest local;
-  const std::string lo = With(With(kGood, 5, "rtty test"), 2, "DL2ABC");
-  local.sentence = lo;
-  local.is_local = true;
-  local.source_stream = 3;
-  r = intake_->Process(local);
+  r = Request(With(With(kGood, 5, "rtty test"), 2, "DL2ABC"), [](IntakeRequest& r) {
+    r.is_local = true;
+    r.source_stream = 3;
+  });
   ASSERT_TRUE(r.accepted());
   EXPECT_TRUE(r.spot->ModeStated);
   EXPECT_EQ(r.spot->Mode, "");  // worked out again from the mode bits when needed
@@ -432,12 +431,10 @@ TEST_F(IntakeTest, SpotsLearnTheirModeSourceVerdictAndLocators) {
   carried.DxGrid = "FN42";
   carried.OriginId = 77;
   carried.SourceTag = SourceTagText(SpotSource::kWebGateway);
-  IntakeRequest node;
-  const std::string nd = With(kGood, 2, "DL3ABC");
-  node.sentence = nd;
-  node.source_stream = kNodeStream;
-  node.carried = &carried;
-  r = intake_->Process(node);
+  r = Request(With(kGood, 2, "DL3ABC"), [&](IntakeRequest& r) {
+    r.source_stream = kNodeStream;
+    r.carried = &carried;
+  });
   ASSERT_TRUE(r.accepted());
   EXPECT_EQ(r.spot->Mode, "FT4");
   EXPECT_FALSE(r.spot->ModeStated);
