@@ -1022,11 +1022,19 @@ TEST_F(MixedNetworkTest, LegacyEchoOfAPc9xNodeMakesNoGhost) {
 
 // Keep-alive -------------------------------------------------------------------------------
 
-TEST_F(NodeNetworkTest, PingsAreAnsweredAndTimed) {
+// Link checks are answered and timed; the keep-alive and the full configuration (soon after
+// the link came up, then every few hours) go out on their timers and pass the neighbour's
+// checks, and no link is dropped meanwhile.
+TEST_F(NodeNetworkTest, PingsKeepaliveAndFullConfigurationRunOnTheirTimers) {
   NodeNetworkOptions o;
   o.first_ping_delay = 10;
   o.ping_interval = 300;
+  o.keepalive_interval = 3600;
+  o.config_interval = 4 * 3600;
+  o.config_after_change = 900;
   auto [a, b] = LinkedPair(o);
+  const size_t k0 = Count(a.out.To(5), "^K^5Q1AAA");
+  const size_t c0 = Count(a.out.To(5), "^C^5Q1AAA");
   clock_.Advance(9s);
   a.net->Tick();
   EXPECT_EQ(Count(a.out.To(5), "PC51"), 0u);
@@ -1043,12 +1051,23 @@ TEST_F(NodeNetworkTest, PingsAreAnsweredAndTimed) {
   EXPECT_TRUE(test::Has(lines[1], "Q2BBB"));
   EXPECT_TRUE(test::Has(lines[1], "PC9x"));
   EXPECT_TRUE(test::Has(lines[1], " 250 "));
-  for (int i = 0; i < 5; ++i) {
-    clock_.Advance(300s);
+
+  const auto tick = [&](std::chrono::seconds d) {
+    clock_.Advance(d);
     a.net->Tick();
     b.net->Tick();
-    net_.Pump();
-  }
+    net_.Pump();  // each answers the other's pings
+  };
+  tick(889s);  // 899.25 s after the link came up
+  EXPECT_EQ(Count(a.out.To(5), "^C^5Q1AAA"), c0);
+  tick(1s);
+  EXPECT_EQ(Count(a.out.To(5), "^C^5Q1AAA"), c0 + 1);
+  tick(2700s);
+  EXPECT_EQ(Count(a.out.To(5), "^K^5Q1AAA"), k0 + 1);
+  for (int i = 0; i < 48; ++i) tick(300s);
+  EXPECT_EQ(Count(a.out.To(5), "^C^5Q1AAA"), c0 + 2);
+  EXPECT_EQ(Count(a.out.To(5), "^K^5Q1AAA"), k0 + 5);
+  EXPECT_NE(b.net->view().FindNode("Q1AAA"), nullptr);
   EXPECT_TRUE(a.out.closed.empty());
   EXPECT_TRUE(b.out.closed.empty());
 }
@@ -1082,33 +1101,6 @@ TEST_F(NodeNetworkTest, UnansweredPingsOrAPc39DropALinkAndAnyTrafficCountsAsAnAn
   EXPECT_EQ(a.out.closed, std::vector<int>{4});
   a.net->OnLine(6, "PC39^Q8YYY^Disconnected by System Op^H30^");
   EXPECT_EQ(a.out.closed, (std::vector<int>{4, 6}));
-}
-
-TEST_F(NodeNetworkTest, KeepaliveAndFullConfigurationOnTheirTimers) {
-  NodeNetworkOptions o;
-  o.keepalive_interval = 3600;
-  o.config_interval = 4 * 3600;
-  o.config_after_change = 900;
-  auto [a, b] = LinkedPair(o);
-  const size_t k0 = Count(a.out.To(5), "^K^5Q1AAA");
-  const size_t c0 = Count(a.out.To(5), "^C^5Q1AAA");
-  const auto tick = [&](std::chrono::seconds d) {
-    clock_.Advance(d);
-    a.net->Tick();
-    net_.Pump();  // B answers the pings
-  };
-  tick(899s);
-  EXPECT_EQ(Count(a.out.To(5), "^C^5Q1AAA"), c0);
-  tick(1s);
-  EXPECT_EQ(Count(a.out.To(5), "^C^5Q1AAA"), c0 + 1);
-  tick(2700s);
-  EXPECT_EQ(Count(a.out.To(5), "^K^5Q1AAA"), k0 + 1);
-  for (int i = 0; i < 48; ++i) tick(300s);
-  EXPECT_EQ(Count(a.out.To(5), "^C^5Q1AAA"), c0 + 2);
-  EXPECT_EQ(Count(a.out.To(5), "^K^5Q1AAA"), k0 + 5);
-  // What the timers send passes the neighbour's checks.
-  net_.Pump();
-  EXPECT_NE(b.net->view().FindNode("Q1AAA"), nullptr);
 }
 
 // Peers send K hourly: our own, shorter K interval must not expire them any sooner.
@@ -1296,12 +1288,6 @@ TEST(NodeNetworkAddress, PublicAddresses) {
     EXPECT_FALSE(NodeNetwork::IsPublicAddress(a)) << a;
   }
 }
-
-}  // namespace
-}  // namespace qx
-
-namespace qx {
-namespace {
 
 TEST_F(MixedNetworkTest, WwvGoesToEveryNeighbourAndWcyOnlyToPc9xOnes) {
   LinkPc9xChain();
