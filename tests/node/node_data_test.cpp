@@ -244,17 +244,6 @@ TEST_F(ProcessNodeDataTest, ControlCharactersFromANeighbourAreLeftOut) {
   EXPECT_EQ(relayed_[1], "PC41^Q5USR^1^Fred^H11^~");
 }
 
-TEST_F(ProcessNodeDataTest, LowerCaseHeadersAreDroppedWithAnError) {
-  EXPECT_FALSE(Feed(kPeer, "pc11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24^~"));
-  EXPECT_FALSE(Feed(kPeer, "pc92^Q9ZZZ-2^80562^K^5Q9ZZZ-2:5300:^1^0^H99^"));
-  ASSERT_EQ(errors_.size(), 2u);
-  EXPECT_EQ(errors_[0].code, 999);
-  EXPECT_EQ(errors_[0].tag, "ProcessNodeData ");
-  EXPECT_EQ(errors_[0].text.rfind("from Q9ZZZ-2 PCnr ", 0), 0u);
-  EXPECT_TRUE(test::Has(errors_[0].text, "where = pc11^"));
-  EXPECT_TRUE(spots_.empty());
-}
-
 TEST_F(ProcessNodeDataTest, Pc92IsUpperCasedOnceWhole) {
   clock_.Set(MakeUtc(2026, 11, 21, 22, 22, 42));  // 80562
   EXPECT_FALSE(proc_->ProcessNodeData(kPeer, "PC92^q9zzz-2^80562^K^5q9zzz-2:5300:^1^0^127.0",
@@ -266,7 +255,7 @@ TEST_F(ProcessNodeDataTest, Pc92IsUpperCasedOnceWhole) {
   EXPECT_EQ(proc_->view().FindNode("Q9ZZZ-2")->version, "5300");
 }
 
-TEST_F(ProcessNodeDataTest, HeaderChecksAndFeedLines) {
+TEST_F(ProcessNodeDataTest, HeaderChecksHandlerFaultsAndFeedLines) {
   EXPECT_FALSE(Feed(kPeer, "login: "));
   EXPECT_FALSE(Feed(kPeer, "Please enter your call: "));
   EXPECT_TRUE(errors_.empty());
@@ -282,6 +271,22 @@ TEST_F(ProcessNodeDataTest, HeaderChecksAndFeedLines) {
   EXPECT_EQ(errors_[1].tag, "Data Not Processed PCnr ");
   EXPECT_EQ(errors_[1].text, "40 PC40^Q1AAA^Q9ZZZ-2^x^");
   EXPECT_EQ(proc_->state().current_sentence, 40);
+
+  // A lower-case header is no sentence of ours.
+  EXPECT_FALSE(Feed(kPeer, "pc11^28025.0^Q4DX^21-Nov-2026^2222Z^x^Q7USR^Q7XXX^H24^~"));
+  EXPECT_FALSE(Feed(kPeer, "pc92^Q9ZZZ-2^80562^K^5Q9ZZZ-2:5300:^1^0^H99^"));
+  ASSERT_EQ(errors_.size(), 4u);
+  EXPECT_EQ(errors_[2].code, 999);
+  EXPECT_EQ(errors_[2].tag, "ProcessNodeData ");
+  EXPECT_EQ(errors_[2].text.rfind("from Q9ZZZ-2 PCnr ", 0), 0u);
+  EXPECT_TRUE(test::Has(errors_[2].text, "where = pc11^"));
+
+  // A handler's fault costs its line only.
+  proc_->SetHandler(50, [](PcSentence&) -> bool { throw std::runtime_error("boom"); });
+  EXPECT_FALSE(Feed(kLegacy, "PC50^Q7XXX^3^H99^"));
+  ASSERT_EQ(errors_.size(), 5u);
+  EXPECT_TRUE(test::Has(errors_[4].text, "boom"));
+  EXPECT_TRUE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H25^"));
 
   // Lines of a feed are no sentences: they go to the feed as they are.
   EXPECT_TRUE(Feed(kFeed, "DX de Q2SKM-#: 14025.0 Q3DX CW 12 dB 22 WPM CQ 2222Z\r"));
@@ -419,14 +424,6 @@ TEST_F(ProcessNodeDataTest, QuietNodeIsForgottenWithItsTimeStamp) {
   clock_.Set(MakeUtc(2026, 11, 22, 19, 0, 0));  // 68400
   EXPECT_TRUE(Feed(kPeer, "PC92^Q6WWW^68400^K^5Q6WWW:5457:1^1^0^H97^"));
   EXPECT_NE(proc_->view().FindNode("Q6WWW"), nullptr);
-}
-
-TEST_F(ProcessNodeDataTest, HandlerFaultCostsOneLine) {
-  proc_->SetHandler(50, [](PcSentence&) -> bool { throw std::runtime_error("boom"); });
-  EXPECT_FALSE(Feed(kLegacy, "PC50^Q7XXX^3^H99^"));
-  ASSERT_EQ(errors_.size(), 1u);
-  EXPECT_TRUE(test::Has(errors_[0].text, "boom"));
-  EXPECT_TRUE(Feed(kLegacy, "PC16^Q7XXX^Q7USR - 1^H25^"));
 }
 
 }  // namespace
