@@ -66,7 +66,7 @@ TEST(NetworkStateTest, RoundTripKeepsEveryFactAndRefusesACutFile) {
   std::string bad = text;
   bad.replace(bad.find("route Q8YYY"), 11, "route Q8YYY x");
   EXPECT_FALSE(ParseNetworkState(bad, &back, &error));
-  EXPECT_NE(error.find("line"), std::string::npos);
+  EXPECT_TRUE(test::Has(error, "line"));
 }
 
 TEST(NetworkStateTest, RestoredViewKeepsOnlyWhatSurvivingLinksReach) {

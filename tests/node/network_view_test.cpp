@@ -21,6 +21,22 @@ class NetworkViewTest : public ::testing::Test {
   bool Pc92(std::string_view line, int stream = kPeer) {
     return view_.ApplyPc92(test::MakeSentence(line, stream).fields, stream);
   }
+  // The legacy sentences, applied as if they came in on stream.
+  bool Pc16(std::string_view line, int stream) {
+    return view_.ApplyPc16(test::MakeSentence(line).fields, stream);
+  }
+  bool Pc17(std::string_view line, int stream) {
+    return view_.ApplyPc17(test::MakeSentence(line).fields, stream);
+  }
+  bool Pc19(std::string_view line, int stream, std::string_view neighbour) {
+    return view_.ApplyPc19(test::MakeSentence(line).fields, stream, neighbour);
+  }
+  bool Pc21(std::string_view line, int stream) {
+    return view_.ApplyPc21(test::MakeSentence(line).fields, stream);
+  }
+  bool Repeat(std::string_view line, int stream) {
+    return view_.NotePc92Route(test::MakeSentence(line, stream).fields, stream);
+  }
   NetworkView view_{"Q1AAA"};
 };
 
@@ -126,8 +142,7 @@ TEST_F(NetworkViewTest, RoutesThroughLongChainsAndLoopsOfParents) {
 TEST_F(NetworkViewTest, ListsOnBehalfOfOthersAreTakenOnlyForTheirLegacyNodes) {
   view_.LinkUp(kPeer, "Q9ZZZ-2", true);
   view_.LinkUp(kLegacy, "Q7XXX", false);
-  ASSERT_TRUE(
-      view_.ApplyPc16(test::MakeSentence("PC16^Q7XXX^Q7USR - 1^H25^", kLegacy).fields, kLegacy));
+  ASSERT_TRUE(Pc16("PC16^Q7XXX^Q7USR - 1^H25^", kLegacy));
   EXPECT_TRUE(Pc92("PC92^Q9ZZZ-2^100^C^7Q7XXX^1Q7FAKE^H99^"));
   EXPECT_EQ(view_.FindNode("Q7XXX")->users, std::set<std::string>{"Q7USR"});
   EXPECT_FALSE(Pc92("PC92^Q9ZZZ-2^101^A^5Q8YYY^1Q8FAKE^H99^"));
@@ -145,8 +160,7 @@ TEST_F(NetworkViewTest, RepeatOnASecondLinkKeepsTheOriginWhenTheFirstGoes) {
   EXPECT_TRUE(Pc92("PC92^Q6WWW^100^C^5Q6WWW:5457^7Q5OLD^1Q6USR^H97^", kPeer));
   EXPECT_TRUE(Pc92("PC92^Q6WWW^101^A^7Q5OLD^1Q5USR^H97^", kPeer));
   // The same sentence over the other neighbour: a second route, nothing applied twice.
-  EXPECT_TRUE(view_.NotePc92Route(
-      test::MakeSentence("PC92^Q6WWW^101^A^7Q5OLD^1Q5USR^H95^", kOther).fields, kOther));
+  EXPECT_TRUE(Repeat("PC92^Q6WWW^101^A^7Q5OLD^1Q5USR^H95^", kOther));
   const NetworkView::Node* origin = view_.FindNode("Q6WWW");
   ASSERT_NE(origin, nullptr);
   EXPECT_EQ(origin->routes, (std::map<int, int>{{kPeer, 97}, {kOther, 95}}));
@@ -154,8 +168,7 @@ TEST_F(NetworkViewTest, RepeatOnASecondLinkKeepsTheOriginWhenTheFirstGoes) {
   EXPECT_TRUE(view_.FindNode("Q5OLD")->routes.empty());
   EXPECT_EQ(view_.RouteTo("Q5USR"), kPeer);
   // An unknown origin is not created by a repeat.
-  EXPECT_FALSE(view_.NotePc92Route(
-      test::MakeSentence("PC92^Q4VVV^101^K^5Q4VVV^1^1^H95^", kOther).fields, kOther));
+  EXPECT_FALSE(Repeat("PC92^Q4VVV^101^K^5Q4VVV^1^1^H95^", kOther));
   EXPECT_EQ(view_.FindNode("Q4VVV"), nullptr);
 
   EXPECT_EQ(view_.LinkDown(kPeer), std::vector<std::string>{"Q9ZZZ-2"});
@@ -249,13 +262,13 @@ TEST_F(NetworkViewTest, QuietNodesExpireAfterThreeKeepaliveTicks) {
 
 TEST_F(NetworkViewTest, LegacySentences) {
   view_.LinkUp(kLegacy, "Q7XXX", false);
-  const auto f19 = test::MakeSentence("PC19^1^Q7XXX^0^5455^1^Q6WWW^0^5447^0^Q5OLD^0^4000^H25^");
-  EXPECT_TRUE(view_.ApplyPc19(f19.fields, kLegacy, "Q7XXX"));
+  const std::string_view f19 = "PC19^1^Q7XXX^0^5455^1^Q6WWW^0^5447^0^Q5OLD^0^4000^H25^";
+  EXPECT_TRUE(Pc19(f19, kLegacy, "Q7XXX"));
   EXPECT_EQ(view_.Nodes(), (std::vector<std::string>{"Q6WWW", "Q7XXX"}));  // old version skipped
   EXPECT_EQ(view_.FindNode("Q7XXX")->version, "5455");
 
-  const auto f16 = test::MakeSentence("PC16^Q6WWW^Q6USR - 1^Q6ABC * 0^H24^");
-  EXPECT_TRUE(view_.ApplyPc16(f16.fields, kLegacy));
+  const std::string_view f16 = "PC16^Q6WWW^Q6USR - 1^Q6ABC * 0^H24^";
+  EXPECT_TRUE(Pc16(f16, kLegacy));
   EXPECT_EQ(view_.UserCount(), 2);
   const auto config = view_.Configuration();
   ASSERT_EQ(config.size(), 2u);
@@ -263,16 +276,16 @@ TEST_F(NetworkViewTest, LegacySentences) {
   EXPECT_EQ(config[0].users, (std::vector<std::string>{"Q6ABC", "Q6USR"}));
   EXPECT_EQ(view_.RouteTo("Q6ABC"), kLegacy);
 
-  EXPECT_TRUE(view_.ApplyPc17(test::MakeSentence("PC17^Q6ABC^Q6WWW^H24^").fields, kLegacy));
-  EXPECT_FALSE(view_.ApplyPc17(test::MakeSentence("PC17^Q6ABC^Q6WWW^H24^").fields, kLegacy));
+  EXPECT_TRUE(Pc17("PC17^Q6ABC^Q6WWW^H24^", kLegacy));
+  EXPECT_FALSE(Pc17("PC17^Q6ABC^Q6WWW^H24^", kLegacy));
   EXPECT_EQ(view_.UserCount(), 1);
 
   // The neighbour itself can only be declared gone on its own link.
-  EXPECT_FALSE(view_.ApplyPc21(test::MakeSentence("PC21^Q7XXX^Gone^H15^").fields, kPeer));
-  EXPECT_TRUE(view_.ApplyPc21(test::MakeSentence("PC21^Q6WWW^Gone^H15^").fields, kLegacy));
+  EXPECT_FALSE(Pc21("PC21^Q7XXX^Gone^H15^", kPeer));
+  EXPECT_TRUE(Pc21("PC21^Q6WWW^Gone^H15^", kLegacy));
   EXPECT_EQ(view_.NodeCount(), 1);
   EXPECT_EQ(view_.UserCount(), 0);
-  EXPECT_FALSE(view_.ApplyPc16(test::MakeSentence("PC16^Q1AAA^Q1USR - 1^H24^").fields, kLegacy));
+  EXPECT_FALSE(Pc16("PC16^Q1AAA^Q1USR - 1^H24^", kLegacy));
 }
 
 TEST_F(NetworkViewTest, LegacyWordsNeverOverrideAPc92Node) {
@@ -284,24 +297,23 @@ TEST_F(NetworkViewTest, LegacyWordsNeverOverrideAPc92Node) {
   // A node flagged PC9x in a list is described by PC92, a legacy one is not.
   EXPECT_TRUE(view_.FindNode("Q8YYY")->pc9x);
   EXPECT_FALSE(view_.FindNode("Q7LEG")->pc9x);
-  EXPECT_FALSE(
-      view_.ApplyPc19(test::MakeSentence("PC19^1^Q8YYY^0^5457^H14^").fields, kLegacy, "Q7XXX"));
+  EXPECT_FALSE(Pc19("PC19^1^Q8YYY^0^5457^H14^", kLegacy, "Q7XXX"));
   EXPECT_EQ(view_.FindNode("Q8YYY")->routes.count(kLegacy), 0u);
   EXPECT_EQ(view_.FindNode("Q7XXX")->child_nodes.count("Q8YYY"), 0u);
-  EXPECT_FALSE(view_.ApplyPc21(test::MakeSentence("PC21^Q9ZZZ-2^Gone^H14^").fields, kLegacy));
+  EXPECT_FALSE(Pc21("PC21^Q9ZZZ-2^Gone^H14^", kLegacy));
   EXPECT_NE(view_.FindNode("Q9ZZZ-2"), nullptr);
-  EXPECT_FALSE(view_.ApplyPc17(test::MakeSentence("PC17^Q5USR^Q9ZZZ-2^H14^").fields, kLegacy));
+  EXPECT_FALSE(Pc17("PC17^Q5USR^Q9ZZZ-2^H14^", kLegacy));
   EXPECT_EQ(view_.UserCount(), 1);
 
   // A legacy node reported by two legacy neighbours: one losing it leaves the other's way.
-  const auto f19 = test::MakeSentence("PC19^1^Q6WWW^0^5455^H14^");
-  EXPECT_TRUE(view_.ApplyPc19(f19.fields, kLegacy, "Q7XXX"));
-  EXPECT_TRUE(view_.ApplyPc19(f19.fields, kLegacy2, "Q4OLD"));
-  EXPECT_TRUE(view_.ApplyPc21(test::MakeSentence("PC21^Q6WWW^Gone^H14^").fields, kLegacy));
+  const std::string_view f19 = "PC19^1^Q6WWW^0^5455^H14^";
+  EXPECT_TRUE(Pc19(f19, kLegacy, "Q7XXX"));
+  EXPECT_TRUE(Pc19(f19, kLegacy2, "Q4OLD"));
+  EXPECT_TRUE(Pc21("PC21^Q6WWW^Gone^H14^", kLegacy));
   ASSERT_NE(view_.FindNode("Q6WWW"), nullptr);
   EXPECT_EQ(view_.RouteTo("Q6WWW"), kLegacy2);
   EXPECT_EQ(view_.FindNode("Q7XXX")->child_nodes.count("Q6WWW"), 0u);
-  EXPECT_TRUE(view_.ApplyPc21(test::MakeSentence("PC21^Q6WWW^Gone^H14^").fields, kLegacy2));
+  EXPECT_TRUE(Pc21("PC21^Q6WWW^Gone^H14^", kLegacy2));
   EXPECT_EQ(view_.FindNode("Q6WWW"), nullptr);
 }
 

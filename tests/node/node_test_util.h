@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "core/monitor.h"
 #include "node/node_data.h"
 #include "node/pc_sentence.h"
@@ -35,6 +37,12 @@ struct ShownLine {
   std::string text;
   std::string colour;
 };
+
+// Whether text holds what; a failure shows the whole text.
+inline ::testing::AssertionResult Has(std::string_view text, std::string_view what) {
+  if (text.find(what) != std::string_view::npos) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "no \"" << what << "\" in:\n" << text;
+}
 
 inline PcSentence MakeSentence(std::string_view line, int stream = 1) {
   PcSentence s;

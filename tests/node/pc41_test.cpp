@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "core/monitor.h"
 #include "tests/node/node_test_util.h"
 
@@ -59,6 +61,12 @@ TEST_F(Pc41Test, StoresAndFilesTheRecordLine) {
   // Field 1 ends as the base call; the hop was decremented and is below the cap.
   EXPECT_EQ(sentence_.fields[1], "Q5USR");
   EXPECT_EQ(sentence_.fields[4], "H4");
+  // A portable call is filed under a name a file can have.
+  EXPECT_TRUE(Run("PC41^K1ABC/P^2^Boston^H5^~").processed);
+  ASSERT_EQ(stored_.size(), 2u);
+  EXPECT_EQ(stored_[1], "K1ABCpP|PC41^^PC41^K1ABCpP^2^Boston^H5^~");
+  EXPECT_EQ(sentence_.fields[1], "K1ABC/P");
+  EXPECT_EQ(*lists_.Find(2, "K1ABC/P"), "K1ABC/P Boston");
 }
 
 TEST_F(Pc41Test, MalformedSentencesAreIgnored) {
@@ -127,33 +135,21 @@ TEST_F(Pc41Test, RepeatIsStoredOnceAndReplacementKeepsTheCount) {
   EXPECT_EQ(lists_.Count(5), 1u);
 }
 
-TEST_F(Pc41Test, PortableCallsAreFiledUnderAFileName) {
-  EXPECT_TRUE(Run("PC41^K1ABC/P^2^Boston^H5^~").processed);
-  ASSERT_EQ(stored_.size(), 1u);
-  EXPECT_EQ(stored_[0], "K1ABCpP|PC41^^PC41^K1ABCpP^2^Boston^H5^~");
-  EXPECT_EQ(sentence_.fields[1], "K1ABC/P");
-  EXPECT_EQ(*lists_.Find(2, "K1ABC/P"), "K1ABC/P Boston");
-}
-
+// Hops are capped at eleven; the last hop is used here and not relayed.
 TEST_F(Pc41Test, HopsAreCappedAtEleven) {
-  Pc41Result r = Run("PC41^Q5USR^1^A^H50^~");
-  EXPECT_TRUE(r.relay);
-  EXPECT_EQ(sentence_.fields[4], "H11");
-  EXPECT_EQ(sentence_.Join(), "PC41^Q5USR^1^A^H11^~");
-
-  r = Run("PC41^Q5USR^1^B^H13^~");
-  EXPECT_EQ(sentence_.fields[4], "H11");
-  r = Run("PC41^Q5USR^1^C^H12^~");
-  EXPECT_EQ(sentence_.fields[4], "H11");
-
-  r = Run("PC41^Q5USR^1^D^H5^~");
-  EXPECT_TRUE(r.relay);
-  EXPECT_EQ(sentence_.fields[4], "H4");
-
-  r = Run("PC41^Q5USR^1^E^H1^~");
-  EXPECT_TRUE(r.processed);
-  EXPECT_FALSE(r.relay);
-  EXPECT_EQ(sentence_.fields[4], "H0");
+  const std::tuple<const char*, const char*, bool> kCases[] = {
+      {"H50", "H11", true}, {"H13", "H11", true}, {"H12", "H11", true},
+      {"H5", "H4", true},   {"H1", "H0", false},
+  };
+  char info = 'A';
+  for (const auto& [in, out, relay] : kCases) {
+    const Pc41Result r = Run(std::string("PC41^Q5USR^1^") + info++ + "^" + in + "^~");
+    EXPECT_TRUE(r.processed) << in;
+    EXPECT_EQ(r.relay, relay) << in;
+    EXPECT_EQ(sentence_.fields[4], out) << in;
+  }
+  Run("PC41^Q5USR^1^F^H50^~");
+  EXPECT_EQ(sentence_.Join(), "PC41^Q5USR^1^F^H11^~");
 }
 
 TEST_F(Pc41Test, StoreFailureCostsOnlyThatSentence) {
@@ -165,15 +161,6 @@ TEST_F(Pc41Test, StoreFailureCostsOnlyThatSentence) {
   EXPECT_FALSE(Run("PC41^Q5USR^1^Fred^H5^~").processed);
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0], "ProcessPC41 disk full step 10 PC41^Q5USR^1^Fred^H5^~");
-}
-
-// PC41 lists and file names use the shared base-call rule.
-TEST(Pc41BaseCall, HyphenFromTheFourthCharacter) {
-  EXPECT_EQ(BaseCall("K1ABC-5"), "K1ABC");
-  EXPECT_EQ(BaseCall("K1A-5"), "K1A");
-  EXPECT_EQ(BaseCall("K1-AB-2"), "K1-AB");
-  EXPECT_EQ(BaseCall("K1ABC"), "K1ABC");
-  EXPECT_EQ(BaseCall("A-1"), "A-1");
 }
 
 }  // namespace

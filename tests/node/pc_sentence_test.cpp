@@ -4,7 +4,6 @@
 
 #include <optional>
 
-#include "node/pc9x_time.h"
 #include "node/pc_builders.h"
 #include "tests/node/node_test_util.h"
 
@@ -102,23 +101,12 @@ TEST(LeadingNumber, FollowsTheLeadingDigits) {
   EXPECT_GT(LeadingNumber("99999999999999999999"), 0);
 }
 
+// The lines the network tests do not already read whole: the "here" flag, user information,
+// the keep-alive, and talk and announcements with carets and addresses.
 TEST(Builders, LinesThisNodeWrites) {
-  EXPECT_EQ(BuildPc18("1.0"), "PC18^QX Cluster Version: 1.0 Build: 0.001 pc9x^1.0^\r\n");
-  EXPECT_EQ(BuildPc19("Q1AAA", false, "5457"), "PC19^1^Q1AAA^0^5457^H99^\r\n");
   EXPECT_EQ(BuildPc19("Q1AAA", true, "5457"), "PC19^1^Q1AAA^1^5457^H99^\r\n");
-  EXPECT_EQ(BuildPc16("Q1AAA", "Q1USR"), "PC16^Q1AAA^Q1USR - 1^H99^\r\n");
-  EXPECT_EQ(BuildPc51Request("Q9ZZZ-2", "Q1AAA"), "PC51^Q9ZZZ-2^Q1AAA^1^\r\n");
-  EXPECT_EQ(BuildPc51Answer("Q9ZZZ-2", "Q1AAA"), "PC51^Q9ZZZ-2^Q1AAA^0^\r\n");
   EXPECT_EQ(BuildPc41("Q1USR", 1, "Fred"), "PC41^Q1USR^1^Fred^H99^~\r\n");
-  EXPECT_EQ(BuildPc17("Q1USR", "Q1AAA"), "PC17^Q1USR^Q1AAA^H99^\r\n");
-  EXPECT_EQ(BuildPc21("Q6WWW", "Gone"), "PC21^Q6WWW^Gone^H99^\r\n");
-  EXPECT_EQ(BuildPc20(), "PC20^\r\n");
-  EXPECT_EQ(BuildPc22(), "PC22^\r\n");
-  EXPECT_EQ(BuildPc39("Q1AAA", "Shutdown"), "PC39^Q1AAA^Shutdown^H99^\r\n");
   EXPECT_EQ(BuildPc50("Q1AAA", 12), "PC50^Q1AAA^12^H99^\r\n");
-}
-
-TEST(Builders, TalkAndAnnounceReplaceCarets) {
   EXPECT_EQ(BuildPc10("Q5USR", "Q7USR", "hi ^there", "Q1AAA"),
             "PC10^Q5USR^Q7USR^hi ~there^*^ ^Q1AAA^~\r\n");
   EXPECT_EQ(BuildPc10("Q5USR", "Q7USR", "hi", "Q1AAA", "Q7XXX"),
@@ -155,18 +143,6 @@ TEST(Builders, Pc92Family) {
             "PC92^Q1AAA^80563^K^5Q1AAA:5457:46^2^0^127.0.0.1^qx/0.1^H99^\r\n");
   // An IPv6 address travels with "," instead of ":".
   EXPECT_EQ(FormatPc92Entry({1, "Q5USR", {"2001:db8::7"}}), "1Q5USR:2001,db8,,7");
-}
-
-TEST(Builders, OurConfigurationInBothStyles) {
-  LocalConfig c{"Q1AAA", "5457", "46", {{7, "Q7XXX", {}}}, {{1, "Q1USR", {"198.51.100.9"}}}};
-  Pc9xStampGenerator stamps;
-  const auto pc9x = BuildOurConfig(c, true, stamps, 80562);
-  ASSERT_EQ(pc9x.size(), 2u);
-  EXPECT_EQ(pc9x[0], "PC92^Q1AAA^80562^C^5Q1AAA:5457^7Q7XXX^1Q1USR:198.51.100.9^H99^\r\n");
-  EXPECT_EQ(pc9x[1], "PC92^Q1AAA^80562.01^K^5Q1AAA:5457:46^2^1^H99^\r\n");
-  const auto legacy = BuildOurConfig(c, false, stamps, 80562);
-  EXPECT_EQ(legacy, (std::vector<std::string>{"PC19^1^Q1AAA^0^5457^H99^\r\n",
-                                              "PC16^Q1AAA^Q1USR - 1^H99^\r\n"}));
 }
 
 }  // namespace

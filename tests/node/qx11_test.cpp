@@ -3,11 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
-#include "core/stream_table.h"
-#include "core/time_text.h"
-#include "node/node_data.h"
 #include "tests/node/node_test_util.h"
 
 namespace qx {
@@ -110,13 +105,13 @@ TEST_F(Qx11Test, WhatTheOriginKnewTravelsOnUnchanged) {
 TEST_F(Qx11Test, ModeComesFromTheCommentBeforeTheBandPlan) {
   spot_.slots[kSlotComment] = "loud FT8 -12dB";
   spot_.ModeFlags = kModeFt8;
-  EXPECT_NE(Build().find("^FT8^S^"), std::string::npos) << Build();
+  EXPECT_TRUE(test::Has(Build(), "^FT8^S^"));
   spot_.slots[kSlotComment] = "usb pileup";
   spot_.ModeFlags = 0;
-  EXPECT_NE(Build().find("^SSB^S^"), std::string::npos) << Build();
+  EXPECT_TRUE(test::Has(Build(), "^SSB^S^"));
   spot_.slots[kSlotComment] = " ";
   spot_.FrequencyKHz = 10368100.0;  // no band plan up there
-  EXPECT_NE(Build().find("^198.51.100.7^^^C^"), std::string::npos) << Build();
+  EXPECT_TRUE(test::Has(Build(), "^198.51.100.7^^^C^"));
 }
 
 TEST_F(Qx11Test, LaterVersionsAddFieldsBeforeTheHopCount) {
@@ -185,59 +180,6 @@ TEST_F(Qx11Test, RefusesWhatItCannotReadAndSaysWhy) {
   for (size_t n = 0; n < good.size(); ++n) {
     EXPECT_FALSE(ParseQx11(std::string_view(good).substr(0, n), q, nullptr)) << n;
   }
-}
-
-// The node's reading of a neighbour's lines: a QX11 that came in pieces is joined and taken
-// once; one that cannot be read is logged and dropped, and the next line is read as usual.
-TEST_F(Qx11Test, NodeTakesAQx11FromPiecesAndLogsABadOne) {
-  StreamTable streams;
-  streams.EnsureCapacity(2);
-  streams.at(1).call = "XX0QX-2";
-  streams.at(1).state = kStateNodePc9x;
-  ManualClock clock(MakeUtc(2026, 11, 24, 22, 5, 0));
-  test::RecordingOutput out;
-  std::vector<std::string> errors, taken;
-  std::vector<Spot> carried;
-  NodeDeps deps;
-  deps.streams = &streams;
-  deps.output = &out;
-  deps.clock = &clock;
-  deps.errors = [&](int, std::string_view tag, std::string_view text) {
-    errors.push_back(std::string(tag) + ": " + std::string(text));
-  };
-  deps.qx11_intake = [&](std::string_view sentence, const Spot& c, int stream) {
-    EXPECT_EQ(stream, 1);
-    taken.push_back(std::string(sentence));
-    carried.push_back(c);
-    return true;
-  };
-  NodeProcessor proc(NodeOptions{"XX0QX-1", "0.1", 0, true, false}, std::move(deps));
-
-  spot_.DxGrid = "JO62";
-  spot_.SkimmerVerdict = 'V';
-  spot_.SkimmerCount = 4;
-  const std::string line = Build("H12");
-  using End = NodeProcessor::LineEnd;
-  EXPECT_FALSE(proc.ProcessNodeData(1, line.substr(0, 30), End::kMissing));
-  EXPECT_FALSE(proc.ProcessNodeData(1, line.substr(30, 40), End::kMissing));
-  EXPECT_TRUE(proc.ProcessNodeData(1, line.substr(70) + "\r"));
-  ASSERT_EQ(taken.size(), 1u);
-  EXPECT_EQ(taken[0],
-            "PC61^14025.0^DL1XYZ^24-Nov-2026^2201Z^up 2^K1ABC^XX0QX-1^198.51.100.7^H12^~");
-  EXPECT_EQ(carried[0].DxGrid, "JO62");
-  EXPECT_EQ(carried[0].SkimmerVerdict, 'V');
-  EXPECT_EQ(carried[0].SkimmerCount, 4);
-  EXPECT_EQ(carried[0].OriginId, 1234u);
-  EXPECT_TRUE(errors.empty());
-
-  EXPECT_FALSE(proc.ProcessNodeData(1, "QX11^1^14025.0^DL1XYZ^H5^~"));
-  EXPECT_FALSE(proc.ProcessNodeData(1, std::string(line).replace(line.rfind("H12"), 3, "H0")));
-  ASSERT_EQ(errors.size(), 2u);
-  EXPECT_NE(errors[0].find("QX11: spot dropped (too few fields)"), std::string::npos) << errors[0];
-  EXPECT_NE(errors[1].find("(no hop count)"), std::string::npos) << errors[1];
-  EXPECT_NE(errors[1].find("from XX0QX-2"), std::string::npos) << errors[1];
-  EXPECT_TRUE(proc.ProcessNodeData(1, line));
-  EXPECT_EQ(taken.size(), 2u);
 }
 
 }  // namespace

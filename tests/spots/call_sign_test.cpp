@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "spots/country.h"
@@ -106,25 +108,22 @@ TEST_F(ValidCallTest, RulesInBothModes) {
   }
 }
 
-TEST_F(ValidCallTest, CleansTheCallInPlace) {
-  std::string call = "k1abc-5\r\n";
-  EXPECT_TRUE(ValidCall(call, true, ctx_));
-  EXPECT_EQ(call, "K1ABC-5");
-
-  call = "dl1xyz  \n";
-  EXPECT_TRUE(ValidCall(call, false, ctx_));
-  EXPECT_EQ(call, "DL1XYZ");
-
-  call = "qx1abc";
-  EXPECT_FALSE(ValidCall(call, true, ctx_));
-  EXPECT_EQ(call, "QX1ABC");
-}
-
-TEST_F(ValidCallTest, LineEndsCannotHideAListedCall) {
-  EXPECT_FALSE(Check("N0CALL\r\n", true));
-  EXPECT_FALSE(Check("xx0qx-1\r\n", true));
-  EXPECT_TRUE(Check("badcall \r\n", true));
-  EXPECT_FALSE(Check("\r\n", true));
+// The call is left upper-cased without its line end, and a line end hides nothing.
+TEST_F(ValidCallTest, CleansTheCallInPlaceAndLineEndsHideNothing) {
+  const struct {
+    const char *in, *out;
+    bool strict, valid;
+  } kCases[] = {{"k1abc-5\r\n", "K1ABC-5", true, true},  {"dl1xyz  \n", "DL1XYZ", false, true},
+                {"qx1abc", "QX1ABC", true, false},       {"N0CALL\r\n", "N0CALL", true, false},
+                {"xx0qx-1\r\n", "XX0QX-1", true, false}, {"badcall \r\n", "BADCALL", true, true},
+                {"\r\n", nullptr, true, false}};
+  for (const auto& c : kCases) {
+    std::string call = c.in;
+    EXPECT_EQ(ValidCall(call, c.strict, ctx_), c.valid) << c.in;
+    if (c.out != nullptr) {
+      EXPECT_EQ(call, c.out);
+    }
+  }
 }
 
 TEST_F(ValidCallTest, CompoundOfOneCountryIsReportedAtLogInOnly) {
@@ -139,14 +138,11 @@ TEST_F(ValidCallTest, CompoundOfOneCountryIsReportedAtLogInOnly) {
 
 TEST_F(ValidCallTest, WorksWithoutAnyLists) {
   const CallCheckContext none;
-  std::string call = "K1ABC/W1XYZ";
-  EXPECT_TRUE(ValidCall(call, true, none));
-  call = "RBN";
-  EXPECT_FALSE(ValidCall(call, true, none));
-  call = "BADCALL";
-  EXPECT_FALSE(ValidCall(call, true, none));
-  call = "XX9ABC-1";
-  EXPECT_TRUE(ValidCall(call, true, none));
+  for (auto [in, valid] : {std::pair{"K1ABC/W1XYZ", true}, std::pair{"RBN", false},
+                           std::pair{"BADCALL", false}, std::pair{"XX9ABC-1", true}}) {
+    std::string call = in;
+    EXPECT_EQ(ValidCall(call, true, none), valid) << in;
+  }
 }
 
 TEST(BaseCall, CutsAtTheFirstHyphenFromPositionFour) {
@@ -159,38 +155,32 @@ TEST(BaseCall, CutsAtTheFirstHyphenFromPositionFour) {
   for (const auto& [call, base] : cases) EXPECT_EQ(BaseCall(call), base) << call;
 }
 
-TEST(MatchAbbrev, MinimumLengthAndKeywordLength) {
-  EXPECT_TRUE(MatchAbbrev("READ", 1, "R"));
-  EXPECT_TRUE(MatchAbbrev("READ", 1, "read"));
-  EXPECT_TRUE(MatchAbbrev("READ", 1, "Rea"));
-  EXPECT_FALSE(MatchAbbrev("READ", 1, "READS"));
-  EXPECT_FALSE(MatchAbbrev("READ", 1, ""));
-  EXPECT_FALSE(MatchAbbrev("READ", 1, "X"));
-  EXPECT_FALSE(MatchAbbrev("HELP", 4, "HEL"));
-  EXPECT_TRUE(MatchAbbrev("HELP", 4, "help"));
-  EXPECT_TRUE(MatchAbbrev("SHOW", 2, "sH"));
-  EXPECT_FALSE(MatchAbbrev("SHOW", 2, "SX"));
-  EXPECT_TRUE(MatchAbbrev("YES", 1, "y"));
-  EXPECT_FALSE(MatchAbbrev("NO", 1, "maybe"));
-  EXPECT_FALSE(MatchAbbrev("YES", 1, "yes "));
-}
-
-TEST(StripTelnetPrefix, DropsNegotiationAndLowCharacters) {
-  EXPECT_EQ(StripTelnetPrefix("\xff\xfb\x01K1ABC"), "K1ABC");
-  EXPECT_EQ(StripTelnetPrefix("\xff\xfd\x03\xff\xfb\x18 0K1ABC"), "K1ABC");
-  EXPECT_EQ(StripTelnetPrefix("K1ABC"), "K1ABC");
-  EXPECT_EQ(StripTelnetPrefix("1\xf0x"), "1\xf0x");
-  EXPECT_EQ(StripTelnetPrefix("\xff\xfd\x03"), "");
-  EXPECT_EQ(StripTelnetPrefix(""), "");
-}
-
-TEST(IsLockedOut, ComparesTheBaseCallIgnoringCase) {
+TEST(CallHelpers, AbbreviationsTelnetPrefixAndLockOut) {
+  const std::tuple<const char*, int, const char*, bool> kAbbrevs[] = {
+      {"READ", 1, "R", true},      {"READ", 1, "read", true}, {"READ", 1, "Rea", true},
+      {"READ", 1, "READS", false}, {"READ", 1, "", false},    {"READ", 1, "X", false},
+      {"HELP", 4, "HEL", false},   {"HELP", 4, "help", true}, {"SHOW", 2, "sH", true},
+      {"SHOW", 2, "SX", false},    {"YES", 1, "y", true},     {"NO", 1, "maybe", false},
+      {"YES", 1, "yes ", false}};
+  for (const auto& [keyword, min, typed, match] : kAbbrevs) {
+    EXPECT_EQ(MatchAbbrev(keyword, min, typed), match) << keyword << " " << typed;
+  }
+  // Telnet negotiation and characters below "1" go before the call.
+  const std::pair<const char*, const char*> kTelnet[] = {
+      {"\xff\xfb\x01K1ABC", "K1ABC"},
+      {"\xff\xfd\x03\xff\xfb\x18 0K1ABC", "K1ABC"},
+      {"K1ABC", "K1ABC"},
+      {"1\xf0x", "1\xf0x"},
+      {"\xff\xfd\x03", ""},
+      {"", ""}};
+  for (const auto& [in, out] : kTelnet) EXPECT_EQ(StripTelnetPrefix(in), out) << in;
+  // Lock-out compares the base call, ignoring case.
   const std::unordered_set<std::string> locked{"XX9BAD"};
-  EXPECT_TRUE(IsLockedOut("XX9BAD", locked));
-  EXPECT_TRUE(IsLockedOut("xx9bad-5", locked));
-  EXPECT_FALSE(IsLockedOut("XX9BA", locked));
-  EXPECT_FALSE(IsLockedOut("XX9BADX", locked));
-  EXPECT_FALSE(IsLockedOut("XX9BAD/P", locked));
+  for (auto [call, out] :
+       {std::pair{"XX9BAD", true}, std::pair{"xx9bad-5", true}, std::pair{"XX9BA", false},
+        std::pair{"XX9BADX", false}, std::pair{"XX9BAD/P", false}}) {
+    EXPECT_EQ(IsLockedOut(call, locked), out) << call;
+  }
   EXPECT_FALSE(IsLockedOut("XX9BAD", {}));
 }
 

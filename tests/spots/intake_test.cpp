@@ -76,6 +76,13 @@ class IntakeTest : public ::testing::Test {
     r.is_local = local;
     return intake_->Process(r);
   }
+  // A request as a feed, a trial or a neighbour makes it: set() fills in the rest.
+  IntakeResult Request(std::string_view sentence, const std::function<void(IntakeRequest&)>& set) {
+    IntakeRequest r;
+    r.sentence = sentence;
+    set(r);
+    return intake_->Process(r);
+  }
   std::string Log(std::string_view rel) {
     const auto p = dir_.Data() / rel;
     return std::filesystem::exists(p) ? ReadFile(p) : std::string();
@@ -160,31 +167,31 @@ struct RefusalCase {
 };
 
 TEST_F(IntakeTest, EachRefusalHasItsReasonLogAndMarker) {
-  const std::string g(kGood);
+  const std::string g(kGood), bad = "badspots/bad-22-Nov-2026.txt";
   const std::vector<RefusalCase> cases = {
       {"question", nullptr, With(g, 5, "QRV?? bcn"), false, SpotVerdict::kDoubleQuestionMark, "",
        "", ""},
       {"fields", nullptr, "PC61^14025.0^K1ABC^22-Nov-2026^0315Z^x^DL1XYZ^DB0SUE", false,
        SpotVerdict::kFieldCount, "", "", ""},
       {"fields14", nullptr, g + "^a^b^c", false, SpotVerdict::kFieldCount, "", "", ""},
-      {"nodate", nullptr, With(g, 3, "99-Foo-9999"), false, SpotVerdict::kBadDateTime,
-       "badspots/bad-22-Nov-2026.txt", "Bad Date/Time^" + With(g, 3, "99-Foo-9999"), ""},
-      {"feb31", nullptr, With(g, 3, "31-Feb-2026"), false, SpotVerdict::kBadDateTime,
-       "badspots/bad-22-Nov-2026.txt", "Bad Date/Time^" + With(g, 3, "31-Feb-2026"), ""},
-      {"longtime", nullptr, With(g, 4, "99999Z"), false, SpotVerdict::kBadDateTime,
-       "badspots/bad-22-Nov-2026.txt", "Bad Date/Time^" + With(g, 4, "99999Z"), ""},
-      {"hour25", nullptr, With(g, 4, "2561Z"), false, SpotVerdict::kBadDateTime,
-       "badspots/bad-22-Nov-2026.txt", "Bad Date/Time^" + With(g, 4, "2561Z"), ""},
+      {"nodate", nullptr, With(g, 3, "99-Foo-9999"), false, SpotVerdict::kBadDateTime, bad,
+       "Bad Date/Time^" + With(g, 3, "99-Foo-9999"), ""},
+      {"feb31", nullptr, With(g, 3, "31-Feb-2026"), false, SpotVerdict::kBadDateTime, bad,
+       "Bad Date/Time^" + With(g, 3, "31-Feb-2026"), ""},
+      {"longtime", nullptr, With(g, 4, "99999Z"), false, SpotVerdict::kBadDateTime, bad,
+       "Bad Date/Time^" + With(g, 4, "99999Z"), ""},
+      {"hour25", nullptr, With(g, 4, "2561Z"), false, SpotVerdict::kBadDateTime, bad,
+       "Bad Date/Time^" + With(g, 4, "2561Z"), ""},
       {"pc11time", nullptr, "PC11^14025.0^K1ABC^22-Nov-2026^1260Z^x^DL1XYZ^DB0SUE^H5^~", false,
-       SpotVerdict::kBadDateTime, "badspots/bad-22-Nov-2026.txt",
+       SpotVerdict::kBadDateTime, bad,
        "Bad Date/Time^PC11^14025.0^K1ABC^22-Nov-2026^1260Z^x^DL1XYZ^DB0SUE^H5^~", ""},
       {"longspotter", nullptr, With(g, 6, std::string(31, 'K') + "1"), false,
-       SpotVerdict::kSpotterTooLong, "badspots/bad-22-Nov-2026.txt",
+       SpotVerdict::kSpotterTooLong, bad,
        "Bad Spotter Call^" + With(g, 6, std::string(31, 'K') + "1"), ""},
-      {"old", nullptr, With(g, 4, "0214Z"), false, SpotVerdict::kOutOfTime,
-       "badspots/bad-22-Nov-2026.txt", "Too Old^" + With(g, 4, "0214Z"), ""},
-      {"ahead", nullptr, With(g, 4, "0331Z"), false, SpotVerdict::kOutOfTime,
-       "badspots/bad-22-Nov-2026.txt", "Ahead Of Time^" + With(g, 4, "0331Z"), ""},
+      {"old", nullptr, With(g, 4, "0214Z"), false, SpotVerdict::kOutOfTime, bad,
+       "Too Old^" + With(g, 4, "0214Z"), ""},
+      {"ahead", nullptr, With(g, 4, "0331Z"), false, SpotVerdict::kOutOfTime, bad,
+       "Ahead Of Time^" + With(g, 4, "0331Z"), ""},
       {"badip", [](BadLists& l) { l.AddRefusedAddress("192.0.2.1"); }, g, false,
        SpotVerdict::kRefusedAddress, "badspotsIP/Bad-22-Nov-2026", g + " DB0SUE", "### Bad IP ###"},
       {"tor", [](BadLists& l) { l.AddTorAddress("192.0.2.1"); }, g, false, SpotVerdict::kTorAddress,
@@ -205,21 +212,19 @@ TEST_F(IntakeTest, EachRefusalHasItsReasonLogAndMarker) {
        "badinfo/badfreq22-Nov-2026.txt", With(g, 1, "abc") + " DB0SUE", "*Bad*"},
       {"request", nullptr, With(g, 5, "PSE QSL"), false, SpotVerdict::kRequest, "", "", ""},
       {"badword", [](BadLists& l) { l.AddBadWord("idiot"); }, With(g, 5, "you idiot!!"), false,
-       SpotVerdict::kBadWord, "badspots/bad-22-Nov-2026.txt",
-       "Bad Word^" + With(g, 5, "you idiot!!"), ""},
+       SpotVerdict::kBadWord, bad, "Bad Word^" + With(g, 5, "you idiot!!"), ""},
       {"phrase", [](BadLists& l) { l.AddBadWord("go away"); }, With(g, 5, "now Go Away x"), false,
-       SpotVerdict::kBadPhrase, "badspots/bad-22-Nov-2026.txt",
-       "Bad Phrase^" + With(g, 5, "now Go Away x"), ""},
+       SpotVerdict::kBadPhrase, bad, "Bad Phrase^" + With(g, 5, "now Go Away x"), ""},
       {"wordspotter", [](BadLists& l) { l.AddBadWord("DL1XYZ"); }, g, false,
-       SpotVerdict::kBadWordSpotter, "badspots/bad-22-Nov-2026.txt", "Bad word - spotter " + g, ""},
-      {"worddx", [](BadLists& l) { l.AddBadWord("K1ABC"); }, g, false, SpotVerdict::kBadWordDx,
-       "badspots/bad-22-Nov-2026.txt", "Bad word dx^" + g, ""},
-      {"dxnok", [](BadLists& l) { l.SetDxNok({"K1A*"}); }, g, false, SpotVerdict::kDxNok,
-       "badspots/bad-22-Nov-2026.txt", "DxNok - ^" + g, ""},
-      {"notissued", nullptr, With(g, 6, "N0CALL"), false, SpotVerdict::kSpotterNotIssued,
-       "badspots/bad-22-Nov-2026.txt", " Spotter call not issued^DB0QX" + With(g, 6, "N0CALL"), ""},
-      {"cty", nullptr, With(g, 6, "ZZ9ZZ"), false, SpotVerdict::kSpotterCountryUnknown,
-       "badspots/bad-22-Nov-2026.txt", "Bad Spotter Cty " + With(g, 6, "ZZ9ZZ"), "QQ"},
+       SpotVerdict::kBadWordSpotter, bad, "Bad word - spotter " + g, ""},
+      {"worddx", [](BadLists& l) { l.AddBadWord("K1ABC"); }, g, false, SpotVerdict::kBadWordDx, bad,
+       "Bad word dx^" + g, ""},
+      {"dxnok", [](BadLists& l) { l.SetDxNok({"K1A*"}); }, g, false, SpotVerdict::kDxNok, bad,
+       "DxNok - ^" + g, ""},
+      {"notissued", nullptr, With(g, 6, "N0CALL"), false, SpotVerdict::kSpotterNotIssued, bad,
+       " Spotter call not issued^DB0QX" + With(g, 6, "N0CALL"), ""},
+      {"cty", nullptr, With(g, 6, "ZZ9ZZ"), false, SpotVerdict::kSpotterCountryUnknown, bad,
+       "Bad Spotter Cty " + With(g, 6, "ZZ9ZZ"), "QQ"},
   };
   for (const RefusalCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -293,23 +298,23 @@ TEST_F(IntakeTest, VerboseSpotterRefusalShowsTheEarlyNotice) {
   EXPECT_LT(early, spot_list_.rfind("### Spotter Bad ###"));
 }
 
-TEST_F(IntakeTest, TorHitAlsoRecordsTheSpotter) {
+// A Tor hit also records the spotter; a PC11 is judged by the address its caller knows; a
+// PC61 address that is no public one is logged but no reason to refuse the spot.
+TEST_F(IntakeTest, AddressesTheSpotCameFrom) {
   lists_.AddTorAddress("2001:db8::1");
   EXPECT_EQ(Run(With(kGood, 8, "2001:DB8::1")).verdict, SpotVerdict::kTorAddress);
   EXPECT_EQ(Log("badspotsTor/BadCall-22-Nov-2026"), "DL1XYZ\r\n");
-}
 
-TEST_F(IntakeTest, Pc11IsCheckedAgainstTheAddressTheCallerKnows) {
   lists_.AddRefusedAddress("198.51.100.9");
-  IntakeRequest req;
-  req.sentence = "PC11^14025.0^K1ABC^22-Nov-2026^0315Z^cq^G4USR^G7XXX^H24^~";
-  req.source_stream = kNodeStream;
-  req.known_address = "198.51.100.9";
-  EXPECT_EQ(intake_->Process(req).verdict, SpotVerdict::kRefusedAddress);
+  EXPECT_EQ(Request("PC11^14025.0^K1ABC^22-Nov-2026^0315Z^cq^G4USR^G7XXX^H24^~",
+                    [](IntakeRequest& r) {
+                      r.source_stream = kNodeStream;
+                      r.known_address = "198.51.100.9";
+                    })
+                .verdict,
+            SpotVerdict::kRefusedAddress);
   EXPECT_NE(spot_list_.find("### Bad IP PC11 ###"), std::string::npos);
-}
 
-TEST_F(IntakeTest, OddPc61AddressIsLoggedButNotRefused) {
   EXPECT_TRUE(Run(With(kGood, 8, "")).accepted());
   EXPECT_TRUE(Run(With(With(kGood, 8, "node.example"), 2, "K2ABC")).accepted());
   EXPECT_TRUE(Run(With(With(kGood, 8, "2001:db8::7"), 2, "K3ABC")).accepted());
@@ -318,18 +323,15 @@ TEST_F(IntakeTest, OddPc61AddressIsLoggedButNotRefused) {
   EXPECT_NE(log.find("node.example"), std::string::npos);
 }
 
-TEST_F(IntakeTest, BadWordHitIsLoggedWithTheSpotFields) {
+// A bad-word hit is logged with the spot's fields and counts against the address, which the
+// sysop may have refused after so many offences.
+TEST_F(IntakeTest, BadWordHitsAreLoggedAndCanRefuseTheAddress) {
   lists_.AddBadWord("SPAM");
+  lists_.set_auto_refuse_after(2);
   EXPECT_EQ(Run(With(kGood, 5, "buy spam, now")).verdict, SpotVerdict::kBadWord);
   EXPECT_EQ(Log("badinfo/22-Nov-2026.log"),
             std::string(With(kGood, 5, "buy spam, now")) + " 0315 BadWordCheck PC11\r\n");
   EXPECT_EQ(lists_.offences("192.0.2.1"), 1);
-}
-
-TEST_F(IntakeTest, OffencesCanRefuseTheAddressWhenTheSysopAsks) {
-  lists_.AddBadWord("SPAM");
-  lists_.set_auto_refuse_after(2);
-  Run(With(kGood, 5, "spam"));
   EXPECT_EQ(Run(With(kGood, 5, "x")).verdict, SpotVerdict::kAccepted);
   Run(With(kGood, 5, "spam"));
   EXPECT_EQ(Run(With(With(kGood, 5, "y"), 2, "K9ZZ")).verdict, SpotVerdict::kRefusedAddress);
@@ -351,11 +353,9 @@ TEST_F(IntakeTest, RefusalsAreKeptWithTheRuleInWordsAndDuplicatesApart) {
   lists_.AddBadWord("FT8SPAM");
   EXPECT_EQ(Run(With(kGood, 5, "FT8SPAM here")).verdict, SpotVerdict::kBadWord);
   EXPECT_EQ(Run("PC61^14025.0^K1ABC").verdict, SpotVerdict::kFieldCount);
-  const std::string again = With(kGood, 5, "FT8SPAM again");
-  IntakeRequest trial;
-  trial.sentence = again;
-  trial.trial = true;
-  EXPECT_EQ(intake_->Process(trial).verdict, SpotVerdict::kBadWord);  // a trial is not kept
+  EXPECT_EQ(
+      Request(With(kGood, 5, "FT8SPAM again"), [](IntakeRequest& r) { r.trial = true; }).verdict,
+      SpotVerdict::kBadWord);  // a trial is not kept
   std::vector<const SpotRefusal*> kept = intake_->RecentRefusals();
   ASSERT_EQ(kept.size(), 2u);
   EXPECT_EQ(kept[0]->rule, "bad word: FT8SPAM (badwords.txt)");
@@ -376,27 +376,33 @@ TEST_F(IntakeTest, RefusalsAreKeptWithTheRuleInWordsAndDuplicatesApart) {
   EXPECT_EQ(kept.back()->rule, "duplicate: K1ABC already spotted on this frequency lately");
 }
 
-TEST_F(IntakeTest, ReporterSpotsAreFt8AndCarryTheirTag) {
-  IntakeRequest req;
-  const std::string s = With(With(kGood, 5, "CW 20 dB"), 1, "14074.0");
-  req.sentence = s;
-  req.source = SpotSource::kReporter;
-  const IntakeResult r = intake_->Process(req);
+// Reporter spots are FT8 and carry their tag; feeds may skip the request filter; beacons
+// are flagged by call or comment.
+TEST_F(IntakeTest, SourceFlagsAndBeacons) {
+  const IntakeResult r = Request(With(With(kGood, 5, "CW 20 dB"), 1, "14074.0"),
+                                 [](IntakeRequest& r) { r.source = SpotSource::kReporter; });
   ASSERT_TRUE(r.accepted());
   EXPECT_EQ(r.spot->ModeFlags & kModeMask, kModeFt8);
   EXPECT_EQ(r.spot->SourceTag, "PskReporter");
+
+  EXPECT_TRUE(Request(With(With(kGood, 5, "PSE QSL"), 2, "K6ABC"), [](IntakeRequest& r) {
+                r.skip_request_filter = true;
+              }).accepted());
+
+  EXPECT_TRUE(Run(With(With(kGood, 2, "DK0WCY/B"), 1, "10144.0")).spot->IsBeacon);
+  EXPECT_TRUE(Run(With(With(kGood, 2, "K4ABC"), 5, "bcn 599")).spot->IsBeacon);
+  EXPECT_FALSE(Run(With(With(kGood, 2, "K5ABC"), 5, "BCNX")).spot->IsBeacon);
 }
 
 // What a spot carries beyond its sentence: whether the mode was stated, a skimmer's verdict
 // read from its tag, the local spotter's locator, and whatever a neighbour of this software
 // sent with it.  Nothing of one spot stays with the next.
 TEST_F(IntakeTest, SpotsLearnTheirModeSourceVerdictAndLocators) {
-  IntakeRequest skimmer;
-  const std::string sk = With(With(kGood, 5, "CW    18 dB 26 WPM CQ V3"), 6, "DL1ABC-#");
-  skimmer.sentence = sk;
-  skimmer.source = SpotSource::kSkimmer;
-  skimmer.skip_dupe_check = true;
-  IntakeResult r = intake_->Process(skimmer);
+  IntakeResult r = Request(With(With(kGood, 5, "CW    18 dB 26 WPM CQ V3"), 6, "DL1ABC-#"),
+                           [](IntakeRequest& r) {
+                             r.source = SpotSource::kSkimmer;
+                             r.skip_dupe_check = true;
+                           });
   ASSERT_TRUE(r.accepted());
   EXPECT_TRUE(r.spot->ModeStated);
   EXPECT_EQ(r.spot->Mode, "CW");
@@ -405,12 +411,10 @@ TEST_F(IntakeTest, SpotsLearnTheirModeSourceVerdictAndLocators) {
 
   streams_.EnsureCapacity(3);
   streams_.at(3).session.grid = "JO62";
-  IntakeRequest local;
-  const std::string lo = With(With(kGood, 5, "rtty test"), 2, "DL2ABC");
-  local.sentence = lo;
-  local.is_local = true;
-  local.source_stream = 3;
-  r = intake_->Process(local);
+  r = Request(With(With(kGood, 5, "rtty test"), 2, "DL2ABC"), [](IntakeRequest& r) {
+    r.is_local = true;
+    r.source_stream = 3;
+  });
   ASSERT_TRUE(r.accepted());
   EXPECT_TRUE(r.spot->ModeStated);
   EXPECT_EQ(r.spot->Mode, "");  // worked out again from the mode bits when needed
@@ -425,12 +429,10 @@ TEST_F(IntakeTest, SpotsLearnTheirModeSourceVerdictAndLocators) {
   carried.DxGrid = "FN42";
   carried.OriginId = 77;
   carried.SourceTag = SourceTagText(SpotSource::kWebGateway);
-  IntakeRequest node;
-  const std::string nd = With(kGood, 2, "DL3ABC");
-  node.sentence = nd;
-  node.source_stream = kNodeStream;
-  node.carried = &carried;
-  r = intake_->Process(node);
+  r = Request(With(kGood, 2, "DL3ABC"), [&](IntakeRequest& r) {
+    r.source_stream = kNodeStream;
+    r.carried = &carried;
+  });
   ASSERT_TRUE(r.accepted());
   EXPECT_EQ(r.spot->Mode, "FT4");
   EXPECT_FALSE(r.spot->ModeStated);
@@ -466,57 +468,44 @@ TEST(SkimmerTag, EveryVerdictAndWhatIsNoTag) {
   EXPECT_EQ(SkimmerModeWord("CWX 20 DB"), "");
 }
 
-TEST_F(IntakeTest, FeedsMaySkipTheRequestFilter) {
-  IntakeRequest req;
-  const std::string s = With(kGood, 5, "PSE QSL");
-  req.sentence = s;
-  req.skip_request_filter = true;
-  EXPECT_TRUE(intake_->Process(req).accepted());
-}
-
-TEST_F(IntakeTest, BeaconsAreFlagged) {
-  EXPECT_TRUE(Run(With(With(kGood, 2, "DK0WCY/B"), 1, "10144.0")).spot->IsBeacon);
-  EXPECT_TRUE(Run(With(With(kGood, 2, "K4ABC"), 5, "bcn 599")).spot->IsBeacon);
-  EXPECT_FALSE(Run(With(With(kGood, 2, "K5ABC"), 5, "BCNX")).spot->IsBeacon);
-}
-
-TEST(IntakeRulesTest, RequestFilter) {
-  EXPECT_TRUE(IsRequestComment("PSE QSL"));
-  EXPECT_TRUE(IsRequestComment("PLS QSL VIA BURO"));
-  EXPECT_FALSE(IsRequestComment("QSL PLS"));  // " PLS " needs a blank on both sides
-  EXPECT_TRUE(IsRequestComment("QSL PLS TNX"));
-  EXPECT_TRUE(IsRequestComment("QSL PSE TNX"));
-  EXPECT_TRUE(IsRequestComment("PLEASE CALL"));
-  EXPECT_TRUE(IsRequestComment("PPP PLEASE CALL"));
-  EXPECT_FALSE(IsRequestComment("XX PLEASE CALL"));
-  EXPECT_TRUE(IsRequestComment("GOT NIL FROM HIM"));
-  EXPECT_TRUE(IsRequestComment(" NIL "));
-  EXPECT_FALSE(IsRequestComment("PSE"));  // three characters never
-  EXPECT_FALSE(IsRequestComment("NIL"));
-  EXPECT_FALSE(IsRequestComment("UP 5"));
-}
-
-TEST(IntakeRulesTest, ModeOrder) {
-  EXPECT_EQ(ClassifyMode("FT4 AND FT8"), kModeFt8);
-  EXPECT_EQ(ClassifyMode("FT4"), kModeFt4);
-  EXPECT_EQ(ClassifyMode("FT-4 OR PSK"), kModeFt4);
-  EXPECT_EQ(ClassifyMode("FT-8"), kModeFt8);
-  EXPECT_EQ(ClassifyMode("F/H MODE"), kModeFt8);
-  EXPECT_EQ(ClassifyMode("FOX"), kModeFt8);
-  EXPECT_EQ(ClassifyMode("RTTY PSK31"), kModePsk);
-  EXPECT_EQ(ClassifyMode("RTTY 599"), kModeRtty);
-  EXPECT_EQ(ClassifyMode("MSK144"), kModeMsk);
-  EXPECT_EQ(ClassifyMode("CW 599"), 0u);
-  EXPECT_EQ(ClassifyMode("FT"), 0u);
-}
-
-TEST(IntakeRulesTest, IpAddresses) {
-  EXPECT_TRUE(IsIpAddress("192.0.2.1"));
-  EXPECT_TRUE(IsIpAddress("2001:db8::1"));
-  EXPECT_FALSE(IsIpAddress("2001,db8,,1"));
-  EXPECT_FALSE(IsIpAddress("192.0.2"));
-  EXPECT_FALSE(IsIpAddress(""));
-  EXPECT_FALSE(IsIpAddress(std::string(100, '1')));
+TEST(IntakeRulesTest, RequestFilterModeOrderAndAddresses) {
+  // " PLS " needs a blank on both sides; three characters are never a request.
+  const std::pair<const char*, bool> kRequests[] = {
+      {"PSE QSL", true},
+      {"PLS QSL VIA BURO", true},
+      {"QSL PLS", false},
+      {"QSL PLS TNX", true},
+      {"QSL PSE TNX", true},
+      {"PLEASE CALL", true},
+      {"PPP PLEASE CALL", true},
+      {"XX PLEASE CALL", false},
+      {"GOT NIL FROM HIM", true},
+      {" NIL ", true},
+      {"PSE", false},
+      {"NIL", false},
+      {"UP 5", false},
+  };
+  for (auto [comment, request] : kRequests)
+    EXPECT_EQ(IsRequestComment(comment), request) << comment;
+  const std::pair<const char*, uint32_t> kModes[] = {
+      {"FT4 AND FT8", kModeFt8},
+      {"FT4", kModeFt4},
+      {"FT-4 OR PSK", kModeFt4},
+      {"FT-8", kModeFt8},
+      {"F/H MODE", kModeFt8},
+      {"FOX", kModeFt8},
+      {"RTTY PSK31", kModePsk},
+      {"RTTY 599", kModeRtty},
+      {"MSK144", kModeMsk},
+      {"CW 599", 0u},
+      {"FT", 0u},
+  };
+  for (auto [comment, mode] : kModes) EXPECT_EQ(ClassifyMode(comment), mode) << comment;
+  const std::pair<std::string, bool> kAddresses[] = {
+      {"192.0.2.1", true}, {"2001:db8::1", true}, {"2001,db8,,1", false},
+      {"192.0.2", false},  {"", false},           {std::string(100, '1'), false},
+  };
+  for (const auto& [text, address] : kAddresses) EXPECT_EQ(IsIpAddress(text), address) << text;
 }
 
 TEST(BadListsTest, BadWordCheckWordRules) {
@@ -543,23 +532,25 @@ TEST(BadListsTest, BadWordCheckWordRules) {
 TEST(BadListsTest, CallListsMatchAsDocumented) {
   BadLists l;
   l.SetDxNok({"k1abc", "VP8*", " "});
-  EXPECT_TRUE(l.IsDxNok("K1ABC"));
-  EXPECT_TRUE(l.IsDxNok("k1abc"));
-  EXPECT_FALSE(l.IsDxNok("K1ABCD"));
-  EXPECT_TRUE(l.IsDxNok("VP8ABC"));
-  EXPECT_FALSE(l.IsDxNok("VP2ABC"));
   l.SetSpotterNok({"DL1XYZ-5"});
-  EXPECT_TRUE(l.IsSpotterNok("DL1XYZ"));
-  EXPECT_TRUE(l.IsSpotterNok("dl1xyz-2"));
-  EXPECT_FALSE(l.IsSpotterNok("DL1XY"));
   l.SetNodeNok({"DB0SUE"});
-  EXPECT_TRUE(l.IsNodeNok("DB0SUE-7"));
-  EXPECT_FALSE(l.IsNodeNok("DB0SU"));
-  EXPECT_TRUE(CallNotIssued("N0CALL"));
-  EXPECT_TRUE(CallNotIssued("0A1B"));
-  EXPECT_TRUE(CallNotIssued("1B1ABC"));
-  EXPECT_FALSE(CallNotIssued("1A0KM"));
-  EXPECT_FALSE(CallNotIssued("K1ABC-2"));
+  const struct {
+    bool (BadLists::*is)(std::string_view) const;
+    const char* call;
+    bool listed;
+  } kCases[] = {
+      {&BadLists::IsDxNok, "K1ABC", true},         {&BadLists::IsDxNok, "k1abc", true},
+      {&BadLists::IsDxNok, "K1ABCD", false},       {&BadLists::IsDxNok, "VP8ABC", true},
+      {&BadLists::IsDxNok, "VP2ABC", false},       {&BadLists::IsSpotterNok, "DL1XYZ", true},
+      {&BadLists::IsSpotterNok, "dl1xyz-2", true}, {&BadLists::IsSpotterNok, "DL1XY", false},
+      {&BadLists::IsNodeNok, "DB0SUE-7", true},    {&BadLists::IsNodeNok, "DB0SU", false},
+  };
+  for (const auto& c : kCases) EXPECT_EQ((l.*c.is)(c.call), c.listed) << c.call;
+  for (auto [call, not_issued] :
+       {std::pair{"N0CALL", true}, std::pair{"0A1B", true}, std::pair{"1B1ABC", true},
+        std::pair{"1A0KM", false}, std::pair{"K1ABC-2", false}}) {
+    EXPECT_EQ(CallNotIssued(call), not_issued) << call;
+  }
 }
 
 TEST(BadListsTest, LoadBadWordsMovesTheNewFileIn) {

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -13,44 +14,31 @@
 namespace qx {
 namespace {
 
-TEST(DxDeBodyTest, ShortSpotterRightAlignsFrequencyAtColumn24) {
-  const std::string b = DxDeBody("K1ABC", "14025.0", "DL1XYZ", "test");
-  EXPECT_EQ(b, "DX de K1ABC:     14025.0  DL1XYZ       test                       ");
-  EXPECT_EQ(b.size(), 66u);
-  EXPECT_EQ(b[11], ':');              // column 12
-  EXPECT_EQ(b.find("14025.0"), 17u);  // columns 18-24
-  EXPECT_EQ(b.find("DL1XYZ"), 26u);   // column 27
-  EXPECT_EQ(b.find("test"), 39u);     // column 40
-}
-
-TEST(DxDeBodyTest, LongSpotterCallsPushTheFrequencyRight) {
-  // 10 characters: the frequency still ends at column 24, right after the colon.
-  EXPECT_EQ(DxDeBody("VE3ABC/VE2", "14025.0", "DL1XYZ", "test"),
-            "DX de VE3ABC/VE2:14025.0  DL1XYZ       test                       ");
-  // 11: the frequency follows the colon directly (column 19).
-  EXPECT_EQ(DxDeBody("OH2ABC/MM12", "14025.0", "DL1XYZ", "test"),
-            "DX de OH2ABC/MM12:14025.0  DL1XYZ      test                       ");
-  // 12: two columns further, one blank after the colon.
-  const std::string b12 = DxDeBody("OH2ABCD/MM12", "14025.0", "DL1XYZ", "test");
-  EXPECT_EQ(b12, "DX de OH2ABCD/MM12: 14025.0  DL1XYZ    test                       ");
-  EXPECT_EQ(b12.find("14025.0"), 20u);
-}
-
-TEST(DxDeBodyTest, LongDxCallMovesTheComment) {
-  // d + Ld + 2 = 27 + 12 + 2 = 41: the comment goes two columns behind the call.
-  EXPECT_EQ(DxDeBody("K1ABC", "14025.0", "VP8/DL1ABC/P", "test"),
-            "DX de K1ABC:     14025.0  VP8/DL1ABC/P  test                      ");
-  // 10 characters still leave the comment at column 40.
-  EXPECT_EQ(DxDeBody("K1ABC", "14025.0", "VP8/DL1ABC", "test"),
-            "DX de K1ABC:     14025.0  VP8/DL1ABC   test                       ");
-}
-
-TEST(DxDeBodyTest, CommentIsCutAtColumn66) {
-  EXPECT_EQ(DxDeBody("K1ABC", "14025.0", "DL1XYZ", "0123456789abcdefghijklmnopqrstuvwxyz"),
-            "DX de K1ABC:     14025.0  DL1XYZ       0123456789abcdefghijklmnopq");
-}
-
-TEST(DxDeBodyTest, AbsurdlyLongFieldsNeverLengthenTheTemplate) {
+// The frequency ends at column 24 unless a long spotter call pushes it right, the DX call
+// starts at column 27 and the comment at 40 (two columns behind a long DX call), and the
+// template is 66 columns whatever the fields hold.
+TEST(DxDeBodyTest, ColumnsMoveOnlyForLongCallsAndTheWidthIsFixed) {
+  const struct {
+    const char *spotter, *dx, *comment, *body;
+  } kCases[] = {
+      {"K1ABC", "DL1XYZ", "test",
+       "DX de K1ABC:     14025.0  DL1XYZ       test                       "},
+      {"VE3ABC/VE2", "DL1XYZ", "test",  // 10: still ends at 24, right after the colon
+       "DX de VE3ABC/VE2:14025.0  DL1XYZ       test                       "},
+      {"OH2ABC/MM12", "DL1XYZ", "test",  // 11: directly after the colon
+       "DX de OH2ABC/MM12:14025.0  DL1XYZ      test                       "},
+      {"OH2ABCD/MM12", "DL1XYZ", "test",  // 12: one blank after the colon
+       "DX de OH2ABCD/MM12: 14025.0  DL1XYZ    test                       "},
+      {"K1ABC", "VP8/DL1ABC/P", "test",
+       "DX de K1ABC:     14025.0  VP8/DL1ABC/P  test                      "},
+      {"K1ABC", "VP8/DL1ABC", "test",
+       "DX de K1ABC:     14025.0  VP8/DL1ABC   test                       "},
+      {"K1ABC", "DL1XYZ", "0123456789abcdefghijklmnopqrstuvwxyz",  // cut at column 66
+       "DX de K1ABC:     14025.0  DL1XYZ       0123456789abcdefghijklmnopq"},
+  };
+  for (const auto& c : kCases) {
+    EXPECT_EQ(DxDeBody(c.spotter, "14025.0", c.dx, c.comment), c.body) << c.spotter << " " << c.dx;
+  }
   const std::string huge(200, 'X');
   EXPECT_EQ(DxDeBody(huge, huge, huge, huge).size(), 66u);
   EXPECT_EQ(DxDeBody("", "", "", "").substr(0, 7), "DX de :");
@@ -64,13 +52,19 @@ Spot MakeSpot() {
   return s;
 }
 
-TEST(FrequencyTest, OneOrTwoDecimals) {
+TEST(FrequencyAndLocatorTest, RoundedToOneOrTwoDecimalsAndLocatorFromPosition) {
   char buf[32];
-  EXPECT_EQ(std::string(buf, FormatFrequency(14025.12, 1, buf)), "14025.1");
-  EXPECT_EQ(std::string(buf, FormatFrequency(14025.15, 1, buf)), "14025.2");
-  EXPECT_EQ(std::string(buf, FormatFrequency(14025.0, 2, buf)), "14025.00");
-  EXPECT_EQ(std::string(buf, FormatFrequency(14025.07, 2, buf)), "14025.07");
-  EXPECT_EQ(std::string(buf, FormatFrequency(1850.96, 1, buf)), "1851.0");
+  const std::tuple<double, int, const char*> kFreqs[] = {{14025.12, 1, "14025.1"},
+                                                         {14025.15, 1, "14025.2"},
+                                                         {14025.0, 2, "14025.00"},
+                                                         {14025.07, 2, "14025.07"},
+                                                         {1850.96, 1, "1851.0"}};
+  for (const auto& [khz, decimals, text] : kFreqs) {
+    EXPECT_EQ(std::string(buf, FormatFrequency(khz, decimals, buf)), text);
+  }
+  const std::tuple<double, double, const char*> kGrids[] = {
+      {51.5, -0.1, "IO91"}, {42.4, -71.1, "FN42"}, {-33.9, 151.2, "QF56"}, {95, 0, ""}};
+  for (const auto& [lat, lon, grid] : kGrids) EXPECT_EQ(LocatorOf(lat, lon, buf), grid);
 }
 
 TEST(DxDeLineTest, TimeInColumns71To75AndLocatorAfter) {
@@ -90,14 +84,6 @@ TEST(ShowDxLineTest, Layout) {
   s.slots[kSlotSpotter] = "DL1ABC";
   EXPECT_EQ(ShowDxLine(s, 1), "  14025.0  K1ABC        22-Nov-2026 0315Z  test  <DL1ABC>");
   EXPECT_EQ(ShowDxLine(s, 2), " 14025.00  K1ABC        22-Nov-2026 0315Z  test  <DL1ABC>");
-}
-
-TEST(LocatorTest, FromPosition) {
-  char buf[4];
-  EXPECT_EQ(LocatorOf(51.5, -0.1, buf), "IO91");
-  EXPECT_EQ(LocatorOf(42.4, -71.1, buf), "FN42");
-  EXPECT_EQ(LocatorOf(-33.9, 151.2, buf), "QF56");
-  EXPECT_EQ(LocatorOf(95, 0, buf), "");
 }
 
 class RecordingSink : public SpotSink {
