@@ -808,6 +808,10 @@ bool ClusterNode::Start(std::string* error) {
   link_ =
       std::make_unique<FrontendLink>(io_, streams_, log_, monitor_, clock_, *this, link_options);
   link_->set_on_unreachable([this] { return StartFrontEnd(); });
+  link_->set_shed_notice([this](int stream, uint64_t count) {
+    return streams_.InRange(stream) && streams_.at(stream).session.Has(kSwJson) ? DroppedJson(count)
+                                                                                : std::string();
+  });
   Step("Starting the web console");
   StartConsole();
   StepDone();

@@ -1069,10 +1069,13 @@ void FrontendLink::EndEpisodeIfDrained() {
 }
 
 void FrontendLink::AppendShedNotice(std::string& out, int stream, StreamBacklog& backlog) {
-  std::string line = "*** ";
-  AppendInt(line, static_cast<long long>(backlog.shed));
-  line += backlog.shed == 1 ? " spot was" : " spots were";
-  line += " dropped: the node could not keep up.\r\n";
+  std::string line = shed_notice_ ? shed_notice_(stream, backlog.shed) : std::string();
+  if (line.empty()) {
+    line = "*** ";
+    AppendInt(line, static_cast<long long>(backlog.shed));
+    line += backlog.shed == 1 ? " spot was" : " spots were";
+    line += " dropped: the node could not keep up.\r\n";
+  }
   backlog.shed = 0;
   ++episode_users_;
   FrameText(out, stream, line);

@@ -146,6 +146,12 @@ class FrontendLink : private LinkArrival::Sink {
   // second for a few seconds, since a new front-end listens within moments.
   void set_on_unreachable(std::function<bool()> handler) { on_unreachable_ = std::move(handler); }
   void set_debug(bool debug) { options_.debug = debug; }
+  // Makes the line that tells a stream how many spot lines it lost to overload (see
+  // "Overload"); empty text, or no maker, gives the plain-text line.  The owner gives
+  // streams that read JSON an object instead, since a text line would break their parser.
+  void set_shed_notice(std::function<std::string(int stream, uint64_t count)> make) {
+    shed_notice_ = std::move(make);
+  }
 
   // Opens the link (start-up) and keeps it open from then on.
   void Start();
@@ -318,6 +324,7 @@ class FrontendLink : private LinkArrival::Sink {
   LinkEvents& events_;
   FrontendLinkOptions options_;
   std::function<bool()> on_unreachable_;
+  std::function<std::string(int stream, uint64_t count)> shed_notice_;
   int quick_retries_ = 0;
 
   LinkArrival arrival_;

@@ -283,6 +283,17 @@ std::string GapJson(uint64_t after, uint64_t next) {
   return out;
 }
 
+std::string DroppedJson(uint64_t count) {
+  std::string out;
+  Begin(out, "dropped");
+  out += fmt::format(",\"count\":{}", count);
+  StringKey(out, "text",
+            fmt::format("{} {} dropped: the node could not keep up", count,
+                        count == 1 ? "spot was" : "spots were"));
+  End(out);
+  return out;
+}
+
 std::string HelloJson(SysTime time, std::string_view node_call, std::string_view version,
                       std::string_view user, bool read_only, uint64_t last_id) {
   std::string out;

@@ -49,6 +49,9 @@ std::string ReplyJson(const std::vector<std::string_view>& lines);
 std::string HeartbeatJson(SysTime time, uint64_t last_id);
 // Spots after `after` were forgotten; the next spot sent is `next` (0: none kept).
 std::string GapJson(uint64_t after, uint64_t next);
+// count spot lines were dropped for this stream while the node's link was overloaded (the
+// front-end says the same, with no "v", when a WebSocket client itself reads too slowly).
+std::string DroppedJson(uint64_t count);
 std::string HelloJson(SysTime time, std::string_view node_call, std::string_view version,
                       std::string_view user, bool read_only, uint64_t last_id);
 std::string ErrorJson(std::string_view text);

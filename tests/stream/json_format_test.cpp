@@ -117,6 +117,10 @@ TEST(JsonFormatTest, OtherMessageTypes) {
   j = ParseLine(GapJson(10, 250));
   EXPECT_EQ(j["after"], 10);
   EXPECT_EQ(j["next"], 250);
+  j = ParseLine(DroppedJson(1));
+  EXPECT_EQ(j["type"], "dropped");
+  EXPECT_EQ(j["count"], 1);
+  EXPECT_EQ(j["text"], "1 spot was dropped: the node could not keep up");
   j = ParseLine(HelloJson(t, "XX0QX", "1.0", "", true, 7));
   EXPECT_EQ(j["node"], "XX0QX");
   EXPECT_FALSE(j.contains("user"));
