@@ -26,7 +26,7 @@ int64_t UnixSeconds(SysTime t) {
   return std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
 }
 
-TEST(ConsolePasswordTest, HashRoundTripAndFile) {
+TEST(ConsolePasswordTest, HashRoundTripFileAndRandomPasswords) {
   qx::testing::TempDir dir;
   const PasswordHash h = HashPassword("correct horse", 1000);
   EXPECT_EQ(h.salt.size(), 16u);
@@ -52,9 +52,8 @@ TEST(ConsolePasswordTest, HashRoundTripAndFile) {
                           "pbkdf2-sha256$10$zz$00", "md5$1$0011223344556677$00"}) {
     EXPECT_FALSE(ParsePasswordHash(bad)) << bad;
   }
-}
 
-TEST(ConsolePasswordTest, RandomPasswordsAreTypableAndDiffer) {
+  // A made-up password is one a sysop can type, and never the same twice.
   const std::string a = MakeRandomPassword(), b = MakeRandomPassword();
   EXPECT_EQ(a.size(), 16u);
   EXPECT_NE(a, b);

@@ -184,7 +184,7 @@ TEST(ParseCfg, GroupsWithoutTheCombinedLineStillSplitPerElement) {
   EXPECT_EQ(c.outgoing()[1].Port(), 7301);
 }
 
-TEST(ConfigList, ContainsAddRemoveIgnoreCase) {
+TEST(ConfigList, IgnoresCaseAndStaysConsistentWithItsMirroredKey) {
   ConfigList l;
   EXPECT_TRUE(l.Add("XX1ABC"));
   EXPECT_FALSE(l.Add("xx1abc"));
@@ -193,9 +193,8 @@ TEST(ConfigList, ContainsAddRemoveIgnoreCase) {
   EXPECT_FALSE(l.Remove("XX9ZZZ"));
   EXPECT_TRUE(l.Remove("xx1abc"));
   EXPECT_TRUE(l.items.empty());
-}
 
-TEST(ConfigList, MirroredKeyAndListStayConsistent) {
+  // A list mirrored by a key of the configuration stays consistent with it.
   Config c;
   c.Set("Locked Out", "XX1A, XX2B,,");
   EXPECT_THAT(c.List("LockOuts").items, ElementsAre("XX1A", "XX2B"));
