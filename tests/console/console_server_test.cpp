@@ -289,8 +289,8 @@ TEST_F(ConsoleServerTest, BadOversizedAndSlowRequestsAreRefused) {
       {"GET http://elsewhere/ HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n", "400"},
       {"GET ../index.html HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n", "400"},
       {"this is not http\r\n\r\n", "400"},
-      {"DELETE /api/streams HTTP/1.1\r\nHost: x\r\nConnection: close\r\nCookie: " +
-           login.cookie + "\r\n\r\n",
+      {"DELETE /api/streams HTTP/1.1\r\nHost: x\r\nConnection: close\r\nCookie: " + login.cookie +
+           "\r\n\r\n",
        "405"},
       {"POST /api/settings HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
        "Content-Length: " +

@@ -34,8 +34,7 @@ class NodeConsoleTest : public NodeSiteTest {
     EXPECT_EQ(r.result_int(), status) << path << ": " << r.body();
     return nlohmann::json::parse(r.body(), nullptr, false);
   }
-  nlohmann::json Post(const std::string& path, const nlohmann::json& body,
-                      unsigned status = 200) {
+  nlohmann::json Post(const std::string& path, const nlohmann::json& body, unsigned status = 200) {
     const ConsoleReply r = console_->Post("/api/" + path, body, &login_);
     EXPECT_EQ(r.result_int(), status) << path << ": " << r.body();
     return nlohmann::json::parse(r.body(), nullptr, false);

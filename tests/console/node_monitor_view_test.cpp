@@ -126,8 +126,7 @@ TEST_F(NodeConsoleTest, MonitorSpotsAndMailPagesFollowTheNodeAndItsLegacyPeer) {
   ASSERT_TRUE(peer->ReadUntil("PC32^K7LEG^K1QXA^5^\r\n")) << peer->received();
   peer->SendLine("PC33^K1QXA^K7LEG^5^");
   ASSERT_TRUE(WaitFor([&] {
-    return forwards() ==
-           json::parse(R"([{"node":"K7LEG","state":"acknowledged","attempts":0}])");
+    return forwards() == json::parse(R"([{"node":"K7LEG","state":"acknowledged","attempts":0}])");
   })) << forwards().dump();
   EXPECT_EQ(Get("mail/read?number=1")["text"], json::parse(R"(["Saturday"])"));
   Post("mail/requeue", {{"number", 1}}, 400);

@@ -11,8 +11,8 @@ namespace {
 TEST(DateText, EnglishMonthsAndTheDayChangesAtMidnightUtc) {
   const std::string_view months = "JanFebMarAprMayJunJulAugSepOctNovDec";
   for (int m = 1; m <= 12; ++m) {
-    EXPECT_EQ(DateText(MakeUtc(2026, m, 5, 12)), "05-" + std::string(months.substr(m * 3 - 3, 3)) +
-                                                     "-2026");
+    EXPECT_EQ(DateText(MakeUtc(2026, m, 5, 12)),
+              "05-" + std::string(months.substr(m * 3 - 3, 3)) + "-2026");
     EXPECT_EQ(MonthFromAbbrev(months.substr(m * 3 - 3, 3)), m);
   }
   EXPECT_EQ(MonthFromAbbrev("nov"), 11);
