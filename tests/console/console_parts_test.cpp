@@ -26,7 +26,7 @@ int64_t UnixSeconds(SysTime t) {
   return std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
 }
 
-TEST(ConsolePasswordTest, HashRoundTripAndFile) {
+TEST(ConsolePasswordTest, HashRoundTripFileAndRandomPasswords) {
   qx::testing::TempDir dir;
   const PasswordHash h = HashPassword("correct horse", 1000);
   EXPECT_EQ(h.salt.size(), 16u);
@@ -52,9 +52,8 @@ TEST(ConsolePasswordTest, HashRoundTripAndFile) {
                           "pbkdf2-sha256$10$zz$00", "md5$1$0011223344556677$00"}) {
     EXPECT_FALSE(ParsePasswordHash(bad)) << bad;
   }
-}
 
-TEST(ConsolePasswordTest, RandomPasswordsAreTypableAndDiffer) {
+  // A made-up password is one a sysop can type, and never the same twice.
   const std::string a = MakeRandomPassword(), b = MakeRandomPassword();
   EXPECT_EQ(a.size(), 16u);
   EXPECT_NE(a, b);
@@ -447,24 +446,25 @@ TEST(ConsoleMetricsTest, PrometheusText) {
   m.feeds = {{"RBN \"cw\"", "RBN", "connected", 600, 40, {{"busted", 3}, {"verified", 30}}},
              {"Own", "SKIMMER", "waiting", 0, 0, {}}};
   const std::string text = FormatMetrics(m);
-  EXPECT_THAT(text, HasSubstr("qx_feed_up{feed=\"RBN \\\"cw\\\"\",type=\"RBN\"} 1\n"));
-  EXPECT_THAT(text, HasSubstr("qx_feed_up{feed=\"Own\",type=\"SKIMMER\"} 0\n"));
-  EXPECT_THAT(text,
-              HasSubstr("qx_feed_events_total{feed=\"RBN \\\"cw\\\"\",event=\"busted\"} 3\n"));
-  EXPECT_THAT(text, HasSubstr("# TYPE qx_users gauge\nqx_users 12\n"));
-  EXPECT_THAT(text, HasSubstr("qx_spots_in_total{source=\"node\"} 100\n"));
-  EXPECT_THAT(text, HasSubstr("# TYPE qx_spots_filtered_total counter\n"));
-  EXPECT_THAT(text, HasSubstr("qx_spots_filtered_total{source=\"node\"} 9\n"));
-  EXPECT_THAT(text, HasSubstr("qx_refusals_total{reason=\"bad \\\"call\\\"\"} 2\n"));
-  EXPECT_THAT(text, HasSubstr("qx_user_output_queue_high_water{call=\"K1ABC\"} 40\n"));
-  EXPECT_THAT(text, HasSubstr("qx_spot_delivery_delay_seconds_bucket{le=\"0.01\"} 7\n"));
-  EXPECT_THAT(text, HasSubstr("qx_spot_delivery_delay_seconds_bucket{le=\"+Inf\"} 8\n"));
-  EXPECT_THAT(text, HasSubstr("qx_spot_delivery_delay_seconds_count 8\n"));
-  // The front-end's numbers by their own names: "_total" counts, the rest are levels.
-  EXPECT_THAT(text, HasSubstr("# TYPE qx_frontend_open_connections gauge\n"
-                              "qx_frontend_open_connections 5\n"));
-  EXPECT_THAT(text, HasSubstr("# TYPE qx_frontend_refused_rate_total counter\n"
-                              "qx_frontend_refused_rate_total 2\n"));
+  for (const char* expected : {
+           "qx_feed_up{feed=\"RBN \\\"cw\\\"\",type=\"RBN\"} 1\n",
+           "qx_feed_up{feed=\"Own\",type=\"SKIMMER\"} 0\n",
+           "qx_feed_events_total{feed=\"RBN \\\"cw\\\"\",event=\"busted\"} 3\n",
+           "# TYPE qx_users gauge\nqx_users 12\n",
+           "qx_spots_in_total{source=\"node\"} 100\n",
+           "# TYPE qx_spots_filtered_total counter\n",
+           "qx_spots_filtered_total{source=\"node\"} 9\n",
+           "qx_refusals_total{reason=\"bad \\\"call\\\"\"} 2\n",
+           "qx_user_output_queue_high_water{call=\"K1ABC\"} 40\n",
+           "qx_spot_delivery_delay_seconds_bucket{le=\"0.01\"} 7\n",
+           "qx_spot_delivery_delay_seconds_bucket{le=\"+Inf\"} 8\n",
+           "qx_spot_delivery_delay_seconds_count 8\n",
+           // The front-end's numbers by their own names: "_total" counts, the rest are levels.
+           "# TYPE qx_frontend_open_connections gauge\nqx_frontend_open_connections 5\n",
+           "# TYPE qx_frontend_refused_rate_total counter\nqx_frontend_refused_rate_total 2\n",
+       }) {
+    EXPECT_THAT(text, HasSubstr(expected));
+  }
   // Every line is a comment or "name{labels} value".
   for (std::string_view line : Split(text, '\n')) {
     if (line.empty() || line.starts_with("#")) continue;

@@ -1,6 +1,7 @@
 // The console's administration calls against the real node and front-end: what a sysop changes
 // on the page counts for the next spot, log-in or node link at once, lands in the node's files,
-// and leaves an audit line in the node's log.
+// and leaves an audit line in the node's log.  One node run for all of it: the programs are
+// slow to start, and the changes do not get in each other's way.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,60 +11,33 @@
 #include <string>
 #include <thread>
 
-#include "core/file_util.h"
-#include "core/time_text.h"
-#include "tests/console/console_client.h"
-#include "tests/testlib/node_sites.h"
+#include "tests/console/node_console_site.h"
 
 namespace qx::testing {
 namespace {
 
 using nlohmann::json;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using namespace std::chrono_literals;
 
-class NodeAdminTest : public ::testing::Test {
- protected:
-  void StartNode(NodeSite& node) {
-    node.Start();
-    constexpr std::string_view kLine = "Console password: ";
-    ASSERT_TRUE(node.WaitOutput(kLine)) << node.node().Output();
-    const std::string out = node.node().Output();
-    const size_t at = out.find(kLine) + kLine.size();
-    console_ = std::make_unique<ConsoleClient>(node.console_port());
-    login_ = console_->LogIn(out.substr(at, out.find('\n', at) - at));
-    ASSERT_FALSE(login_.csrf.empty());
-  }
-  json Get(const std::string& path, unsigned status = 200) {
-    const ConsoleReply r = console_->Get("/api/" + path, &login_);
-    EXPECT_EQ(r.result_int(), status) << path << ": " << r.body();
-    return json::parse(r.body(), nullptr, false);
-  }
-  json Post(const std::string& path, const json& body, unsigned status = 200) {
-    const ConsoleReply r = console_->Post("/api/" + path, body, &login_);
-    EXPECT_EQ(r.result_int(), status) << path << ": " << r.body();
-    return json::parse(r.body(), nullptr, false);
-  }
-  static std::string ErrorLog(NodeSite& node) {
-    return ReadFileText(node.home() / "data/log" /
-                        ("error-" + DateText(SystemClock().Now()) + ".log"))
-        .value_or("");
-  }
-
-  std::unique_ptr<ConsoleClient> console_;
-  ConsoleLogin login_;
-};
-
-TEST_F(NodeAdminTest, FilesAndPasswordsChangedOnTheConsoleCountAtOnce) {
+TEST_F(NodeConsoleTest, ListsPasswordsNeighboursLinksUsersAndRestartCountAtOnce) {
   NodeSite node("K1QXA");
+  // Behind an HTTPS proxy the live view takes the public site's origin and no other.
+  node.Setting("Console Public Address", "https://cluster.example.org");
   StartNode(node);
+  WsClient proxied, stranger;
+  EXPECT_EQ(proxied.Connect(node.console_port(), login_.cookie, "https://cluster.example.org"),
+            101);
+  EXPECT_EQ(stranger.Connect(node.console_port(), login_.cookie, "https://evil.example.net"), 403);
+
   auto spotter = node.LogInAs("G4ABC", "", "Bob");
   auto reader = node.LogInAs("G4XYZ", "", "Sue");
 
   // A bad word counts for the very next spot.
   Post("lists/BadWords/add", {{"item", "ft8spam"}});
-  EXPECT_THAT(Get("lists/BadWords")["items"], ::testing::ElementsAre("FT8SPAM"));
+  EXPECT_THAT(Get("lists/BadWords")["items"], ElementsAre("FT8SPAM"));
   spotter->SendLine("DX 14025 JA1AAA FT8SPAM here");
   spotter->SendLine("DX 14026 JA1BBB fine");
   ASSERT_TRUE(reader->ReadUntil("JA1BBB")) << reader->received();
@@ -81,7 +55,7 @@ TEST_F(NodeAdminTest, FilesAndPasswordsChangedOnTheConsoleCountAtOnce) {
   EXPECT_EQ(imported["already"], 1);
   EXPECT_EQ(imported["refused"].size(), 1u);
   const json searched = Get("lists/TorList?q=203.0");
-  EXPECT_THAT(searched["items"], ::testing::ElementsAre("203.0.113.9"));
+  EXPECT_THAT(searched["items"], ElementsAre("203.0.113.9"));
   EXPECT_EQ(searched["total"], 3);
   Post("lists/TorList/remove", {{"item", "203.0.113.9"}});
   EXPECT_EQ(Get("lists/TorList")["total"], 2);
@@ -96,20 +70,6 @@ TEST_F(NodeAdminTest, FilesAndPasswordsChangedOnTheConsoleCountAtOnce) {
   guarded->SendLine("G4PW");
   EXPECT_TRUE(guarded->ReadUntil("password: ")) << guarded->received();
 
-  // A settings change is written to the log as what it was and what it became.
-  Post("settings", {{"changes", {{"Connection Retry", "120"}}}});
-  const std::string log = ErrorLog(node);
-  EXPECT_THAT(log, HasSubstr("Sysop added FT8SPAM to bad words"));
-  EXPECT_THAT(log, HasSubstr("Sysop added 3 entries to anonymity-network addresses"));
-  EXPECT_THAT(log, HasSubstr("Sysop set the password of G4PW"));
-  EXPECT_THAT(log, HasSubstr("Sysop set Connection Retry 60 \u2192 120"));
-  EXPECT_THAT(log, Not(HasSubstr("s3cret")));
-}
-
-TEST_F(NodeAdminTest, NeighboursLinksAndUsersAreManagedFromTheConsole) {
-  NodeSite node("K1QXA");
-  StartNode(node);
-
   // A neighbour defined with its address logs in as a node.
   Post("nodes/save", {{"call", "k7leg"}, {"type", "ARC"}, {"addresses", "127.0.0.1"}});
   Post("nodes/save", {{"call", "K7BAD"}, {"addresses", "300.1.1.1"}}, 400);
@@ -118,12 +78,7 @@ TEST_F(NodeAdminTest, NeighboursLinksAndUsersAreManagedFromTheConsole) {
   ASSERT_EQ(links["nodes"].size(), 1u);
   EXPECT_EQ(links["nodes"][0]["call"], "K7LEG");
   EXPECT_EQ(links["nodes"][0]["addresses"], "127.0.0.1");
-  auto peer = node.Connect();
-  peer->SendLine("K7LEG");
-  ASSERT_TRUE(peer->ReadUntil("PC18^")) << peer->received();
-  peer->SendLine("PC19^1^K7LEG^0^5455^H25^");
-  peer->SendLine("PC20^");
-  ASSERT_TRUE(node.WaitOutput("Node link up: K7LEG")) << node.node().Output();
+  ASSERT_TRUE(LinkLegacyPeer(node, "K7LEG"));
 
   // A neighbour removed takes its password with it.
   Post("nodes/save", {{"call", "K7PW"}, {"password", "Secret7"}});
@@ -135,11 +90,10 @@ TEST_F(NodeAdminTest, NeighboursLinksAndUsersAreManagedFromTheConsole) {
               Not(HasSubstr("K7PW")));
 
   // An outgoing connection that cannot be opened says why.
-  const int closed_port = FreePort();
   Post("links/save", {{"name", "K7OFF"},
                       {"remoteKind", "QXC"},
                       {"address", "127.0.0.1"},
-                      {"port", closed_port},
+                      {"port", FreePort()},
                       {"active", true}});
   json off;
   ASSERT_TRUE(WaitFor(
@@ -190,49 +144,43 @@ TEST_F(NodeAdminTest, NeighboursLinksAndUsersAreManagedFromTheConsole) {
 
   // Users: listed a page at a time from their records; a lock-out disconnects at once and
   // refuses the next log-in.
-  auto user = node.LogInAs("G4ABC", "", "Bob");
-  node.LogInAs("G4DEF", "", "Dan")->SendLine("SET/QTH Leeds");
-  const json page = Get("users?q=G4&limit=1");
+  auto user = node.LogInAs("M0ABC", "", "Bob");
+  node.LogInAs("M0DEF", "", "Dan")->SendLine("SET/QTH Leeds");
+  const json page = Get("users?q=M0&limit=1");
   EXPECT_EQ(page["total"], 2);
   ASSERT_EQ(page["users"].size(), 1u);
-  EXPECT_EQ(page["users"][0]["call"], "G4ABC");
+  EXPECT_EQ(page["users"][0]["call"], "M0ABC");
   EXPECT_EQ(page["users"][0]["name"], "Bob");
   EXPECT_GT(page["users"][0]["stream"], 0);
-  EXPECT_EQ(Get("users?q=G4&offset=1&limit=1")["users"][0]["call"], "G4DEF");
-  const json detail = Get("users/G4ABC");
-  EXPECT_THAT(detail["settings"].dump(), HasSubstr("\"Name\",\"Bob\""));
+  EXPECT_EQ(Get("users?q=M0&offset=1&limit=1")["users"][0]["call"], "M0DEF");
+  EXPECT_THAT(Get("users/M0ABC")["settings"].dump(), HasSubstr("\"Name\",\"Bob\""));
   Get("users/NOSUCH", 404);
-
-  Post("users/lockout", {{"call", "G4ABC"}, {"locked", true}});
+  Post("users/lockout", {{"call", "M0ABC"}, {"locked", true}});
   EXPECT_TRUE(user->WaitClosed()) << user->received();
-  EXPECT_EQ(Get("users?q=G4ABC")["users"][0]["lockedOut"], true);
+  EXPECT_EQ(Get("users?q=M0ABC")["users"][0]["lockedOut"], true);
   auto again = node.Connect();
-  again->SendLine("G4ABC");
+  again->SendLine("M0ABC");
   EXPECT_TRUE(again->ReadUntil("LockedOut ")) << again->received();
-  EXPECT_THAT(ErrorLog(node), HasSubstr("Sysop locked out G4ABC and disconnected 1 stream(s)"));
-}
 
-// Behind an HTTPS proxy the live view takes the public site's origin and no other; the
-// restart button restarts the node without dropping the telnet user, who is answered at once.
-TEST_F(NodeAdminTest, TheLiveViewWorksBehindAProxyAndTheRestartButtonKeepsUsers) {
-  NodeSite node("K1QXA");
-  node.Setting("Console Public Address", "https://cluster.example.org");
-  StartNode(node);
-  auto user = node.LogInAs("G4ABC", "", "Bob");
+  // A settings change is written to the log as what it was and what it became.
+  Post("settings", {{"changes", {{"Connection Retry", "120"}}}});
 
-  WsClient proxied;
-  EXPECT_EQ(proxied.Connect(node.console_port(), login_.cookie, "https://cluster.example.org"),
-            101);
-  WsClient stranger;
-  EXPECT_EQ(stranger.Connect(node.console_port(), login_.cookie, "https://evil.example.net"), 403);
-
+  // The restart button restarts the node without dropping a telnet user, answered at once.
   Post("restart", json{{"confirm", true}});
   ASSERT_TRUE(node.WaitOutput("Recovery complete", 2)) << node.node().Output();
   EXPECT_TRUE(node.node().Running());
-  user->ClearReceived();
-  user->SendLine("SH/TIME");
-  EXPECT_TRUE(user->ReadUntil("QXC >")) << user->received();
-  EXPECT_THAT(ErrorLog(node), HasSubstr("restart requested by a sysop"));
+  reader->ClearReceived();
+  reader->SendLine("SH/TIME");
+  EXPECT_TRUE(reader->ReadUntil("QXC >")) << reader->received();
+
+  const std::string log = ErrorLog(node);
+  EXPECT_THAT(log, HasSubstr("Sysop added FT8SPAM to bad words"));
+  EXPECT_THAT(log, HasSubstr("Sysop added 3 entries to anonymity-network addresses"));
+  EXPECT_THAT(log, HasSubstr("Sysop set the password of G4PW"));
+  EXPECT_THAT(log, HasSubstr("Sysop set Connection Retry 60 \u2192 120"));
+  EXPECT_THAT(log, HasSubstr("Sysop locked out M0ABC and disconnected 1 stream(s)"));
+  EXPECT_THAT(log, HasSubstr("restart requested by a sysop"));
+  EXPECT_THAT(log, Not(HasSubstr("s3cret")));
 }
 
 }  // namespace

@@ -184,7 +184,7 @@ TEST(ParseCfg, GroupsWithoutTheCombinedLineStillSplitPerElement) {
   EXPECT_EQ(c.outgoing()[1].Port(), 7301);
 }
 
-TEST(ConfigList, ContainsAddRemoveIgnoreCase) {
+TEST(ConfigList, IgnoresCaseAndStaysConsistentWithItsMirroredKey) {
   ConfigList l;
   EXPECT_TRUE(l.Add("XX1ABC"));
   EXPECT_FALSE(l.Add("xx1abc"));
@@ -193,9 +193,8 @@ TEST(ConfigList, ContainsAddRemoveIgnoreCase) {
   EXPECT_FALSE(l.Remove("XX9ZZZ"));
   EXPECT_TRUE(l.Remove("xx1abc"));
   EXPECT_TRUE(l.items.empty());
-}
 
-TEST(ConfigList, MirroredKeyAndListStayConsistent) {
+  // A list mirrored by a key of the configuration stays consistent with it.
   Config c;
   c.Set("Locked Out", "XX1A, XX2B,,");
   EXPECT_THAT(c.List("LockOuts").items, ElementsAre("XX1A", "XX2B"));
@@ -283,44 +282,36 @@ TEST_F(ConfigFiles, SideFileIsAuthoritativeOverTheJoinedKey) {
   EXPECT_THAT(c.FindList("AnnNok")->items, ElementsAre("KEEP1"));
 }
 
-TEST_F(ConfigFiles, ShorterSaveLeavesTheLongerBackupAlone) {
+TEST_F(ConfigFiles, ABackupIsReplacedOnlyByASaveAtLeastAsLong) {
   Config big;
   big.Set("Station Text", std::string(500, 'x'));
   ASSERT_TRUE(WriteCfgFile(big, dir_));
   const std::string long_text = Read(dir_.ConfigBackup());
-
-  Config small;
+  const Config small;
   ASSERT_TRUE(WriteCfgFile(small, dir_));
   EXPECT_EQ(Read(dir_.ConfigFile()), FormatCfg(small));
   EXPECT_EQ(Read(dir_.ConfigBackup()), long_text);
-
-  // A longer save replaces the backup.
   big.Set("Station Text", std::string(900, 'y'));
   ASSERT_TRUE(WriteCfgFile(big, dir_));
   EXPECT_EQ(Read(dir_.ConfigBackup()), FormatCfg(big));
-}
 
-TEST_F(ConfigFiles, ListBackupKeepsTheLongerList) {
-  const auto file = dir_.Data("cfg") / "LockOuts.cfg";
+  // A list by its number of items; an equal number replaces the backup.
   const auto bak = dir_.Data("cfg") / "LockOuts.cfg.bak";
-  ConfigList l;
-  l.items = {"A1", "B2", "C3"};
-  ASSERT_TRUE(WriteListFile(dir_, "LockOuts", l));
-  const std::string three = Read(bak);
-  EXPECT_EQ(three, FormatListFile(l));
-
-  l.items = {"A1"};
-  ASSERT_TRUE(WriteListFile(dir_, "LockOuts", l));
-  EXPECT_EQ(Read(file), FormatListFile(l));
-  EXPECT_EQ(Read(bak), three);  // the list shrank: the longer backup stays
-
-  l.items = {"X1", "Y2", "Z3"};  // same length as the backup: replaced
-  ASSERT_TRUE(WriteListFile(dir_, "LockOuts", l));
-  EXPECT_EQ(Read(bak), FormatListFile(l));
-
-  l.items = {"X1", "Y2", "Z3", "W4"};  // grew: replaced
-  ASSERT_TRUE(WriteListFile(dir_, "LockOuts", l));
-  EXPECT_EQ(Read(bak), FormatListFile(l));
+  const auto save = [&](std::vector<std::string> items) {
+    ConfigList l;
+    l.items = std::move(items);
+    EXPECT_TRUE(WriteListFile(dir_, "LockOuts", l));
+    EXPECT_EQ(Read(dir_.Data("cfg") / "LockOuts.cfg"), FormatListFile(l));
+    return FormatListFile(l);
+  };
+  const std::string three = save({"A1", "B2", "C3"});
+  EXPECT_EQ(Read(bak), three);
+  save({"A1"});
+  EXPECT_EQ(Read(bak), three);
+  const std::string same_length = save({"X1", "Y2", "Z3"});
+  EXPECT_EQ(Read(bak), same_length);
+  const std::string longer = save({"X1", "Y2", "Z3", "W4"});
+  EXPECT_EQ(Read(bak), longer);
 }
 
 // The identity of a file: a rewrite (temp file + rename) gives it a new inode.
@@ -363,7 +354,7 @@ TEST_F(ConfigFiles, ASaveRewritesOnlyTheFilesWhoseTextChanged) {
   EXPECT_THAT(ReadCfgFile(dir_, log_).FindList("DxNok")->items, ElementsAre("XX1BAD", "XX2BAD"));
 }
 
-TEST_F(ConfigFiles, AMissingOrEmptyConfigFallsBackToTheBackupThenToDefaults) {
+TEST_F(ConfigFiles, MissingOrEmptyFilesFallBackToTheirBackupThenToDefaults) {
   const std::string load_error = "05-Nov-2026 1000:00Z Form_Load " + dir_.ConfigFile().string();
   AtomicWriteFile(dir_.ConfigBackup(), "Cluster Call^XX5BAK\nWinsock Port^7555\n");
   const Config missing = ReadCfgFile(dir_, log_);
@@ -383,9 +374,8 @@ TEST_F(ConfigFiles, AMissingOrEmptyConfigFallsBackToTheBackupThenToDefaults) {
   const Config none = ReadCfgFile(dir_, log_);
   EXPECT_EQ(none.source(), ConfigSource::kDefaults);
   EXPECT_EQ(none.Get("Winsock IP"), "127.0.0.1");
-}
 
-TEST_F(ConfigFiles, MissingListFileFallsBackToItsBackup) {
+  // A list file falls back to its own backup the same way.
   ConfigList l;
   l.items = {"A1", "B2"};
   ASSERT_TRUE(WriteListFile(dir_, "SpotterNok", l));

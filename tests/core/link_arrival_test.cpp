@@ -36,9 +36,13 @@ std::string Etx(std::string_view text) {
   return out;
 }
 
-TEST(LinkArrivalTest, RecordsEndWithTerminatorAndTheTailWaitsAsCarry) {
+class LinkArrivalTest : public ::testing::Test {
+ protected:
   Recorder sink;
-  LinkArrival arrival(sink);
+  LinkArrival arrival{sink};
+};
+
+TEST_F(LinkArrivalTest, RecordsEndWithTerminatorAndTheTailWaitsAsCarry) {
   arrival.Arrive(Etx("AA18|AA00^1^hel"));
   EXPECT_EQ(sink.records, Records{"AA18"});
   EXPECT_EQ(arrival.carry(), "AA00^1^hel");
@@ -60,9 +64,7 @@ TEST(LinkArrivalTest, RecordsEndWithTerminatorAndTheTailWaitsAsCarry) {
   EXPECT_EQ(sink.records.back(), "AA00^7^PC11^14025.0^DL1ABC^^~\r\nsh/dx\n");
 }
 
-TEST(LinkArrivalTest, EmptyRecordsAndEmptyArrivalsCarryNothing) {
-  Recorder sink;
-  LinkArrival arrival(sink);
+TEST_F(LinkArrivalTest, EmptyRecordsAndEmptyArrivalsCarryNothing) {
   arrival.Arrive("");
   arrival.Arrive(Etx("||AA18||"));
   arrival.Arrive("");
@@ -76,9 +78,7 @@ TEST(LinkArrivalTest, EmptyRecordsAndEmptyArrivalsCarryNothing) {
   EXPECT_EQ(sink.records, Records{"AA18"});
 }
 
-TEST(LinkArrivalTest, DataArrivingWhileBusyIsHandledAfterTheCarryAndBeforeNewData) {
-  Recorder sink;
-  LinkArrival arrival(sink);
+TEST_F(LinkArrivalTest, DataArrivingWhileBusyIsHandledAfterTheCarryAndBeforeNewData) {
   bool nested = false;
   sink.on_record = [&](std::string_view record) {
     if (record == "A" && !nested) {
@@ -104,9 +104,7 @@ TEST(LinkArrivalTest, DataArrivingWhileBusyIsHandledAfterTheCarryAndBeforeNewDat
   EXPECT_EQ(arrival.peak_pending(), 6u);
 }
 
-TEST(LinkArrivalTest, PendingBytesWithoutCarryAreHandledBeforeTheNewArrival) {
-  Recorder sink;
-  LinkArrival arrival(sink);
+TEST_F(LinkArrivalTest, PendingBytesWithoutCarryAreHandledBeforeTheNewArrival) {
   sink.on_record = [&](std::string_view record) {
     if (record == "A") arrival.Arrive(Etx("P1|P2|"));
   };
@@ -117,7 +115,7 @@ TEST(LinkArrivalTest, PendingBytesWithoutCarryAreHandledBeforeTheNewArrival) {
   EXPECT_EQ(sink.records, (Records{"A", "P1", "P2"}));
 }
 
-TEST(LinkArrivalTest, PendingBufferOutgrowsItsCapacityWithoutLosingBytes) {
+TEST(LinkArrivalPiecesTest, PendingBufferOutgrowsItsCapacityWithoutLosingBytes) {
   Recorder sink;
   LinkArrival arrival(sink, /*pending_capacity=*/8);
   const std::string big = std::string(100, 'x') + "\x03" + std::string(50, 'y') + "\x03";
@@ -132,9 +130,7 @@ TEST(LinkArrivalTest, PendingBufferOutgrowsItsCapacityWithoutLosingBytes) {
   EXPECT_EQ(sink.records, (Records{"go", std::string(100, 'x'), std::string(50, 'y'), "z"}));
 }
 
-TEST(LinkArrivalTest, AFailingRecordIsReportedAndTheWalkGoesOn) {
-  Recorder sink;
-  LinkArrival arrival(sink);
+TEST_F(LinkArrivalTest, AFailingRecordIsReportedAndTheWalkGoesOn) {
   sink.on_record = [](std::string_view record) {
     if (record == "BAD") throw std::runtime_error("broken");
     if (record == "ODD") throw 42;
@@ -149,9 +145,7 @@ TEST(LinkArrivalTest, AFailingRecordIsReportedAndTheWalkGoesOn) {
   EXPECT_EQ(sink.records.back(), "TAIL");
 }
 
-TEST(LinkArrivalTest, WatchdogLogsBelowFiveSecondsAndClearsAStuckArrivalAtFive) {
-  Recorder sink;
-  LinkArrival arrival(sink);
+TEST_F(LinkArrivalTest, WatchdogLogsBelowFiveSecondsAndClearsAStuckArrivalAtFive) {
   EXPECT_EQ(arrival.Tick().seconds, 0);  // not busy: nothing to count
 
   std::vector<LinkArrival::BusyReport> reports;
@@ -181,9 +175,7 @@ TEST(LinkArrivalTest, WatchdogLogsBelowFiveSecondsAndClearsAStuckArrivalAtFive) 
   EXPECT_EQ(LinkArrival::BusyText(3), "WinsockClusterBusy for 3 secs ");
 }
 
-TEST(LinkArrivalTest, WatchdogCountStartsAgainWithEachArrival) {
-  Recorder sink;
-  LinkArrival arrival(sink);
+TEST_F(LinkArrivalTest, WatchdogCountStartsAgainWithEachArrival) {
   int last_seconds = -1;
   sink.on_record = [&](std::string_view) {
     arrival.Tick();
@@ -195,9 +187,7 @@ TEST(LinkArrivalTest, WatchdogCountStartsAgainWithEachArrival) {
   EXPECT_EQ(last_seconds, 2);  // not 4: the first arrival's busy time is over
 }
 
-TEST(LinkArrivalTest, ResetForgetsCarryAndPending) {
-  Recorder sink;
-  LinkArrival arrival(sink);
+TEST_F(LinkArrivalTest, ResetForgetsCarryAndPending) {
   sink.on_record = [&](std::string_view) { arrival.Arrive(Etx("P|")); };
   arrival.Arrive(Etx("A|half"));
   arrival.Reset();
@@ -214,7 +204,7 @@ Records OneShot(const std::string& input) {
   return sink.records;
 }
 
-TEST(LinkArrivalTest, CutsAnywhereGiveTheSameRecords) {
+TEST(LinkArrivalPiecesTest, CutsAnywhereGiveTheSameRecords) {
   std::mt19937 rng(7);
   const std::string alphabet = "AA00^12\r\n\x03\x03 xyz";
   for (int round = 0; round < 40; ++round) {

@@ -41,14 +41,15 @@ TEST(FeedStreamsTest, CallPromptsAndBrokerAddresses) {
 
   std::string host;
   int port = 0;
-  ASSERT_TRUE(ParseBrokerAddress("mqtt.example.org", "", host, port));
-  EXPECT_EQ(host + ":" + std::to_string(port), "mqtt.example.org:1883");
-  ASSERT_TRUE(ParseBrokerAddress("mqtt://10.0.0.1:1884/", "1999", host, port));
-  EXPECT_EQ(host + ":" + std::to_string(port), "10.0.0.1:1884");
-  ASSERT_TRUE(ParseBrokerAddress("tcp://[::1]:1885", "", host, port));
-  EXPECT_EQ(host + ":" + std::to_string(port), "::1:1885");
-  ASSERT_TRUE(ParseBrokerAddress(" broker ", "2883", host, port));
-  EXPECT_EQ(port, 2883);
+  for (const auto& [address, default_port, expected] :
+       std::vector<std::tuple<std::string, std::string, std::string>>{
+           {"mqtt.example.org", "", "mqtt.example.org:1883"},
+           {"mqtt://10.0.0.1:1884/", "1999", "10.0.0.1:1884"},
+           {"tcp://[::1]:1885", "", "::1:1885"},
+           {" broker ", "2883", "broker:2883"}}) {
+    ASSERT_TRUE(ParseBrokerAddress(address, default_port, host, port)) << address;
+    EXPECT_EQ(host + ":" + std::to_string(port), expected);
+  }
   EXPECT_FALSE(ParseBrokerAddress("", "1883", host, port));
   EXPECT_FALSE(ParseBrokerAddress("broker", "70000", host, port));
 }
@@ -88,18 +89,16 @@ TEST(FeedStreamsTest, RateCountsTheLastMinuteOnly) {
 
 TEST(FeedStreamsTest, CountsFollowTheDecisions) {
   FeedCounts c;
-  SkimmerDecision d;
-  d.outcome = SkimmerOutcome::kPass;
-  d.verdict = SkimmerVerdict::kQsy;
-  c.Count(d);
-  d.outcome = SkimmerOutcome::kBustedDropped;
-  d.verdict = SkimmerVerdict::kBusted;
-  c.Count(d);
-  d.outcome = SkimmerOutcome::kHeld;
-  d.verdict = SkimmerVerdict::kUnverified;
-  c.Count(d);
-  d.outcome = SkimmerOutcome::kRefusedDx;  // no verdict was reached
-  c.Count(d);
+  for (const auto& [outcome, verdict] : std::vector<std::pair<SkimmerOutcome, SkimmerVerdict>>{
+           {SkimmerOutcome::kPass, SkimmerVerdict::kQsy},
+           {SkimmerOutcome::kBustedDropped, SkimmerVerdict::kBusted},
+           {SkimmerOutcome::kHeld, SkimmerVerdict::kUnverified},
+           {SkimmerOutcome::kRefusedDx, SkimmerVerdict::kUnverified}}) {  // refused: no verdict
+    SkimmerDecision d;
+    d.outcome = outcome;
+    d.verdict = verdict;
+    c.Count(d);
+  }
   EXPECT_EQ(c.verified, 1u);
   EXPECT_EQ(c.busted, 1u);
   EXPECT_EQ(c.unverified, 1u);

@@ -41,8 +41,9 @@ class PropagationServiceTest : public ::testing::Test {
     streams.at(3).session.Set(kSwWcy, false);
     streams.at(4).state = kStateNodePc9x;
   }
-  std::unique_ptr<PropagationService> Make() {
+  std::unique_ptr<PropagationService> Make(decltype(PropagationDeps::user_gate) gate = {}) {
     PropagationDeps d;
+    d.user_gate = std::move(gate);
     d.streams = &streams;
     d.out = &out;
     d.clock = &clock;
@@ -68,20 +69,13 @@ class PropagationServiceTest : public ::testing::Test {
 TEST_F(PropagationServiceTest, EachReportAsksTheUsersGateOnceAndSkipsWhomItRefuses) {
   std::vector<std::string> asked;
   std::vector<int> users_asked;
-  auto service = [&] {
-    PropagationDeps d;
-    d.streams = &streams;
-    d.out = &out;
-    d.clock = &clock;
-    d.user_gate = [&](std::string_view logger, std::string_view origin, std::string_view line) {
-      asked.push_back(fmt::format("{}|{}|{}", logger, origin, line));
-      return [&, refuse = logger == "Q4LOG"](int stream, const StreamEntry&) {
-        users_asked.push_back(stream);
-        return !(refuse && stream == 1);
-      };
+  auto service = Make([&](std::string_view logger, std::string_view origin, std::string_view line) {
+    asked.push_back(fmt::format("{}|{}|{}", logger, origin, line));
+    return [&, refuse = logger == "Q4LOG"](int stream, const StreamEntry&) {
+      users_asked.push_back(stream);
+      return !(refuse && stream == 1);
     };
-    return std::make_unique<PropagationService>("Q9NODE", d);
-  }();
+  });
   service->OnPc23(F("PC23^05-Nov-2026^15^220^4^1^No Storms^Q4LOG^Q6VVV^H20^~"));
   service->OnPc73(F("PC73^05-Nov-2026^15^220^3^1^0^212^act^qui^no^Q5LOG^Q6VVV^H9^"));
   EXPECT_EQ(asked, (std::vector<std::string>{

@@ -47,32 +47,29 @@ constexpr std::string_view kOlder =
     "The mid-latitude K-index at 2100 UTC on 01 March was 1.\n";
 
 TEST(WwvTextTest, ReadsTheIssuedWordings) {
-  WwvText w;
-  std::string error;
-  ASSERT_TRUE(ParseWwvText(kQuiet, w, error)) << error;
-  EXPECT_EQ(w.date, "05-Jan-2024");
-  EXPECT_EQ(w.hour, 21);
-  EXPECT_EQ(w.sfi, 135);
-  EXPECT_EQ(w.a, 5);
-  EXPECT_EQ(w.k, 3);  // 2.67 rounded
-  EXPECT_EQ(w.forecast, "No Storms -> No Storms");
-
-  ASSERT_TRUE(ParseWwvText(kStormy, w, error)) << error;
-  EXPECT_EQ(w.date, "11-May-2024");
-  EXPECT_EQ(w.hour, 3);
-  EXPECT_EQ(w.sfi, 206);
-  EXPECT_EQ(w.a, 207);
-  EXPECT_EQ(w.k, 8);
-  EXPECT_EQ(w.forecast, "Extreme w/G5,R3 -> Severe w/G4");
-
-  // Measured at 2100 the day before, issued after midnight: the report is the day before's.
-  ASSERT_TRUE(ParseWwvText(kOlder, w, error)) << error;
-  EXPECT_EQ(w.date, "01-Mar-2009");
-  EXPECT_EQ(w.hour, 21);
-  EXPECT_EQ(w.sfi, 69);
-  EXPECT_EQ(w.a, 4);
-  EXPECT_EQ(w.k, 1);
-  EXPECT_EQ(w.forecast, "");
+  const struct {
+    std::string_view text;
+    std::string date;
+    int hour, sfi, a, k;
+    std::string forecast;
+  } cases[] = {
+      {kQuiet, "05-Jan-2024", 21, 135, 5, 3, "No Storms -> No Storms"},  // K 2.67 rounded
+      {kStormy, "11-May-2024", 3, 206, 207, 8, "Extreme w/G5,R3 -> Severe w/G4"},
+      // Measured at 2100 the day before, issued after midnight: the report is the day before's.
+      {kOlder, "01-Mar-2009", 21, 69, 4, 1, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.date);
+    WwvText w;
+    std::string error;
+    ASSERT_TRUE(ParseWwvText(c.text, w, error)) << error;
+    EXPECT_EQ(w.date, c.date);
+    EXPECT_EQ(w.hour, c.hour);
+    EXPECT_EQ(w.sfi, c.sfi);
+    EXPECT_EQ(w.a, c.a);
+    EXPECT_EQ(w.k, c.k);
+    EXPECT_EQ(w.forecast, c.forecast);
+  }
 }
 
 TEST(WwvTextTest, MissingOrWrongFiguresAreRefusedByName) {
