@@ -22,8 +22,9 @@ bool ParseUrl(std::string_view text, Url& out) {
   }
   const size_t slash = text.find_first_of("/?");
   std::string_view authority = text.substr(0, slash);
-  u.target = slash == std::string_view::npos ? "/" : std::string(text.substr(slash));
-  if (u.target.front() == '?') u.target.insert(0, "/");
+  // Built by hand: GCC 12 at -O3 warns wrongly (restrict) on assigning "/" here.
+  if (slash == std::string_view::npos || text[slash] == '?') u.target.push_back('/');
+  if (slash != std::string_view::npos) u.target.append(text.substr(slash));
   if (authority.find('@') != std::string_view::npos) return false;
   u.port = u.https ? "443" : "80";
   const size_t colon = authority.rfind(':');

@@ -29,6 +29,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -60,6 +61,10 @@ struct User {
   bool sampled = false;
   LogInDialogue dialogue{"", ""};
   LineSplitter lines;
+  // Bulk counting: where the last read left off, so a line cut between reads is judged by
+  // its first byte.
+  bool at_line_start = true;
+  bool in_notice = false;
 };
 
 int64_t NowNs() {
@@ -182,6 +187,8 @@ class Crowd {
 
   uint64_t bulk_lines() const { return bulk_lines_.load(std::memory_order_relaxed); }
   uint64_t sample_lines() const { return sample_lines_.load(std::memory_order_relaxed); }
+  // Notices of shed spots received by the users counted in bulk.
+  uint64_t notices() const { return notices_.load(std::memory_order_relaxed); }
   int sampled_users() const {
     return int(
         std::count_if(users_.begin(), users_.end(), [](const User& u) { return u.sampled; }));
@@ -204,8 +211,24 @@ class Crowd {
         User& u = users_[events[i].data.u32];
         const int reads = ReadAvailable(u.fd, read_buf_, [&](std::string_view data, auto) {
           if (!u.sampled) {
-            bulk_lines_.fetch_add(uint64_t(std::count(data.begin(), data.end(), '\n')),
-                                  std::memory_order_relaxed);
+            // Spot lines only: the node's "*** n spots were dropped" notices are lines too,
+            // and counting them as spots would hide as many lost ones.
+            uint64_t lines = 0, notices = 0;
+            const char* p = data.data();
+            const char* const end = p + data.size();
+            while (p < end) {
+              if (u.at_line_start) u.in_notice = *p == '*';
+              const char* nl = static_cast<const char*>(std::memchr(p, '\n', size_t(end - p)));
+              if (!nl) {
+                u.at_line_start = false;
+                break;
+              }
+              ++(u.in_notice ? notices : lines);
+              u.at_line_start = true;
+              p = nl + 1;
+            }
+            bulk_lines_.fetch_add(lines, std::memory_order_relaxed);
+            notices_.fetch_add(notices, std::memory_order_relaxed);
             return;
           }
           const int64_t now = NowNs();
@@ -239,6 +262,7 @@ class Crowd {
   std::atomic<bool> stop_{false};
   std::atomic<uint64_t> bulk_lines_{0};
   std::atomic<uint64_t> sample_lines_{0};
+  std::atomic<uint64_t> notices_{0};
   std::atomic<int> closed_{0};
   bool pinned_ = false;
   std::mutex delays_mutex_;
@@ -347,6 +371,7 @@ int main(int argc, char** argv) {
   for (double rate : opt.rates) {
     const int count = int(rate * opt.seconds);
     const uint64_t bulk0 = crowd.bulk_lines(), sample0 = crowd.sample_lines();
+    const uint64_t notices0 = crowd.notices();
     const long long shed0 = ShedByNode(console_port);
     const ProcStats node0 = ReadProc(node), front0 = ReadProc(front);
     const auto t0 = Clock::now();
@@ -384,25 +409,28 @@ int main(int argc, char** argv) {
     const double node_us = (node1.cpu_s - node0.cpu_s) * per_line;
     const double front_us = (front1.cpu_s - front0.cpu_s) * per_line;
     const std::string load = LoadAverage();
+    const unsigned long long notices = crowd.notices() - notices0;
     std::printf(
         "stage rate %.0f: %d spots in %.1f s to %d users; sampled delay ms p50 %.1f p99 %.1f "
-        "max %.1f; lines %llu of %llu (%lld lost, %lld of them shed by the node); CPU us/line "
+        "max %.1f; lines %llu of %llu (%lld lost, %lld of them shed by the node; %llu notices of "
+        "shed spots among the counted users); CPU us/line "
         "qxcluster %.3f qxfront %.3f; "
         "RSS MB qxcluster %.1f qxfront %.1f; reader %s; load %s\n",
         rate, count, send_s, opt.users, p50, p99, max, (unsigned long long)got,
-        (unsigned long long)expected, (long long)expected - (long long)got, shed, node_us, front_us,
-        double(node1.rss_kb) / 1024, double(front1.rss_kb) / 1024,
+        (unsigned long long)expected, (long long)expected - (long long)got, shed, notices, node_us,
+        front_us, double(node1.rss_kb) / 1024, double(front1.rss_kb) / 1024,
         crowd.pinned() ? "pinned" : "not pinned", load.c_str());
     std::printf(
         "{\"event\":\"stage\",\"users\":%d,\"rate\":%.0f,\"spots\":%d,\"send_s\":%.2f,"
         "\"p50_ms\":%.2f,\"p99_ms\":%.2f,\"max_ms\":%.2f,\"lines_expected\":%llu,"
-        "\"lines_received\":%llu,\"lines_lost\":%lld,\"lines_shed_by_node\":%lld,\"qxcluster_us_"
+        "\"lines_received\":%llu,\"lines_lost\":%lld,\"lines_shed_by_node\":%lld,\"notices\":%llu,"
+        "\"qxcluster_us_"
         "per_line\":%.4f,"
         "\"qxfront_us_per_line\":%.4f,\"qxcluster_rss_kb\":%ld,\"qxfront_rss_kb\":%ld,"
         "\"closed\":%d,\"load\":\"%s\"}\n",
         opt.users, rate, count, send_s, p50, p99, max, (unsigned long long)expected,
-        (unsigned long long)got, (long long)expected - (long long)got, shed, node_us, front_us,
-        node1.rss_kb, front1.rss_kb, crowd.closed(), load.c_str());
+        (unsigned long long)got, (long long)expected - (long long)got, shed, notices, node_us,
+        front_us, node1.rss_kb, front1.rss_kb, crowd.closed(), load.c_str());
     std::fflush(stdout);
     first += count;
   }
