@@ -269,17 +269,14 @@ TEST_P(FrontendLinkTest, OneTextForManyConnectionsKeepsEachConnectionsOrder) {
     // Stream 1 with stream 2's tag is a stale entry: nothing for either.
     std::string list = "1:" + tags[1];
     for (int i = 0; i < kClients; ++i) list += "," + std::to_string(i + 1) + ":" + tags[i];
-    const std::string spot = "DX de " + std::to_string(n) + "" + "
-";
+    const std::string spot = "DX de " + std::to_string(n) + "\x03" + "\r\n";
     burst += Message({"7", list, spot});
     const int one = n % kClients;
-    burst += Message({"0", std::to_string(one + 1), "reply " + std::to_string(n) + "
-",
+    burst += Message({"0", std::to_string(one + 1), "reply " + std::to_string(n) + "\r\n",
                       tags[one]});
     for (int i = 0; i < kClients; ++i) {
       expected[i] += spot;
-      if (i == one) expected[i] += "reply " + std::to_string(n) + "
-";
+      if (i == one) expected[i] += "reply " + std::to_string(n) + "\r\n";
     }
   }
   ASSERT_TRUE(node.Send(burst));
@@ -365,11 +362,13 @@ TEST_P(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
       WaitRecord(node2, "AA38^"),
       "AA38^" + tag + "^1^127.0.0.1:" + std::to_string(LocalPort(client)) + "^0^G4ABC^5^in^priv=9");
   EXPECT_EQ(WaitRecord(node2, "AA00^"), "AA00^1^sh/dx\r\nsh/us\r\n");
-  // The order is fixed: challenge, announcement, list, reports, then held input.
+  // The order is fixed: challenge, announcement, what the front-end understands, list,
+  // reports, then held input.
   const auto records = Records(node2.received());
-  ASSERT_GE(records.size(), 5u);
-  EXPECT_TRUE(records[2].starts_with("AA01^"));
-  EXPECT_TRUE(records[3].starts_with("AA38^"));
+  ASSERT_GE(records.size(), 6u);
+  EXPECT_EQ(records[2], "AA40^fanout");
+  EXPECT_TRUE(records[3].starts_with("AA01^"));
+  EXPECT_TRUE(records[4].starts_with("AA38^"));
 
   ASSERT_TRUE(node2.Send(Message({"0", "1", "still here\r\n", tag})));
   ASSERT_TRUE(client.ReadUntil("still here\r\n"));

@@ -129,7 +129,8 @@ TEST(DecodeNodeMessageTest, AFanOutNamesAtMostItsBoundOfStreamsEachWithItsTag) {
   for (size_t i = 1; i <= kMaxFanoutTargets; ++i) {
     list += (i > 1 ? "," : "") + std::to_string(i) + ":" + std::to_string(1000 + i);
   }
-  const NodeMessage m = DecodeNodeMessage(Bars("7|" + list + "|line\r\n"));
+  const std::string message = Bars("7|" + list + "|line\r\n");  // the views point into it
+  const NodeMessage m = DecodeNodeMessage(message);
   ASSERT_EQ(m.kind, NodeMessageKind::kFanOut);
   FanoutTargets targets(m.label);
   int stream = 0;
