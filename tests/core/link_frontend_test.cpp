@@ -1036,7 +1036,9 @@ TEST_F(LinkSocketTest, SpotLinesForManyUsersGoOutAsOneMessageOnlyToAFrontEndThat
   const auto a = text("spot A\r\n");
   link_->SendSpotToStreamNo(5, a);
   link_->SendSpotToStreamNo(6, a);
-  ASSERT_TRUE(Received(fe, "6\x03spot A\r\n\x03" "12\x04"));
+  ASSERT_TRUE(Received(fe,
+                       "6\x03spot A\r\n\x03"
+                       "12\x04"));
   EXPECT_TRUE(Deliveries(fe.received()).fanouts.empty());
   fe.received().clear();
 
@@ -1056,13 +1058,16 @@ TEST_F(LinkSocketTest, SpotLinesForManyUsersGoOutAsOneMessageOnlyToAFrontEndThat
   link_->SetStreamIdentity(7, "G4ABC", 1);
   link_->SendSpotToStreamNo(7, b_again);
   ASSERT_TRUE(Received(fe, "G4ABC"));
-  ASSERT_TRUE(RunUntil([&] { return link_->queue_depth() == 0 && fe.received().ends_with('\x04'); }));
-  EXPECT_NE(fe.received().find("7\x03" "5:11,6:12\x03spot A\r\n\x04"), std::string::npos);
+  ASSERT_TRUE(
+      RunUntil([&] { return link_->queue_depth() == 0 && fe.received().ends_with('\x04'); }));
+  EXPECT_NE(fe.received().find("7\x03"
+                               "5:11,6:12\x03spot A\r\n\x04"),
+            std::string::npos);
   const Delivered d = Deliveries(fe.received());
-  EXPECT_EQ(d.items, (std::vector<std::string>{"5>spot A\r\n", "6>spot A\r\n", "6>reply\r\n",
-                                               "7>spot A\r\n", "5>spot B\x03!\r\n",
-                                               "6>spot B\x03!\r\n", "7>spot B\x03!\r\n", "#3:7",
-                                               "7>spot B\x03!\r\n"}));
+  EXPECT_EQ(d.items,
+            (std::vector<std::string>{"5>spot A\r\n", "6>spot A\r\n", "6>reply\r\n", "7>spot A\r\n",
+                                      "5>spot B\x03!\r\n", "6>spot B\x03!\r\n", "7>spot B\x03!\r\n",
+                                      "#3:7", "7>spot B\x03!\r\n"}));
   EXPECT_EQ(d.fanouts, (std::vector<size_t>{2, 1, 2, 1, 1}));
   EXPECT_EQ(link_->fanout_messages(), 5u);
   EXPECT_EQ(link_->fanout_lines(), 7u);
@@ -1083,7 +1088,9 @@ TEST_F(LinkSocketTest, SpotLinesForManyUsersGoOutAsOneMessageOnlyToAFrontEndThat
   ASSERT_TRUE(Handshake(fe));
   link_->SendSpotToStreamNo(5, c);
   link_->SendSpotToStreamNo(6, c);
-  ASSERT_TRUE(Received(fe, "6\x03spot C\r\n\x03" "12\x04"));
+  ASSERT_TRUE(Received(fe,
+                       "6\x03spot C\r\n\x03"
+                       "12\x04"));
   EXPECT_TRUE(Deliveries(fe.received()).fanouts.empty());
 }
 
@@ -1126,7 +1133,8 @@ TEST_F(LinkSocketTest, AFrontEndThatFallsBehindGetsNoGroupsAndEachUserKeepsTheOr
   }
   std::vector<std::string> got[2];
   for (const std::string& item : Deliveries(fe.received()).items) {
-    if (item.starts_with("5>") || item.starts_with("6>")) got[item[0] - '5'].push_back(item.substr(2));
+    if (item.starts_with("5>") || item.starts_with("6>"))
+      got[item[0] - '5'].push_back(item.substr(2));
   }
   EXPECT_EQ(got[0], expected[0]);
   EXPECT_EQ(got[1], expected[1]);

@@ -272,8 +272,8 @@ TEST_P(FrontendLinkTest, OneTextForManyConnectionsKeepsEachConnectionsOrder) {
     const std::string spot = "DX de " + std::to_string(n) + "\x03" + "\r\n";
     burst += Message({"7", list, spot});
     const int one = n % kClients;
-    burst += Message({"0", std::to_string(one + 1), "reply " + std::to_string(n) + "\r\n",
-                      tags[one]});
+    burst +=
+        Message({"0", std::to_string(one + 1), "reply " + std::to_string(n) + "\r\n", tags[one]});
     for (int i = 0; i < kClients; ++i) {
       expected[i] += spot;
       if (i == one) expected[i] += "reply " + std::to_string(n) + "\r\n";

@@ -103,7 +103,8 @@ TEST(DecodeNodeMessageTest, EachKindAndEachFaultSaysWhatItIs) {
       {"3|1|G4ABC|x", "malformed bad state"},
       {"8|1", "malformed unknown message code"},
       // One text for many streams: the list first, the text (which may hold Chr 3) last.
-      {"7|3:17,12:1838652366950417|DX de|x\r\n", "fanout 2 [3:17,12:1838652366950417] [DX de|x\r\n]"},
+      {"7|3:17,12:1838652366950417|DX de|x\r\n",
+       "fanout 2 [3:17,12:1838652366950417] [DX de|x\r\n]"},
       {"7|3:0|hi", "fanout 1 [3:0] [hi]"},
       {"7|3:17", "malformed fan-out without text"},
       {"7|3:17|", "malformed fan-out without text"},
@@ -151,9 +152,14 @@ TEST(NodeMessageParserTest, RawTextsAreFoundGluedToMessagesWhateverThePieces) {
   const std::string link = std::string("QX Cluster") + "8270" + Msg({"0", "1", "hi\r\n", "4"}) +
                            "rxAA18" + "rxAA18" + Msg({"3", "1", "G4ABC", "2", "4"}) + "8270" +
                            Msg({"7", "1:4,2:5", "x\x03y"}) + Msg({"1", "1", "Disconnect", "4"});
-  const std::vector<std::string> expected{"greeting", "list",     "send 1 [hi\r\n] 4",
-                                          "alive",    "alive",    "identity 1 G4ABC 2 4",
-                                          "list",     "fanout 2 [1:4,2:5] [x\x03y]",
+  const std::vector<std::string> expected{"greeting",
+                                          "list",
+                                          "send 1 [hi\r\n] 4",
+                                          "alive",
+                                          "alive",
+                                          "identity 1 G4ABC 2 4",
+                                          "list",
+                                          "fanout 2 [1:4,2:5] [x\x03y]",
                                           "close 1 4"};
   for (size_t piece = 1; piece <= link.size(); ++piece) {
     EXPECT_EQ(FeedInPieces(link, piece), expected) << "piece size " << piece;

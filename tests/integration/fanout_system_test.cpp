@@ -45,8 +45,8 @@ TEST_F(FanoutSystemTest, EveryUserGetsEachSpotOnceInOrderWithOtherLines) {
   std::vector<std::string> expected;
   for (int n = 0; n < kSpots; ++n) {
     const std::string mark = "MARK" + std::to_string(n);
-    Command(*spotter, "DX 1402" + std::to_string(n) + " K1AB" + std::string(1, char('C' + n)) +
-                          " " + mark);
+    Command(*spotter,
+            "DX 1402" + std::to_string(n) + " K1AB" + std::string(1, char('C' + n)) + " " + mark);
     Command(*spotter, "ANNOUNCE " + mark);
     expected.push_back("spot" + std::to_string(n));
     expected.push_back("ann" + std::to_string(n));
@@ -58,8 +58,7 @@ TEST_F(FanoutSystemTest, EveryUserGetsEachSpotOnceInOrderWithOtherLines) {
   }
   // Each spot reached the listeners and the spotter in one message.
   const std::string metrics = ReadMetrics();
-  EXPECT_THAT(metrics, HasSubstr("qx_link_fanout_lines_total " + std::to_string(kSpots * 4) +
-                                 "\n"))
+  EXPECT_THAT(metrics, HasSubstr("qx_link_fanout_lines_total " + std::to_string(kSpots * 4) + "\n"))
       << metrics;
   EXPECT_THAT(metrics, HasSubstr("qx_link_fanout_messages_total " + std::to_string(kSpots) + "\n"));
 }
