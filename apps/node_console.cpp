@@ -886,6 +886,8 @@ ConsoleMetrics NodeConsoleModel::Metrics() const {
   m.link_peak_pending = node_.link_ ? int64_t(node_.link_->peak_pending()) : 0;
   m.link_spots_shed = node_.link_ ? int64_t(node_.link_->spots_shed()) : 0;
   m.link_spots_waiting = node_.link_ ? int64_t(node_.link_->spots_waiting()) : 0;
+  m.link_fanout_messages = node_.link_ ? int64_t(node_.link_->fanout_messages()) : 0;
+  m.link_fanout_lines = node_.link_ ? int64_t(node_.link_->fanout_lines()) : 0;
   // Per-user output queues live in the front-end, which does not report them yet; the
   // metric stays empty rather than show a number that means something else.
   for (size_t i = 0; i < NodeStats::kDelayBounds.size(); ++i) {

@@ -66,6 +66,13 @@ std::string FormatMetrics(const ConsoleMetrics& m) {
   Header(out, "qx_link_spots_waiting", "gauge",
          "Spot lines waiting in per-user queues while the front-end is behind.");
   fmt::format_to(std::back_inserter(out), "qx_link_spots_waiting {}\n", m.link_spots_waiting);
+  Header(out, "qx_link_fanout_messages_total", "counter",
+         "Messages to the front-end that carried one spot line for many users.");
+  fmt::format_to(std::back_inserter(out), "qx_link_fanout_messages_total {}\n",
+                 m.link_fanout_messages);
+  Header(out, "qx_link_fanout_lines_total", "counter",
+         "Spot lines to users carried by those messages (one per user).");
+  fmt::format_to(std::back_inserter(out), "qx_link_fanout_lines_total {}\n", m.link_fanout_lines);
   Labelled(out, "qx_user_output_queue_high_water", "gauge",
            "Highest output queue of each connected user, in lines.", "call",
            m.user_queue_high_water);

@@ -153,6 +153,9 @@ struct ConsoleMetrics {
   int64_t link_peak_pending = 0;
   int64_t link_spots_shed = 0;     // spot lines dropped because the front-end fell behind
   int64_t link_spots_waiting = 0;  // spot lines waiting in per-user queues now
+  // One message for a spot line to many users: messages sent, and the lines they carried.
+  int64_t link_fanout_messages = 0;
+  int64_t link_fanout_lines = 0;
   std::vector<std::pair<std::string, int64_t>> user_queue_high_water;  // call -> lines
   // Spot delivery delay (intake to last user write) as a cumulative histogram.
   std::vector<std::pair<double, uint64_t>> delay_buckets;  // upper bound (s) -> count <= bound

@@ -149,6 +149,8 @@ void FrontendLink::OnRecord(std::string_view record) {
     HandleCounters(record);
   } else if (code == "AA21") {
     HandleInputHeld();
+  } else if (code == FanoutGroup::kCapabilityCode) {
+    HandleCapabilities(record);
   }
   // Unknown codes are ignored; the handshake still sees any record that mentions "AA03".
   if (record.find("AA03") != std::string_view::npos) {
@@ -624,6 +626,17 @@ void FrontendLink::HandleOutgoingFailed(std::string_view record) {
   events_.OnOutgoingFailed(label, reason);
 }
 
+void FrontendLink::HandleCapabilities(std::string_view record) {
+  // "AA40^<feature>,...": what this front-end understands beyond the messages every
+  // front-end takes.  Older front-ends never send it; the node then keeps to those.
+  const bool fanout = OffersFanout(record);
+  if (fanout && !fanout_offered_) {
+    log_.Write(kHeading, "The front-end takes one message for a spot line to many users");
+  }
+  if (!fanout) CloseFanout();
+  fanout_offered_ = fanout;
+}
+
 void FrontendLink::HandleCounters(std::string_view record) {
   // "AA20^<name>=<value>^...": every few seconds, so a pair that cannot be read is logged
   // once, not every time.
@@ -705,6 +718,8 @@ void FrontendLink::CloseSocket() {
   // written belongs to the old one.
   arrival_.Reset();
   out_.clear();
+  fanout_.Drop();
+  fanout_offered_ = false;  // the next front-end says again what it understands
   DropAllBacklogs();
 }
 
@@ -801,7 +816,8 @@ void FrontendLink::HandleInputHeld() {
   if (!hand_over_done_) return;  // never asked for: the front-end holds input anyway
   input_held_ = true;
   // The answers to the last records may still wait to be written.
-  if (!write_in_flight_ && out_.empty() && spots_waiting_ == 0 && held_message_bytes_ == 0) {
+  if (!write_in_flight_ && out_.empty() && !fanout_.open() && spots_waiting_ == 0 &&
+      held_message_bytes_ == 0) {
     FinishHandOver();
   }
 }
@@ -928,6 +944,7 @@ void FrontendLink::Queued() {
 }
 
 void FrontendLink::Flush() {
+  CloseFanout();
   if (write_in_flight_) return;
   if (state_ != State::kConnected && state_ != State::kProving) return;
   FeedWaiting();
@@ -990,6 +1007,7 @@ void FrontendLink::Held(const std::string& target) {
 }
 
 void FrontendLink::QueueSpot(int stream, const SharedText& text) {
+  CloseFanout();
   StreamBacklog& b = backlogs_[stream];
   const int64_t tag = table_.at(stream).tag;
   if (b.tag != tag && !b.items.empty()) {
@@ -1112,17 +1130,20 @@ void FrontendLink::DropAllBacklogs() {
 // leave the two programs disagreeing about a connection.  They are small and few.
 void FrontendLink::SendRaw(std::string_view text) {
   if (text.empty() || state_ != State::kConnected) return;
+  CloseFanout();
   out_.append(text);
   Queued();
 }
 
 void FrontendLink::QueueHandshake(std::string_view bytes) {
+  CloseFanout();
   out_.append(bytes);
   Queued();
 }
 
 void FrontendLink::SendToWinsockQuiet(std::string_view message) {
   if (state_ != State::kConnected) return;
+  CloseFanout();
   out_.append(message);
   out_.push_back(kMessageEnd);
   Queued();
@@ -1161,6 +1182,7 @@ void FrontendLink::QueueStreamText(int stream, std::string_view text) {
   // for a closed stream must not reach whoever got the number next.
   if (text.empty() || !table_.InRange(stream) || table_.at(stream).state == kStateFree) return;
   if (!CanQueue(text.size() + 32)) return;
+  CloseFanout();
   std::string& target = TargetFor(stream);
   FrameText(target, stream, text);
   Held(target);
@@ -1174,11 +1196,36 @@ void FrontendLink::SendSpotToStreamNo(int stream, const SharedText& text) {
     return;
   }
   if (!congested_) {
-    QueueStreamText(stream, *text);
+    if (fanout_offered_) {
+      GroupSpot(stream, text);
+    } else {
+      QueueStreamText(stream, *text);
+    }
     return;
   }
   QueueSpot(stream, text);
   monitor_.Write(MonitorChannel::kRaw, *text, {}, stream);
+}
+
+void FrontendLink::GroupSpot(int stream, const SharedText& text) {
+  const bool joins = fanout_.CanTake(text);
+  // An entry is the stream and tag; a new group also brings the text.
+  if (!CanQueue(joins ? 28 : text->size() + 32)) return;
+  if (!joins) {
+    CloseFanout();
+    fanout_.Start(text);
+  }
+  fanout_.Add(stream, table_.at(stream).tag);
+  Queued();
+  monitor_.Write(MonitorChannel::kRaw, *text, {}, stream, MonitorDirection::kOut);
+}
+
+void FrontendLink::CloseFanout() {
+  if (!fanout_.open()) return;
+  const size_t lines = fanout_.Close(out_);
+  if (lines == 0) return;
+  ++fanout_messages_;
+  fanout_lines_ += lines;
 }
 
 void FrontendLink::SendToStream(std::string_view text) { QueueStreamText(table_.current(), text); }
@@ -1192,6 +1239,7 @@ void FrontendLink::CloseStream(int stream) {
       state_ != State::kConnected) {
     return;
   }
+  CloseFanout();
   // A user who lost spots is told so before being let go.
   const auto lost = backlogs_.find(stream);
   if (lost != backlogs_.end() && lost->second.shed > 0) {
@@ -1214,6 +1262,7 @@ void FrontendLink::CloseStream(int stream) {
 
 void FrontendLink::OpenOutgoing(std::string_view host, int port, std::string_view label) {
   if (state_ != State::kConnected) return;
+  CloseFanout();
   out_.push_back('2');
   out_.push_back(kElement);
   out_.append(host);
@@ -1230,6 +1279,7 @@ void FrontendLink::SetStreamIdentity(int stream, std::string_view call, int stat
       state_ != State::kConnected) {
     return;
   }
+  CloseFanout();
   std::string& out = TargetFor(stream);
   out.push_back('3');
   out.push_back(kElement);
@@ -1251,6 +1301,7 @@ void FrontendLink::SetStreamAttributes(int stream, std::string_view text) {
       state_ != State::kConnected) {
     return;
   }
+  CloseFanout();
   std::string& out = TargetFor(stream);
   out.push_back('5');
   out.push_back(kElement);

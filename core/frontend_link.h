@@ -32,6 +32,7 @@
 #include "core/error_log.h"
 #include "core/frontend_counters.h"
 #include "core/link_arrival.h"
+#include "core/link_fanout.h"
 #include "core/monitor.h"
 #include "core/stream_table.h"
 #include "core/time_text.h"
@@ -184,6 +185,9 @@ class FrontendLink : private LinkArrival::Sink {
   void SendToStream(std::string_view text);
   void SendToStreamNo(int stream, std::string_view text);
   // A spot line for a stream: like text, but while the link is congested it may be shed.
+  // While it is not, consecutive calls with the same text are gathered into one fan-out
+  // message when the front-end understands it; anything else written to the link closes
+  // the group first, so every stream's output keeps its order.
   void SendSpotToStreamNo(int stream, const SharedText& text);
   // A link-control message: text and Chr 4; the echo variant also shows it on the console.
   void SendToWinsockQuiet(std::string_view message);
@@ -223,6 +227,11 @@ class FrontendLink : private LinkArrival::Sink {
   uint64_t spots_shed() const { return spots_shed_; }
   size_t spots_waiting() const { return spots_waiting_; }
   bool congested() const { return congested_; }
+  // Fan-out: whether the front-end on this link takes it, the messages sent and the spot
+  // lines they carried (since start).
+  bool fanout_in_use() const { return fanout_offered_; }
+  uint64_t fanout_messages() const { return fanout_messages_; }
+  uint64_t fanout_lines() const { return fanout_lines_; }
   // The front-end's own counters, as last reported ("AA20"); kept when the link goes down.
   const FrontendCounterValues& frontend_counters() const { return frontend_counters_; }
 
@@ -249,6 +258,7 @@ class FrontendLink : private LinkArrival::Sink {
   void HandleStreamEvent(std::string_view record);     // AA03
   void HandleOutgoingFailed(std::string_view record);  // AA19
   void HandleInputHeld();                              // AA21
+  void HandleCapabilities(std::string_view record);    // AA40
   // Before the front-end has proved itself: AA39 and QRV, nothing else.
   void HandleProofRecord(std::string_view record);
   void ProofFailed(std::string_view reason);
@@ -285,6 +295,10 @@ class FrontendLink : private LinkArrival::Sink {
   void Queued();
   void Flush();
   void QueueStreamText(int stream, std::string_view text);
+  // Fan-out: adds the stream to the open group for text (or starts one); closes the open
+  // group into out_ before anything else is written.
+  void GroupSpot(int stream, const SharedText& text);
+  void CloseFanout();
   // The "0" message for stream, appended to out.
   void FrameText(std::string& out, int stream, std::string_view text) const;
   // Where a framed message for stream goes: out_, or a new message at the back of the
@@ -376,6 +390,11 @@ class FrontendLink : private LinkArrival::Sink {
   uint64_t spots_shed_ = 0;
   uint64_t episode_shed_ = 0;
   uint64_t episode_users_ = 0;  // users told of a loss this episode
+  // Fan-out.
+  bool fanout_offered_ = false;  // the front-end on this link said it understands it
+  FanoutGroup fanout_;
+  uint64_t fanout_messages_ = 0;
+  uint64_t fanout_lines_ = 0;
 
   // Per-record scratch, reused.
   std::vector<std::string_view> fields_;

@@ -131,6 +131,29 @@ void FrontendServer::Impl::HandleNodeMessage(const NodeLinkPtr& link, const Node
       ToWorker(c, HandOff::kText, m.text);
       return;
     }
+    case NodeMessageKind::kFanOut: {
+      // The same text for many streams, each with its own tag: a stale entry is dropped as
+      // a stale "0" would be, the others get the text in list order.
+      ++counters.fanout_messages;
+      const uint64_t message = ++fanout_serial_;
+      FanoutTargets targets(m.label);
+      int stream = 0;
+      uint64_t tag = 0;
+      while (targets.Next(stream, tag)) {
+        ConnectionPtr c = Find(stream, tag);
+        if (!c || c->close_requested) {
+          if (ShouldLog(++counters.stale_messages_dropped)) {
+            FrontLog("Text for stream " + std::to_string(stream) + " tag " + std::to_string(tag) +
+                     " dropped: no such connection (" +
+                     std::to_string(counters.stale_messages_dropped) + " so far)");
+          }
+          continue;
+        }
+        ++counters.fanout_lines;
+        FanoutToWorker(c, message, m.text);
+      }
+      return;
+    }
     case NodeMessageKind::kClose: {
       ConnectionPtr c = Find(m.stream, m.tag);
       if (c) {
@@ -268,6 +291,7 @@ void FrontendServer::Impl::PromoteCandidate(const NodeLinkPtr& link, std::string
   link_->session = ++link_sessions_;
   FrontLog("Node link open from " + link->peer + "; announcing this front-end");
   AppendAnnounce(link->queued, options_.settings.station_text, options_.version, proof);
+  if (options_.settings.link_fanout) AppendCapabilities(link->queued, kFanoutFeature);
   ScheduleFlush();
 }
 
@@ -380,6 +404,8 @@ void FrontendServer::Impl::SendCounters() {
       {"messages_from_node_total", n.messages_from_node},
       {"stale_messages_dropped_total", n.stale_messages_dropped},
       {"malformed_messages_total", n.malformed_messages},
+      {"fanout_messages_total", n.fanout_messages},
+      {"fanout_lines_total", n.fanout_lines},
       {"ws_streams", n.web_streams_open},
       {"ws_upgrades_total", n.web_upgrades},
       {"ws_polls_total", n.web_polls},

@@ -69,6 +69,10 @@ struct FrontendCounters {
   uint64_t messages_from_node = 0;
   uint64_t stale_messages_dropped = 0;
   uint64_t malformed_messages = 0;
+  // Fan-out messages from the node (one text for many streams) and the lines they carried
+  // to connections that were still there.
+  uint64_t fanout_messages = 0;
+  uint64_t fanout_lines = 0;
   // Connections on the link port closed without becoming the link: no secret here, too
   // many waiting, a wrong proof, anything else before a proof, or no proof in time.
   uint64_t links_refused = 0;

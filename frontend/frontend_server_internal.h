@@ -149,6 +149,10 @@ struct Worker {
   // Link thread only.
   size_t connections = 0;                 // for handing a new connection to the least loaded thread
   HandOffBatch<ConnectionPtr> to_worker;  // gathered until the link thread's flush
+  // The fan-out message whose text to_worker holds already (by message number), and the
+  // item that holds it.
+  uint64_t fanout_message = 0;
+  size_t fanout_item = 0;
   // Published by the link thread, taken by this thread.
   Mailbox<ConnectionPtr> inbox;
   // Published by this thread, taken by the link thread.
@@ -229,6 +233,8 @@ class FrontendServer::Impl {
   Worker& LeastLoaded();
   // Link thread: work for c's I/O thread (done at once when that is the link thread).
   void ToWorker(const ConnectionPtr& c, HandOff op, std::string_view text = {});
+  // Link thread: the text of fan-out message number message for c, carried once per thread.
+  void FanoutToWorker(const ConnectionPtr& c, uint64_t message, std::string_view text);
   void ApplyOnWorker(Worker& w, const ConnectionPtr& c, HandOff op, std::string_view text);
   void DrainInbox(Worker& w);
   // I/O thread: news for the link thread (handled at once on the link thread itself).
@@ -334,6 +340,7 @@ class FrontendServer::Impl {
                                     .count())
                        << 10;
   HandOffBatch<ConnectionPtr> link_taken_;  // scratch for a drained outbox
+  uint64_t fanout_serial_ = 0;              // numbers the fan-out messages from the node
   bool flush_scheduled_ = false;
   std::atomic<bool> stopped_{false};
   // Set by the link thread while its backlog is high; I/O threads then pause reads.

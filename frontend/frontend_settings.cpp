@@ -102,6 +102,11 @@ FrontendSettingsResult ParseFrontendSettings(std::string_view text) {
                               " are used");
     s.threads = kMaxFrontendThreads;
   }
+  if (!config.Get("Link Fanout").empty()) {
+    int fanout = 1;
+    ReadCount(config, "Link Fanout", fanout, result.warnings);
+    s.link_fanout = fanout != 0;
+  }
   return result;
 }
 

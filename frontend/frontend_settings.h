@@ -34,6 +34,9 @@ struct FrontendSettings {
   int websocket_per_address = 4;  // "WebSocket Max Per Address": streams from one address
   // "Frontend Threads": threads that own the connections' sockets; 0: one per core.
   int threads = 0;
+  // "Link Fanout": offer the node the message that carries one text for many streams (1,
+  // the default) or not (0), so that the two ways can be compared.
+  bool link_fanout = true;
 };
 
 struct FrontendSettingsResult {

@@ -101,6 +101,24 @@ void FrontendServer::Impl::ToWorker(const ConnectionPtr& c, HandOff op, std::str
   ScheduleFlush();  // the batch is published with the link thread's flush
 }
 
+void FrontendServer::Impl::FanoutToWorker(const ConnectionPtr& c, uint64_t message,
+                                          std::string_view text) {
+  Worker& w = *c->worker;
+  if (w.on_link_thread) {
+    ApplyOnWorker(w, c, HandOff::kText, text);
+    return;
+  }
+  // Nothing else is added to the batch while one message is handled, and it is published
+  // only by a later flush, so the item found here is still this message's.
+  if (w.fanout_message == message && !w.to_worker.empty()) {
+    w.to_worker.AddSameText(c, HandOff::kText, w.fanout_item);
+    return;
+  }
+  w.fanout_message = message;
+  w.fanout_item = w.to_worker.Add(c, HandOff::kText, text);
+  ScheduleFlush();
+}
+
 void FrontendServer::Impl::ApplyOnWorker(Worker& w, const ConnectionPtr& c, HandOff op,
                                          std::string_view text) {
   switch (op) {

@@ -36,10 +36,18 @@ class HandOffBatch {
     uint32_t size;
   };
 
-  void Add(Ptr target, HandOff op, std::string_view text = {}) {
+  // Returns the item's index, for AddSameText.
+  size_t Add(Ptr target, HandOff op, std::string_view text = {}) {
     items_.push_back(Item{std::move(target), op, static_cast<uint32_t>(bytes_.size()),
                           static_cast<uint32_t>(text.size())});
     bytes_.append(text);
+    return items_.size() - 1;
+  }
+  // An item whose text is that of the earlier item at index, without a copy: one text for
+  // many targets (a fan-out from the node) is carried once per batch.
+  void AddSameText(Ptr target, HandOff op, size_t index) {
+    const Item& earlier = items_[index];
+    items_.push_back(Item{std::move(target), op, earlier.offset, earlier.size});
   }
   // Appends other's items after this batch's own.
   void Append(HandOffBatch& other) {

@@ -74,6 +74,10 @@ void AppendAnnounce(std::string& out, std::string_view station_text, std::string
 
 void AppendChallenge(std::string& out, std::string_view nonce) { AppendRecord(out, "AA39", nonce); }
 
+void AppendCapabilities(std::string& out, std::string_view features) {
+  AppendRecord(out, "AA40", features);
+}
+
 void AppendStreamList(std::string& out, std::span<const int> streams) {
   out.append("AA01");
   AppendFields(out, streams.size());

@@ -36,6 +36,9 @@ void AppendInputHeld(std::string& out);
 // that it knows the link secret; the proof shows the node that the front-end knows it too.
 void AppendAnnounce(std::string& out, std::string_view station_text, std::string_view version,
                     std::string_view proof);
+// "AA40^<feature>,...": what this front-end understands beyond the messages every node
+// sends, right after "QRV".  A node that knows none of it ignores the record.
+void AppendCapabilities(std::string& out, std::string_view features);
 // "AA39^<nonce>": the challenge to a new connection on the link port after its greeting.
 void AppendChallenge(std::string& out, std::string_view nonce);
 // "AA01^<count>^<s1>,<s2>,..."

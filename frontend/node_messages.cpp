@@ -64,6 +64,28 @@ NodeMessage DecodeNodeMessage(std::string_view message) {
     return m;
   }
 
+  if (code == "7") {
+    // The list first, the text last: the text is everything after the list and may hold
+    // Chr 3.  Every entry is checked here, so the handler walks a list known to be good.
+    const size_t list_end = rest.find(kRecordEnd);
+    if (list_end == std::string_view::npos) return Malformed(message, "fan-out without text");
+    m.label = rest.substr(0, list_end);
+    m.text = rest.substr(list_end + 1);
+    if (m.label.empty()) return Malformed(message, "fan-out without streams");
+    if (m.text.empty()) return Malformed(message, "fan-out without text");
+    FanoutTargets targets(m.label);
+    int stream = 0;
+    uint64_t tag = 0;
+    while (targets.Next(stream, tag)) {
+      if (++m.targets > static_cast<int>(kMaxFanoutTargets)) {
+        return Malformed(message, "fan-out to too many streams");
+      }
+    }
+    if (targets.failed()) return Malformed(message, "bad stream or tag in fan-out");
+    m.kind = NodeMessageKind::kFanOut;
+    return m;
+  }
+
   // The other messages have a few short elements.
   std::array<std::string_view, 5> el{};
   size_t count = 0;
@@ -116,6 +138,24 @@ NodeMessage DecodeNodeMessage(std::string_view message) {
     return m;
   }
   return Malformed(message, "unknown message code");
+}
+
+bool FanoutTargets::Next(int& stream, uint64_t& tag) {
+  if (done_) return false;
+  const size_t comma = left_.find(',');
+  const std::string_view entry = left_.substr(0, comma);
+  if (comma == std::string_view::npos) {
+    done_ = true;
+  } else {
+    left_.remove_prefix(comma + 1);
+  }
+  const size_t colon = entry.find(':');
+  if (colon == std::string_view::npos || !ParseStream(entry.substr(0, colon), stream) ||
+      !ParseNumber(entry.substr(colon + 1), tag)) {
+    done_ = failed_ = true;
+    return false;
+  }
+  return true;
 }
 
 NodeMessageParser::NodeMessageParser(size_t max_message) : max_message_(max_message) {}

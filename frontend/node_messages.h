@@ -14,7 +14,14 @@
 #include <span>
 #include <string_view>
 
+#include "core/link_fanout.h"
+
 namespace qx {
+
+// The capability this front-end offers in "AA40", and the most streams one fan-out message may
+// name; the node keeps to the same bound (core/link_fanout.h).
+inline constexpr std::string_view kFanoutFeature = FanoutGroup::kFeature;
+inline constexpr size_t kMaxFanoutTargets = FanoutGroup::kMaxStreams;
 
 enum class NodeMessageKind {
   kGreeting,           // raw "QX Cluster"
@@ -27,6 +34,7 @@ enum class NodeMessageKind {
   kProof,              // "4": the node's nonce (in text) and its proof (in label)
   kAttributes,         // "5": stream, attributes (in text), tag
   kHandOver,           // "6": the node is stopping (reason in text); hold input from here
+  kFanOut,             // "7": one text (in text) for the streams of a list (in label)
   kMalformed,          // error says why; text holds (the start of) the message
 };
 
@@ -39,7 +47,23 @@ struct NodeMessage {
   int port = 0;
   std::string_view label;
   int state = 0;
+  int targets = 0;  // kFanOut: the entries in the list
   std::string_view error;
+};
+
+// Walks the list of a fan-out message, "<stream>:<tag>,<stream>:<tag>,...".  Next gives one
+// entry at a time; false at the end, or at the first entry that cannot be read (then
+// failed() is true).  Pure.
+class FanoutTargets {
+ public:
+  explicit FanoutTargets(std::string_view list) : left_(list), done_(list.empty()) {}
+  bool Next(int& stream, uint64_t& tag);
+  bool failed() const { return failed_; }
+
+ private:
+  std::string_view left_;
+  bool done_;
+  bool failed_ = false;
 };
 
 // Decodes one message without its Chr 4.  Pure; used by the parser and by tests.

@@ -101,13 +101,12 @@ void SpotDistributor::PrepareColumns(const Spot& spot) {
   put(kColDxState, state_of_ ? state_of_(spot.dx_call()) : std::string_view());
 }
 
-const std::shared_ptr<std::string>& SpotDistributor::UserText(const Spot& spot, int decimals,
-                                                              uint8_t columns, int width, bool bell,
-                                                              DistributionStats& stats) {
+size_t SpotDistributor::UserText(const Spot& spot, int decimals, uint8_t columns, int width,
+                                 bool bell, DistributionStats& stats) {
   for (size_t i = 0; i < ready_used_; ++i) {
     const Ready& r = ready_[i];
     if (r.decimals == decimals && r.columns == columns && r.width == width && r.bell == bell) {
-      return r.text;
+      return i;
     }
   }
   if (ready_used_ == ready_.size()) ready_.emplace_back();
@@ -136,7 +135,18 @@ const std::shared_ptr<std::string>& SpotDistributor::UserText(const Spot& spot, 
   }
   if (bell) text += '\a';
   text += "\r\n";
-  return r.text;
+  return ready_used_ - 1;
+}
+
+void SpotDistributor::SendGathered() {
+  // Few texts per spot (the variants in use), so one pass per text costs little.
+  for (size_t i = 0; i < ready_used_; ++i) {
+    const std::shared_ptr<const std::string> text = ready_[i].text;
+    for (const Gathered& g : gathered_) {
+      if (g.ready == i) sink_.SendSpotToStream(g.stream, text);
+    }
+  }
+  gathered_.clear();
 }
 
 void SpotDistributor::Begin() {
@@ -182,9 +192,12 @@ void SpotDistributor::SendTo(int stream, const StreamEntry& user, const Spot& sp
     columns = FittingColumns(columns, columns_, kDxDeLineWidth, size_t(width));
   }
   const int decimals = set.resolution >= 2 ? 2 : 1;
-  const std::shared_ptr<const std::string> text =
-      UserText(spot, decimals, columns, width, set.Has(kSwBeep), stats);
-  sink_.SendSpotToStream(stream, text);
+  const size_t ready = UserText(spot, decimals, columns, width, set.Has(kSwBeep), stats);
+  if (gathering_) {
+    gathered_.push_back({stream, uint32_t(ready)});
+  } else {
+    sink_.SendSpotToStream(stream, ready_[ready].text);
+  }
   ++stats.users;
 }
 
@@ -192,6 +205,8 @@ DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
   DistributionStats stats;
   Begin();
   if (filter_) filter_->Prepare(spot);
+  gathering_ = true;
+  gathered_.clear();
 
   const int high = streams_.high_socket();
   for (int stream = 1; stream <= high; ++stream) {
@@ -205,6 +220,8 @@ DistributionStats SpotDistributor::OutputSpotToAll(const Spot& spot) {
     }
     SendTo(stream, e, spot, stats);
   }
+  gathering_ = false;
+  SendGathered();
   return stats;
 }
 

@@ -111,8 +111,11 @@ class SpotDistributor {
   const std::string& LineFor(const Spot& spot, int decimals, DistributionStats& stats);
   const std::string& ExtendedLine(const Spot& spot, int decimals, uint8_t columns,
                                   DistributionStats& stats);
-  const std::shared_ptr<std::string>& UserText(const Spot& spot, int decimals, uint8_t columns,
-                                               int width, bool bell, DistributionStats& stats);
+  // The index in ready_ of the user's finished line.
+  size_t UserText(const Spot& spot, int decimals, uint8_t columns, int width, bool bell,
+                  DistributionStats& stats);
+  // Hands the gathered lines to the sink, every user of one text after the other.
+  void SendGathered();
   // Works out the spot's extra column texts (once per spot).
   void PrepareColumns(const Spot& spot);
 
@@ -132,6 +135,16 @@ class SpotDistributor {
   size_t extended_used_ = 0;
   std::vector<Ready> ready_;
   size_t ready_used_ = 0;
+  // While a spot goes to all: the users of each finished line (stream, index in ready_),
+  // handed on once every user has been seen, so that users of one text reach the sink
+  // together and the link can send them as one message.  Each user gets one line per spot,
+  // so no user's lines change order.
+  struct Gathered {
+    int stream;
+    uint32_t ready;
+  };
+  bool gathering_ = false;
+  std::vector<Gathered> gathered_;
   bool columns_ready_ = false;
   std::string column_store_[kExtraColumnCount];
   ExtraColumnTexts columns_;

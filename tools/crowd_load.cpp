@@ -17,9 +17,11 @@
 //
 //   crowd_load --home DIR --qxcluster PATH --qxfront PATH [--users 10000] [--sample 200]
 //              [--rates 10,20,40] [--seconds 20] [--sources 1] [--login-window 1000]
-//              [--rss-every 0] [--front-threads 0]
+//              [--rss-every 0] [--front-threads 0] [--fanout 1]
 //
 // --front-threads N sets the front-end's "Frontend Threads" (0: its default, one per core).
+// --fanout 0 sets "Link Fanout^0": the node then sends one link message per user and spot, so
+// the cost of the one-message-for-many form can be compared.
 // --sources N connects from N loopback addresses (127.0.0.1 .. 127.0.0.N) in turn.
 #include <pthread.h>
 #include <sched.h>
@@ -53,6 +55,7 @@ struct Options {
   int login_window = 1000;
   double rss_every = 0;
   int front_threads = 0;
+  bool fanout = true;
 };
 
 struct User {
@@ -307,10 +310,12 @@ Options ParseOptions(int argc, char** argv) {
       o.rss_every = args.Double();
     } else if (args.Is("--front-threads")) {
       o.front_threads = std::max(0, args.Int());
+    } else if (args.Is("--fanout")) {
+      o.fanout = args.Int() != 0;
     } else {
       args.Unknown(std::string(ProgramPaths::kFlags) +
                    " --users --sample --rates --seconds --sources --login-window --rss-every"
-                   " --front-threads");
+                   " --front-threads --fanout");
     }
   }
   o.paths.Finish();
@@ -334,7 +339,8 @@ int main(int argc, char** argv) {
       SiteConfig("XX0QX-1", link_port, user_port, console_port) + kNoSpotLimits +
           "Max Connections^" + std::to_string(opt.users + 100) + "\r\n" +
           (opt.front_threads > 0 ? "Frontend Threads^" + std::to_string(opt.front_threads) + "\r\n"
-                                 : std::string()));
+                                 : std::string()) +
+          (opt.fanout ? std::string() : std::string("Link Fanout^0\r\n")));
   const pid_t front = Spawn(opt.paths.qxfront, opt.paths.home, "qxfront");
   const pid_t node = Spawn(opt.paths.qxcluster, opt.paths.home, "qxcluster");
   if (!WaitForBanner(user_port, std::chrono::seconds(60))) Die("no log-in banner within 60 s");

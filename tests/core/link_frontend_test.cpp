@@ -989,5 +989,158 @@ TEST_F(LinkSocketTest, AFrontEndThatFallsBehindLosesOnlySpotsAndEachUserIsToldHo
                                   " spot lines were dropped for 2 users") != std::string::npos);
 }
 
+// What the fake front-end received, message by message: "0" and "7" become one "stream>text"
+// entry per stream they reach, in the order a front-end delivers them; other messages appear
+// as "#<code>:<first element>".  fanouts counts the "7" messages and their entries.
+struct Delivered {
+  std::vector<std::string> items;
+  std::vector<size_t> fanouts;
+};
+Delivered Deliveries(std::string_view rest) {
+  Delivered d;
+  while (!rest.empty()) {
+    const size_t end = rest.find('\x04');
+    if (end == std::string_view::npos) break;
+    const std::string_view message = rest.substr(0, end);
+    rest.remove_prefix(end + 1);
+    if (message.starts_with("QX Cluster") || message.starts_with("8270")) continue;
+    const auto parts = Split(message, '\x03');
+    if (parts[0] == "7") {
+      const std::string_view text = message.substr(parts[0].size() + parts[1].size() + 2);
+      const auto targets = Split(parts[1], ',');
+      d.fanouts.push_back(targets.size());
+      for (std::string_view t : targets) {
+        d.items.push_back(std::string(t.substr(0, t.find(':'))) + ">" + std::string(text));
+      }
+    } else if (parts[0] == "0") {
+      d.items.push_back(std::string(parts[1]) + ">" + std::string(parts[2]));
+    } else {
+      d.items.push_back("#" + std::string(parts[0]) + ":" + std::string(parts[1]));
+    }
+  }
+  return d;
+}
+
+TEST_F(LinkSocketTest, SpotLinesForManyUsersGoOutAsOneMessageOnlyToAFrontEndThatOffersIt) {
+  FakeFrontend fe(io_);
+  StartAgainst(fe.port());
+  ASSERT_TRUE(Handshake(fe));
+  fe.Send(
+      "AA03^Connect Request^5^192.0.2.7:1^11^in^0\x03"
+      "AA03^Connect Request^6^192.0.2.8:1^12^in^0\x03"
+      "AA03^Connect Request^7^192.0.2.9:1^13^in^0\x03");
+  ASSERT_TRUE(RunUntil([&] { return events_.connects.size() == 3; }));
+  const auto text = [](std::string s) { return std::make_shared<const std::string>(s); };
+
+  // Before the front-end has said it understands the message: one "0" per user.
+  const auto a = text("spot A\r\n");
+  link_->SendSpotToStreamNo(5, a);
+  link_->SendSpotToStreamNo(6, a);
+  ASSERT_TRUE(Received(fe,
+                       "6\x03spot A\r\n\x03"
+                       "12\x04"));
+  EXPECT_TRUE(Deliveries(fe.received()).fanouts.empty());
+  fe.received().clear();
+
+  fe.Send("AA40^later,fanout\x03");
+  ASSERT_TRUE(RunUntil([&] { return link_->fanout_in_use(); }));
+  // Consecutive lines of one text share a message; any other output closes the group, and so
+  // does another text even with the same bytes.  Chr 4 cannot end a message early.
+  const auto b = text("spot B\x04\x03!\r\n");
+  const auto b_again = text(*b);
+  link_->SendSpotToStreamNo(5, a);
+  link_->SendSpotToStreamNo(6, a);
+  link_->SendToStreamNo(6, "reply\r\n");
+  link_->SendSpotToStreamNo(7, a);
+  link_->SendSpotToStreamNo(5, b);
+  link_->SendSpotToStreamNo(6, b);
+  link_->SendSpotToStreamNo(7, b_again);
+  link_->SetStreamIdentity(7, "G4ABC", 1);
+  link_->SendSpotToStreamNo(7, b_again);
+  ASSERT_TRUE(Received(fe, "G4ABC"));
+  ASSERT_TRUE(
+      RunUntil([&] { return link_->queue_depth() == 0 && fe.received().ends_with('\x04'); }));
+  EXPECT_NE(fe.received().find("7\x03"
+                               "5:11,6:12\x03spot A\r\n\x04"),
+            std::string::npos);
+  const Delivered d = Deliveries(fe.received());
+  EXPECT_EQ(d.items,
+            (std::vector<std::string>{"5>spot A\r\n", "6>spot A\r\n", "6>reply\r\n", "7>spot A\r\n",
+                                      "5>spot B\x03!\r\n", "6>spot B\x03!\r\n", "7>spot B\x03!\r\n",
+                                      "#3:7", "7>spot B\x03!\r\n"}));
+  EXPECT_EQ(d.fanouts, (std::vector<size_t>{2, 1, 2, 1, 1}));
+  EXPECT_EQ(link_->fanout_messages(), 5u);
+  EXPECT_EQ(link_->fanout_lines(), 7u);
+
+  // A group stays within its bound: more streams go on in a message of their own.
+  fe.received().clear();
+  const auto c = text("spot C\r\n");
+  for (int i = 0; i < 1030; ++i) link_->SendSpotToStreamNo(5 + i % 3, c);
+  ASSERT_TRUE(RunUntil([&] { return Deliveries(fe.received()).items.size() == 1030; }));
+  EXPECT_EQ(Deliveries(fe.received()).fanouts,
+            (std::vector<size_t>{FanoutGroup::kMaxStreams, 1030 - FanoutGroup::kMaxStreams}));
+
+  // The next front-end must say again what it understands.
+  fe.Close();
+  ASSERT_TRUE(RunUntil([&] { return !link_->connected(); }));
+  EXPECT_FALSE(link_->fanout_in_use());
+  fe.received().clear();
+  ASSERT_TRUE(Handshake(fe));
+  link_->SendSpotToStreamNo(5, c);
+  link_->SendSpotToStreamNo(6, c);
+  ASSERT_TRUE(Received(fe,
+                       "6\x03spot C\r\n\x03"
+                       "12\x04"));
+  EXPECT_TRUE(Deliveries(fe.received()).fanouts.empty());
+}
+
+TEST_F(LinkSocketTest, AFrontEndThatFallsBehindGetsNoGroupsAndEachUserKeepsTheOrder) {
+  FakeFrontend fe(io_);
+  FrontendLinkOptions options;
+  options.port = std::to_string(fe.port());
+  options.soft_output_bytes = 32 << 10;
+  options.stream_spot_queue = 1000000;  // nothing shed: every line is accounted for
+  MakeLink(options);
+  link_->Start();
+  ASSERT_TRUE(Handshake(fe));
+  fe.Send(
+      "AA40^fanout\x03"
+      "AA03^Connect Request^5^192.0.2.7:1^11^in^0\x03"
+      "AA03^Connect Request^6^192.0.2.8:1^12^in^0\x03");
+  ASSERT_TRUE(RunUntil([&] { return events_.connects.size() == 2 && link_->fanout_in_use(); }));
+  fe.PauseReading();
+  int sent = 0;
+  int sent_congested = 0;
+  while (sent_congested < 200) {
+    ASSERT_LT(sent, 400000);
+    if (sent % 64 == 0) RunFor(1ms);
+    const auto t = std::make_shared<const std::string>("spot " + std::to_string(++sent) + "\r\n");
+    if (link_->congested()) ++sent_congested;
+    link_->SendSpotToStreamNo(5, t);
+    if (sent % 50 == 0) link_->SendToStreamNo(5, "reply " + std::to_string(sent) + "\r\n");
+    link_->SendSpotToStreamNo(6, t);
+  }
+  const uint64_t grouped = link_->fanout_lines();
+  fe.ResumeReading();
+  ASSERT_TRUE(RunUntil([&] { return !link_->congested() && link_->queue_depth() == 0; }, 20s));
+  RunFor(50ms);
+  EXPECT_EQ(link_->fanout_lines(), grouped);  // what waited went out one line per message
+
+  std::vector<std::string> expected[2];
+  for (int i = 1; i <= sent; ++i) {
+    for (int s = 0; s < 2; ++s) expected[s].push_back("spot " + std::to_string(i) + "\r\n");
+    if (i % 50 == 0) expected[0].push_back("reply " + std::to_string(i) + "\r\n");
+  }
+  std::vector<std::string> got[2];
+  for (const std::string& item : Deliveries(fe.received()).items) {
+    if (item.starts_with("5>") || item.starts_with("6>"))
+      got[item[0] - '5'].push_back(item.substr(2));
+  }
+  EXPECT_EQ(got[0], expected[0]);
+  EXPECT_EQ(got[1], expected[1]);
+  EXPECT_GT(grouped, 0u);
+  EXPECT_LT(grouped, uint64_t(2 * sent));
+}
+
 }  // namespace
 }  // namespace qx

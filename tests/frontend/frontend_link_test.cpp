@@ -244,6 +244,62 @@ TEST_P(FrontendLinkTest, InterleavedTextKeepsItsOrderOnEveryConnection) {
             std::string::npos);
 }
 
+// One text for many connections ("7"), interleaved with text for single ones: each connection
+// gets its lines once and in the order the node sent them, whichever thread owns it, and an
+// entry whose tag is stale is dropped.
+TEST_P(FrontendLinkTest, OneTextForManyConnectionsKeepsEachConnectionsOrder) {
+  StartFront({"--counters-every-ms", "100"});
+  LineClient node;
+  EXPECT_TRUE(node.Connect(link_port_));
+  ASSERT_FALSE(Prove(node, key_).empty());
+  EXPECT_EQ(WaitRecord(node, "AA40^"), "AA40^fanout");  // offered right after QRV
+  ASSERT_TRUE(node.Send("8270"));
+  ASSERT_FALSE(WaitRecord(node, "AA01^").empty());
+  constexpr int kClients = 5;
+  constexpr int kSpots = 200;
+  std::vector<std::unique_ptr<LineClient>> clients;
+  std::vector<std::string> tags;
+  for (int i = 0; i < kClients; ++i) {
+    clients.push_back(std::make_unique<LineClient>());
+    tags.push_back(Field(ConnectClient(node, *clients.back(), user_port_), 4));
+  }
+  std::string burst;
+  std::vector<std::string> expected(kClients);
+  for (int n = 0; n < kSpots; ++n) {
+    // Stream 1 with stream 2's tag is a stale entry: nothing for either.
+    std::string list = "1:" + tags[1];
+    for (int i = 0; i < kClients; ++i) list += "," + std::to_string(i + 1) + ":" + tags[i];
+    const std::string spot = "DX de " + std::to_string(n) + "\x03" + "\r\n";
+    burst += Message({"7", list, spot});
+    const int one = n % kClients;
+    burst +=
+        Message({"0", std::to_string(one + 1), "reply " + std::to_string(n) + "\r\n", tags[one]});
+    for (int i = 0; i < kClients; ++i) {
+      expected[i] += spot;
+      if (i == one) expected[i] += "reply " + std::to_string(n) + "\r\n";
+    }
+  }
+  ASSERT_TRUE(node.Send(burst));
+  for (int i = 0; i < kClients; ++i) {
+    ASSERT_TRUE(clients[i]->ReadUntil(expected[i].substr(expected[i].size() - 20)));
+    EXPECT_EQ(clients[i]->received(), expected[i]);
+  }
+  const std::string lines = "fanout_lines_total=" + std::to_string(kSpots * kClients);
+  const std::string messages = "fanout_messages_total=" + std::to_string(kSpots);
+  EXPECT_TRUE(testing::WaitFor(
+      [&] {
+        node.Drain(20ms);
+        for (const auto& r : Records(node.received())) {
+          if (r.starts_with("AA20^") && r.find(lines) != std::string::npos &&
+              r.find(messages) != std::string::npos) {
+            return true;
+          }
+        }
+        return false;
+      },
+      10s));
+}
+
 TEST_P(FrontendLinkTest, ClosesAreReportedAndStreamNumbersReused) {
   StartFront();
   LineClient node;
@@ -306,11 +362,13 @@ TEST_P(FrontendLinkTest, NodeRestartKeepsConnectionsAndHeldInput) {
       WaitRecord(node2, "AA38^"),
       "AA38^" + tag + "^1^127.0.0.1:" + std::to_string(LocalPort(client)) + "^0^G4ABC^5^in^priv=9");
   EXPECT_EQ(WaitRecord(node2, "AA00^"), "AA00^1^sh/dx\r\nsh/us\r\n");
-  // The order is fixed: challenge, announcement, list, reports, then held input.
+  // The order is fixed: challenge, announcement, what the front-end understands, list,
+  // reports, then held input.
   const auto records = Records(node2.received());
-  ASSERT_GE(records.size(), 5u);
-  EXPECT_TRUE(records[2].starts_with("AA01^"));
-  EXPECT_TRUE(records[3].starts_with("AA38^"));
+  ASSERT_GE(records.size(), 6u);
+  EXPECT_EQ(records[2], "AA40^fanout");
+  EXPECT_TRUE(records[3].starts_with("AA01^"));
+  EXPECT_TRUE(records[4].starts_with("AA38^"));
 
   ASSERT_TRUE(node2.Send(Message({"0", "1", "still here\r\n", tag})));
   ASSERT_TRUE(client.ReadUntil("still here\r\n"));

@@ -30,6 +30,8 @@ TEST(FrontendSettingsTest, ConnectionLimitsAreReadAndZeroTurnsOneOff) {
       "Max Connects Per Minute^ 3 \r\nLogin Timeout^-5\r\nFrontend Threads^500\r\n");
   EXPECT_EQ(r.settings.max_connections, 500);
   EXPECT_EQ(r.settings.threads, kMaxFrontendThreads);
+  EXPECT_TRUE(r.settings.link_fanout);  // offered unless turned off
+  EXPECT_FALSE(ParseFrontendSettings("Link Fanout^0\r\n").settings.link_fanout);
   EXPECT_EQ(r.settings.max_per_address, 0);
   EXPECT_EQ(r.settings.max_connects_per_minute, 3);
   EXPECT_EQ(r.settings.login_timeout_seconds, 180);

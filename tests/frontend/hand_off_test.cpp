@@ -17,16 +17,19 @@ TEST(HandOffTest, BatchesKeepOrderAndTextAcrossPublishes) {
   EXPECT_TRUE(box.Publish(batch));  // the receiver has to be woken
   EXPECT_TRUE(batch.empty());
   batch.Add(3, HandOff::kStart);
-  batch.Add(4, HandOff::kText, "four");
+  // One text for several targets is carried once, and still found after being appended.
+  const size_t four = batch.Add(4, HandOff::kText, "four");
+  batch.AddSameText(5, HandOff::kText, four);
   EXPECT_FALSE(box.Publish(batch));  // it is woken already: appended, no second wake-up
   box.Take(taken);
-  ASSERT_EQ(taken.items().size(), 4u);
-  const char* texts[] = {"one", "two", "", "four"};
-  for (int i = 0; i < 4; ++i) {
+  ASSERT_EQ(taken.items().size(), 5u);
+  const char* texts[] = {"one", "two", "", "four", "four"};
+  for (int i = 0; i < 5; ++i) {
     EXPECT_EQ(taken.items()[i].target, i + 1);
     EXPECT_EQ(taken.Text(taken.items()[i]), texts[i]);
   }
   EXPECT_EQ(taken.items()[1].op, HandOff::kClose);
+  EXPECT_EQ(taken.items()[4].offset, taken.items()[3].offset);
   taken.Clear();
   batch.Add(5, HandOff::kInput, "five");
   EXPECT_TRUE(box.Publish(batch));  // taken since: wake again

@@ -47,6 +47,9 @@ std::string Describe(const NodeMessage& m) {
              std::to_string(m.tag);
     case NodeMessageKind::kHandOver:
       return "hand over [" + std::string(m.text) + "]";
+    case NodeMessageKind::kFanOut:
+      return "fanout " + std::to_string(m.targets) + " [" + std::string(m.label) + "] [" +
+             std::string(m.text) + "]";
     case NodeMessageKind::kMalformed:
       return "malformed " + std::string(m.error);
   }
@@ -98,7 +101,19 @@ TEST(DecodeNodeMessageTest, EachKindAndEachFaultSaysWhatItIs) {
       {"5|1|a", "malformed stream message without text or tag"},
       {"2|host|99999|L", "malformed bad port"},
       {"3|1|G4ABC|x", "malformed bad state"},
-      {"7|1", "malformed unknown message code"},
+      {"8|1", "malformed unknown message code"},
+      // One text for many streams: the list first, the text (which may hold Chr 3) last.
+      {"7|3:17,12:1838652366950417|DX de|x\r\n",
+       "fanout 2 [3:17,12:1838652366950417] [DX de|x\r\n]"},
+      {"7|3:0|hi", "fanout 1 [3:0] [hi]"},
+      {"7|3:17", "malformed fan-out without text"},
+      {"7|3:17|", "malformed fan-out without text"},
+      {"7||hi", "malformed fan-out without streams"},
+      {"7|3:17,|hi", "malformed bad stream or tag in fan-out"},
+      {"7|0:17|hi", "malformed bad stream or tag in fan-out"},
+      {"7|3|hi", "malformed bad stream or tag in fan-out"},
+      {"7|3:-1|hi", "malformed bad stream or tag in fan-out"},
+      {"7|3:1 ,4:2|hi", "malformed bad stream or tag in fan-out"},
       {"4|", "malformed proof without nonce and proof"},
       {"4|n|", "malformed proof without nonce and proof"},
       {"4||p", "malformed proof without nonce and proof"},
@@ -110,13 +125,42 @@ TEST(DecodeNodeMessageTest, EachKindAndEachFaultSaysWhatItIs) {
   }
 }
 
+TEST(DecodeNodeMessageTest, AFanOutNamesAtMostItsBoundOfStreamsEachWithItsTag) {
+  std::string list;
+  for (size_t i = 1; i <= kMaxFanoutTargets; ++i) {
+    list += (i > 1 ? "," : "") + std::to_string(i) + ":" + std::to_string(1000 + i);
+  }
+  const std::string message = Bars("7|" + list + "|line\r\n");  // the views point into it
+  const NodeMessage m = DecodeNodeMessage(message);
+  ASSERT_EQ(m.kind, NodeMessageKind::kFanOut);
+  FanoutTargets targets(m.label);
+  int stream = 0;
+  uint64_t tag = 0;
+  size_t seen = 0;
+  while (targets.Next(stream, tag)) {
+    ++seen;
+    EXPECT_EQ(stream, int(seen));
+    EXPECT_EQ(tag, 1000 + seen);
+  }
+  EXPECT_EQ(seen, kMaxFanoutTargets);
+  EXPECT_FALSE(targets.failed());
+  EXPECT_EQ(Describe(DecodeNodeMessage(Bars("7|" + list + ",9:9|line"))),
+            "malformed fan-out to too many streams");
+}
+
 TEST(NodeMessageParserTest, RawTextsAreFoundGluedToMessagesWhateverThePieces) {
   const std::string link = std::string("QX Cluster") + "8270" + Msg({"0", "1", "hi\r\n", "4"}) +
                            "rxAA18" + "rxAA18" + Msg({"3", "1", "G4ABC", "2", "4"}) + "8270" +
-                           Msg({"1", "1", "Disconnect", "4"});
-  const std::vector<std::string> expected{"greeting", "list",     "send 1 [hi\r\n] 4",
-                                          "alive",    "alive",    "identity 1 G4ABC 2 4",
-                                          "list",     "close 1 4"};
+                           Msg({"7", "1:4,2:5", "x\x03y"}) + Msg({"1", "1", "Disconnect", "4"});
+  const std::vector<std::string> expected{"greeting",
+                                          "list",
+                                          "send 1 [hi\r\n] 4",
+                                          "alive",
+                                          "alive",
+                                          "identity 1 G4ABC 2 4",
+                                          "list",
+                                          "fanout 2 [1:4,2:5] [x\x03y]",
+                                          "close 1 4"};
   for (size_t piece = 1; piece <= link.size(); ++piece) {
     EXPECT_EQ(FeedInPieces(link, piece), expected) << "piece size " << piece;
   }

@@ -148,6 +148,33 @@ TEST_F(DistributionTest, EachUserGetsTheirVariantAndLinesAreBuiltOncePerVariant)
   EXPECT_EQ(sink_.sent.count(9), 0u);
 }
 
+// Users of one text reach the sink one after the other, whatever their order in the table,
+// so that the link can send the text once for all of them.
+TEST_F(DistributionTest, UsersOfOneTextAreHandedOnTogether) {
+  class OrderSink : public SpotSink {
+   public:
+    void SendToStream(int, std::string_view) override {}
+    void SendSpotToStream(int stream, const std::shared_ptr<const std::string>& text) override {
+      calls.emplace_back(stream, text.get());
+    }
+    std::vector<std::pair<int, const std::string*>> calls;
+  } order;
+  AddUser(1, "G1AAA");
+  AddUser(2, "G2BBB").session.resolution = 2;
+  AddUser(3, "G3CCC");
+  AddUser(4, "G4DDD").session.Set(kSwBeep, true);
+  AddUser(5, "G5EEE");
+  AddUser(6, "G6FFF").session.resolution = 2;
+  SpotDistributor dist(streams_, order);
+  EXPECT_EQ(dist.OutputSpotToAll(MakeSpot()).users, 6);
+  std::vector<int> streams;
+  for (const auto& [stream, text] : order.calls) streams.push_back(stream);
+  EXPECT_EQ(streams, (std::vector<int>{1, 3, 5, 2, 6, 4}));
+  EXPECT_EQ(order.calls[0].second, order.calls[2].second);
+  EXPECT_EQ(order.calls[3].second, order.calls[4].second);
+  EXPECT_NE(order.calls[2].second, order.calls[3].second);
+}
+
 // A sink that holds spot lines (the link while the front-end is behind) gets one text per
 // variant, shared between users, and a held text survives the next spot unchanged.
 TEST_F(DistributionTest, HeldSpotTextsAreSharedAndNotReusedForTheNextSpot) {
