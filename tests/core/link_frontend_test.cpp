@@ -909,6 +909,11 @@ TEST_F(LinkSocketTest, AFrontEndThatFallsBehindLosesOnlySpotsAndEachUserIsToldHo
   options.max_output_bytes = 256 << 10;  // far below what the test sends: nothing else is lost
   options.stream_spot_queue = 4;
   MakeLink(options);
+  // Stream 6 reads JSON: its owner gives it an object; stream 5 gets the text line.
+  link_->set_shed_notice([](int stream, uint64_t count) {
+    return stream == 6 ? "{\"type\":\"dropped\",\"count\":" + std::to_string(count) + "}\r\n"
+                       : std::string();
+  });
   link_->Start();
   ASSERT_TRUE(Handshake(fe));
   fe.Send(
@@ -971,6 +976,9 @@ TEST_F(LinkSocketTest, AFrontEndThatFallsBehindLosesOnlySpotsAndEachUserIsToldHo
     } else if (text.starts_with("*** ")) {
       s.told += uint64_t(ParseIntOr(Split(text, ' ')[1], 0));
       s.texts.push_back("told");
+    } else if (text.starts_with("{\"type\":\"dropped\",\"count\":")) {
+      s.told += uint64_t(ParseIntOr(Split(Split(text, ':')[2], '}')[0], 0));
+      s.texts.push_back("told");
     } else {
       s.texts.push_back(text);
     }
@@ -980,6 +988,8 @@ TEST_F(LinkSocketTest, AFrontEndThatFallsBehindLosesOnlySpotsAndEachUserIsToldHo
   EXPECT_EQ(seen[5].texts,
             (std::vector<std::string>{"spots", "reply after spots\r\n", "#", "spots", "told"}));
   EXPECT_EQ(seen[6].texts, (std::vector<std::string>{"spots", "told", "#"}));
+  EXPECT_GT(seen[5].told, 0u);
+  EXPECT_GT(seen[6].told, 0u);
   // Nothing is lost without being counted, and each user hears of exactly their loss.
   EXPECT_EQ(seen[5].told + seen[6].told, link_->spots_shed());
   EXPECT_EQ(seen[5].spots + int(seen[5].told), sent);
