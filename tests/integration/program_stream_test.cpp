@@ -109,6 +109,7 @@ TEST(ProgramStreamTest, AClientResumesExactlyAndKeepsItsStreamOverANodeRestart) 
   const int web_port = FreePort();
   site.Setting("WebSocket Port", std::to_string(web_port));
   site.Setting("Stream Replay Max", "100");
+  site.Setting("WebSocket Max Per Address", "0");  // this one client opens six streams
   for (const char* key :
        {"NewMaxSpotsPerMin", "NewMaxSpotsPerMinPerDx", "NewMaxSpotsPerMinPerSpotter"}) {
     site.Setting(key, "1000000");
@@ -141,6 +142,12 @@ TEST(ProgramStreamTest, AClientResumesExactlyAndKeepsItsStreamOverANodeRestart) 
   WsClient typed;
   ASSERT_TRUE(typed.Open(web_port, "/stream?types=spot,announce,wwv"));
   ASSERT_FALSE(typed.Messages([](const auto& m) { return !m.empty(); }).empty());
+  // A user's own stream keeps the user's switches: announcements off on telnet, off here too.
+  sysop->SendLine("SET/NOANNOUNCEMENTS");
+  ASSERT_TRUE(sysop->ReadUntil("Announcements disabled")) << sysop->received();
+  WsClient mine;
+  ASSERT_TRUE(mine.Open(web_port, "/stream?types=all&call=K1SYS&password=secret"));
+  ASSERT_FALSE(mine.Messages([](const auto& m) { return !m.empty(); }).empty());
 
   // The node restarts; the front-end keeps the program's connection, and the next spot is
   // the only one it gets: nothing is replayed.
@@ -165,6 +172,9 @@ TEST(ProgramStreamTest, AClientResumesExactlyAndKeepsItsStreamOverANodeRestart) 
   EXPECT_EQ(wwv[0]["from"], "K1SYS");
   EXPECT_EQ(wwv[0]["sfi"], 150);
   EXPECT_EQ(wwv[0]["k"], 2);
+  const auto mine_got = mine.Messages([](const auto& m) { return !OfType(m, "wwv").empty(); });
+  EXPECT_EQ(OfType(mine_got, "wwv").size(), 1u) << json(mine_got).dump();
+  EXPECT_TRUE(OfType(mine_got, "announce").empty()) << json(mine_got).dump();
   again.Messages([](const auto&) { return false; }, 1500ms);  // anything more would be a repeat
   got = again.Messages([](const auto&) { return true; });
   const std::vector<std::string> after{"K2ABC", "K3ABC", "K4ABC"};
