@@ -161,6 +161,11 @@ bool ClusterNode::StreamsRequireLogin() const {
   return EqualsIgnoreCase(v, "Yes") || EqualsIgnoreCase(v, "True") || v == "1" || v == "-1";
 }
 
+size_t ClusterNode::StreamReplayMax() const {
+  return size_t(std::clamp(config_.GetInt("Stream Replay Max", int(JsonStreams::kDefaultReplayMax)),
+                           int(JsonStreams::kLeastReplayMax), int(JsonStreams::kMostReplayMax)));
+}
+
 void ClusterNode::SetUpJsonStreams() {
   JsonStreamDeps deps;
   deps.streams = &streams_;
@@ -183,6 +188,7 @@ void ClusterNode::SetUpJsonStreams() {
   deps.node_call = config_.Get("Cluster Call");
   deps.version = std::string(kVersion);
   deps.require_login = StreamsRequireLogin();
+  deps.replay_max = StreamReplayMax();
   json_streams_ = std::make_unique<JsonStreams>(std::move(deps));
   distributor_->set_json_maker([this](const Spot& spot, std::string& out) { SpotJson(spot, out); });
 }
@@ -630,7 +636,10 @@ void ClusterNode::ApplySettings() {
   ConfigureDownloads();
   if (network_) network_->Configure(config_);  // defined nodes and outgoing connections
   if (feeds_) feeds_->Configure(config_);
-  if (json_streams_) json_streams_->set_require_login(StreamsRequireLogin());
+  if (json_streams_) {
+    json_streams_->set_require_login(StreamsRequireLogin());
+    json_streams_->set_replay_max(StreamReplayMax());
+  }
   if (rates_) {
     rates_->set_limits({config_.GetInt("NewMaxSpotsPerMin", 0),
                         config_.GetInt("NewMaxSpotsPerMinPerDx", 0),
@@ -914,9 +923,11 @@ void ClusterNode::Shutdown() {
 void ClusterNode::SendToStream(int stream, std::string_view text) {
   if (!link_ || !streams_.InRange(stream)) return;
   StreamEntry& e = streams_.at(stream);
-  if (e.IsUser() && e.session.Has(kSwJson) && !text.starts_with('{')) {
-    // A user in JSON mode: whatever the node says as text (answers, announcements, talk,
-    // WWV) goes out as objects; what is already an object (a spot, a heartbeat) as it is.
+  if ((e.IsUser() || e.state == kStateJsonStream) && e.session.Has(kSwJson) &&
+      !text.starts_with('{')) {
+    // A user in JSON mode or a program's stream: whatever the node says as text (answers,
+    // announcements, talk, WWV) goes out as objects; what is already an object (a spot, a
+    // heartbeat) as it is.
     const std::string json = TextAsJson(text, e.call, clock_.Now());
     if (json.empty()) return;
     link_->SendToStreamNo(stream, json);

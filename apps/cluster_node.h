@@ -165,6 +165,7 @@ class ClusterNode final : public LinkEvents,
   // Programs' JSON streams (WebSocket streams and HTTP polls from the front-end).
   void SetUpJsonStreams();
   bool StreamsRequireLogin() const;
+  size_t StreamReplayMax() const;
   // A spot as one JSON object and line end, as every JSON user and stream gets it.
   void SpotJson(const Spot& spot, std::string& out);
   // Intake of one spot sentence; an accepted spot is kept, distributed and relayed.

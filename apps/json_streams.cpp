@@ -16,11 +16,23 @@ namespace qx {
 
 namespace {
 
-// What an anonymous stream takes: spots of every kind a new user gets, nothing addressed to
-// people (announcements, talk, WX, WWV/WCY, log-in notices).
-constexpr uint32_t kAnonymousSwitches =
-    (kDefaultSwitches & ~(kSwAnnouncements | kSwTalk | kSwWx | kSwWwv | kSwWcy | kSwLogin)) |
-    kSwJson;
+// What an anonymous stream takes: what a new user gets (spots of every kind, announcements to
+// ALL and WX, WWV/WCY) except talk and log-in notices, narrowed to the types it asked for.
+constexpr uint32_t kAnonymousSwitches = (kDefaultSwitches & ~(kSwTalk | kSwLogin)) | kSwJson;
+
+// The switches a stream's types govern.  A type it did not ask for turns its switches off;
+// one it asked for leaves them as the user (or a new user) has them, so that a user who
+// turned WX off on telnet does not get it on a stream either.
+constexpr uint32_t kTypeSwitches = kSwDxSpots | kSwAnnouncements | kSwWx | kSwWwv | kSwWcy;
+
+uint32_t SwitchesOfTypes(uint8_t types) {
+  uint32_t on = 0;
+  if (types & kStreamSpots) on |= kSwDxSpots;
+  if (types & kStreamAnnounce) on |= kSwAnnouncements | kSwWx;
+  if (types & kStreamWwv) on |= kSwWwv;
+  if (types & kStreamWcy) on |= kSwWcy;
+  return on;
+}
 
 }  // namespace
 
@@ -72,7 +84,7 @@ bool JsonStreams::Open(int stream, bool recovered) {
   const uint64_t last = deps_.last_id ? deps_.last_id() : 0;
   deps_.out->SendToStream(stream, HelloJson(deps_.clock->Now(), deps_.node_call, deps_.version,
                                             e.call, /*read_only=*/true, last));
-  if (request.has_since) Replay(stream, request);
+  if (request.has_since && (request.types & kStreamSpots)) Replay(stream, request);
   return true;
 }
 
@@ -92,6 +104,7 @@ bool JsonStreams::Admit(int stream, const StreamRequest& request, bool recovered
     Refuse(stream, poll, 401, "this node serves streams to its users only: give call and password");
     return false;
   }
+  session.switches &= ~(kTypeSwitches & ~SwitchesOfTypes(request.types));
   e.session = std::move(session);
   e.call = request.call;
   e.privilege = 0;
@@ -136,8 +149,8 @@ std::vector<Spot> JsonStreams::Wanted(int stream, uint64_t after, bool& gap) con
 void JsonStreams::Replay(int stream, const StreamRequest& request) {
   bool gap = false;
   std::vector<Spot> spots = Wanted(stream, request.since, gap);
-  if (spots.size() > kMaxReplay) {
-    spots.erase(spots.begin(), spots.end() - long(kMaxReplay));
+  if (spots.size() > deps_.replay_max) {
+    spots.erase(spots.begin(), spots.end() - long(deps_.replay_max));
     gap = true;
   }
   if (gap) {

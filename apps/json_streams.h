@@ -2,8 +2,10 @@
 // ("ws:/stream?since=..&filter=..&call=..&password=..") gets a greeting, the spots it missed
 // since the number it names, then every new spot as it is accepted, and a heartbeat every
 // 30 s; an HTTP poll ("http:/spots?since=..&limit=..") gets one JSON array of spots and is
-// closed.  There is no log-in dialogue: a stream without call and password is anonymous and
-// read-only (spots only), one with them gets that user's stored filters; "Stream Requires
+// closed.  A WebSocket stream that names more types ("types=spot,announce,wwv,wcy") also gets
+// announcements to ALL and WX and WWV/WCY lines, from the same delivery that serves telnet
+// users.  There is no log-in dialogue: a stream without call and password is anonymous and
+// read-only, one with them gets that user's stored filters and switches; "Stream Requires
 // Login" refuses anonymous ones.  After a node restart a WebSocket stream is rebuilt from its
 // kind without replaying anything: the client stayed connected and missed nothing.
 // docs/json-stream.md has the protocol.
@@ -51,14 +53,18 @@ struct JsonStreamDeps {
   std::string node_call;
   std::string version;
   bool require_login = false;  // "Stream Requires Login"
+  size_t replay_max = 20000;   // "Stream Replay Max", within JsonStreams' bounds
 };
 
 class JsonStreams {
  public:
-  // Spots replayed to a resuming stream at most; an older start is reported as a gap.  A
-  // busy node takes some 300 spots a minute, so this covers a program that was away for an
-  // hour (what the history holds still bounds it).
-  static constexpr size_t kMaxReplay = 20000;
+  // Spots replayed to a resuming stream at most ("Stream Replay Max"); an older start is
+  // reported as a gap.  A busy node takes some 300 spots a minute, so the default covers a
+  // program that was away for an hour (what the history holds still bounds it).  The most a
+  // sysop may set is some 80 MB of objects, about seven seconds of replay on loopback.
+  static constexpr size_t kDefaultReplayMax = 20000;
+  static constexpr size_t kLeastReplayMax = 100;
+  static constexpr size_t kMostReplayMax = 200000;
   // A replay goes out in pieces of this many spots (some 100 KB), one piece per pause, so that
   // the node serves everybody else in between and the front-end's bounded queue for the
   // client (1 MiB) is not overrun by a burst the client could not have read yet: some 12 MB/s,
@@ -79,6 +85,7 @@ class JsonStreams {
   void Heartbeat();
 
   void set_require_login(bool on) { deps_.require_login = on; }
+  void set_replay_max(size_t spots) { deps_.replay_max = spots; }
 
  private:
   bool Open(int stream, bool recovered);

@@ -79,6 +79,9 @@ const std::vector<GroupInfo>& Groups() {
         {"Get WWV", K::kSwitch, "fetch solar and geomagnetic reports from the web"},
         {"Stream Requires Login", K::kSwitch,
          "programs' JSON streams and polls only for users who give call and password"},
+        {"Stream Replay Max", K::kNumber,
+         "most spots a resuming JSON stream is sent (100 to 200000); older ones are told as a "
+         "gap"},
         {"PC9x Data", K::kSwitch, "kept in cluster.cfg; not used by this version"},
         {"Auto Start", K::kSwitch, "kept in cluster.cfg; not used by this version"},
         {"IP Required", K::kSwitch, "kept in cluster.cfg; not used by this version"},

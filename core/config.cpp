@@ -178,6 +178,9 @@ const std::vector<KeyEntry>& KeyTable() {
       // Programs' JSON streams (WebSocket and HTTP polls): "True" serves only those that
       // give a user's call and password; by default anyone may read spots.
       {EntryKind::kSingle, "Stream Requires Login", "False"},
+      // The most spots a resuming stream is sent (100 to 200000); an older start is told as a
+      // gap.
+      {EntryKind::kSingle, "Stream Replay Max", "20000"},
       // Reference data kept current: where the country file and the known-calls file come
       // from ("" leaves that file alone), further files ("," list of addresses or
       // file=address), and the hours between checks (0: only when the sysop asks).

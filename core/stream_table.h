@@ -28,8 +28,9 @@ enum StreamState : int {
   kStateFeedSkimmer = 31,   // feed code 1
   kStateFeedRbn = 33,       // feed code 3
   kStateFeedReporter = 39,  // feed code 9
-  // A program's JSON stream over WebSocket: spots (and heartbeats) only, no log-in dialogue;
-  // not a user (it is never listed, counted or announced to the network).
+  // A program's JSON stream over WebSocket: spots, heartbeats and the announcements and
+  // WWV/WCY lines it asked for; no log-in dialogue, and not a user (it is never listed,
+  // counted, talked to or announced to the network).
   kStateJsonStream = 40,
   // An HTTP poll: answered at once and closed.
   kStateJsonPoll = 41,
@@ -126,6 +127,12 @@ struct StreamEntry {
   bool IsFeed() const { return IsFeedState(state); }
   // Spot distribution serves users and programs' JSON streams.
   bool TakesSpots() const { return IsUser() || (state == kStateJsonStream && !json_replaying); }
+  // Announcements, WX and WWV/WCY lines (bit: the switch of their kind) reach logged-in users
+  // and programs' JSON streams whose switches let them through; a stream's switches hold only
+  // the kinds its request asked for.
+  bool TakesBroadcast(uint32_t bit) const {
+    return (IsUser() || state == kStateJsonStream) && session.Has(bit);
+  }
 };
 
 class StreamTable {

@@ -396,7 +396,7 @@ void NodeNetwork::DeliverAnnounce(std::string_view from, std::string_view to, st
   StreamTable& t = *deps_.streams;
   for (int s = 1; s <= t.high_socket(); ++s) {
     const StreamEntry& u = t.at(s);
-    if (!u.IsUser() || !u.session.Has(bit)) continue;
+    if (!u.TakesBroadcast(bit)) continue;
     if (to == "SYSOP" && u.privilege <= 0) continue;
     if (gate && !gate(s, u)) continue;
     deps_.out->SendToStream(s, line);

@@ -149,7 +149,7 @@ void PropagationService::ToUsers(uint32_t bit, std::string_view text, std::strin
   StreamTable& t = *deps_.streams;
   for (int s = 1; s <= t.high_socket(); ++s) {
     const StreamEntry& e = t.at(s);
-    if (!e.IsUser() || !e.session.Has(bit) || (gate && !gate(s, e))) continue;
+    if (!e.TakesBroadcast(bit) || (gate && !gate(s, e))) continue;
     deps_.out->SendToStream(s, e.session.Has(kSwBeep) ? bell : plain);
   }
 }

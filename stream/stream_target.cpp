@@ -25,6 +25,33 @@ bool ParseCount(std::string_view text, uint64_t& out) {
   return true;
 }
 
+// The "types" list: names separated by commas, in any case, blanks around them ignored.  Every
+// name the node does not know is collected, so that the refusal names them all at once.
+uint8_t ParseTypes(std::string_view text, std::string& unknown) {
+  static constexpr std::pair<std::string_view, uint8_t> kNames[] = {
+      {"spot", kStreamSpots}, {"announce", kStreamAnnounce}, {"wwv", kStreamWwv},
+      {"wcy", kStreamWcy},    {"all", kStreamAllTypes},
+  };
+  uint8_t types = 0;
+  for (std::string_view item : Split(text, ',')) {
+    item = Trim(item);
+    if (item.empty()) continue;
+    bool known = false;
+    for (const auto& [name, bit] : kNames) {
+      if (EqualsIgnoreCase(item, name)) {
+        types |= bit;
+        known = true;
+        break;
+      }
+    }
+    if (!known && unknown.size() < 200) {
+      if (!unknown.empty()) unknown += ", ";
+      unknown += item.substr(0, 32);
+    }
+  }
+  return types;
+}
+
 }  // namespace
 
 std::string PercentDecode(std::string_view text, bool plus_is_blank) {
@@ -133,6 +160,24 @@ StreamRequest ParseStreamKind(std::string_view kind) {
       return r;
     }
     r.limit = n > StreamRequest::kMaxLimit ? StreamRequest::kMaxLimit : size_t(n);
+  }
+  bool has_types = false;
+  const std::string_view types = t.Get("types", &has_types);
+  if (has_types) {
+    std::string unknown;
+    r.types = ParseTypes(types, unknown);
+    if (!unknown.empty() || r.types == 0) {
+      r.status = 400;
+      r.error =
+          (unknown.empty() ? std::string("types names nothing") : "unknown types: " + unknown) +
+          " (known: spot, announce, wwv, wcy, all)";
+      return r;
+    }
+    if (r.kind == StreamKind::kHttpPoll && r.types != kStreamSpots) {
+      r.status = 400;
+      r.error = "a poll answers spots only; announcements, WWV and WCY come on /stream";
+      return r;
+    }
   }
   r.filter = std::string(Trim(t.Get("filter")));
   r.call = ToUpper(Trim(t.Get("call")));

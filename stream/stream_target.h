@@ -32,6 +32,16 @@ bool ParseTarget(std::string_view target, Target& out);
 
 enum class StreamKind : uint8_t { kWebSocket, kHttpPoll };
 
+// What a WebSocket stream carries, as its "types" parameter names them ("spot,announce", or
+// "all").  Without the parameter a stream carries spots only, as it always has.
+enum StreamType : uint8_t {
+  kStreamSpots = 1u << 0,     // spot
+  kStreamAnnounce = 1u << 1,  // announce: announcements to ALL and WX
+  kStreamWwv = 1u << 2,       // wwv
+  kStreamWcy = 1u << 3,       // wcy
+  kStreamAllTypes = kStreamSpots | kStreamAnnounce | kStreamWwv | kStreamWcy,
+};
+
 struct StreamRequest {
   static constexpr size_t kDefaultLimit = 100;
   static constexpr size_t kMaxLimit = 1000;
@@ -43,6 +53,7 @@ struct StreamRequest {
   std::string filter;            // rule text as ACCEPT/REJECT take it; rules split by ";"
   std::string call;
   std::string password;
+  uint8_t types = kStreamSpots;  // StreamType bits
   // 200 when the request can be served; otherwise the HTTP status that says why (400 bad
   // parameter, 404 unknown path) and error says it in words.
   int status = 200;

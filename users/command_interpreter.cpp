@@ -565,7 +565,7 @@ void CommandInterpreter::Announce(int stream, std::string_view line, std::string
                    : FilterBook::UserGate();
   for (int s = 1; s <= ctx_.streams.high_socket(); ++s) {
     const StreamEntry& u = ctx_.streams.at(s);
-    if (u.IsUser() && u.session.Has(bit) && (!gate || gate(s, u))) ctx_.Send(s, shown);
+    if (u.TakesBroadcast(bit) && (!gate || gate(s, u))) ctx_.Send(s, shown);
   }
   ctx_.relay.Announce(from, wx ? "WX" : "*", Trim(text), hops);
 }

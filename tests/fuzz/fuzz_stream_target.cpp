@@ -1,6 +1,6 @@
 // The request target of a program's stream on arbitrary bytes: no crash, and what comes out
 // keeps its promises (no control character in any decoded value, bounded parameter count,
-// limits within their range, a refusal always with its reason).
+// limits and types within their range, a refusal always with its reason).
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -47,6 +47,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (r.status == 200) {
       Require(r.error.empty());
       Require(r.limit >= 1 && r.limit <= qx::StreamRequest::kMaxLimit);
+      // A stream carries something, only what the node knows, and a poll only spots.
+      Require(r.types != 0 && (r.types & ~qx::kStreamAllTypes) == 0);
+      Require(r.kind == qx::StreamKind::kWebSocket || r.types == qx::kStreamSpots);
       Require(Clean(r.filter) && Clean(r.call) && Clean(r.password));
     } else {
       Require(!r.error.empty());

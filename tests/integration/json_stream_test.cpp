@@ -190,6 +190,13 @@ TEST_F(JsonStreamTest, FiltersGapsAndRefusals) {
   EXPECT_EQ(objects[0]["type"], "error");
   EXPECT_NE(objects[0]["text"].get<std::string>().find("by_moon"), std::string::npos);
 
+  // So does a type the node does not carry.
+  link_.Open(7, "ws:/stream?types=spot,talk");
+  ASSERT_TRUE(WaitFor([&] { return link_.Closed(7); }));
+  objects = link_.Objects(7);
+  ASSERT_EQ(objects.size(), 1u) << link_.Text(7);
+  EXPECT_NE(objects[0]["text"].get<std::string>().find("unknown types: talk"), std::string::npos);
+
   // A number older than anything kept (before 5001): a gap first, then what is kept.
   link_.Open(4, "ws:/stream?since=1");
   ASSERT_TRUE(link_.WaitText(4, "K2BBB"));

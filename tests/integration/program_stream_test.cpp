@@ -1,7 +1,8 @@
 // Programs through the real front-end and node together: a WebSocket client gets every spot as
 // JSON, picks up exactly where it left off after a disconnect (also from the day file after a
-// node restart), keeps its stream while the node restarts, a poll answers the same spots, and
-// a long resume comes whole and in order.
+// node restart), keeps its stream while the node restarts, a poll answers the same spots, a
+// stream that asks for them gets announcements and WWV too, a resume is held to the node's
+// replay cap, and a long resume comes whole and in order.
 #include <algorithm>
 #include <functional>
 
@@ -85,12 +86,38 @@ auto HasSpots(size_t n) {
   return [n](const std::vector<json>& m) { return SpotCalls(m).size() >= n; };
 }
 
+std::vector<json> OfType(const std::vector<json>& messages, std::string_view type) {
+  std::vector<json> out;
+  for (const json& m : messages) {
+    if (m.value("type", "") == type) out.push_back(m);
+  }
+  return out;
+}
+
+// A distinct call per spot number: "DL" with a digit and three letters.
+std::string ReplayCall(int i) {
+  std::string call = "DL";
+  call += char('0' + i % 10);
+  call += char('A' + i / 10 / 676 % 26);
+  call += char('A' + i / 10 / 26 % 26);
+  call += char('A' + i / 10 % 26);
+  return call;
+}
+
 TEST(ProgramStreamTest, AClientResumesExactlyAndKeepsItsStreamOverANodeRestart) {
   NodeSite site("K1QXA");
   const int web_port = FreePort();
   site.Setting("WebSocket Port", std::to_string(web_port));
+  site.Setting("Stream Replay Max", "100");
+  site.Setting("WebSocket Max Per Address", "0");  // this one client opens six streams
+  for (const char* key :
+       {"NewMaxSpotsPerMin", "NewMaxSpotsPerMinPerDx", "NewMaxSpotsPerMinPerSpotter"}) {
+    site.Setting(key, "1000000");
+  }
+  site.Password("K1SYS", "secret", 5);
   site.Start();
   auto user = site.LogIn("W1AW");
+  auto sysop = site.LogIn("K1SYS", "secret");
 
   WsClient first;
   ASSERT_TRUE(first.Open(web_port, "/stream")) << site.front().Output();
@@ -112,6 +139,15 @@ TEST(ProgramStreamTest, AClientResumesExactlyAndKeepsItsStreamOverANodeRestart) 
   ASSERT_TRUE(again.Open(web_port, "/stream?since=" + std::to_string(seen)));
   got = again.Messages(HasSpots(2));
   EXPECT_EQ(SpotCalls(got), (std::vector<std::string>{"K2ABC", "K3ABC"}));
+  WsClient typed;
+  ASSERT_TRUE(typed.Open(web_port, "/stream?types=spot,announce,wwv"));
+  ASSERT_FALSE(typed.Messages([](const auto& m) { return !m.empty(); }).empty());
+  // A user's own stream keeps the user's switches: announcements off on telnet, off here too.
+  sysop->SendLine("SET/NOANNOUNCEMENTS");
+  ASSERT_TRUE(sysop->ReadUntil("Announcements disabled")) << sysop->received();
+  WsClient mine;
+  ASSERT_TRUE(mine.Open(web_port, "/stream?types=all&call=K1SYS&password=secret"));
+  ASSERT_FALSE(mine.Messages([](const auto& m) { return !m.empty(); }).empty());
 
   // The node restarts; the front-end keeps the program's connection, and the next spot is
   // the only one it gets: nothing is replayed.
@@ -120,10 +156,30 @@ TEST(ProgramStreamTest, AClientResumesExactlyAndKeepsItsStreamOverANodeRestart) 
   ASSERT_TRUE(site.WaitOutput("Recovery complete")) << site.node().Output();
   user->SendLine("DX 14040.0 K4ABC after the restart");
   got = again.Messages(HasSpots(3));
+  // The stream rebuilt after the restart still carries what it asked for; the default one
+  // gets neither the announcement nor the WWV (checked with the repeats below).
+  sysop->SendLine("ANNOUNCE net on 3760 tonight");
+  sysop->SendLine("WWV SF=150,A=8,K=2,Quiet");
+  const auto typed_got = typed.Messages([](const auto& m) { return !OfType(m, "wwv").empty(); });
+  EXPECT_EQ(SpotCalls(typed_got), std::vector<std::string>{"K4ABC"});
+  const auto announces = OfType(typed_got, "announce");
+  ASSERT_EQ(announces.size(), 1u) << json(typed_got).dump();
+  EXPECT_EQ(announces[0]["from"], "K1SYS");
+  EXPECT_EQ(announces[0]["to"], "ALL");
+  EXPECT_EQ(announces[0]["text"], "net on 3760 tonight");
+  const auto wwv = OfType(typed_got, "wwv");
+  ASSERT_EQ(wwv.size(), 1u);
+  EXPECT_EQ(wwv[0]["from"], "K1SYS");
+  EXPECT_EQ(wwv[0]["sfi"], 150);
+  EXPECT_EQ(wwv[0]["k"], 2);
+  const auto mine_got = mine.Messages([](const auto& m) { return !OfType(m, "wwv").empty(); });
+  EXPECT_EQ(OfType(mine_got, "wwv").size(), 1u) << json(mine_got).dump();
+  EXPECT_TRUE(OfType(mine_got, "announce").empty()) << json(mine_got).dump();
   again.Messages([](const auto&) { return false; }, 1500ms);  // anything more would be a repeat
   got = again.Messages([](const auto&) { return true; });
   const std::vector<std::string> after{"K2ABC", "K3ABC", "K4ABC"};
   EXPECT_EQ(SpotCalls(got), after);
+  EXPECT_TRUE(OfType(got, "announce").empty() && OfType(got, "wwv").empty()) << json(got).dump();
   // Neither a second greeting; and the numbers go on rising over the restart.
   EXPECT_EQ(std::count_if(got.begin(), got.end(),
                           [](const json& m) { return m.value("type", "") == "hello"; }),
@@ -154,16 +210,26 @@ TEST(ProgramStreamTest, AClientResumesExactlyAndKeepsItsStreamOverANodeRestart) 
   };
   EXPECT_EQ(poll("since=" + std::to_string(seen)), after);
   EXPECT_EQ(poll("since=" + std::to_string(seen) + "&limit=1"), std::vector<std::string>{"K2ABC"});
-}
 
-// A distinct call per spot number: "DL" with a digit and three letters.
-std::string ReplayCall(int i) {
-  std::string call = "DL";
-  call += char('0' + i % 10);
-  call += char('A' + i / 10 / 676 % 26);
-  call += char('A' + i / 10 / 26 % 26);
-  call += char('A' + i / 10 % 26);
-  return call;
+  // More spots than the replay cap: a resume gets a gap, then the newest 100.
+  std::string lines;
+  std::vector<std::string> burst;
+  for (int k = 0; k < 120; ++k) {
+    burst.push_back(ReplayCall(k));
+    lines += "DX " + std::to_string(14100 + k) + ".0 " + burst.back() + " cap\r\n";
+  }
+  ASSERT_TRUE(user->Send(lines));
+  ASSERT_TRUE(user->ReadUntil(burst.back() + " ", 30s)) << site.node().Output();
+  WsClient capped;
+  ASSERT_TRUE(capped.Open(web_port, "/stream?since=" + std::to_string(seen)));
+  got = capped.Messages(HasSpots(100));
+  capped.Messages([](const auto&) { return false; }, 500ms);
+  got = capped.Messages([](const auto&) { return true; });
+  ASSERT_GE(got.size(), 3u);
+  EXPECT_EQ(got[1]["type"], "gap") << json(got).dump();
+  EXPECT_EQ(got[1]["after"], seen);
+  EXPECT_EQ(got[1]["next"], got[2]["id"]);
+  EXPECT_EQ(SpotCalls(got), std::vector<std::string>(burst.end() - 100, burst.end()));
 }
 
 TEST(ProgramStreamTest, ALongResumeArrivesWholeInOrderAndThenGoesLive) {

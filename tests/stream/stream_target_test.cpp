@@ -27,6 +27,23 @@ TEST(StreamTargetTest, WebSocketRequestIsRead) {
   EXPECT_FALSE(bare.has_since);
 }
 
+TEST(StreamTargetTest, TypesNameWhatAStreamCarries) {
+  EXPECT_EQ(ParseStreamKind("ws:/stream").types, kStreamSpots);
+  EXPECT_EQ(ParseStreamKind("ws:/stream?types=announce").types, kStreamAnnounce);
+  EXPECT_EQ(ParseStreamKind("ws:/stream?types=spot,WWV,%20wcy%20,,").types,
+            kStreamSpots | kStreamWwv | kStreamWcy);
+  EXPECT_EQ(ParseStreamKind("ws:/stream?types=wwv,all").types, kStreamAllTypes);
+  // Every unknown name is told at once; a list that names nothing is no default.
+  const StreamRequest bad = ParseStreamKind("ws:/stream?types=spot,talk,moon");
+  EXPECT_EQ(bad.status, 400);
+  EXPECT_NE(bad.error.find("talk, moon"), std::string::npos) << bad.error;
+  EXPECT_EQ(ParseStreamKind("ws:/stream?types=").status, 400);
+  EXPECT_EQ(ParseStreamKind("ws:/stream?types=,").status, 400);
+  // A poll answers an array of spots, so it cannot carry anything else.
+  EXPECT_EQ(ParseStreamKind("http:/spots?types=spot").status, 200);
+  EXPECT_EQ(ParseStreamKind("http:/spots?types=spot,wwv").status, 400);
+}
+
 TEST(StreamTargetTest, PollLimitAndRefusals) {
   EXPECT_EQ(ParseStreamKind("http:/spots").limit, StreamRequest::kDefaultLimit);
   EXPECT_EQ(ParseStreamKind("http:/spots?limit=5000").limit, StreamRequest::kMaxLimit);
