@@ -273,10 +273,13 @@ void FrontendServer::Impl::StartWebSession(const ConnectionPtr& c) {
     return;
   }
   ++counters.web_streams_open;
-  // A client that falls behind loses whole messages and is told how many in one of its own.
+  // A client that falls behind loses whole messages and is told how many in one of its own,
+  // the same object (schema version 1) the node sends when it sheds spots itself.
   c->out.set_resume_notice([](uint64_t lines) {
+    const std::string n = std::to_string(lines);
     return EncodeWsFrame(WsOpcode::kText,
-                         "{\"type\":\"dropped\",\"count\":" + std::to_string(lines) + "}");
+                         "{\"v\":1,\"type\":\"dropped\",\"count\":" + n + ",\"text\":\"" + n +
+                             " messages were dropped: the client read too slowly\"}");
   });
   QueueBytes(c, web.opening, 0);
   web.opening.clear();

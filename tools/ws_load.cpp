@@ -77,12 +77,14 @@ Message ReadMessage(std::string_view text) {
   } else if (text.find("\"type\":\"gap\"") != std::string_view::npos) {
     m.kind = Message::kGap;
   } else if (text.find("\"type\":\"dropped\"") != std::string_view::npos) {
-    m.kind = Message::kDropped;
-  } else if (text.starts_with("*** ") && text.find(" dropped") != std::string_view::npos) {
-    // The node's own notice of spots it shed while its link to the front-end was congested
-    // (plain text, as to a telnet user).
-    m.kind = Message::kShed;
-    m.id = NumberAfter(text, "*** ");
+    // The front-end's (this client read too slowly: messages) or the node's (its link to the
+    // front-end was congested: spots it shed), told apart by their text.
+    if (text.find("the node could not keep up") != std::string_view::npos) {
+      m.kind = Message::kShed;
+      m.id = NumberAfter(text, "\"count\":");
+    } else {
+      m.kind = Message::kDropped;
+    }
   }
   return m;
 }

@@ -339,8 +339,9 @@ TEST_F(FrontendWebTest, SlowClientLosesWholeMessagesAndIsToldHowMany) {
       ++next;
       continue;
     }
-    ASSERT_TRUE(p.starts_with("{\"type\":\"dropped\",\"count\":")) << p.substr(0, 40);
-    next += std::atoi(p.c_str() + 26);
+    constexpr std::string_view kDropped = "{\"v\":1,\"type\":\"dropped\",\"count\":";
+    ASSERT_TRUE(p.starts_with(kDropped)) << p.substr(0, 60);
+    next += std::atoi(p.c_str() + kDropped.size());
     ++notices;
   }
   EXPECT_EQ(next, kLines);
