@@ -390,8 +390,10 @@ void ClusterNode::SetUpPropagation() {
   propagation_->LoadToday();
 
   WwvFetchOptions o;
-  o.enabled = EqualsIgnoreCase(Trim(config_.Get("Get WWV")), "True");
   o.url = std::string(Trim(config_.Get("WWV URL")));
+  // An empty address turns the fetch off, as it does for the reference files, instead of
+  // logging a failure every quarter of an hour.
+  o.enabled = EqualsIgnoreCase(Trim(config_.Get("Get WWV")), "True") && !o.url.empty();
   const auto get = [this](const WwvFetchRequest& r,
                           std::function<void(const WwvFetchReply&)> done) {
     HttpGetRequest q;

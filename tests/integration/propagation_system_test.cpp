@@ -135,6 +135,13 @@ TEST_F(PropagationSystemTest, AtStartUpTheNodeFetchesTheAlertTextAndSendsAWwv) {
   user->SendLine("SH/WWV");
   ASSERT_TRUE(user->ReadUntil("<K1QXA>")) << user->received();
   EXPECT_THAT(user->received(), HasSubstr("No Storms -> No Storms"));
+
+  // An empty address turns the fetch off: no attempt, no failure in the log.
+  NodeSite quiet("K1QXB");
+  quiet.Setting("Get WWV", "True");
+  quiet.Setting("WWV URL", "");
+  quiet.Start();
+  EXPECT_FALSE(quiet.WaitOutput("WWV fetch", 1, std::chrono::seconds(2))) << quiet.node().Output();
 }
 
 }  // namespace
